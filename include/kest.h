@@ -1,0 +1,473 @@
+/*
+ * kest.h - the host interface of libkest, a deep-packet-inspection library.
+ *
+ * A host fills the 43 hook objects below, opens an instance with kest_open()
+ * on a directory of plug-in files, calls kest_init() on every thread that will
+ * classify, feeds packets with kest_classify(), calls kest_idle() on a timer,
+ * and finally calls kest_fini() on each thread and kest_close().
+ *
+ * Conventions for every call in this header:
+ *  - Calls that return int give 0 (or a value) on success and -1 on failure;
+ *    calls that return a pointer give NULL on failure.
+ *  - After a failure, the thread-local kest_errno holds the first error of the
+ *    call, a Linux errno number (the KEST_E* constants below). kest_errno is
+ *    cleared at the start of every call that takes a valid handle; it is never
+ *    cleared otherwise.
+ *  - A handle is an instance number from 1 to 31. A handle outside that range,
+ *    or of an instance that is not open, fails with KEST_EINVAL.
+ *  - "Thread context" means that the calling thread has gone through
+ *    kest_init() for that handle and not yet through kest_fini(). Calls that
+ *    need one fail with KEST_EINVAL without it.
+ *  - Calls marked [planned] are declared for hosts to compile against; their
+ *    subsystem is still being built and they are not yet exported.
+ *
+ * This header compiles as C99 and as C++.
+ */
+#ifndef KEST_H
+#define KEST_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/time.h>
+#include <time.h>
+
+#if defined(KEST_BUILDING_LIBRARY)
+#define KEST_EXPORT __attribute__((visibility("default")))
+#else
+#define KEST_EXPORT
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Types                                                                     */
+/* ------------------------------------------------------------------------ */
+
+/** Instance handle, 1 to 31; -1 is a failed kest_open(). */
+typedef int kest_handle_t;
+
+/** Opaque connection, made by kest_conn_create() or reported by a plug-in. */
+typedef void *kest_conn_t;
+
+/** Connection number, unique within an instance. */
+typedef uint64_t kest_conn_id_t;
+
+/** Address family values of kest_endpoint_t.family. */
+#define KEST_FAMILY_NONE 0
+#define KEST_FAMILY_IPV4 1
+#define KEST_FAMILY_IPV6 2
+
+/**
+ * One end of a connection. The field order is fixed.
+ * family:  KEST_FAMILY_IPV4, KEST_FAMILY_IPV6, or 0 when not set.
+ * port:    network byte order.
+ * address: network byte order; IPv4 uses the first 4 bytes.
+ */
+typedef struct kest_endpoint {
+  uint8_t family;
+  uint16_t port;
+  uint8_t address[16];
+} kest_endpoint_t;
+
+/**
+ * Cursor over the application stack of a connection, handed to the
+ * classification callback. Three words, in this fixed order. It may be copied
+ * but must not be kept beyond the callback that delivered it.
+ */
+typedef struct kest_result {
+  void *connection; /* the connection reference of this result */
+  void *stack;      /* the connection's application stack; also the end position */
+  void *current;    /* the position: an entry, or the stack itself at the end */
+} kest_result_t;
+
+/**
+ * Called by kest_classify() once per result, on the classifying thread.
+ * handle: the instance.   result: cursor for the kest_proto_* walking calls.
+ * code:   0 to 3.         conn_id: the connection's number.
+ * user:   the word given to kest_classify().
+ * error:  kest_errno at the moment the plug-in returned.
+ * Return 0 to keep the connection, anything else to have it destroyed.
+ */
+typedef int (*kest_classify_callback_t)(kest_handle_t handle, kest_result_t *result, int code,
+                                        kest_conn_id_t conn_id, void *user, int error);
+
+/**
+ * Attribute listener, called during kest_classify() on the classifying thread.
+ * key:    the attribute's identifier on this thread (kest_attr_key_get()).
+ * length, value: the attribute's bytes, borrowed for the call.
+ * packed: argument in the upper 16 bits, the low 16 bits of "more" below.
+ * user:   the user word of the running kest_classify().
+ */
+typedef void (*kest_attr_callback_t)(kest_handle_t handle, kest_conn_id_t conn_id, int key,
+                                     int length, const void *value, int packed, void *user);
+
+/* Error numbers left in kest_errno. They are Linux errno values and the same
+ * on every system. */
+#define KEST_ENOENT 2       /* no such item, module interface or protocol */
+#define KEST_ECHILD 10      /* kest_open(): all 31 instance rows are taken */
+#define KEST_ENOMEM 12      /* out of memory, or a start-up step failed */
+#define KEST_EBUSY 16       /* threads still initialised; state does not allow it */
+#define KEST_EEXIST 17      /* duplicate name or rule */
+#define KEST_EINVAL 22      /* bad handle or argument, or no thread context */
+#define KEST_ENOSYS 38      /* kest_open(): a hook object is null */
+#define KEST_EPROTO 71      /* kest_init(): no "TCP" or "UDP" protocol */
+#define KEST_EPROTONOSUPPORT 93 /* a connection of a protocol other than 6 or 17 */
+#define KEST_ENOBUFS 105    /* kest_conn_create(): the factory made no connection */
+#define KEST_ENOTCONN 107   /* kest_classify(): selector 0 without a connection */
+
+/**
+ * The first error of the calling thread's current or last call.
+ * Thread-local; read it right after a failed call.
+ */
+extern KEST_EXPORT __thread int kest_errno;
+
+/* ------------------------------------------------------------------------ */
+/* Platform hooks                                                            */
+/*                                                                           */
+/* The library calls no run-time library function for memory, strings, text, */
+/* time or logging: it calls these 43 objects, which the host must fill      */
+/* before its first kest_open(). They are read at every call, never cached.  */
+/* Each has the signature of its standard C namesake. kest_open() checks all */
+/* but kest_usleep for presence; one null entry fails it with KEST_ENOSYS.   */
+/* Some entries are only called by plug-ins; they must be set all the same.  */
+/* ------------------------------------------------------------------------ */
+
+/** Memory for one thread's data; blocks are freed by the thread that took them,
+ * except for the few strings kest_close() releases. May return NULL. */
+extern KEST_EXPORT void *(*kest_malloc_local)(size_t size);
+extern KEST_EXPORT void (*kest_free_local)(void *block);
+/** Memory shared between threads; must be safe for concurrent use and a block
+ * may be freed by another thread. May return NULL. */
+extern KEST_EXPORT void *(*kest_malloc_shared)(size_t size);
+extern KEST_EXPORT void (*kest_free_shared)(void *block);
+extern KEST_EXPORT int (*kest_islower)(int c);
+extern KEST_EXPORT int (*kest_isupper)(int c);
+extern KEST_EXPORT int (*kest_tolower)(int c);
+extern KEST_EXPORT int (*kest_toupper)(int c);
+extern KEST_EXPORT int (*kest_isalnum)(int c);
+extern KEST_EXPORT int (*kest_isspace)(int c);
+extern KEST_EXPORT int (*kest_isdigit)(int c);
+extern KEST_EXPORT int (*kest_atoi)(const char *text);
+extern KEST_EXPORT void *(*kest_memcpy)(void *dst, const void *src, size_t n);
+extern KEST_EXPORT int (*kest_memcmp)(const void *a, const void *b, size_t n);
+extern KEST_EXPORT void *(*kest_memset)(void *dst, int c, size_t n);
+extern KEST_EXPORT int (*kest_strcasecmp)(const char *a, const char *b);
+extern KEST_EXPORT char *(*kest_strchr)(const char *s, int c);
+extern KEST_EXPORT char *(*kest_strrchr)(const char *s, int c);
+extern KEST_EXPORT int (*kest_strcmp)(const char *a, const char *b);
+extern KEST_EXPORT int (*kest_strncmp)(const char *a, const char *b, size_t n);
+extern KEST_EXPORT char *(*kest_strcpy)(char *dst, const char *src);
+/** The library always writes the terminating zero itself afterwards. */
+extern KEST_EXPORT char *(*kest_strncpy)(char *dst, const char *src, size_t n);
+extern KEST_EXPORT char *(*kest_strerror)(int errnum);
+extern KEST_EXPORT size_t (*kest_strftime)(char *s, size_t max, const char *format,
+                                           const struct tm *tm);
+extern KEST_EXPORT size_t (*kest_strlen)(const char *s);
+extern KEST_EXPORT char *(*kest_strpbrk)(const char *s, const char *accept);
+extern KEST_EXPORT char *(*kest_strstr)(const char *haystack, const char *needle);
+extern KEST_EXPORT long (*kest_strtol)(const char *s, char **end, int base);
+/** Operator texts that are not logging. */
+extern KEST_EXPORT int (*kest_printf)(const char *format, ...);
+extern KEST_EXPORT int (*kest_sprintf)(char *buf, const char *format, ...);
+extern KEST_EXPORT int (*kest_snprintf)(char *buf, size_t size, const char *format, ...);
+extern KEST_EXPORT int (*kest_sscanf)(const char *text, const char *format, ...);
+extern KEST_EXPORT int (*kest_putchar)(int c);
+extern KEST_EXPORT int (*kest_puts)(const char *s);
+/** Diagnostic reports: kest_config_dump() and kest_diag(). */
+extern KEST_EXPORT int (*kest_diag_printf)(const char *format, ...);
+/** Only tv_sec and tv_usec are read; the zone argument is always NULL. */
+extern KEST_EXPORT int (*kest_gettimeofday)(struct timeval *tv, void *tz);
+extern KEST_EXPORT time_t (*kest_mktime)(struct tm *tm);
+/** The natural logarithm (used for entropy estimates), not logging. */
+extern KEST_EXPORT double (*kest_log)(double x);
+extern KEST_EXPORT double (*kest_fabs)(double x);
+/** Not checked by kest_open(); only oru::delay calls it. */
+extern KEST_EXPORT int (*kest_usleep)(unsigned int usec);
+extern KEST_EXPORT void (*kest_abort)(void);
+/** A number stable for the thread, unique among live threads, never 0. */
+extern KEST_EXPORT uint32_t (*kest_get_thread_id)(void);
+/** Log output: level "W" or "E", the reporting function's name, a printf
+ * format. Formats may or may not end in a newline; add none. */
+extern KEST_EXPORT void (*kest_log_message)(const char *level, const char *function,
+                                            const char *format, ...);
+
+/* ------------------------------------------------------------------------ */
+/* Lifecycle                                                                 */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Opens an instance: checks the hooks, claims the lowest free handle, starts
+ * every subsystem and loads the plug-in files of plugin_dir.
+ * Any thread. Returns the handle (1 to 31) or -1 with kest_errno:
+ *   KEST_ENOSYS  a hook object other than kest_usleep is null;
+ *   KEST_ECHILD  31 instances are open;
+ *   KEST_ENOMEM  a subsystem failed (unless it left a more precise error).
+ * On failure no handle is taken.
+ */
+KEST_EXPORT kest_handle_t kest_open(const char *plugin_dir);
+
+/**
+ * Closes an instance: unloads its plug-ins and frees its tables. Every thread
+ * must have called kest_fini() first; no thread may be inside another call on
+ * the instance. Any thread. Returns 0, or -1 with kest_errno:
+ *   KEST_EINVAL  bad handle;
+ *   KEST_EBUSY   threads are still initialised (the instance stays intact).
+ */
+KEST_EXPORT int kest_close(kest_handle_t handle);
+
+/**
+ * Gives the calling thread a context in the instance and starts the per-thread
+ * state of every subsystem and plug-in. The first thread becomes the instance's
+ * collector of freed queue nodes. Returns 0, or -1 with kest_errno:
+ *   KEST_EINVAL  bad handle, or the thread already has a context;
+ *   KEST_EPROTO  no plug-in registered the "TCP" or "UDP" protocol;
+ *   KEST_ENOMEM  out of memory, or a subsystem failed.
+ * After KEST_EPROTO or KEST_ENOMEM the thread must still call kest_fini().
+ */
+KEST_EXPORT int kest_init(kest_handle_t handle);
+
+/**
+ * Ends the calling thread's context in the instance. If the thread was the
+ * collector, the most recently initialised remaining thread takes over.
+ * Returns 0, or -1 with KEST_EINVAL (bad handle or no thread context).
+ */
+KEST_EXPORT int kest_fini(kest_handle_t handle);
+
+/**
+ * The idle pass: refreshes the thread's clock, delivers pending configuration
+ * changes and other events to this thread, and on the collector thread frees
+ * queue nodes that every thread has passed. Call it on a timer on every thread
+ * that has a context; kest_classify() runs the same pass.
+ * Thread context required; failure (KEST_EINVAL) shows only in kest_errno,
+ * and an older kest_errno is left standing.
+ */
+KEST_EXPORT void kest_idle(kest_handle_t handle);
+
+/** The instance the calling thread is working in: inside a call or a callback
+ * its handle, otherwise 0. Never fails. */
+KEST_EXPORT kest_handle_t kest_handle_get(void);
+
+/** The calling thread's kest_errno. The handle is not examined; the word is
+ * not cleared. */
+KEST_EXPORT int kest_error_get(kest_handle_t handle);
+
+/* ------------------------------------------------------------------------ */
+/* Classification [planned]                                                  */
+/* ------------------------------------------------------------------------ */
+
+/** Packet forms that kest_classify() accepts. KEST_SELECTOR_CONN means that
+ * the bytes are payload of one side of an existing connection. The meaning of
+ * the other three belongs to the plug-ins that register them. */
+#define KEST_SELECTOR_CONN 0
+#define KEST_SELECTOR_FORM_1 1
+#define KEST_SELECTOR_FORM_2 2
+#define KEST_SELECTOR_FORM_3 3
+
+/**
+ * [planned] Classifies one packet. Runs the idle pass first, then the plug-in
+ * registered for the selector; calls callback once per result (the packet's
+ * and each deferred one's). The packet is not copied.
+ * data: must not be NULL.  length: must not be 0.
+ * conn: required for KEST_SELECTOR_CONN, ignored otherwise.
+ * side: for KEST_SELECTOR_CONN, non-zero names the second side.
+ * callback: may be NULL only if the plug-ins never produce a result.
+ * user: handed to the callback and to attribute listeners.
+ * Thread context required. Returns 0, or -1 with kest_errno:
+ *   KEST_EINVAL   bad handle, no context, NULL data, zero length, selector
+ *                 outside 0..3;
+ *   KEST_ENOTCONN selector 0 with a NULL connection;
+ *   otherwise what the plug-in left (often 0) when no result was produced.
+ * KEST_EPROTONOSUPPORT is left (with result 0) when a connection that the
+ * callback asked to destroy belongs to neither TCP nor UDP.
+ */
+KEST_EXPORT int kest_classify(kest_handle_t handle, int selector, const void *data,
+                              uint16_t length, kest_conn_t conn, int side,
+                              kest_classify_callback_t callback, void *user);
+
+/**
+ * [planned] Classifies one packet of form 1 and stores the application index
+ * of each result in *app (a later result overwrites an earlier one). Never
+ * destroys a connection. Errors as kest_classify().
+ */
+KEST_EXPORT int kest_classify_simple(kest_handle_t handle, const void *data, uint16_t length,
+                                     int *app);
+
+/* ------------------------------------------------------------------------ */
+/* Connections and application stacks [planned]                              */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * [planned] Makes a connection for the calling thread through the TCP (6) or
+ * UDP (17) plug-in's factory. Both endpoints must be given and of the same
+ * family (1 or 2). Stores it in *conn (not checked). Returns 0, or -1 with:
+ *   KEST_EINVAL bad handle, no context, bad endpoints;
+ *   KEST_EPROTONOSUPPORT another protocol;  KEST_ENOBUFS no connection made.
+ */
+KEST_EXPORT int kest_conn_create(kest_handle_t handle, const kest_endpoint_t *src,
+                                 const kest_endpoint_t *dst, uint8_t protocol, kest_conn_t *conn);
+
+/** [planned] Destroys a connection through its plug-in's factory. Returns 0
+ * (also with KEST_EPROTONOSUPPORT left for an unknown protocol), or -1 with
+ * KEST_EINVAL for a bad handle, no context or a NULL connection. */
+KEST_EXPORT int kest_conn_destroy(kest_handle_t handle, kest_conn_t conn);
+
+/** [planned] Fills the endpoints of the connection last handled on this thread,
+ * which must have number conn_id (so: inside a callback). Returns 0, or -1
+ * with KEST_EINVAL. */
+KEST_EXPORT int kest_endpoint_get(kest_handle_t handle, kest_conn_id_t conn_id,
+                                  kest_endpoint_t *src, kest_endpoint_t *dst);
+
+/** Host policy flags of kest_conn_policy_flags_disable() and
+ * kest_conn_status_flags_get(). */
+#define KEST_POLICY_ALL 1
+#define KEST_POLICY_CHAMELEON 2
+#define KEST_POLICY_FUTUREFLOWS 4
+#define KEST_POLICY_ATTRIBUTES 8
+#define KEST_POLICY_TUNNELS 16
+
+/** [planned] Switches features off for the active connection conn_id.
+ * flags below 32. Returns 0, or -1 with KEST_EINVAL. There is no enabling
+ * call. */
+KEST_EXPORT int kest_conn_policy_flags_disable(kest_handle_t handle, kest_conn_id_t conn_id,
+                                               unsigned flags);
+
+/** [planned] Stores in *flags what has been found or done on the active
+ * connection conn_id, as host flags. Returns 0, or -1 with KEST_EINVAL. */
+KEST_EXPORT int kest_conn_status_flags_get(kest_handle_t handle, kest_conn_id_t conn_id,
+                                           unsigned *flags);
+
+/** [planned] The application index of a result; stores a confidence (100 or
+ * 50) in *confidence when it is not NULL. Returns -1 with KEST_EINVAL on a bad
+ * handle or no context. */
+KEST_EXPORT int kest_app_get(kest_handle_t handle, kest_result_t *result, int *confidence);
+
+/* Walking calls: no error checks, the handle is not examined. The moving ones
+ * return the cursor they were given. */
+/** [planned] Current becomes the lowest protocol, or the end. */
+KEST_EXPORT kest_result_t *kest_proto_first(kest_handle_t handle, kest_result_t *result);
+/** [planned] Current becomes the highest protocol, or the end. */
+KEST_EXPORT kest_result_t *kest_proto_top(kest_handle_t handle, kest_result_t *result);
+/** [planned] One entry up; from the highest, the end; at the end, stays. */
+KEST_EXPORT kest_result_t *kest_proto_next(kest_handle_t handle, kest_result_t *result);
+/** [planned] One entry down; from the lowest, the end; at the end, stays. */
+KEST_EXPORT kest_result_t *kest_proto_prev(kest_handle_t handle, kest_result_t *result);
+/** [planned] 1 if current is an entry, 0 at the end. */
+KEST_EXPORT int kest_proto_valid(kest_handle_t handle, kest_result_t *result);
+/** [planned] Current becomes the lowest entry with that protocol index, or the
+ * end. */
+KEST_EXPORT kest_result_t *kest_proto_find(kest_handle_t handle, kest_result_t *result,
+                                           int index);
+
+/* ------------------------------------------------------------------------ */
+/* Protocols [planned]                                                       */
+/* ------------------------------------------------------------------------ */
+
+/** [planned] Protocol index of the cursor's entry; -1 with KEST_EINVAL at the
+ * end or on a bad handle. */
+KEST_EXPORT int kest_proto_get_index(kest_handle_t handle, kest_result_t *result);
+
+/** [planned] Copies the name of protocol index into buf (cut to size - 1
+ * characters) and returns buf; NULL for an unknown index, size 0, or a bad
+ * handle (KEST_EINVAL). */
+KEST_EXPORT char *kest_proto_get_name(kest_handle_t handle, int index, char *buf, int size);
+
+/** [planned] Index of a protocol name, or -1 when unknown (no error). */
+KEST_EXPORT int kest_proto_find_index(kest_handle_t handle, const char *name);
+
+/** [planned] Highest protocol index in use, 0 if none. */
+KEST_EXPORT int kest_proto_max_index(kest_handle_t handle);
+
+/** [planned] Moves a protocol to another index; only while no thread has a
+ * context. Returns 0, or -1 with the registry's error. */
+KEST_EXPORT int kest_proto_set_index(kest_handle_t handle, const char *name, int index);
+
+/* ------------------------------------------------------------------------ */
+/* Attributes [planned]                                                      */
+/* ------------------------------------------------------------------------ */
+
+/** [planned] Identifier of an attribute name on this thread; 0 when registered
+ * but without listener; -1 when nothing here registered it, or with
+ * KEST_EINVAL on a bad handle or no context. */
+KEST_EXPORT int kest_attr_key_get(kest_handle_t handle, const char *name);
+
+/** [planned] Installs the instance-wide listener of an attribute (NULL removes
+ * it). Reaches every thread at its next idle pass. Returns 0, or -1 with
+ * KEST_EINVAL. */
+KEST_EXPORT int kest_attr_callback_set(kest_handle_t handle, const char *name,
+                                       kest_attr_callback_t callback);
+
+/* ------------------------------------------------------------------------ */
+/* Configuration [planned]                                                   */
+/* ------------------------------------------------------------------------ */
+
+/** [planned] Sets a dotted key. Any thread once the instance is open. Returns
+ * 0, or -1 with KEST_EINVAL (NULL argument, or a validator refused). */
+KEST_EXPORT int kest_config_set(kest_handle_t handle, const char *key, const char *value);
+
+/** [planned] Copies a key's value into buf (cut to size - 1 characters).
+ * Returns 0, or -1 with KEST_EINVAL (NULL argument, size below 1, key unset or
+ * empty). */
+KEST_EXPORT int kest_config_get(kest_handle_t handle, const char *key, char *buf, int size);
+
+/** [planned] Prints every item through kest_diag_printf. Returns 0. */
+KEST_EXPORT int kest_config_dump(kest_handle_t handle);
+
+/* ------------------------------------------------------------------------ */
+/* Custom rules [planned]                                                    */
+/* ------------------------------------------------------------------------ */
+
+/** [planned] Adds a custom rule for a module. Returns 0, or -1 with
+ * KEST_EINVAL or KEST_EEXIST. */
+KEST_EXPORT int kest_rule_add(kest_handle_t handle, int protocol, const char *module,
+                              const char *rule);
+/** [planned] Removes a custom rule. Returns 0, or -1 with KEST_EINVAL,
+ * KEST_ENOENT or 255. */
+KEST_EXPORT int kest_rule_remove(kest_handle_t handle, int protocol, const char *module,
+                                 const char *rule);
+/** [planned] Names a custom application (up to 8 characters). Returns its
+ * protocol number, or -1 with KEST_EINVAL, KEST_EEXIST or KEST_ENOMEM. */
+KEST_EXPORT int kest_proto_add(kest_handle_t handle, const char *name, int protocol);
+/** [planned] Removes a custom application. Returns 0, or -1 with KEST_ENOENT
+ * or KEST_EBUSY. */
+KEST_EXPORT int kest_proto_remove(kest_handle_t handle, const char *name);
+
+/* ------------------------------------------------------------------------ */
+/* Time [planned]                                                            */
+/* ------------------------------------------------------------------------ */
+
+/** [planned] Sets the calling thread's clock to ms milliseconds. Thread context
+ * required; failure (KEST_EINVAL) shows only in kest_errno. */
+KEST_EXPORT void kest_clock_set(kest_handle_t handle, uint64_t ms);
+
+/** [planned] mode non-zero: the host sets the time with kest_clock_set();
+ * zero: the idle pass reads kest_gettimeofday. Failure only in kest_errno. */
+KEST_EXPORT void kest_clock_set_mode(kest_handle_t handle, int mode);
+
+/* ------------------------------------------------------------------------ */
+/* Diagnostics and memory accounting [planned]                               */
+/* ------------------------------------------------------------------------ */
+
+/** [planned] Runs the diagnostic report of a module through kest_diag_printf.
+ * Returns 0, or -1 with KEST_EINVAL (unknown module) or KEST_ENOENT (the
+ * module has no report) or when the report fails. */
+KEST_EXPORT int kest_diag(kest_handle_t handle, const char *module, void *arg);
+
+/** [planned] The calling thread's memory tag: low 16 bits the context, high 16
+ * bits the object. Meant for the host's allocation hooks. Never fails. */
+KEST_EXPORT int kest_memory_tag_get(void);
+/** [planned] Number of memory context names. */
+KEST_EXPORT int kest_memory_ctx_num(kest_handle_t handle);
+/** [planned] Name of memory context index into buf. 0, or -1 with KEST_EINVAL. */
+KEST_EXPORT int kest_memory_ctx_name(kest_handle_t handle, int index, char *buf, int size);
+/** [planned] Number of memory object names. */
+KEST_EXPORT int kest_memory_obj_num(kest_handle_t handle);
+/** [planned] Name of memory object index into buf. 0, or -1 with KEST_EINVAL. */
+KEST_EXPORT int kest_memory_obj_name(kest_handle_t handle, int index, char *buf, int size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KEST_H */

@@ -1,0 +1,41 @@
+#include "runtime/InstanceTable.h"
+
+namespace oru {
+
+volatile uint8_t InstanceTable::s_in_use[kInstanceRows];
+volatile uint32_t InstanceTable::s_state[kInstanceRows];
+uint32_t InstanceTable::s_thread_count[kInstanceRows];
+SpinLock InstanceTable::s_instance_lock;
+SpinLock InstanceTable::s_thread_state_lock;
+
+int InstanceTable::Claim() {
+  SpinGuard guard(s_instance_lock);
+  for (int row = 1; row <= kMaxInstance; ++row) {
+    if (s_in_use[row] == 0) {
+      s_in_use[row] = 1;
+      return row;
+    }
+  }
+  return 0;
+}
+
+void InstanceTable::Release(int row) {
+  SpinGuard guard(s_instance_lock);
+  s_in_use[row] = 0;
+}
+
+void InstanceTable::ThreadEnter(int row) {
+  SpinGuard guard(s_thread_state_lock);
+  ++s_thread_count[row];
+  s_state[row] = INST_THREADED;
+}
+
+void InstanceTable::ThreadLeave(int row) {
+  SpinGuard guard(s_thread_state_lock);
+  --s_thread_count[row];
+  s_state[row] = INST_OPEN;
+}
+
+InstanceState CurrentInstanceState() { return InstanceTable::State(Runtime::l_instance_id); }
+
+} // namespace oru

@@ -1,0 +1,196 @@
+// The lifecycle calls. Each start-up is a fixed, ordered list of subsystem
+// entries that unwinds in reverse when a step fails; a subsystem's entry sits at
+// its place in the list, and the lists stay valid for any subset of entries.
+#include <kest.h>
+#include <kest/Clock.h>
+#include <kest/Error.h>
+#include <kest/Runtime.h>
+
+#include "runtime/ApiFrame.h"
+#include "runtime/ApiSlots.h"
+#include "runtime/HookTable.h"
+#include "runtime/InstanceTable.h"
+#include "runtime/Lifecycle.h"
+#include "runtime/ThreadList.h"
+
+namespace oru {
+
+namespace {
+
+// Instance start-up. Returns the claimed row, or 0 after raising an error.
+// On success Runtime::l_instance_id is left at the row.
+int InstanceStartup(const char * /*plugin_dir*/) {
+  // 1. The hook table.
+  if (!HooksPresent()) {
+    ThrowError(ERR_NOSYS);
+    return 0;
+  }
+  // 2. The lowest free row.
+  const int row = InstanceTable::Claim();
+  if (row == 0) {
+    ThrowError(ERR_CHILD);
+    return 0;
+  }
+  // 3. The row is ours for the rest of the start-up.
+  InstanceTable::SetState(row, INST_OPENING);
+  Runtime::l_instance_id = row;
+  SetErrorHandler(RecordFirstError);
+
+  // 4. Event queue head node.
+  // 5. Configuration instance start-up ("config.sync").
+  // 6. "system.loglevel" validator and default.
+  // 7. Memory tags.
+  // 8. Protocol registry.
+  // 9. Attribute manager.
+  // 10. Connections, flow buffer defaults, then the plug-in manager, which
+  //     loads the plug-ins and runs their instance start-up.
+
+  // 11.
+  InstanceTable::SetState(row, INST_OPEN);
+  // 12. Module "SYSTEM" with the interface broker.
+  // 13.
+  return row;
+}
+
+void InstanceTeardown() {
+  // Event queue nodes and names; plug-in manager (unloads plug-ins); attribute
+  // manager; protocol registry; configuration; the broker's table of the row.
+  // Memory tags stay until the row is opened again.
+}
+
+// Thread start-up. False after a failed step, with everything it did undone
+// except the thread count and INST_THREADED.
+bool ThreadStartup() {
+  // 1.
+  InstanceTable::ThreadEnter(Runtime::l_instance_id);
+  // 2. Per-thread objects: event queue, configuration, interface broker,
+  //    attribute manager, classification, plug-in manager, custom apps.
+  // 3. Join the event queue.
+  // 4. Configuration thread start-up.
+  // 5. The log-level observer and this thread's log mask.
+  // 6. Attribute manager.
+  // 7. Classification.
+  // 8. Plug-in manager.
+  // 9. Custom applications.
+  return true;
+}
+
+void ThreadTeardown() {
+  // A thread without an interface broker object never fully started.
+  // Custom apps, leave the queue, plug-in manager, classification, attribute
+  // manager, configuration; then the per-thread objects; then the count.
+  InstanceTable::ThreadLeave(Runtime::l_instance_id);
+}
+
+} // namespace
+
+void IdlePass() {
+  // 1. Clock.
+  update_clock(false);
+  // 2. Deliver pending events to this thread.
+  // 3. Only the collector collects.
+  if (ThreadCell(ApiSlots::thread_id) != ThreadList::Collector()) {
+    return;
+  }
+  // 4. Not more often than the garbage interval.
+  const uint64_t time = now();
+  if (time - ThreadCell(ApiSlots::last_garbage) <= ThreadCell(ApiSlots::garbage_interval)) {
+    return;
+  }
+  // 5. Free queue nodes every thread has passed.
+  // 6.
+  ThreadCell(ApiSlots::last_garbage) = time;
+}
+
+} // namespace oru
+
+using namespace oru;
+
+extern "C" KEST_EXPORT kest_handle_t kest_open(const char *plugin_dir) {
+  const int saved = Runtime::l_instance_id;
+  Runtime::l_instance_id = 0;
+  kest_errno = 0;
+  SetErrorHandler(RecordFirstError);
+  InitInstLocal();
+  const int row = InstanceStartup(plugin_dir);
+  if (row == 0) {
+    ThrowError(ERR_NOMEM);
+    Runtime::l_instance_id = saved;
+    return -1;
+  }
+  ThreadList::ResetRow();
+  set_clock_mode(false);
+  Runtime::l_instance_id = saved;
+  return row;
+}
+
+extern "C" KEST_EXPORT int kest_close(kest_handle_t handle) {
+  ApiFrame frame(handle, ApiFrame::INSTANCE_ONLY);
+  if (!frame.ok()) {
+    return -1;
+  }
+  if (!ThreadList::Empty()) {
+    ThrowError(ERR_BUSY);
+    return -1;
+  }
+  InstanceTeardown();
+  InstanceTable::Release(handle);
+  InstanceTable::SetState(handle, INST_CLOSED);
+  ExitInstLocal();
+  return 0;
+}
+
+extern "C" KEST_EXPORT int kest_init(kest_handle_t handle) {
+  if (!InstanceTable::InUse(handle)) {
+    SetErrorHandler(RecordFirstError);
+    ThrowError(ERR_INVAL);
+    return -1;
+  }
+  const int saved = Runtime::l_instance_id;
+  Runtime::l_instance_id = handle;
+  SetErrorHandler(RecordFirstError);
+  kest_errno = 0;
+  int result = -1;
+  if (t_thread_base[handle] != nullptr) {
+    ThrowError(ERR_INVAL);
+  } else if (!InitThreadLocal()) {
+    ThrowError(ERR_NOMEM);
+  } else if (!ThreadStartup()) {
+    // The "TCP"/"UDP" lookup of the protocol registry comes before this step.
+    // The slot block stays: a second kest_init gets EINVAL, kest_fini clears it.
+    ThrowError(ERR_NOMEM);
+  } else {
+    const uint64_t thread_id = kest_get_thread_id();
+    ThreadCell(ApiSlots::thread_id) = thread_id;
+    const bool listed = ThreadList::Add(thread_id);
+    // "system.garbage_interval" is read here from the configuration store.
+    if (!listed) {
+      ThrowError(ERR_NOMEM);
+    } else {
+      result = 0;
+    }
+  }
+  Runtime::l_instance_id = saved;
+  return result;
+}
+
+extern "C" KEST_EXPORT int kest_fini(kest_handle_t handle) {
+  ApiFrame frame(handle, ApiFrame::THREAD_CONTEXT_FIRST);
+  if (!frame.ok()) {
+    return -1;
+  }
+  ThreadList::Remove(ThreadCell(ApiSlots::thread_id));
+  ThreadTeardown();
+  ThreadCell(ApiSlots::thread_id) = 0;
+  ExitThreadLocal();
+  return 0;
+}
+
+extern "C" KEST_EXPORT void kest_idle(kest_handle_t handle) {
+  ApiFrame frame(handle, ApiFrame::THREAD_CONTEXT_FIRST);
+  if (frame.ok()) {
+    IdlePass();
+  }
+}
+
+extern "C" KEST_EXPORT kest_handle_t kest_handle_get(void) { return Runtime::l_instance_id; }

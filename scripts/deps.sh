@@ -1,0 +1,14 @@
+#!/bin/sh
+# Installs the build and test dependencies on a Debian machine, if missing.
+set -eu
+need=""
+for pkg in cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libpcap-dev; do
+  dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
+done
+if [ -n "$need" ]; then
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO=sudo
+  $SUDO apt-get update -q
+  # shellcheck disable=SC2086
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -q $need
+fi

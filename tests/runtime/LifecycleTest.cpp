@@ -1,0 +1,193 @@
+#include "InstanceFixture.h"
+
+#include <kest/Runtime.h>
+
+#include <thread>
+
+namespace {
+
+using kest_test::InstanceFixture;
+
+class LifecycleTest : public InstanceFixture {};
+
+// Every hook but kest_usleep is required, in table order.
+struct HookSlot {
+  const char *name;
+  void **object;
+};
+
+#define HOOK(h) HookSlot{#h, reinterpret_cast<void **>(&h)}
+const HookSlot kRequiredHooks[] = {
+    HOOK(kest_malloc_local), HOOK(kest_free_local),   HOOK(kest_malloc_shared),
+    HOOK(kest_free_shared),  HOOK(kest_islower),      HOOK(kest_isupper),
+    HOOK(kest_tolower),      HOOK(kest_toupper),      HOOK(kest_isalnum),
+    HOOK(kest_isspace),      HOOK(kest_isdigit),      HOOK(kest_atoi),
+    HOOK(kest_memcpy),       HOOK(kest_memcmp),       HOOK(kest_memset),
+    HOOK(kest_strcasecmp),   HOOK(kest_strchr),       HOOK(kest_strrchr),
+    HOOK(kest_strcmp),       HOOK(kest_strncmp),      HOOK(kest_strcpy),
+    HOOK(kest_strncpy),      HOOK(kest_strerror),     HOOK(kest_strftime),
+    HOOK(kest_strlen),       HOOK(kest_strpbrk),      HOOK(kest_strstr),
+    HOOK(kest_strtol),       HOOK(kest_printf),       HOOK(kest_sprintf),
+    HOOK(kest_snprintf),     HOOK(kest_sscanf),       HOOK(kest_putchar),
+    HOOK(kest_puts),         HOOK(kest_diag_printf),  HOOK(kest_gettimeofday),
+    HOOK(kest_mktime),       HOOK(kest_log),          HOOK(kest_fabs),
+    HOOK(kest_abort),        HOOK(kest_get_thread_id), HOOK(kest_log_message),
+};
+#undef HOOK
+
+TEST_F(LifecycleTest, EachMissingHookFailsOpenWithENOSYS) {
+  ASSERT_EQ(sizeof(kRequiredHooks) / sizeof(kRequiredHooks[0]), 42u);
+  for (const HookSlot &hook : kRequiredHooks) {
+    SCOPED_TRACE(hook.name);
+    kest_test::InstallHooks();
+    *hook.object = nullptr;
+    EXPECT_EQ(kest_open(EmptyPluginDir()), -1);
+    EXPECT_EQ(kest_errno, KEST_ENOSYS);
+    kest_test::InstallHooks();
+    const kest_handle_t h = Open();
+    EXPECT_EQ(h, 1) << "a failed open must not keep a row";
+    EXPECT_EQ(kest_close(h), 0);
+  }
+}
+
+TEST_F(LifecycleTest, UsleepIsNotRequired) {
+  kest_usleep = nullptr;
+  const kest_handle_t h = Open();
+  EXPECT_EQ(h, 1);
+  EXPECT_EQ(kest_close(h), 0);
+}
+
+TEST_F(LifecycleTest, HandlesAreHandedOutLowestFirstUpTo31) {
+  for (int expected = 1; expected <= 31; ++expected) {
+    ASSERT_EQ(Open(), expected);
+  }
+  EXPECT_EQ(Open(), -1);
+  EXPECT_EQ(kest_errno, KEST_ECHILD);
+  ASSERT_EQ(kest_close(7), 0);
+  ASSERT_EQ(kest_close(3), 0);
+  EXPECT_EQ(Open(), 3);
+  EXPECT_EQ(Open(), 7);
+}
+
+TEST_F(LifecycleTest, ReopenAfterCloseGivesHandleOneAgain) {
+  const kest_handle_t h = Open();
+  ASSERT_EQ(h, 1);
+  ASSERT_EQ(kest_close(h), 0);
+  EXPECT_EQ(Open(), 1);
+}
+
+TEST_F(LifecycleTest, BadHandlesAreRefusedWithEINVAL) {
+  const kest_handle_t open = Open();
+  ASSERT_EQ(open, 1);
+  for (kest_handle_t bad : {0, 2, 31, 32, -1, 1000}) {
+    SCOPED_TRACE(bad);
+    kest_errno = 0;
+    EXPECT_EQ(kest_close(bad), -1);
+    EXPECT_EQ(kest_errno, KEST_EINVAL);
+    kest_errno = 0;
+    EXPECT_EQ(kest_init(bad), -1);
+    EXPECT_EQ(kest_errno, KEST_EINVAL);
+    kest_errno = 0;
+    EXPECT_EQ(kest_fini(bad), -1);
+    EXPECT_EQ(kest_errno, KEST_EINVAL);
+    kest_errno = 0;
+    kest_idle(bad);
+    EXPECT_EQ(kest_errno, KEST_EINVAL);
+    EXPECT_EQ(kest_handle_get(), 0);
+  }
+}
+
+TEST_F(LifecycleTest, BadHandleKeepsAnOlderError) {
+  kest_errno = KEST_EEXIST;
+  EXPECT_EQ(kest_close(0), -1);
+  EXPECT_EQ(kest_errno, KEST_EEXIST);
+}
+
+TEST_F(LifecycleTest, CloseWithAThreadLeftIsBusyUntilFini) {
+  const kest_handle_t h = Open();
+  ASSERT_EQ(kest_init(h), 0);
+  EXPECT_EQ(kest_close(h), -1);
+  EXPECT_EQ(kest_errno, KEST_EBUSY);
+  kest_idle(h);
+  EXPECT_EQ(kest_errno, 0) << "the instance stays intact after a refused close";
+  ASSERT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_close(h), 0);
+}
+
+TEST_F(LifecycleTest, SecondInitOnOneThreadIsRefusedAndFirstContextSurvives) {
+  const kest_handle_t h = Open();
+  ASSERT_EQ(kest_init(h), 0);
+  EXPECT_EQ(kest_init(h), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  kest_idle(h);
+  EXPECT_EQ(kest_errno, 0);
+  EXPECT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_fini(h), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+}
+
+TEST_F(LifecycleTest, IdleWithoutContextSetsEINVALOnlyIfClear) {
+  const kest_handle_t h = Open();
+  kest_errno = 0;
+  kest_idle(h);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  kest_errno = KEST_EEXIST;
+  kest_idle(h);
+  EXPECT_EQ(kest_errno, KEST_EEXIST);
+}
+
+TEST_F(LifecycleTest, ErrorGetIgnoresTheHandleAndKeepsTheWord) {
+  kest_errno = 71;
+  EXPECT_EQ(kest_error_get(0), 71);
+  EXPECT_EQ(kest_error_get(-5), 71);
+  EXPECT_EQ(kest_errno, 71);
+}
+
+TEST_F(LifecycleTest, ThreadsOfOneInstanceComeAndGoIndependently) {
+  const kest_handle_t h = Open();
+  ASSERT_EQ(kest_init(h), 0);
+  int results[3] = {-2, -2, -2};
+  std::thread worker([&] {
+    results[0] = kest_init(h);
+    kest_idle(h);
+    results[1] = kest_errno;
+    results[2] = kest_fini(h);
+  });
+  worker.join();
+  EXPECT_EQ(results[0], 0);
+  EXPECT_EQ(results[1], 0);
+  EXPECT_EQ(results[2], 0);
+  EXPECT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_close(h), 0);
+}
+
+TEST_F(LifecycleTest, AThreadInTwoInstancesHasTwoBlocks) {
+  const kest_handle_t a = Open();
+  const kest_handle_t b = Open();
+  ASSERT_EQ(kest_init(a), 0);
+  ASSERT_EQ(kest_init(b), 0);
+  EXPECT_NE(oru::t_thread_base[a], nullptr);
+  EXPECT_NE(oru::t_thread_base[b], nullptr);
+  EXPECT_NE(oru::t_thread_base[a], oru::t_thread_base[b]);
+  EXPECT_EQ(oru::t_thread_base[0], nullptr);
+  EXPECT_EQ(kest_fini(a), 0);
+  EXPECT_EQ(oru::t_thread_base[a], nullptr);
+  EXPECT_NE(oru::t_thread_base[b], nullptr);
+  EXPECT_EQ(kest_fini(b), 0);
+}
+
+TEST_F(LifecycleTest, OpenInitFiniCloseLeavesNoBlockBehind) {
+  for (int round = 0; round < 3; ++round) {
+    const kest_handle_t h = Open();
+    ASSERT_EQ(kest_init(h), 0);
+    kest_idle(h);
+    ASSERT_EQ(kest_fini(h), 0);
+    ASSERT_EQ(kest_close(h), 0);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), 0);
+  }
+}
+
+TEST_F(LifecycleTest, HandleGetIsZeroOutsideCalls) { EXPECT_EQ(kest_handle_get(), 0); }
+
+} // namespace

@@ -1,0 +1,36 @@
+// A fixture that installs the test hooks and closes whatever instances a test
+// left open, so that every test starts from an empty instance table.
+#ifndef KEST_TESTS_INSTANCEFIXTURE_H
+#define KEST_TESTS_INSTANCEFIXTURE_H
+
+#include "TestHooks.h"
+
+#include <gtest/gtest.h>
+#include <kest.h>
+
+namespace kest_test {
+
+class InstanceFixture : public ::testing::Test {
+protected:
+  void SetUp() override {
+    InstallHooks();
+    kest_errno = 0;
+  }
+  void TearDown() override {
+    InstallHooks();
+    for (kest_handle_t h = 1; h <= 31; ++h) {
+      kest_fini(h);
+      kest_close(h);
+    }
+    kest_errno = 0;
+  }
+
+  // Opens an instance with an empty plug-in directory.
+  kest_handle_t Open() { return kest_open(EmptyPluginDir()); }
+
+  static const char *EmptyPluginDir() { return "/nonexistent-kest-plugins"; }
+};
+
+} // namespace kest_test
+
+#endif

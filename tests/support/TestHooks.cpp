@@ -1,0 +1,143 @@
+#include "TestHooks.h"
+
+#include <kest.h>
+#include <kest_host.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+namespace kest_test {
+
+namespace {
+
+std::atomic<long> g_count{0};
+std::atomic<long> g_fail_at{0};
+std::atomic<bool> g_fail_all{false};
+std::atomic<long> g_live_local{0};
+std::atomic<long> g_live_shared{0};
+std::atomic<bool> g_recording{false};
+std::mutex g_mutex;
+std::vector<Allocation> g_recorded;
+std::string g_printed, g_diag, g_log;
+
+void *Allocate(Heap heap, size_t size) {
+  const long n = ++g_count;
+  if (g_recording) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_recorded.push_back({heap, size});
+  }
+  long target = g_fail_at.load();
+  if (g_fail_all || (target != 0 && n == target)) {
+    return nullptr;
+  }
+  void *block = std::malloc(size == 0 ? 1 : size);
+  if (block != nullptr) {
+    ++(heap == Heap::Local ? g_live_local : g_live_shared);
+  }
+  return block;
+}
+
+void Release(Heap heap, void *block) {
+  if (block != nullptr) {
+    --(heap == Heap::Local ? g_live_local : g_live_shared);
+    std::free(block);
+  }
+}
+
+void *MallocLocal(size_t size) { return Allocate(Heap::Local, size); }
+void FreeLocal(void *block) { Release(Heap::Local, block); }
+void *MallocShared(size_t size) { return Allocate(Heap::Shared, size); }
+void FreeShared(void *block) { Release(Heap::Shared, block); }
+
+void Append(std::string &out, const char *format, va_list args) {
+  char buffer[4096];
+  std::vsnprintf(buffer, sizeof buffer, format, args);
+  std::lock_guard<std::mutex> lock(g_mutex);
+  out += buffer;
+}
+
+int Printf(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  Append(g_printed, format, args);
+  va_end(args);
+  return 0;
+}
+
+int DiagPrintf(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  Append(g_diag, format, args);
+  va_end(args);
+  return 0;
+}
+
+void LogMessage(const char *level, const char *function, const char *format, ...) {
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_log += std::string(level) + " " + function + ": ";
+  }
+  va_list args;
+  va_start(args, format);
+  Append(g_log, format, args);
+  va_end(args);
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_log += "|";
+}
+
+std::string Take(std::string &text) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  std::string out;
+  out.swap(text);
+  return out;
+}
+
+} // namespace
+
+void InstallHooks() {
+  kest_host_use_libc();
+  kest_malloc_local = MallocLocal;
+  kest_free_local = FreeLocal;
+  kest_malloc_shared = MallocShared;
+  kest_free_shared = FreeShared;
+  kest_printf = Printf;
+  kest_diag_printf = DiagPrintf;
+  kest_log_message = LogMessage;
+  g_fail_at = 0;
+  g_fail_all = false;
+  g_recording = false;
+  ResetCounts();
+  Take(g_printed);
+  Take(g_diag);
+  Take(g_log);
+}
+
+void FailNthAllocation(long n) { g_fail_at = n == 0 ? 0 : g_count.load() + n; }
+void FailAllAllocations(bool on) { g_fail_all = on; }
+long AllocationCount() { return g_count; }
+void ResetCounts() { g_count = 0; }
+
+void StartRecording() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_recorded.clear();
+  g_recording = true;
+}
+
+std::vector<Allocation> StopRecording() {
+  g_recording = false;
+  std::lock_guard<std::mutex> lock(g_mutex);
+  std::vector<Allocation> out;
+  out.swap(g_recorded);
+  return out;
+}
+
+long LiveBlocks(Heap heap) { return heap == Heap::Local ? g_live_local : g_live_shared; }
+
+std::string TakePrinted() { return Take(g_printed); }
+std::string TakeDiag() { return Take(g_diag); }
+std::string TakeLog() { return Take(g_log); }
+
+} // namespace kest_test
