@@ -134,7 +134,9 @@ int main(int argc, char **argv) {
       return Usage(stderr, 2);
     }
   }
-  if (argc == 3) {
+  // "pack X" is a forgotten argument, not a file named "pack"; such a file
+  // can still be named as "./pack".
+  if (argc == 3 && !IsVerb(argv[1])) {
     return Convert(argv[1], argv[2]);
   }
   if (argc == 4 && IsVerb(argv[1])) {
