@@ -16,9 +16,13 @@ volatile bool s_clock_mode[kInstanceRows];
 
 } // namespace
 
-uint64_t now() { return ThreadCell(g_current_time); }
+uint64_t now() {
+  return ThreadCell(g_current_time);
+}
 
-uint64_t now_sec() { return now() / 1000u; }
+uint64_t now_sec() {
+  return now() / 1000u;
+}
 
 uint64_t set_clock(uint64_t ms) {
   ThreadCell(g_current_time) = ms;
@@ -34,14 +38,19 @@ uint64_t update_clock(bool force) {
     // wrap-around defined, then reinterpreted as signed.
     const uint32_t ms = static_cast<uint32_t>(tv.tv_sec) * 1000u +
                         static_cast<uint32_t>(static_cast<int32_t>(tv.tv_usec) / 1000);
-    ThreadCell(g_current_time) = static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(ms)));
+    ThreadCell(g_current_time) =
+        static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(ms)));
   }
   return ThreadCell(g_current_time);
 }
 
-void set_clock_mode(bool host_sets_time) { s_clock_mode[Runtime::l_instance_id] = host_sets_time; }
+void set_clock_mode(bool host_sets_time) {
+  s_clock_mode[Runtime::l_instance_id] = host_sets_time;
+}
 
-void delay(const uint64_t &us) { kest_usleep(static_cast<unsigned int>(us)); }
+void delay(const uint64_t &us) {
+  kest_usleep(static_cast<unsigned int>(us));
+}
 
 } // namespace oru
 

@@ -36,6 +36,8 @@ void InstanceTable::ThreadLeave(int row) {
   s_state[row] = INST_OPEN;
 }
 
-InstanceState CurrentInstanceState() { return InstanceTable::State(Runtime::l_instance_id); }
+InstanceState CurrentInstanceState() {
+  return InstanceTable::State(Runtime::l_instance_id);
+}
 
 } // namespace oru

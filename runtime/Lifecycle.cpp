@@ -3,19 +3,38 @@
 // its place in the list, and the lists stay valid for any subset of entries.
 #include <kest.h>
 #include <kest/Clock.h>
+#include <kest/Configuration.h>
 #include <kest/Error.h>
+#include <kest/InterfaceBroker.h>
 #include <kest/Runtime.h>
+#include <kest/SyncEventQueue.h>
 
 #include "runtime/ApiFrame.h"
 #include "runtime/ApiSlots.h"
 #include "runtime/HookTable.h"
 #include "runtime/InstanceTable.h"
 #include "runtime/Lifecycle.h"
+#include "runtime/LogLevel.h"
 #include "runtime/ThreadList.h"
 
 namespace oru {
 
 namespace {
+
+// Undoes the instance start-up steps before `failed_step`, newest first, and
+// frees the row. The state stays INST_OPENING until the row is claimed again.
+void UnwindInstance(int failed_step, int row) {
+  // 10: attribute manager. 9: the broker's table, protocol registry.
+  if (failed_step >= 9) {
+    InterfaceBroker::ClearModules();
+  }
+  // 8: memory tags.
+  if (failed_step >= 7) {
+    Configuration::ExitInstance();
+  }
+  SyncEventQueue::ExitInstance();
+  InstanceTable::Release(row);
+}
 
 // Instance start-up. Returns the claimed row, or 0 after raising an error.
 // On success Runtime::l_instance_id is left at the row.
@@ -37,8 +56,20 @@ int InstanceStartup(const char * /*plugin_dir*/) {
   SetErrorHandler(RecordFirstError);
 
   // 4. Event queue head node.
+  if (!SyncEventQueue::InitInstance()) {
+    InstanceTable::Release(row);
+    return 0;
+  }
   // 5. Configuration instance start-up ("config.sync").
+  if (!Configuration::InitInstance()) {
+    UnwindInstance(5, row);
+    return 0;
+  }
   // 6. "system.loglevel" validator and default.
+  if (!LogLevel::InitInstance()) {
+    UnwindInstance(7, row);
+    return 0;
+  }
   // 7. Memory tags.
   // 8. Protocol registry.
   // 9. Attribute manager.
@@ -47,15 +78,41 @@ int InstanceStartup(const char * /*plugin_dir*/) {
 
   // 11.
   InstanceTable::SetState(row, INST_OPEN);
-  // 12. Module "SYSTEM" with the interface broker.
+  // 12. Module "SYSTEM"; a refusal changes nothing for the host.
+  InterfaceBroker::RegisterModule(MODULE_SYSTEM, "SYSTEM");
   // 13.
   return row;
 }
 
 void InstanceTeardown() {
-  // Event queue nodes and names; plug-in manager (unloads plug-ins); attribute
-  // manager; protocol registry; configuration; the broker's table of the row.
+  SyncEventQueue::ExitInstance();
+  // Plug-in manager (unloads plug-ins); attribute manager; protocol registry.
+  Configuration::ExitInstance();
+  InterfaceBroker::ClearModules();
   // Memory tags stay until the row is opened again.
+}
+
+// Releases the per-thread objects in the order of a failed start-up.
+void ReleaseThreadObjects() {
+  SyncEventQueue::Release();
+  Configuration::Release();
+  // attribute manager
+  InterfaceBroker::Release();
+  // classification, plug-in manager, custom apps
+}
+
+// Undoes a thread start-up that failed at step 4 or later, then releases the
+// per-thread objects.
+void UnwindThread() {
+  // Plug-in manager, classification, attribute manager.
+  if (Configuration *config = Configuration::Peek()) {
+    config->ExitThread();
+  }
+  LogLevel::ExitThread();
+  if (SyncEventQueue *queue = SyncEventQueue::Peek()) {
+    queue->Leave();
+  }
+  ReleaseThreadObjects();
 }
 
 // Thread start-up. False after a failed step, with everything it did undone
@@ -65,9 +122,20 @@ bool ThreadStartup() {
   InstanceTable::ThreadEnter(Runtime::l_instance_id);
   // 2. Per-thread objects: event queue, configuration, interface broker,
   //    attribute manager, classification, plug-in manager, custom apps.
+  SyncEventQueue *queue = SyncEventQueue::Instance();
+  Configuration *config = Configuration::Instance();
+  if (queue == nullptr || config == nullptr || InterfaceBroker::Instance() == nullptr) {
+    ReleaseThreadObjects();
+    return false;
+  }
   // 3. Join the event queue.
+  queue->Join();
   // 4. Configuration thread start-up.
   // 5. The log-level observer and this thread's log mask.
+  if (!config->InitThread() || !LogLevel::InitThread()) {
+    UnwindThread();
+    return false;
+  }
   // 6. Attribute manager.
   // 7. Classification.
   // 8. Plug-in manager.
@@ -77,8 +145,22 @@ bool ThreadStartup() {
 
 void ThreadTeardown() {
   // A thread without an interface broker object never fully started.
-  // Custom apps, leave the queue, plug-in manager, classification, attribute
-  // manager, configuration; then the per-thread objects; then the count.
+  if (InterfaceBroker::Peek() == nullptr) {
+    return;
+  }
+  // Custom apps.
+  if (SyncEventQueue *queue = SyncEventQueue::Peek()) {
+    queue->Leave();
+  }
+  // Plug-in manager, classification, attribute manager.
+  if (Configuration *config = Configuration::Peek()) {
+    config->ExitThread();
+  }
+  // Then the per-thread objects: custom apps, plug-in manager,
+  // classification, attribute manager,
+  InterfaceBroker::Release();
+  Configuration::Release();
+  SyncEventQueue::Release();
   InstanceTable::ThreadLeave(Runtime::l_instance_id);
 }
 
@@ -88,6 +170,7 @@ void IdlePass() {
   // 1. Clock.
   update_clock(false);
   // 2. Deliver pending events to this thread.
+  SyncEventQueue::DrainEvents();
   // 3. Only the collector collects.
   if (ThreadCell(ApiSlots::thread_id) != ThreadList::Collector()) {
     return;
@@ -98,6 +181,7 @@ void IdlePass() {
     return;
   }
   // 5. Free queue nodes every thread has passed.
+  SyncEventQueue::CollectGarbage();
   // 6.
   ThreadCell(ApiSlots::last_garbage) = time;
 }
@@ -163,7 +247,8 @@ extern "C" KEST_EXPORT int kest_init(kest_handle_t handle) {
     const uint64_t thread_id = kest_get_thread_id();
     ThreadCell(ApiSlots::thread_id) = thread_id;
     const bool listed = ThreadList::Add(thread_id);
-    // "system.garbage_interval" is read here from the configuration store.
+    ThreadCell(ApiSlots::garbage_interval) = static_cast<uint64_t>(
+        static_cast<int64_t>(kest_atoi(Configuration::GetItem("system.garbage_interval").c_str())));
     if (!listed) {
       ThrowError(ERR_NOMEM);
     } else {
@@ -193,4 +278,6 @@ extern "C" KEST_EXPORT void kest_idle(kest_handle_t handle) {
   }
 }
 
-extern "C" KEST_EXPORT kest_handle_t kest_handle_get(void) { return Runtime::l_instance_id; }
+extern "C" KEST_EXPORT kest_handle_t kest_handle_get(void) {
+  return Runtime::l_instance_id;
+}

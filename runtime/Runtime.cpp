@@ -86,7 +86,9 @@ SlotCounters ReadSlotCounters() {
   return SlotCounters{g_slot_count, g_instance_base, g_late_slots};
 }
 
-void SetErrorHandler(ErrorHandler handler) { t_error_handler = handler; }
+void SetErrorHandler(ErrorHandler handler) {
+  t_error_handler = handler;
+}
 
 void ThrowError(Error error) {
   ErrorHandler handler = t_error_handler;
@@ -116,4 +118,6 @@ void RecordFirstError(Error error) {
 
 } // namespace oru
 
-extern "C" KEST_EXPORT int kest_error_get(kest_handle_t /*handle*/) { return kest_errno; }
+extern "C" KEST_EXPORT int kest_error_get(kest_handle_t /*handle*/) {
+  return kest_errno;
+}

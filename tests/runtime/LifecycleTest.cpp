@@ -16,21 +16,24 @@ struct HookSlot {
   void **object;
 };
 
-#define HOOK(h) HookSlot{#h, reinterpret_cast<void **>(&h)}
+#define HOOK(h)                                                                                    \
+  HookSlot {                                                                                       \
+#h, reinterpret_cast < void **>(&h)                                                            \
+  }
 const HookSlot kRequiredHooks[] = {
-    HOOK(kest_malloc_local), HOOK(kest_free_local),   HOOK(kest_malloc_shared),
-    HOOK(kest_free_shared),  HOOK(kest_islower),      HOOK(kest_isupper),
-    HOOK(kest_tolower),      HOOK(kest_toupper),      HOOK(kest_isalnum),
-    HOOK(kest_isspace),      HOOK(kest_isdigit),      HOOK(kest_atoi),
-    HOOK(kest_memcpy),       HOOK(kest_memcmp),       HOOK(kest_memset),
-    HOOK(kest_strcasecmp),   HOOK(kest_strchr),       HOOK(kest_strrchr),
-    HOOK(kest_strcmp),       HOOK(kest_strncmp),      HOOK(kest_strcpy),
-    HOOK(kest_strncpy),      HOOK(kest_strerror),     HOOK(kest_strftime),
-    HOOK(kest_strlen),       HOOK(kest_strpbrk),      HOOK(kest_strstr),
-    HOOK(kest_strtol),       HOOK(kest_printf),       HOOK(kest_sprintf),
-    HOOK(kest_snprintf),     HOOK(kest_sscanf),       HOOK(kest_putchar),
-    HOOK(kest_puts),         HOOK(kest_diag_printf),  HOOK(kest_gettimeofday),
-    HOOK(kest_mktime),       HOOK(kest_log),          HOOK(kest_fabs),
+    HOOK(kest_malloc_local), HOOK(kest_free_local),    HOOK(kest_malloc_shared),
+    HOOK(kest_free_shared),  HOOK(kest_islower),       HOOK(kest_isupper),
+    HOOK(kest_tolower),      HOOK(kest_toupper),       HOOK(kest_isalnum),
+    HOOK(kest_isspace),      HOOK(kest_isdigit),       HOOK(kest_atoi),
+    HOOK(kest_memcpy),       HOOK(kest_memcmp),        HOOK(kest_memset),
+    HOOK(kest_strcasecmp),   HOOK(kest_strchr),        HOOK(kest_strrchr),
+    HOOK(kest_strcmp),       HOOK(kest_strncmp),       HOOK(kest_strcpy),
+    HOOK(kest_strncpy),      HOOK(kest_strerror),      HOOK(kest_strftime),
+    HOOK(kest_strlen),       HOOK(kest_strpbrk),       HOOK(kest_strstr),
+    HOOK(kest_strtol),       HOOK(kest_printf),        HOOK(kest_sprintf),
+    HOOK(kest_snprintf),     HOOK(kest_sscanf),        HOOK(kest_putchar),
+    HOOK(kest_puts),         HOOK(kest_diag_printf),   HOOK(kest_gettimeofday),
+    HOOK(kest_mktime),       HOOK(kest_log),           HOOK(kest_fabs),
     HOOK(kest_abort),        HOOK(kest_get_thread_id), HOOK(kest_log_message),
 };
 #undef HOOK
@@ -188,6 +191,8 @@ TEST_F(LifecycleTest, OpenInitFiniCloseLeavesNoBlockBehind) {
   }
 }
 
-TEST_F(LifecycleTest, HandleGetIsZeroOutsideCalls) { EXPECT_EQ(kest_handle_get(), 0); }
+TEST_F(LifecycleTest, HandleGetIsZeroOutsideCalls) {
+  EXPECT_EQ(kest_handle_get(), 0);
+}
 
 } // namespace

@@ -16,9 +16,13 @@ TEST(ErrorString, FixedTexts) {
     int error;
     const char *text;
   };
-  const Row rows[] = {{12, "No memory available"}, {105, "No flows available"},
-                      {107, "No connection allocated"}, {22, "Unknown"}, {0, "Unknown"},
-                      {2, "Unknown"}, {-1, "Unknown"}};
+  const Row rows[] = {{12, "No memory available"},
+                      {105, "No flows available"},
+                      {107, "No connection allocated"},
+                      {22, "Unknown"},
+                      {0, "Unknown"},
+                      {2, "Unknown"},
+                      {-1, "Unknown"}};
   for (const Row &row : rows) {
     EXPECT_STREQ(oru::ErrorString(static_cast<oru::Error>(row.error)), row.text) << row.error;
   }

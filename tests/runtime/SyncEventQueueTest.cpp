@@ -1,0 +1,291 @@
+#include "InstanceFixture.h"
+
+#include <kest/SyncEventQueue.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kest_test::Heap;
+using kest_test::LiveBlocks;
+using oru::SyncEventQueue;
+
+// Records what it receives; optionally posts a follow-up once.
+class Recorder : public oru::EventTarget {
+public:
+  void OnEvent(const void *data, uint32_t length) {
+    seen.push_back(data == nullptr ? std::string("<null>")
+                                   : std::string(static_cast<const char *>(data), length));
+    if (follow_up != 0) {
+      const uint32_t id = follow_up;
+      follow_up = 0;
+      SyncEventQueue::PostEvent(id, "follow", 6);
+    }
+  }
+  std::vector<std::string> seen;
+  uint32_t follow_up = 0;
+};
+
+class SyncEventQueueTest : public kest_test::InstanceFixture {
+protected:
+  void SetUp() override {
+    InstanceFixture::SetUp();
+    h = Open();
+    ASSERT_GT(h, 0);
+    ASSERT_EQ(kest_init(h), 0);
+    kest_clock_set_mode(h, 1);
+    Enter();
+  }
+  void TearDown() override {
+    Leave();
+    kest_fini(h);
+    InstanceFixture::TearDown();
+  }
+  void Enter() { oru::Runtime::l_instance_id = h; }
+  void Leave() { oru::Runtime::l_instance_id = 0; }
+  // Registers `name` and installs `r` for it on the calling thread.
+  uint32_t Install(const char *name, Recorder &r) {
+    const uint32_t id = SyncEventQueue::RegisterEvent(name);
+    EXPECT_TRUE(SyncEventQueue::Instance()->InstallHandler(
+        id, &r, oru::MakeEventMethod(&Recorder::OnEvent)));
+    return id;
+  }
+  kest_handle_t h = -1;
+};
+
+TEST_F(SyncEventQueueTest, EventIdsStartAtOneAndNamesKeepTheirId) {
+  const uint32_t first = SyncEventQueue::RegisterEvent("test.one");
+  const uint32_t second = SyncEventQueue::RegisterEvent("test.two");
+  EXPECT_EQ(second, first + 1);
+  EXPECT_EQ(SyncEventQueue::RegisterEvent("test.one"), first);
+  Leave();
+  const kest_handle_t other = Open();
+  oru::Runtime::l_instance_id = other;
+  // The configuration store registers the first event of every instance.
+  EXPECT_EQ(SyncEventQueue::RegisterEvent("config.sync"), 1u);
+  EXPECT_EQ(SyncEventQueue::RegisterEvent("fresh"), 2u) << "ids are per instance";
+  Enter();
+}
+
+TEST_F(SyncEventQueueTest, RegisterEventWithoutMemoryGivesZeroAndENOMEM) {
+  kest_errno = 0;
+  kest_test::FailAllAllocations(true);
+  EXPECT_EQ(SyncEventQueue::RegisterEvent("nomem"), 0u);
+  kest_test::FailAllAllocations(false);
+  EXPECT_EQ(kest_errno, KEST_ENOMEM);
+}
+
+TEST_F(SyncEventQueueTest, EmptyPayloadArrivesAsNull) {
+  Recorder r;
+  const uint32_t id = Install("test.empty", r);
+  SyncEventQueue::PostEvent(id, "ignored", 0);
+  SyncEventQueue::DrainEvents();
+  ASSERT_EQ(r.seen.size(), 1u);
+  EXPECT_EQ(r.seen[0], "<null>");
+}
+
+TEST_F(SyncEventQueueTest, UnhandledEventsAreCountedAndSkipped) {
+  Recorder r;
+  const uint32_t handled = Install("test.handled", r);
+  const uint32_t unhandled = SyncEventQueue::RegisterEvent("test.unhandled");
+  const uint64_t before = SyncEventQueue::Instance()->Processed();
+  SyncEventQueue::PostEvent(unhandled, "x", 1);
+  SyncEventQueue::PostEvent(handled, "y", 1);
+  SyncEventQueue::DrainEvents();
+  EXPECT_EQ(SyncEventQueue::Instance()->Processed(), before + 2);
+  EXPECT_EQ(r.seen, std::vector<std::string>{"y"});
+}
+
+TEST_F(SyncEventQueueTest, HandlerThatPostsGetsItsEventInTheSamePass) {
+  Recorder r;
+  const uint32_t id = Install("test.chain", r);
+  r.follow_up = id;
+  SyncEventQueue::PostEvent(id, "first", 5);
+  SyncEventQueue::DrainEvents();
+  EXPECT_EQ(r.seen, (std::vector<std::string>{"first", "follow"}));
+}
+
+TEST_F(SyncEventQueueTest, EveryThreadSeesEveryPostOnceInOrder) {
+  Recorder mine;
+  const uint32_t id = Install("test.all", mine);
+  std::mutex m;
+  std::condition_variable cv;
+  int stage = 0;
+  Recorder theirs;
+  Leave();
+  std::thread worker([&] {
+    ASSERT_EQ(kest_init(h), 0);
+    oru::Runtime::l_instance_id = h;
+    Install("test.all", theirs);
+    oru::Runtime::l_instance_id = 0;
+    {
+      std::unique_lock<std::mutex> lock(m);
+      stage = 1;
+      cv.notify_all();
+      cv.wait(lock, [&] { return stage == 2; });
+    }
+    kest_idle(h);
+    kest_fini(h);
+  });
+  {
+    std::unique_lock<std::mutex> lock(m);
+    cv.wait(lock, [&] { return stage == 1; });
+  }
+  Enter();
+  for (const char *text : {"a", "b", "c"}) {
+    SyncEventQueue::PostEvent(id, text, 1);
+  }
+  SyncEventQueue::DrainEvents();
+  Leave();
+  {
+    std::lock_guard<std::mutex> lock(m);
+    stage = 2;
+    cv.notify_all();
+  }
+  worker.join();
+  Enter();
+  const std::vector<std::string> expected{"a", "b", "c"};
+  EXPECT_EQ(mine.seen, expected);
+  EXPECT_EQ(theirs.seen, expected);
+}
+
+TEST_F(SyncEventQueueTest, ALateJoinerDoesNotSeeEarlierPosts) {
+  Recorder r;
+  const uint32_t id = Install("test.late", r);
+  SyncEventQueue::PostEvent(id, "early", 5);
+  Recorder late;
+  Leave();
+  std::thread([&] {
+    ASSERT_EQ(kest_init(h), 0);
+    oru::Runtime::l_instance_id = h;
+    Install("test.late", late);
+    SyncEventQueue::DrainEvents();
+    SyncEventQueue::PostEvent(id, "later", 5);
+    SyncEventQueue::DrainEvents();
+    oru::Runtime::l_instance_id = 0;
+    kest_fini(h);
+  }).join();
+  Enter();
+  SyncEventQueue::DrainEvents();
+  EXPECT_EQ(late.seen, std::vector<std::string>{"later"});
+  EXPECT_EQ(r.seen, (std::vector<std::string>{"early", "later"}));
+}
+
+TEST_F(SyncEventQueueTest, CollectorFreesPassedNodesButKeepsTheLast) {
+  Recorder r;
+  const uint32_t id = Install("test.gc", r);
+  kest_clock_set(h, 1000);
+  kest_idle(h); // settles the time of the last pass
+  const long before = LiveBlocks(Heap::Shared);
+  for (int i = 0; i < 3; ++i) {
+    SyncEventQueue::PostEvent(id, "p", 1);
+  }
+  EXPECT_EQ(LiveBlocks(Heap::Shared), before + 6) << "three nodes with a payload each";
+  kest_clock_set(h, 2000);
+  kest_idle(h); // drains, then collects
+  // The old head (no payload) and the first node (with payload) are gone; the
+  // second, whose references reached 0 last, is the new head.
+  EXPECT_EQ(LiveBlocks(Heap::Shared), before + 6 - 1 - 2);
+  EXPECT_EQ(r.seen.size(), 3u);
+}
+
+TEST_F(SyncEventQueueTest, AThreadThatStaysBehindKeepsNodesAlive) {
+  Recorder r;
+  const uint32_t id = Install("test.behind", r);
+  std::mutex m;
+  std::condition_variable cv;
+  int stage = 0;
+  Leave();
+  std::thread idle_thread([&] {
+    ASSERT_EQ(kest_init(h), 0); // joins, then never drains until told
+    {
+      std::unique_lock<std::mutex> lock(m);
+      stage = 1;
+      cv.notify_all();
+      cv.wait(lock, [&] { return stage == 2; });
+    }
+    kest_idle(h);
+    kest_fini(h);
+  });
+  {
+    std::unique_lock<std::mutex> lock(m);
+    cv.wait(lock, [&] { return stage == 1; });
+  }
+  Enter();
+  kest_clock_set(h, 10);
+  const long before = LiveBlocks(Heap::Shared);
+  for (int i = 0; i < 3; ++i) {
+    SyncEventQueue::PostEvent(id, "q", 1);
+  }
+  kest_clock_set(h, 20);
+  kest_idle(h);
+  EXPECT_EQ(LiveBlocks(Heap::Shared), before + 6) << "the idle thread still stands before them";
+  Leave();
+  {
+    std::lock_guard<std::mutex> lock(m);
+    stage = 2;
+    cv.notify_all();
+  }
+  idle_thread.join();
+  Enter();
+  kest_clock_set(h, 30);
+  kest_idle(h);
+  EXPECT_LT(LiveBlocks(Heap::Shared), before + 6);
+}
+
+TEST_F(SyncEventQueueTest, PostWithoutMemoryIsDroppedWithoutLeak) {
+  Recorder r;
+  const uint32_t id = Install("test.nomem", r);
+  const long before = LiveBlocks(Heap::Shared);
+  for (long n = 1; n <= 2; ++n) {
+    kest_test::FailNthAllocation(n);
+    SyncEventQueue::PostEvent(id, "lost", 4);
+    kest_test::FailNthAllocation(0);
+    EXPECT_EQ(LiveBlocks(Heap::Shared), before) << "failing allocation " << n;
+  }
+  SyncEventQueue::DrainEvents();
+  EXPECT_TRUE(r.seen.empty());
+}
+
+TEST_F(SyncEventQueueTest, ConcurrentPostersLoseNothing) {
+  Recorder r;
+  const uint32_t id = Install("test.many", r);
+  constexpr int kThreads = 4, kPosts = 500;
+  Leave();
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kThreads; ++t) {
+    posters.emplace_back([&] {
+      oru::Runtime::l_instance_id = h; // posting needs no thread context
+      for (int i = 0; i < kPosts; ++i) {
+        SyncEventQueue::PostEvent(id, "m", 1);
+      }
+      oru::Runtime::l_instance_id = 0;
+    });
+  }
+  for (std::thread &t : posters) {
+    t.join();
+  }
+  Enter();
+  SyncEventQueue::DrainEvents();
+  EXPECT_EQ(r.seen.size(), static_cast<size_t>(kThreads * kPosts));
+}
+
+TEST_F(SyncEventQueueTest, CloseFreesEverythingLeftInTheQueue) {
+  Recorder r;
+  const uint32_t id = Install("test.close", r);
+  SyncEventQueue::PostEvent(id, "never drained", 13);
+  Leave();
+  ASSERT_EQ(kest_fini(h), 0);
+  ASSERT_EQ(kest_close(h), 0);
+  EXPECT_EQ(LiveBlocks(Heap::Shared), 0);
+  h = Open();
+  ASSERT_EQ(kest_init(h), 0);
+  Enter();
+}
+
+} // namespace
