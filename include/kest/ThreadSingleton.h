@@ -19,7 +19,9 @@ template <class T> T *SingletonInstance(const ThreadLocalKey &key) {
 }
 
 // The object in `key`'s cell, or null; never creates.
-template <class T> T *SingletonPeek(const ThreadLocalKey &key) { return ThreadPointer<T>(key); }
+template <class T> T *SingletonPeek(const ThreadLocalKey &key) {
+  return ThreadPointer<T>(key);
+}
 
 // Destroys the object in `key`'s cell, if any, and zeroes the cell.
 template <class T> void SingletonRelease(const ThreadLocalKey &key) {

@@ -47,10 +47,18 @@ void Release(Heap heap, void *block) {
   }
 }
 
-void *MallocLocal(size_t size) { return Allocate(Heap::Local, size); }
-void FreeLocal(void *block) { Release(Heap::Local, block); }
-void *MallocShared(size_t size) { return Allocate(Heap::Shared, size); }
-void FreeShared(void *block) { Release(Heap::Shared, block); }
+void *MallocLocal(size_t size) {
+  return Allocate(Heap::Local, size);
+}
+void FreeLocal(void *block) {
+  Release(Heap::Local, block);
+}
+void *MallocShared(size_t size) {
+  return Allocate(Heap::Shared, size);
+}
+void FreeShared(void *block) {
+  Release(Heap::Shared, block);
+}
 
 void Append(std::string &out, const char *format, va_list args) {
   char buffer[4096];
@@ -115,10 +123,18 @@ void InstallHooks() {
   Take(g_log);
 }
 
-void FailNthAllocation(long n) { g_fail_at = n == 0 ? 0 : g_count.load() + n; }
-void FailAllAllocations(bool on) { g_fail_all = on; }
-long AllocationCount() { return g_count; }
-void ResetCounts() { g_count = 0; }
+void FailNthAllocation(long n) {
+  g_fail_at = n == 0 ? 0 : g_count.load() + n;
+}
+void FailAllAllocations(bool on) {
+  g_fail_all = on;
+}
+long AllocationCount() {
+  return g_count;
+}
+void ResetCounts() {
+  g_count = 0;
+}
 
 void StartRecording() {
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -134,10 +150,18 @@ std::vector<Allocation> StopRecording() {
   return out;
 }
 
-long LiveBlocks(Heap heap) { return heap == Heap::Local ? g_live_local : g_live_shared; }
+long LiveBlocks(Heap heap) {
+  return heap == Heap::Local ? g_live_local : g_live_shared;
+}
 
-std::string TakePrinted() { return Take(g_printed); }
-std::string TakeDiag() { return Take(g_diag); }
-std::string TakeLog() { return Take(g_log); }
+std::string TakePrinted() {
+  return Take(g_printed);
+}
+std::string TakeDiag() {
+  return Take(g_diag);
+}
+std::string TakeLog() {
+  return Take(g_log);
+}
 
 } // namespace kest_test
