@@ -196,3 +196,62 @@ TEST_F(LifecycleTest, HandleGetIsZeroOutsideCalls) {
 }
 
 } // namespace
+
+namespace {
+
+class LifecycleFailureTest : public kest_test::InstanceFixture {};
+
+// Every allocation that kest_open makes can fail: the call then fails with
+// ENOMEM, leaves nothing behind and does not keep the row.
+TEST_F(LifecycleFailureTest, OpenSurvivesEveryFailingAllocation) {
+  for (long n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    kest_test::FailNthAllocation(n);
+    const kest_handle_t h = Open();
+    kest_test::FailNthAllocation(0);
+    if (h > 0) {
+      ASSERT_EQ(kest_close(h), 0);
+      EXPECT_GT(n, 1) << "open allocates something";
+      break;
+    }
+    EXPECT_EQ(kest_errno, KEST_ENOMEM);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), 0);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+    ASSERT_LT(n, 1000);
+  }
+  const kest_handle_t h = Open();
+  EXPECT_EQ(h, 1) << "failed opens kept no row";
+}
+
+// The same for kest_init: a failed start-up leaves the slot block, which
+// kest_fini clears, and everything else is given back.
+TEST_F(LifecycleFailureTest, InitSurvivesEveryFailingAllocation) {
+  const kest_handle_t h = Open();
+  ASSERT_GT(h, 0);
+  const long local_before = kest_test::LiveBlocks(kest_test::Heap::Local);
+  const long shared_before = kest_test::LiveBlocks(kest_test::Heap::Shared);
+  for (long n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    kest_test::FailNthAllocation(n);
+    const int result = kest_init(h);
+    kest_test::FailNthAllocation(0);
+    if (result == 0) {
+      kest_idle(h);
+      ASSERT_EQ(kest_fini(h), 0);
+      break;
+    }
+    EXPECT_EQ(kest_errno, KEST_ENOMEM);
+    if (oru::t_thread_base[h] != nullptr) {
+      EXPECT_EQ(kest_init(h), -1) << "the slot block stays until kest_fini";
+      EXPECT_EQ(kest_fini(h), 0);
+    }
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), local_before);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), shared_before);
+    EXPECT_EQ(kest_close(h), 0) << "nothing of the thread is left listed";
+    ASSERT_EQ(Open(), h);
+    ASSERT_LT(n, 1000);
+  }
+  EXPECT_EQ(kest_close(h), 0);
+}
+
+} // namespace

@@ -1,0 +1,353 @@
+#include "InstanceFixture.h"
+
+#include <kest/Configuration.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using oru::Configuration;
+using oru::fdt::string;
+
+// Validators log their calls here; the first character of the new value
+// decides: "x" refuses.
+std::vector<std::string> g_calls;
+bool Record(const char *name, const string &key, const string &old_value, const string &new_value) {
+  g_calls.push_back(std::string(name) + ":" + key.c_str() + ":" + old_value.c_str() + ">" +
+                    new_value.c_str());
+  return new_value.c_str()[0] != 'x';
+}
+bool ValidateA(const string &k, const string &o, const string &n) {
+  return Record("a", k, o, n);
+}
+bool ValidateAB(const string &k, const string &o, const string &n) {
+  return Record("a.b", k, o, n);
+}
+bool ValidateABC(const string &k, const string &o, const string &n) {
+  return Record("a.b.c", k, o, n);
+}
+
+// A subscriber that records what reaches it.
+class Listener : public oru::fdt::refcnt {
+public:
+  // The test's own reference: the object lives on the test's stack and must
+  // outlive every subscription dropped by a thread's exit.
+  Listener() { add_ref(); }
+  void OnChange(const string &key, const string &old_value, const string &new_value) {
+    std::lock_guard<std::mutex> lock(mutex);
+    seen.push_back(std::string(key.c_str()) + "=" + old_value.c_str() + ">" + new_value.c_str());
+  }
+  std::mutex mutex;
+  std::vector<std::string> seen;
+};
+
+class ConfigurationTest : public kest_test::InstanceFixture {
+protected:
+  void SetUp() override {
+    InstanceFixture::SetUp();
+    g_calls.clear();
+    h = Open();
+    ASSERT_GT(h, 0);
+  }
+  void Enter() { oru::Runtime::l_instance_id = h; }
+  void Leave() { oru::Runtime::l_instance_id = 0; }
+  std::string Get(const char *key) {
+    char buffer[256];
+    return kest_config_get(h, key, buffer, sizeof buffer) == 0 ? buffer : "<error>";
+  }
+  kest_handle_t h = -1;
+};
+
+TEST_F(ConfigurationTest, ValidatorsRunShortestPrefixFirstWithTheWholeKey) {
+  Enter();
+  ASSERT_TRUE(Configuration::RegisterValidator("a", ValidateA));
+  ASSERT_TRUE(Configuration::RegisterValidator("a.b", ValidateAB));
+  ASSERT_TRUE(Configuration::RegisterValidator("a.b.c", ValidateABC));
+  EXPECT_FALSE(Configuration::RegisterValidator("a", ValidateAB)) << "one validator per key";
+  Leave();
+
+  EXPECT_EQ(kest_config_set(h, "a.b.c", "1"), 0);
+  EXPECT_EQ(g_calls, (std::vector<std::string>{"a:a.b.c:>1", "a.b:a.b.c:>1", "a.b.c:a.b.c:>1"}));
+
+  g_calls.clear();
+  EXPECT_EQ(kest_config_set(h, "a.b.c", "1"), 0);
+  EXPECT_TRUE(g_calls.empty()) << "the same value runs nothing";
+
+  g_calls.clear();
+  EXPECT_EQ(kest_config_set(h, "a.b.c", "x"), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(g_calls.size(), 1u) << "the first refusal ends the chain";
+  EXPECT_EQ(Get("a.b.c"), "1");
+
+  g_calls.clear();
+  EXPECT_EQ(kest_config_set(h, "a.bc", "2"), 0);
+  EXPECT_EQ(g_calls, std::vector<std::string>{"a:a.bc:>2"}) << "prefixes are whole components";
+
+  Enter();
+  EXPECT_FALSE(Configuration::UnregisterValidator("a", ValidateAB));
+  EXPECT_TRUE(Configuration::UnregisterValidator("a", ValidateA));
+  EXPECT_FALSE(Configuration::UnregisterValidator("a", ValidateA));
+  Leave();
+}
+
+TEST_F(ConfigurationTest, EmptyComponentsAreLookedUpToo) {
+  Enter();
+  ASSERT_TRUE(Configuration::RegisterValidator("", ValidateA));
+  Leave();
+  EXPECT_EQ(kest_config_set(h, ".lead", "v"), 0);
+  EXPECT_EQ(g_calls, std::vector<std::string>{"a:.lead:>v"});
+}
+
+TEST_F(ConfigurationTest, GetCopiesCutsAndRefusesEmptyValues) {
+  ASSERT_EQ(kest_config_set(h, "t.word", "sixlet"), 0);
+  char small[4] = {'?', '?', '?', '?'};
+  EXPECT_EQ(kest_config_get(h, "t.word", small, sizeof small), 0);
+  EXPECT_STREQ(small, "six");
+  char buffer[16];
+  EXPECT_EQ(kest_config_get(h, "t.missing", buffer, sizeof buffer), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(kest_config_set(h, "t.word", ""), 0);
+  EXPECT_EQ(kest_config_get(h, "t.word", buffer, sizeof buffer), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(kest_config_get(h, "t.word", buffer, 0), -1);
+  EXPECT_EQ(kest_config_get(h, nullptr, buffer, 4), -1);
+  EXPECT_EQ(kest_config_get(h, "t.word", nullptr, 4), -1);
+  EXPECT_EQ(kest_config_set(h, nullptr, "v"), -1);
+  EXPECT_EQ(kest_config_set(h, "k", nullptr), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(kest_config_set(0, "k", "v"), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+}
+
+TEST_F(ConfigurationTest, EmptiedKeysStayInTheDump) {
+  ASSERT_EQ(kest_config_set(h, "t.gone", "x"), 0);
+  ASSERT_EQ(kest_config_set(h, "t.gone", ""), 0);
+  kest_test::TakeDiag();
+  EXPECT_EQ(kest_config_dump(h), 0);
+  const std::string dump = kest_test::TakeDiag();
+  EXPECT_NE(dump.find("1: t.gone = \n"), std::string::npos) << dump;
+  EXPECT_NE(dump.find("1: system.loglevel = 48\n"), std::string::npos) << dump;
+}
+
+TEST_F(ConfigurationTest, EnumerationCoversWholeComponentsAndStopsAtTheFirstMiss) {
+  for (const char *key : {"a.b", "a.b.c", "a.bc", "a.b.d.e", "conn-x", "conn.a", "conn.b"}) {
+    ASSERT_EQ(kest_config_set(h, key, "1"), 0) << key;
+  }
+  struct Row {
+    const char *prefix;
+    std::vector<std::string> keys;
+  };
+  const Row rows[] = {
+      {"a.b", {"a.b", "a.b.c", "a.b.d.e"}},
+      {"a.b.c", {"a.b.c"}},
+      {"zzz", {}},
+      // "conn-x" sorts before "conn.a" and ends the walk at once.
+      {"conn", {}},
+  };
+  Enter();
+  for (const Row &row : rows) {
+    Configuration::ItemList items;
+    EXPECT_EQ(Configuration::EnumerateItems(row.prefix, items), !row.keys.empty()) << row.prefix;
+    std::vector<std::string> keys;
+    for (auto it = items.begin(); it != items.end(); ++it) {
+      keys.push_back(it->first.c_str());
+    }
+    EXPECT_EQ(keys, row.keys) << row.prefix;
+  }
+  Leave();
+}
+
+TEST_F(ConfigurationTest, ChangesReachEveryThreadsSubscribersAtTheirNextIdle) {
+  ASSERT_EQ(kest_init(h), 0);
+  Listener mine, theirs, deep;
+  Enter();
+  ASSERT_TRUE(
+      Configuration::Instance()->Subscribe("t", &mine, oru::MakeConfigMethod(&Listener::OnChange)));
+  ASSERT_TRUE(Configuration::Instance()->Subscribe("t.k", &deep,
+                                                   oru::MakeConfigMethod(&Listener::OnChange)));
+  Leave();
+  std::atomic<int> stage{0};
+  std::thread worker([&] {
+    ASSERT_EQ(kest_init(h), 0);
+    oru::Runtime::l_instance_id = h;
+    Configuration::Instance()->Subscribe("t", &theirs, oru::MakeConfigMethod(&Listener::OnChange));
+    oru::Runtime::l_instance_id = 0;
+    stage = 1;
+    while (stage != 2) {
+      std::this_thread::yield();
+    }
+    kest_idle(h);
+    kest_fini(h);
+  });
+  while (stage != 1) {
+    std::this_thread::yield();
+  }
+  ASSERT_EQ(kest_config_set(h, "t.k", "v1"), 0);
+  EXPECT_TRUE(mine.seen.empty()) << "nothing before the idle pass";
+  kest_idle(h);
+  EXPECT_EQ(mine.seen, std::vector<std::string>{"t.k=>v1"});
+  EXPECT_EQ(deep.seen, std::vector<std::string>{"t.k=>v1"});
+  stage = 2;
+  worker.join();
+  EXPECT_EQ(theirs.seen, std::vector<std::string>{"t.k=>v1"});
+  Enter();
+  Configuration::Instance()->Unsubscribe("t", &mine, oru::MakeConfigMethod(&Listener::OnChange));
+  Configuration::Instance()->Unsubscribe("t.k", &deep, oru::MakeConfigMethod(&Listener::OnChange));
+  Leave();
+  kest_fini(h);
+}
+
+TEST_F(ConfigurationTest, NoEventBeforeThreadsNorAfterAFini) {
+  Listener early;
+  ASSERT_EQ(kest_config_set(h, "t.k", "before"), 0); // not threaded: nothing posted
+  ASSERT_EQ(kest_init(h), 0);
+  Enter();
+  ASSERT_TRUE(Configuration::Instance()->Subscribe("t", &early,
+                                                   oru::MakeConfigMethod(&Listener::OnChange)));
+  Leave();
+  kest_idle(h);
+  EXPECT_TRUE(early.seen.empty());
+  // Any kest_fini leaves the instance "open": changes made then are stored
+  // but travel to no thread, also not to those still running.
+  std::thread([&] {
+    ASSERT_EQ(kest_init(h), 0);
+    kest_fini(h);
+  }).join();
+  ASSERT_EQ(kest_config_set(h, "t.k", "after-fini"), 0);
+  kest_idle(h);
+  EXPECT_TRUE(early.seen.empty());
+  EXPECT_EQ(Get("t.k"), "after-fini");
+  Enter();
+  Configuration::Instance()->Unsubscribe("t", &early, oru::MakeConfigMethod(&Listener::OnChange));
+  Leave();
+  kest_fini(h);
+}
+
+TEST_F(ConfigurationTest, EveryAllocationOfSetItemCanFail) {
+  ASSERT_EQ(kest_init(h), 0);
+  Listener l;
+  Enter();
+  ASSERT_TRUE(
+      Configuration::Instance()->Subscribe("f", &l, oru::MakeConfigMethod(&Listener::OnChange)));
+  Leave();
+  // Sweep the failing allocation over a new key and over a change of it.
+  for (long n = 1; n <= 40; ++n) {
+    const std::string key = "f.k" + std::to_string(n);
+    const long shared_before = kest_test::LiveBlocks(kest_test::Heap::Shared);
+    kest_test::FailNthAllocation(n);
+    const int result = kest_config_set(h, key.c_str(), "value");
+    const int error = kest_errno;
+    kest_test::FailNthAllocation(0);
+    if (result == 0) {
+      EXPECT_EQ(Get(key.c_str()).substr(0, 5), "value") << n;
+    } else {
+      EXPECT_TRUE(error == KEST_ENOMEM || error == 0) << n << " " << error;
+      EXPECT_EQ(Get(key.c_str()), "<error>") << "a failed set stores nothing: " << n;
+      EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), shared_before) << n;
+    }
+    kest_idle(h);
+  }
+  Enter();
+  Configuration::Instance()->Unsubscribe("f", &l, oru::MakeConfigMethod(&Listener::OnChange));
+  Leave();
+  kest_fini(h);
+}
+
+TEST_F(ConfigurationTest, ConcurrentSettersLoseNoUpdateAndSubscribersSeeEachOnce) {
+  constexpr int kSetters = 2, kKeys = 50;
+  Listener listeners[2];
+  std::atomic<int> ready{0};
+  std::atomic<bool> done{false};
+  std::vector<std::thread> threads;
+  for (Listener &l : listeners) {
+    threads.emplace_back([&] {
+      ASSERT_EQ(kest_init(h), 0);
+      oru::Runtime::l_instance_id = h;
+      Configuration::Instance()->Subscribe("c", &l, oru::MakeConfigMethod(&Listener::OnChange));
+      oru::Runtime::l_instance_id = 0;
+      ++ready;
+      while (!done) {
+        kest_idle(h);
+      }
+      kest_idle(h);
+      oru::Runtime::l_instance_id = h;
+      Configuration::Instance()->Unsubscribe("c", &l, oru::MakeConfigMethod(&Listener::OnChange));
+      oru::Runtime::l_instance_id = 0;
+      kest_fini(h);
+    });
+  }
+  while (ready != 2) {
+    std::this_thread::yield();
+  }
+  std::vector<std::thread> setters;
+  for (int s = 0; s < kSetters; ++s) {
+    setters.emplace_back([&, s] {
+      for (int i = 0; i < kKeys; ++i) {
+        const std::string key = "c." + std::to_string(s) + "." + std::to_string(i);
+        EXPECT_EQ(kest_config_set(h, key.c_str(), "v"), 0);
+      }
+    });
+  }
+  for (std::thread &t : setters) {
+    t.join();
+  }
+  done = true;
+  for (std::thread &t : threads) {
+    t.join();
+  }
+  for (int s = 0; s < kSetters; ++s) {
+    for (int i = 0; i < kKeys; ++i) {
+      const std::string key = "c." + std::to_string(s) + "." + std::to_string(i);
+      EXPECT_EQ(Get(key.c_str()), "v") << key;
+    }
+  }
+  for (Listener &l : listeners) {
+    std::map<std::string, int> counts;
+    for (const std::string &s : l.seen) {
+      ++counts[s];
+    }
+    EXPECT_EQ(counts.size(), static_cast<size_t>(kSetters * kKeys));
+    for (const auto &[change, count] : counts) {
+      EXPECT_EQ(count, 1) << change;
+    }
+  }
+}
+
+// Log level: the setting behind each thread's mask.
+TEST_F(ConfigurationTest, LogLevelValuesAndMasks) {
+  EXPECT_EQ(kest_config_set(h, "system.loglevel", "-1"), -1);
+  EXPECT_EQ(kest_config_set(h, "system.loglevel", "abc"), -1);
+  ASSERT_EQ(kest_init(h), 0);
+  EXPECT_EQ(oru::log_flags, 48u);
+  kest_test::TakePrinted();
+  struct Row {
+    const char *value;
+    unsigned running;  // a thread that receives the change: lowest bit cleared
+    unsigned starting; // a thread that starts with it: two lowest bits cleared
+  };
+  const Row rows[] = {{"0", 0, 0}, {"9", 8, 8}, {"3", 2, 0}, {"48", 48, 48}};
+  for (const Row &row : rows) {
+    ASSERT_EQ(kest_config_set(h, "system.loglevel", row.value), 0) << row.value;
+    kest_idle(h);
+    EXPECT_EQ(oru::log_flags, row.running) << row.value;
+    EXPECT_EQ(kest_test::TakePrinted(), "setting level " + std::to_string(row.running) + "\n");
+    unsigned starting = 99;
+    std::thread([&] {
+      ASSERT_EQ(kest_init(h), 0);
+      starting = oru::log_flags;
+      kest_fini(h);
+    }).join();
+    EXPECT_EQ(starting, row.starting) << row.value;
+    // That thread's kest_fini stopped the broadcast until the next kest_init.
+    ASSERT_EQ(kest_fini(h), 0);
+    ASSERT_EQ(kest_init(h), 0);
+  }
+  kest_fini(h);
+}
+
+} // namespace
