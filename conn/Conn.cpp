@@ -1,0 +1,90 @@
+#include <kest/Clock.h>
+#include <kest/Conn.h>
+#include <kest/SpinLock.h>
+#include <stddef.h>
+
+namespace oru {
+
+// List nodes and Conn have bases with fields of their own, so offsetof is only
+// conditionally supported for them; GCC and Clang lay them out as the Itanium
+// ABI says, which is what plug-ins compile against.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+
+// The walking calls read an entry at the sentinel's place and expect the
+// application index there: the index must sit where a node keeps its entry.
+static_assert(sizeof(AppStack::EntryList) == sizeof(fdt::list_link),
+              "the entry list is its sentinel alone");
+static_assert(offsetof(AppStack, entries) == 0, "the stack starts with the sentinel");
+static_assert(offsetof(AppEntry, proto) == 0, "an entry starts with its protocol");
+static_assert(offsetof(AppStack, app) ==
+                  offsetof(AppStack::Node, m_value) + offsetof(AppEntry, proto),
+              "the application index reads as the sentinel's entry");
+static_assert(offsetof(AppStack, reserved) == offsetof(AppStack, app) + 4, "reserved follows app");
+
+static_assert(offsetof(Tuple, src) == 0 && offsetof(Tuple, dst) == 16 &&
+                  offsetof(Tuple, src_port) == 32 && offsetof(Tuple, dst_port) == 34 &&
+                  offsetof(Tuple, protocol) == 36,
+              "tuple layout is shared with plug-ins");
+
+static_assert(sizeof(IConn) == sizeof(void *), "the interface base is its table pointer");
+static_assert(offsetof(Conn, m_touched) == sizeof(void *) + sizeof(fdt::refcnt),
+              "fields follow the two table pointers and the count");
+static_assert(offsetof(Conn, m_number) == offsetof(Conn, m_touched) + 8, "number after touched");
+static_assert(offsetof(Conn, m_policy) == offsetof(Conn, m_number) + 8, "policy after number");
+static_assert(offsetof(Conn, m_status) == offsetof(Conn, m_policy) + 4, "status after policy");
+static_assert(offsetof(Conn, m_app_stack) > offsetof(Conn, m_status), "stack after status");
+static_assert(offsetof(Conn, m_side) == offsetof(Conn, m_app_stack) + sizeof(AppStack),
+              "side after the application stack");
+static_assert(offsetof(Conn, m_tuple) > offsetof(Conn, m_side), "tuple last");
+#pragma GCC diagnostic pop
+
+ThreadLocalKey Conn::l_active_conn;
+ThreadLocalKey Conn::l_default_policy;
+uint64_t Conn::s_next_conn[kInstanceRows];
+
+namespace {
+
+SlotRegistration g_active_reg(Conn::l_active_conn);
+SlotRegistration g_policy_reg(Conn::l_default_policy);
+
+// One lock for the counters of all instances: numbering is rare next to the
+// packets of a connection.
+SpinLock g_number_lock = 0;
+
+uint64_t NextNumber() {
+  SpinGuard guard(g_number_lock);
+  return ++Conn::s_next_conn[Runtime::l_instance_id];
+}
+
+} // namespace
+
+Conn::Conn() : Conn(NextNumber()) {}
+
+Conn::Conn(unsigned long long number)
+    : m_touched(0), m_number(number), m_policy(ThreadWord(l_default_policy)), m_status(1),
+      m_side(0), m_tuple() {}
+
+void Conn::Touch() {
+  m_touched = now();
+  ThreadPointer<Conn>(l_active_conn) = this;
+}
+
+bool Conn::Idle() const {
+  return now() - m_touched > kIdleMs;
+}
+
+bool Conn::InitInstance() {
+  SpinGuard guard(g_number_lock);
+  s_next_conn[Runtime::l_instance_id] = 0;
+  return true;
+}
+
+bool Conn::InitThread() {
+  ThreadWord(l_default_policy) = 0xFFFFFFFFu;
+  return true;
+}
+
+void Conn::ExitThread() {}
+
+} // namespace oru
