@@ -1,0 +1,139 @@
+// One direction of a connection's byte stream, held as blocks keyed by the
+// stream position of their first byte.
+//
+// The stream-carrying plug-in is the writer: it enters blocks, keeps them
+// unique by key, and moves m_next_pos (one past the contiguous data) and
+// m_last_start (the key of the block that ends the contiguous data). How it
+// treats retransmissions, overlaps and holes is its own policy. Inspectors then
+// ask where the stream begins and ends, keep the newest block alive beyond the
+// packet (Sync), drop what they consumed (Flush) and read.
+//
+// Layout fixed: plug-ins read and write the fields directly.
+#ifndef KEST_FLOWBUFFER_H
+#define KEST_FLOWBUFFER_H
+
+#include <kest/Export.h>
+#include <kest/Runtime.h>
+#include <kest/fdt/map.h>
+#include <stddef.h>
+#include <stdint.h>
+
+namespace oru {
+
+class KEST_API FlowBuffer {
+public:
+  // Bits of Block::flags.
+  enum : uint16_t {
+    // data is memory owned by the block, from kest_malloc_local.
+    BLOCK_SAVED = 1,
+    // Sync has visited the block.
+    BLOCK_SYNCED = 2,
+  };
+
+  // Layout fixed: flags, size, data. A block with flags clear points into the
+  // packet being processed and is only valid while that packet is. A block
+  // with any flag set owns data: it is freed with the block.
+  struct Block {
+    uint16_t flags;
+    uint16_t size;
+    char *data;
+  };
+
+  using BlockMap = fdt::map<uint64_t, Block>;
+
+  // The byte that reads give for a position no block covers.
+  static const char DUMMY_VAL;
+
+  // This thread's "flow.reorder_window", a 32-bit value in the low word of
+  // the cell, kept current by the configuration. The library never reads it:
+  // it is for writers to bound how far ahead of m_next_pos they hold blocks.
+  static ThreadLocalKey l_reorder_window;
+
+  FlowBuffer();
+  ~FlowBuffer();
+  // Blocks may own their data: a copy would free it twice.
+  FlowBuffer(const FlowBuffer &) = delete;
+  FlowBuffer &operator=(const FlowBuffer &) = delete;
+
+  // The key of the first block; m_next_pos when there is none.
+  uint64_t Begin() const;
+  // Bytes from Begin() to m_next_pos (low 32 bits of each), or 0 when the
+  // block under m_last_start is gone: nothing past a hole is readable.
+  uint32_t Size() const;
+  // Begin() + Size().
+  uint64_t End() const;
+
+  // Makes the newest block (the one under m_last_start) outlive the packet by
+  // copying its bytes if it does not own them yet. False if there is no such
+  // block or the copy cannot be allocated; after that every Sync fails at
+  // once, until the buffer is made anew (Reset keeps it).
+  bool Sync();
+  // Drops every block that starts before m_next_pos, whole, and moves
+  // m_read_pos there. Blocks beyond a hole stay.
+  void Flush();
+  // Drops all blocks and the positions; m_base_pos, m_can_save and the
+  // statistics stay.
+  void Reset();
+
+  // The writer calls this once per payload with its size in bytes.
+  void UpdateStats(unsigned int size);
+  unsigned int AvgPayloadSize() const { return m_avg_payload; }
+  // In units of oru::now(), milliseconds.
+  unsigned int AvgInterPayloadGap() const { return m_avg_gap; }
+  unsigned int AvgPktsPerSecond() const;
+  // Wraps in 32 bits.
+  unsigned int AvgBitsPerSecond() const;
+
+  // For writers: enters a block at `pos` with its map node tagged as
+  // "flowbuffer.block". With `owned`, `data` must come from kest_malloc_local
+  // and passes to the buffer (BLOCK_SAVED); otherwise it is borrowed from the
+  // packet. Positions are not touched: the writer sets m_next_pos and
+  // m_last_start by its own policy. Null, with `data` still the caller's, when
+  // the key is taken or memory runs out.
+  Block *AddBlock(uint64_t pos, const void *data, uint16_t size, bool owned);
+
+  // Prints one line per block through kest_printf. A debugging aid.
+  void Dump() const;
+
+  BlockMap m_blocks;
+  uint64_t m_read_pos;
+  // The writer's own; nothing here reads or writes it.
+  uint64_t m_base_pos;
+  uint64_t m_next_pos;
+  uint64_t m_last_start;
+  bool m_can_save;
+  // Low 32 bits of oru::now() at the last UpdateStats.
+  uint32_t m_last_time;
+  uint32_t m_avg_payload;
+  uint32_t m_max_payload;
+  uint32_t m_avg_gap;
+  uint32_t m_max_gap;
+
+private:
+  void EraseBlock(BlockMap::iterator it);
+};
+
+static_assert(sizeof(FlowBuffer::BlockMap) == sizeof(void *), "the block map is one pointer");
+static_assert(offsetof(FlowBuffer::Block, flags) == 0, "Block layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer::Block, size) == 2, "Block layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer::Block, data) == 8, "Block layout is shared with plug-ins");
+static_assert(sizeof(FlowBuffer::Block) == 16, "Block layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_blocks) == 0, "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_read_pos) == 8, "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_base_pos) == 16, "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_next_pos) == 24, "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_last_start) == 32,
+              "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_can_save) == 40, "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_last_time) == 44, "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_avg_payload) == 48,
+              "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_max_payload) == 52,
+              "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_avg_gap) == 56, "FlowBuffer layout is shared with plug-ins");
+static_assert(offsetof(FlowBuffer, m_max_gap) == 60, "FlowBuffer layout is shared with plug-ins");
+static_assert(sizeof(FlowBuffer) == 64, "FlowBuffer layout is shared with plug-ins");
+
+} // namespace oru
+
+#endif
