@@ -5,6 +5,8 @@
 #include <kest/ThreadSingleton.h>
 #include <new>
 
+#include "flow/ReorderWindow.h"
+
 namespace oru {
 
 ThreadLocalKey Classification::l_instance;
@@ -195,7 +197,7 @@ void Classification::DestroyConn(Conn *conn) {
 }
 
 bool Classification::InitThread() {
-  if (!Conn::InitThread()) {
+  if (!Conn::InitThread() || !ReorderWindow::InitThread()) {
     ThrowError(ERR_NOMEM);
     return false;
   }
@@ -213,6 +215,7 @@ bool Classification::InitThread() {
 void Classification::ExitThread() {
   m_default_conn.reset();
   Conn::ExitThread();
+  ReorderWindow::ExitThread();
 }
 
 } // namespace oru

@@ -33,10 +33,12 @@ static_assert(offsetof(Conn, m_touched) == sizeof(void *) + sizeof(fdt::refcnt),
 static_assert(offsetof(Conn, m_number) == offsetof(Conn, m_touched) + 8, "number after touched");
 static_assert(offsetof(Conn, m_policy) == offsetof(Conn, m_number) + 8, "policy after number");
 static_assert(offsetof(Conn, m_status) == offsetof(Conn, m_policy) + 4, "status after policy");
-static_assert(offsetof(Conn, m_app_stack) > offsetof(Conn, m_status), "stack after status");
+static_assert(offsetof(Conn, m_flow) == offsetof(Conn, m_status) + 4, "flows after status");
+static_assert(offsetof(Conn, m_app_stack) == offsetof(Conn, m_flow) + 2 * sizeof(FlowBuffer),
+              "the application stack after the flows");
 static_assert(offsetof(Conn, m_side) == offsetof(Conn, m_app_stack) + sizeof(AppStack),
               "side after the application stack");
-static_assert(offsetof(Conn, m_tuple) > offsetof(Conn, m_side), "tuple last");
+static_assert(offsetof(Conn, m_tuple) == offsetof(Conn, m_side) + 8, "tuple last");
 #pragma GCC diagnostic pop
 
 ThreadLocalKey Conn::l_active_conn;

@@ -13,6 +13,7 @@
 #define KEST_CONN_H
 
 #include <kest/Export.h>
+#include <kest/FlowBuffer.h>
 #include <kest/InterfaceBroker.h>
 #include <kest/IpAddr.h>
 #include <kest/Runtime.h>
@@ -134,6 +135,8 @@ public:
   uint64_t m_number;
   uint32_t m_policy;
   uint32_t m_status;
+  // One stream per side, indexed by m_side.
+  FlowBuffer m_flow[2];
   AppStack m_app_stack;
   uint8_t m_side;
   Tuple m_tuple;

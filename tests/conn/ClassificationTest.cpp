@@ -389,34 +389,50 @@ TEST_F(ClassificationTest, DestructionDrainsDeferredAndDropsOwners) {
   EXPECT_EQ(owner->use_count(), 1);
 }
 
-TEST_F(ClassificationTest, ThreadStartAndExitLeaveNoMemory) {
+TEST_F(ClassificationTest, ThreadStartMakesConnectionZeroAndExitFreesAll) {
   classification->ExitThread();
   Classification::Release();
   const long live = kest_test::LiveBlocks(kest_test::Heap::Local);
   Classification *fresh = Classification::Instance();
   ASSERT_NE(fresh, nullptr);
+  kest_test::StartRecording();
   ASSERT_TRUE(fresh->InitThread());
-  EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), live + 2)
-      << "the object and its default connection";
-  // The default connection has number 0: the counter does not move.
-  oru::Conn *next = MakeConn(6);
-  EXPECT_EQ(next->m_number, 1u);
-  held.clear();
+  int conns = 0;
+  for (const kest_test::Allocation &a : kest_test::StopRecording()) {
+    conns += a.heap == kest_test::Heap::Local && a.size == sizeof(oru::Conn);
+  }
+  EXPECT_EQ(conns, 1) << "the default connection, without prefix";
+  EXPECT_EQ(oru::Conn::s_next_conn[h], 0u) << "it has number 0 and leaves the counter";
   fresh->ExitThread();
   Classification::Release();
   EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), live);
 }
 
-TEST_F(ClassificationTest, ThreadStartFailsWithoutMemory) {
+// Each allocation of the thread start fails in turn: the start reports 12,
+// and the exit that the thread start-up's unwind runs leaves nothing behind.
+TEST_F(ClassificationTest, ThreadStartFailsWithoutMemoryAndUnwinds) {
   classification->ExitThread();
   Classification::Release();
-  Classification *fresh = Classification::Instance();
-  ASSERT_NE(fresh, nullptr);
-  kest_errno = 0;
-  kest_test::FailNthAllocation(1);
-  EXPECT_FALSE(fresh->InitThread());
-  EXPECT_EQ(kest_errno, KEST_ENOMEM);
-  // The teardown's exit copes with the half-started object.
+  const long local = kest_test::LiveBlocks(kest_test::Heap::Local);
+  const long shared = kest_test::LiveBlocks(kest_test::Heap::Shared);
+  bool started = false;
+  for (long n = 1; !started && n < 50; ++n) {
+    SCOPED_TRACE(n);
+    Classification *fresh = Classification::Instance();
+    ASSERT_NE(fresh, nullptr);
+    kest_errno = 0;
+    kest_test::FailNthAllocation(n);
+    started = fresh->InitThread();
+    kest_test::FailNthAllocation(0);
+    if (!started) {
+      EXPECT_EQ(kest_errno, KEST_ENOMEM);
+    }
+    fresh->ExitThread();
+    Classification::Release();
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), local);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), shared);
+  }
+  EXPECT_TRUE(started);
 }
 
 } // namespace
