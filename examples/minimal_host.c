@@ -1,7 +1,8 @@
 /*
  * minimal_host - the smallest complete kest host: fill the hooks, open an
- * instance on a plug-in directory, give this thread a context, idle a few
- * times, and shut everything down again, reporting each step.
+ * instance on a plug-in directory, give this thread a context, print the
+ * instance's configuration, and shut everything down again. Any failure is
+ * reported with its error number and text.
  *
  * usage: minimal_host [plugin-dir]
  */
@@ -9,6 +10,13 @@
 #include <kest_host.h>
 
 #include <stdio.h>
+#include <string.h>
+
+static int fail(const char *what) {
+  int error = kest_errno;
+  fprintf(stderr, "%s failed: error %d (%s)\n", what, error, strerror(error));
+  return 1;
+}
 
 int main(int argc, char **argv) {
   const char *plugin_dir = argc > 1 ? argv[1] : "plugins";
@@ -17,27 +25,30 @@ int main(int argc, char **argv) {
 
   kest_handle_t handle = kest_open(plugin_dir);
   if (handle < 0) {
-    fprintf(stderr, "kest_open(%s) failed: error %d\n", plugin_dir, kest_errno);
-    return 1;
+    return fail("kest_open");
   }
   printf("opened instance %d on %s\n", handle, plugin_dir);
 
   if (kest_init(handle) != 0) {
-    fprintf(stderr, "kest_init failed: error %d\n", kest_errno);
+    int status = fail("kest_init");
     kest_fini(handle);
     kest_close(handle);
-    return 1;
+    return status;
   }
   printf("thread context ready\n");
+  kest_idle(handle);
 
-  for (int i = 0; i < 3; ++i) {
-    kest_idle(handle);
+  printf("configuration:\n");
+  fflush(stdout);
+  if (kest_config_dump(handle) != 0) {
+    return fail("kest_config_dump");
   }
-  printf("idle passes done\n");
 
-  if (kest_fini(handle) != 0 || kest_close(handle) != 0) {
-    fprintf(stderr, "shutdown failed: error %d\n", kest_errno);
-    return 1;
+  if (kest_fini(handle) != 0) {
+    return fail("kest_fini");
+  }
+  if (kest_close(handle) != 0) {
+    return fail("kest_close");
   }
   printf("closed\n");
   return 0;

@@ -1,0 +1,42 @@
+// The idle pass on a thread whose event queue is empty: what every packet pays
+// before its plug-in runs.
+#include <benchmark/benchmark.h>
+#include <kest.h>
+#include <kest_host.h>
+
+namespace {
+
+void BM_IdleEmptyQueue(benchmark::State &state) {
+  kest_host_use_libc();
+  const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
+  if (h < 0 || kest_init(h) != 0) {
+    state.SkipWithError("instance did not start");
+    return;
+  }
+  for (auto _ : state) {
+    kest_idle(h);
+  }
+  kest_fini(h);
+  kest_close(h);
+}
+BENCHMARK(BM_IdleEmptyQueue);
+
+// The same with the host setting the clock: no gettimeofday, no garbage pass.
+void BM_IdleHostClock(benchmark::State &state) {
+  kest_host_use_libc();
+  const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
+  if (h < 0 || kest_init(h) != 0) {
+    state.SkipWithError("instance did not start");
+    return;
+  }
+  kest_clock_set_mode(h, 1);
+  kest_clock_set(h, 1000);
+  for (auto _ : state) {
+    kest_idle(h);
+  }
+  kest_fini(h);
+  kest_close(h);
+}
+BENCHMARK(BM_IdleHostClock);
+
+} // namespace
