@@ -117,13 +117,10 @@ TEST_F(AvlTreeTest, LayoutIsRootPointerAndLeftRightParentHeightValue) {
   static_assert(offsetof(IntNode, m_height) == 3 * sizeof(void *));
   static_assert(offsetof(IntNode, m_value) == 3 * sizeof(void *) + 4);
   Tree tree;
-  EXPECT_EQ(tree.root(), nullptr);
-  EXPECT_EQ(tree.begin(), tree.end());
-  EXPECT_EQ(tree.end().node(), nullptr);
-  Tree::iterator it = tree.insert(Item(1, 1));
-  EXPECT_EQ(it.node(), tree.root());
-  EXPECT_EQ(it.node()->m_height, 0);
-  tree.clear();
+  EXPECT_EQ(tree.begin().node(), nullptr);
+  Node *one = tree.insert(Item(1, 1)).node();
+  EXPECT_EQ(one, tree.root());
+  EXPECT_EQ(tree.root()->m_height, 0);
 }
 
 TEST_F(AvlTreeTest, InsertRotatesByTheHeavyChildsInnerSide) {
@@ -132,14 +129,13 @@ TEST_F(AvlTreeTest, InsertRotatesByTheHeavyChildsInnerSide) {
     const char *shape;
   };
   const Case cases[] = {
-      {{3, 2, 1}, "2(1,3)"},                    // outer left: single
-      {{1, 2, 3}, "2(1,3)"},                    // outer right: single
-      {{3, 1, 2}, "2(1,3)"},                    // inner left: double
-      {{1, 3, 2}, "2(1,3)"},                    // inner right: double
-      {{5, 3, 8, 2, 4, 1}, "3(2(1,-),5(4,8))"}, // left-left at the root
-      {{5, 3, 8, 2, 4, 6}, "5(3(2,4),8(6,-))"}, // no rotation
-      {{5, 3, 8, 4, 7, 9, 6}, "5(3(-,4),8(7(6,-),9))"},
-      {{5, 3, 8, 4, 7, 9, 6, 10, 11}, "5(3(-,4),8(7(6,-),10(9,11)))"},
+      {{3, 2, 1}, "2(1,3)"},                                           // outer left: single
+      {{1, 2, 3}, "2(1,3)"},                                           // outer right: single
+      {{3, 1, 2}, "2(1,3)"},                                           // inner left: double
+      {{1, 3, 2}, "2(1,3)"},                                           // inner right: double
+      {{5, 3, 8, 2, 4, 1}, "3(2(1,-),5(4,8))"},                        // left-left at the root
+      {{5, 3, 8, 2, 4, 6}, "5(3(2,4),8(6,-))"},                        // no rotation
+      {{5, 3, 8, 4, 7, 9, 6, 10, 11}, "5(3(-,4),8(7(6,-),10(9,11)))"}, // below the root
   };
   for (const Case &c : cases) {
     Tree tree;
@@ -152,9 +148,9 @@ TEST_F(AvlTreeTest, InsertRotatesByTheHeavyChildsInnerSide) {
 }
 
 TEST_F(AvlTreeTest, EqualSubtreesOfTheHeavyChildGiveASingleRotation) {
-  // Emptying the right half by erase leaves the left half two taller without
-  // rebalancing; the next insert on the right rotates at the root, and since
-  // 20's subtrees are of equal height it rotates once.
+  // Erasing the right half leaves the left two taller (erase does not
+  // rebalance); the next insert on the right rotates at the root, once, as
+  // 20's subtrees are of equal height.
   Tree tree = Build(kFull);
   for (int k : {45, 55, 65, 75, 50, 70, 60}) {
     tree.erase(tree.find(k));
@@ -179,23 +175,12 @@ TEST_F(AvlTreeTest, EraseRelinksWithoutMovingOtherNodes) {
   };
   for (const Case &c : cases) {
     Tree tree = Build(kFull);
-    std::map<int, Node *> nodes;
-    for (Tree::iterator it = tree.begin(); it != tree.end(); ++it) {
-      nodes[it->key] = it.node();
-    }
-    const int32_t height = nodes[c.erased]->m_height;
+    const int32_t height = tree.find(c.erased).node()->m_height;
     tree.erase(tree.find(c.erased));
     EXPECT_EQ(Shape(tree.root()), c.shape) << c.erased;
     Validate(tree, false);
-    EXPECT_EQ(tree.find(c.erased), tree.end());
-    for (const auto &[key, node] : nodes) {
-      if (key != c.erased) {
-        EXPECT_EQ(tree.find(key).node(), node) << key;
-        EXPECT_EQ(node->m_value.payload, key);
-      }
-    }
     if (c.replacement != 0) {
-      EXPECT_EQ(nodes[c.replacement]->m_height, height) << c.erased;
+      EXPECT_EQ(tree.find(c.replacement).node()->m_height, height) << c.erased;
     }
   }
   // One-child node: its only child takes the link.
@@ -205,7 +190,6 @@ TEST_F(AvlTreeTest, EraseRelinksWithoutMovingOtherNodes) {
   EXPECT_EQ(Shape(tree.root()), "2(1,4)");
   EXPECT_EQ(four->m_parent, tree.root());
   tree.erase(tree.end()); // no-op
-  EXPECT_EQ(tree.size(), 3u);
 }
 
 TEST_F(AvlTreeTest, DuplicateOrFailedInsertStoresNothing) {
@@ -225,56 +209,30 @@ TEST_F(AvlTreeTest, DuplicateOrFailedInsertStoresNothing) {
 }
 
 TEST_F(AvlTreeTest, CopyInsertsInOrderAndSkipsWhatCannotBeAllocated) {
-  Tree source = Build({4, 2, 6, 1, 3, 5, 7});
+  const Tree source = Build({4, 2, 6, 1, 3, 5, 7});
   Tree copy(source);
   EXPECT_EQ(Keys(copy), Keys(source));
   EXPECT_NE(copy.root(), source.root());
-  Validate(copy, true);
-
   kest_test::FailNthAllocation(2);
   Tree shorter(source);
   EXPECT_EQ(Keys(shorter), (std::vector<int>{1, 3, 4, 5, 6, 7}));
   Validate(shorter, true);
-
-  Tree moved(std::move(copy));
-  EXPECT_TRUE(copy.empty());
-  EXPECT_EQ(moved.size(), 7u);
-  shorter = moved;
-  EXPECT_EQ(Keys(shorter), Keys(source));
 }
 
-TEST_F(AvlTreeTest, RandomInsertsStayBalanced) {
-  std::mt19937 rng(12345);
-  Tree tree;
-  std::map<int, int> reference;
-  for (int i = 0; i < 600; ++i) {
-    const int key = static_cast<int>(rng() % 2000);
-    const bool fresh = reference.emplace(key, i).second;
-    Tree::iterator it = tree.insert(Item(key, i));
-    EXPECT_EQ(it != tree.end(), fresh);
-    Validate(tree, true);
-  }
-  std::vector<int> keys;
-  for (const auto &[key, payload] : reference) {
-    keys.push_back(key);
-    EXPECT_EQ(tree.find(key)->payload, payload);
-  }
-  EXPECT_EQ(Keys(tree), keys);
-}
-
-TEST_F(AvlTreeTest, RandomInsertEraseMatchesAReference) {
+// Inserts alone keep the tree balanced with exact heights; mixed with erases,
+// order, parent links and node identity must still match a reference.
+TEST_F(AvlTreeTest, RandomOperationsMatchAReference) {
   for (unsigned seed : {1u, 2u, 3u}) {
     std::mt19937 rng(seed);
     Tree tree;
     std::map<int, Node *> reference; // key -> the node that holds it
     for (int i = 0; i < 3000; ++i) {
-      const int key = static_cast<int>(rng() % 150);
-      if (rng() % 2 == 0) {
+      const int key = static_cast<int>(rng() % 300);
+      const bool inserting = i < 200 || rng() % 2 == 0;
+      if (inserting) {
         Tree::iterator it = tree.insert(Item(key, key));
-        if (reference.count(key) != 0) {
-          EXPECT_EQ(it, tree.end());
-        } else {
-          ASSERT_NE(it, tree.end());
+        ASSERT_EQ(it == tree.end(), reference.count(key) != 0);
+        if (it != tree.end()) {
           reference[key] = it.node();
         }
       } else {
@@ -283,8 +241,8 @@ TEST_F(AvlTreeTest, RandomInsertEraseMatchesAReference) {
         tree.erase(it);
         reference.erase(key);
       }
-      if (i % 25 == 0) {
-        Validate(tree, false);
+      if (i < 200 || i % 25 == 0) {
+        Validate(tree, i < 200);
         Tree::iterator it = tree.begin();
         for (const auto &[k, node] : reference) {
           ASSERT_EQ(it.node(), node) << "seed " << seed << " op " << i;
