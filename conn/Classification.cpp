@@ -4,6 +4,7 @@
 #include <kest/InterfaceBroker.h>
 #include <kest/ThreadSingleton.h>
 #include <new>
+#include <stddef.h>
 
 #include "flow/ReorderWindow.h"
 
@@ -68,7 +69,18 @@ void Classification::Release() {
   SingletonRelease<Classification>(l_instance);
 }
 
-Classification::Classification() : m_handlers() {}
+Classification::Classification() : m_handlers() {
+  // Plug-ins append to m_deferred in place: the field order is theirs too.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+  static_assert(offsetof(Classification, m_default_conn) == 0, "default connection first");
+  static_assert(offsetof(Classification, m_handlers) == sizeof(void *), "then the handler table");
+  static_assert(sizeof(Handler) == 2 * sizeof(void *), "a row is handler and owner");
+  static_assert(offsetof(Classification, m_deferred) ==
+                    offsetof(Classification, m_handlers) + kHandlerRows * sizeof(Handler),
+                "then the deferred list");
+#pragma GCC diagnostic pop
+}
 
 // Members then go in reverse: the (drained) list, the owners from the last
 // row to the first, the default connection.
