@@ -21,7 +21,7 @@ protected:
     *row = Open();
     EXPECT_EQ(kest_init(*row), 0);
     oru::Runtime::l_instance_id = *row;
-    EXPECT_TRUE(Conn::InitInstance() && Conn::InitThread());
+    kest_test::StartConnectionsIfNeeded();
     const uint64_t number = MakeBase()->m_number;
     oru::Runtime::l_instance_id = 0;
     EXPECT_EQ(kest_fini(*row), 0);

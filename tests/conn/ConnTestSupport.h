@@ -93,9 +93,18 @@ inline int RecordingCallback(kest_handle_t handle, kest_result_t *result, int co
   return recorder->result;
 }
 
-// kest_open does not yet start connections and kest_init not yet the
-// classification layer: the fixture does both, then registers the two
-// factories and `handler` on row 0 (selector 1).
+// Until the instance and thread start-ups bring up connections and the
+// classification layer, the tests do it after kest_init, on the calling
+// thread. The start-up made the classification object if it did its part.
+inline void StartConnectionsIfNeeded() {
+  if (oru::Classification::Peek() == nullptr) {
+    ASSERT_TRUE(oru::Conn::InitInstance());
+    ASSERT_TRUE(oru::Classification::Instance()->InitThread());
+  }
+}
+
+// One instance with the two factories registered and `handler` on row 0
+// (selector 1).
 class ClassificationFixture : public InstanceFixture {
 protected:
   void SetUp() override {
@@ -104,9 +113,8 @@ protected:
     ASSERT_GT(h, 0);
     ASSERT_EQ(kest_init(h), 0);
     oru::Runtime::l_instance_id = h;
-    ASSERT_TRUE(oru::Conn::InitInstance());
+    StartConnectionsIfNeeded();
     classification = oru::Classification::Instance();
-    ASSERT_TRUE(classification->InitThread());
     oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
     ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_TCP, oru::INTERFACE_CONN_FACTORY, &tcp));
     ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_UDP, oru::INTERFACE_CONN_FACTORY, &udp));
