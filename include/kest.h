@@ -287,35 +287,51 @@ KEST_EXPORT int kest_classify(kest_handle_t handle, int selector, const void *da
                               kest_classify_callback_t callback, void *user);
 
 /**
- * [planned] Classifies one packet of form 1 and stores the application index
- * of each result in *app (a later result overwrites an earlier one). Never
- * destroys a connection. Errors as kest_classify().
+ * Classifies one packet as kest_classify() with KEST_SELECTOR_FORM_1, no
+ * connection and side 0, and stores the application index of each result in
+ * *app: a deferred result overwrites the packet's. Never destroys a
+ * connection. app is the user word of attribute listeners too; with NULL
+ * nothing is stored. Thread context required. Returns 0, or -1 with
+ * kest_errno as kest_classify():
+ *   KEST_EINVAL  bad handle, no context, NULL data, zero length;
+ *   otherwise what the plug-in left (often 0) when no result was produced.
  */
 KEST_EXPORT int kest_classify_simple(kest_handle_t handle, const void *data, uint16_t length,
                                      int *app);
 
 /* ------------------------------------------------------------------------ */
-/* Connections and application stacks [planned]                              */
+/* Connections and application stacks                                        */
 /* ------------------------------------------------------------------------ */
 
 /**
- * [planned] Makes a connection for the calling thread through the TCP (6) or
- * UDP (17) plug-in's factory. Both endpoints must be given and of the same
- * family (1 or 2). Stores it in *conn (not checked). Returns 0, or -1 with:
- *   KEST_EINVAL bad handle, no context, bad endpoints;
- *   KEST_EPROTONOSUPPORT another protocol;  KEST_ENOBUFS no connection made.
+ * Makes a connection for the calling thread through the connection factory of
+ * the TCP (protocol 6) or UDP (17) plug-in, from the two endpoints (ports in
+ * network order) and the protocol. Both endpoints must be given and have the
+ * same family, KEST_FAMILY_IPV4 or KEST_FAMILY_IPV6. Stores the connection in
+ * *conn, which is not checked. Thread context required. Returns 0, or -1 with
+ * kest_errno, and then no connection exists:
+ *   KEST_EINVAL          bad handle, no context, a NULL endpoint, families
+ *                        that differ or are neither 1 nor 2;
+ *   KEST_EPROTONOSUPPORT a protocol other than 6 and 17;
+ *   KEST_ENOBUFS         no plug-in offers the factory, or it made nothing.
  */
 KEST_EXPORT int kest_conn_create(kest_handle_t handle, const kest_endpoint_t *src,
                                  const kest_endpoint_t *dst, uint8_t protocol, kest_conn_t *conn);
 
-/** [planned] Destroys a connection through its plug-in's factory. Returns 0
- * (also with KEST_EPROTONOSUPPORT left for an unknown protocol), or -1 with
- * KEST_EINVAL for a bad handle, no context or a NULL connection. */
+/** Destroys a connection through its plug-in's factory; nothing happens when
+ * no plug-in offers the factory. Thread context required. Returns 0, also
+ * when the connection is of neither TCP nor UDP (kest_errno then holds
+ * KEST_EPROTONOSUPPORT), or -1 with KEST_EINVAL for a bad handle, no context
+ * or a NULL connection. */
 KEST_EXPORT int kest_conn_destroy(kest_handle_t handle, kest_conn_t conn);
 
-/** [planned] Fills the endpoints of the connection last handled on this thread,
- * which must have number conn_id (so: inside a callback). Returns 0, or -1
- * with KEST_EINVAL. */
+/** Fills *src and *dst with the endpoints of the connection last handled on
+ * this thread, which must have number conn_id (so: inside a callback). Each
+ * family follows from its own address: one whose first 12 bytes are zero and
+ * last 4 are not reads as IPv4 (so ::1 comes back as 0.0.0.1), everything
+ * else as IPv6 (so does an all-zero address). Ports in network order. Thread
+ * context required. Returns 0, or -1 with KEST_EINVAL: bad handle, no
+ * context, no active connection or another number, a NULL record. */
 KEST_EXPORT int kest_endpoint_get(kest_handle_t handle, kest_conn_id_t conn_id,
                                   kest_endpoint_t *src, kest_endpoint_t *dst);
 
@@ -327,60 +343,79 @@ KEST_EXPORT int kest_endpoint_get(kest_handle_t handle, kest_conn_id_t conn_id,
 #define KEST_POLICY_ATTRIBUTES 8
 #define KEST_POLICY_TUNNELS 16
 
-/** [planned] Switches features off for the active connection conn_id.
- * flags below 32. Returns 0, or -1 with KEST_EINVAL. There is no enabling
- * call. */
+/** Switches features off for the active connection conn_id (see
+ * kest_endpoint_get()): KEST_POLICY_ALL switches off all of them, whatever
+ * else is given. There is no call that switches them on again. Thread context
+ * required. Returns 0, or -1 with KEST_EINVAL: bad handle, no context, not
+ * the active connection, flags of 32 or more. */
 KEST_EXPORT int kest_conn_policy_flags_disable(kest_handle_t handle, kest_conn_id_t conn_id,
                                                unsigned flags);
 
-/** [planned] Stores in *flags what has been found or done on the active
- * connection conn_id, as host flags. Returns 0, or -1 with KEST_EINVAL. */
+/** Stores in *flags (not checked) what has been found or done on the active
+ * connection conn_id, as KEST_POLICY_* flags; KEST_POLICY_ALL stands for
+ * anything at all, so a new connection reports 1. Thread context required.
+ * Returns 0, or -1 with KEST_EINVAL: bad handle, no context, not the active
+ * connection. */
 KEST_EXPORT int kest_conn_status_flags_get(kest_handle_t handle, kest_conn_id_t conn_id,
                                            unsigned *flags);
 
-/** [planned] The application index of a result; stores a confidence (100 or
- * 50) in *confidence when it is not NULL. Returns -1 with KEST_EINVAL on a bad
- * handle or no context. */
+/** The application index of a result. When confidence is not NULL, stores
+ * 100 there, or 50 when the top of the stack is TCP or UDP and differs from
+ * the application index. Thread context required. Returns the index, or -1
+ * with KEST_EINVAL: bad handle, no context, NULL result. */
 KEST_EXPORT int kest_app_get(kest_handle_t handle, kest_result_t *result, int *confidence);
 
 /* Walking calls: no error checks, the handle is not examined. The moving ones
  * return the cursor they were given. */
-/** [planned] Current becomes the lowest protocol, or the end. */
+/** Current becomes the lowest protocol; on an empty stack the end. */
 KEST_EXPORT kest_result_t *kest_proto_first(kest_handle_t handle, kest_result_t *result);
-/** [planned] Current becomes the highest protocol, or the end. */
+/** Current becomes the highest protocol; on an empty stack the end. */
 KEST_EXPORT kest_result_t *kest_proto_top(kest_handle_t handle, kest_result_t *result);
-/** [planned] One entry up; from the highest, the end; at the end, stays. */
+/** One entry up; from the highest, the end; at the end, stays. */
 KEST_EXPORT kest_result_t *kest_proto_next(kest_handle_t handle, kest_result_t *result);
-/** [planned] One entry down; from the lowest, the end; at the end, stays. */
+/** One entry down; from the lowest, the end; at the end, stays. */
 KEST_EXPORT kest_result_t *kest_proto_prev(kest_handle_t handle, kest_result_t *result);
-/** [planned] 1 if current is an entry, 0 at the end. */
+/** 1 if current is an entry, 0 at the end. */
 KEST_EXPORT int kest_proto_valid(kest_handle_t handle, kest_result_t *result);
-/** [planned] Current becomes the lowest entry with that protocol index, or the
- * end. */
+/** Current becomes the lowest entry with that protocol index, or the end. */
 KEST_EXPORT kest_result_t *kest_proto_find(kest_handle_t handle, kest_result_t *result,
                                            int index);
 
 /* ------------------------------------------------------------------------ */
-/* Protocols [planned]                                                       */
+/* Protocols                                                                 */
 /* ------------------------------------------------------------------------ */
 
-/** [planned] Protocol index of the cursor's entry; -1 with KEST_EINVAL at the
- * end or on a bad handle. */
+/** Protocol index of the cursor's current entry. Any thread. Returns the
+ * index, or -1 with KEST_EINVAL: bad handle, NULL result, cursor at the end.
+ */
 KEST_EXPORT int kest_proto_get_index(kest_handle_t handle, kest_result_t *result);
 
-/** [planned] Copies the name of protocol index into buf (cut to size - 1
- * characters) and returns buf; NULL for an unknown index, size 0, or a bad
- * handle (KEST_EINVAL). */
+/** Copies the name of protocol index into buf, cut to size - 1 characters
+ * and always terminated, and returns buf. Needs no thread context, but must
+ * not overlap a kest_proto_set_index(), kest_proto_add() or
+ * kest_proto_remove() of the instance on another thread. NULL without an
+ * error for an index that names no protocol; NULL with KEST_EINVAL for a bad
+ * handle, a NULL buf or a size below 1. */
 KEST_EXPORT char *kest_proto_get_name(kest_handle_t handle, int index, char *buf, int size);
 
-/** [planned] Index of a protocol name, or -1 when unknown (no error). */
+/** Index of a protocol name (exact, case included). Any thread. Returns the
+ * index; -1 without an error for a name without one; -1 with KEST_EINVAL for
+ * a bad handle or a NULL name. */
 KEST_EXPORT int kest_proto_find_index(kest_handle_t handle, const char *name);
 
-/** [planned] Highest protocol index in use, 0 if none. */
+/** Highest protocol index in use, 0 if none. Any thread. -1 with KEST_EINVAL
+ * for a bad handle. */
 KEST_EXPORT int kest_proto_max_index(kest_handle_t handle);
 
-/** [planned] Moves a protocol to another index; only while no thread has a
- * context. Returns 0, or -1 with the registry's error. */
+/** Moves a protocol to another index, so that a host can fix the numbers
+ * whatever the plug-ins: only after kest_open() and while no thread has a
+ * context. An index that another protocol holds is taken over: both names
+ * then give that index, and the index gives this name. Returns 0, or -1 with
+ * kest_errno:
+ *   KEST_EINVAL  bad handle, NULL name, index below 1, a name without index;
+ *   KEST_EBUSY   a thread has gone through kest_init() since the last
+ *                kest_fini() (or the instance is still opening);
+ *   out of memory: KEST_ENOMEM, or kest_errno left at 0. */
 KEST_EXPORT int kest_proto_set_index(kest_handle_t handle, const char *name, int index);
 
 /* ------------------------------------------------------------------------ */
