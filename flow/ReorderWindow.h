@@ -33,7 +33,8 @@ public:
   // Instance start-up: the default "7500", then the validator.
   static bool InitInstance();
   // Thread start-up: this thread's observer, its subscription and the cell's
-  // first value. False without memory; nothing is left behind then.
+  // first value. False without memory, or when the key already has a
+  // subscriber on this thread; nothing is left behind then.
   static bool InitThread();
   // Thread exit: drops the subscription and the observer. Safe on a thread
   // whose start-up failed or that has already left.
