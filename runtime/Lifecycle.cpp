@@ -2,13 +2,16 @@
 // entries that unwinds in reverse when a step fails; a subsystem's entry sits at
 // its place in the list, and the lists stay valid for any subset of entries.
 #include <kest.h>
+#include <kest/Classification.h>
 #include <kest/Clock.h>
 #include <kest/Configuration.h>
+#include <kest/Conn.h>
 #include <kest/Error.h>
 #include <kest/InterfaceBroker.h>
 #include <kest/Runtime.h>
 #include <kest/SyncEventQueue.h>
 
+#include "flow/ReorderWindow.h"
 #include "runtime/ApiFrame.h"
 #include "runtime/ApiSlots.h"
 #include "runtime/HookTable.h"
@@ -75,6 +78,10 @@ int InstanceStartup(const char * /*plugin_dir*/) {
   // 9. Attribute manager.
   // 10. Connections, flow buffer defaults, then the plug-in manager, which
   //     loads the plug-ins and runs their instance start-up.
+  if (!Conn::InitInstance() || !ReorderWindow::InitInstance()) {
+    UnwindInstance(10, row);
+    return 0;
+  }
 
   // 11.
   InstanceTable::SetState(row, INST_OPEN);
@@ -98,13 +105,18 @@ void ReleaseThreadObjects() {
   Configuration::Release();
   // attribute manager
   InterfaceBroker::Release();
-  // classification, plug-in manager, custom apps
+  Classification::Release();
+  // plug-in manager, custom apps
 }
 
 // Undoes a thread start-up that failed at step 4 or later, then releases the
 // per-thread objects.
 void UnwindThread() {
-  // Plug-in manager, classification, attribute manager.
+  // Plug-in manager.
+  if (Classification *classification = Classification::Peek()) {
+    classification->ExitThread();
+  }
+  // Attribute manager.
   if (Configuration *config = Configuration::Peek()) {
     config->ExitThread();
   }
@@ -124,7 +136,8 @@ bool ThreadStartup() {
   //    attribute manager, classification, plug-in manager, custom apps.
   SyncEventQueue *queue = SyncEventQueue::Instance();
   Configuration *config = Configuration::Instance();
-  if (queue == nullptr || config == nullptr || InterfaceBroker::Instance() == nullptr) {
+  if (queue == nullptr || config == nullptr || InterfaceBroker::Instance() == nullptr ||
+      Classification::Instance() == nullptr) {
     ReleaseThreadObjects();
     return false;
   }
@@ -138,6 +151,10 @@ bool ThreadStartup() {
   }
   // 6. Attribute manager.
   // 7. Classification.
+  if (!Classification::Instance()->InitThread()) {
+    UnwindThread();
+    return false;
+  }
   // 8. Plug-in manager.
   // 9. Custom applications.
   return true;
@@ -152,12 +169,17 @@ void ThreadTeardown() {
   if (SyncEventQueue *queue = SyncEventQueue::Peek()) {
     queue->Leave();
   }
-  // Plug-in manager, classification, attribute manager.
+  // Plug-in manager.
+  if (Classification *classification = Classification::Peek()) {
+    classification->ExitThread();
+  }
+  // Attribute manager.
   if (Configuration *config = Configuration::Peek()) {
     config->ExitThread();
   }
   // Then the per-thread objects: custom apps, plug-in manager,
-  // classification, attribute manager,
+  Classification::Release();
+  // attribute manager,
   InterfaceBroker::Release();
   Configuration::Release();
   SyncEventQueue::Release();
