@@ -1,0 +1,309 @@
+// The protocol registry through the host calls and the SDK, on an open
+// instance. Registration while an instance opens is covered by the internal
+// test, which can hold an instance in that state.
+#include "InstanceFixture.h"
+#include "TestHooks.h"
+
+#include <kest/Configuration.h>
+#include <kest/ProtocolRegistry.h>
+
+#include <string>
+
+namespace {
+
+using oru::ProtocolRegistry;
+
+class ProtocolRegistryTest : public kest_test::InstanceFixture {
+protected:
+  void SetUp() override {
+    InstanceFixture::SetUp();
+    h = Open();
+    ASSERT_GT(h, 0);
+    oru::Runtime::l_instance_id = h;
+    // Whatever an earlier instance of this row left is gone, as after a
+    // fresh start.
+    ProtocolRegistry::ExitInstance();
+    ASSERT_TRUE(ProtocolRegistry::InitInstance());
+  }
+  void TearDown() override {
+    oru::Runtime::l_instance_id = h;
+    ProtocolRegistry::ExitInstance();
+    oru::Runtime::l_instance_id = 0;
+    InstanceFixture::TearDown();
+  }
+
+  int Add(const char *name, int index = 0) { return ProtocolRegistry::AddProtocol(name, index); }
+
+  // The name of an index through the host call, or "(null)".
+  std::string Name(int index) {
+    char buffer[64];
+    const char *name = kest_proto_get_name(h, index, buffer, sizeof(buffer));
+    return name != nullptr ? name : "(null)";
+  }
+
+  std::string Item(const char *key) { return oru::Configuration::GetItem(key).c_str(); }
+
+  kest_handle_t h = -1;
+};
+
+TEST_F(ProtocolRegistryTest, FreshInstanceKnowsNoProtocol) {
+  EXPECT_EQ(kest_proto_max_index(h), 0);
+  EXPECT_EQ(kest_proto_find_index(h, "TCP"), -1);
+  EXPECT_EQ(kest_errno, 0);
+  char buffer[8] = "x";
+  EXPECT_EQ(kest_proto_get_name(h, 1, buffer, sizeof(buffer)), nullptr);
+  EXPECT_EQ(kest_errno, 0);
+  EXPECT_EQ(oru::GetProtocolId("TCP"), 0);
+}
+
+TEST_F(ProtocolRegistryTest, RegistrationOnceOpenDoesNothing) {
+  oru::RegisterProtocol("TCP");
+  EXPECT_EQ(oru::GetProtocolId("TCP"), 0);
+  EXPECT_EQ(Item("guid.TCP"), "");
+  EXPECT_EQ(kest_proto_max_index(h), 0);
+
+  // Nor once a thread has a context.
+  ASSERT_NE(Add("TCP"), 0);
+  ASSERT_NE(Add("UDP"), 0);
+  oru::Runtime::l_instance_id = 0;
+  ASSERT_EQ(kest_init(h), 0);
+  oru::Runtime::l_instance_id = h;
+  oru::RegisterProtocol("HTTP");
+  EXPECT_EQ(oru::GetProtocolId("HTTP"), 0);
+}
+
+TEST_F(ProtocolRegistryTest, AddCountsOnAndRefusesANameWithAnIndex) {
+  EXPECT_EQ(Add("A"), 1);
+  EXPECT_EQ(Add("B"), 2);
+  EXPECT_EQ(Item("guid.A"), "1");
+  EXPECT_EQ(Item("guid.B"), "2");
+  EXPECT_EQ(kest_proto_find_index(h, "B"), 2);
+  EXPECT_EQ(kest_proto_find_index(h, "b"), -1); // exact, case included
+  for (int wanted : {0, 9}) {
+    kest_errno = 0;
+    EXPECT_EQ(Add("A", wanted), 0);
+    EXPECT_EQ(kest_errno, KEST_EEXIST);
+  }
+  EXPECT_EQ(oru::GetProtocolId("A"), 1);
+  EXPECT_EQ(Name(1), "A");
+  EXPECT_EQ(kest_proto_max_index(h), 2);
+}
+
+TEST_F(ProtocolRegistryTest, WantedIndexThatIsTakenKeepsItsName) {
+  EXPECT_EQ(Add("X", 5), 5);
+  EXPECT_EQ(Add("Y", 5), 5);
+  EXPECT_EQ(oru::GetProtocolId("Y"), 5);
+  EXPECT_EQ(Name(5), "X");
+  // A wanted index does not move the count.
+  EXPECT_EQ(Add("Z"), 1);
+  EXPECT_EQ(kest_proto_max_index(h), 5);
+}
+
+TEST_F(ProtocolRegistryTest, RemoveLeavesAnEmptyItemAndAddGivesANewNumber) {
+  ASSERT_EQ(Add("A"), 1);
+  ASSERT_EQ(Add("B"), 2);
+  EXPECT_TRUE(ProtocolRegistry::RemoveProtocol("A"));
+  EXPECT_EQ(kest_proto_find_index(h, "A"), -1);
+  EXPECT_EQ(Name(1), "(null)");
+  // The item is still there, with an empty value.
+  char buffer[8];
+  EXPECT_EQ(kest_config_get(h, "guid.A", buffer, sizeof(buffer)), -1);
+  kest_test::TakeDiag();
+  EXPECT_EQ(kest_config_dump(h), 0);
+  EXPECT_NE(kest_test::TakeDiag().find(": guid.A = \n"), std::string::npos);
+
+  EXPECT_FALSE(ProtocolRegistry::RemoveProtocol("A"));
+  EXPECT_FALSE(ProtocolRegistry::RemoveProtocol("never"));
+  // The count does not go back.
+  EXPECT_EQ(Add("A"), 3);
+  EXPECT_EQ(Name(3), "A");
+  EXPECT_EQ(Name(2), "B");
+}
+
+TEST_F(ProtocolRegistryTest, SetIndexOntoATakenIndexSharesIt) {
+  ASSERT_EQ(Add("A"), 1);
+  ASSERT_EQ(Add("B"), 2);
+  EXPECT_EQ(kest_proto_set_index(h, "B", 1), 0);
+  EXPECT_EQ(kest_proto_find_index(h, "A"), 1);
+  EXPECT_EQ(kest_proto_find_index(h, "B"), 1);
+  EXPECT_EQ(Name(1), "B");
+  EXPECT_EQ(Name(2), "(null)");
+  EXPECT_EQ(kest_proto_max_index(h), 1);
+
+  // Removing A leaves the entry of index 1 to B, whose name it carries.
+  EXPECT_TRUE(ProtocolRegistry::RemoveProtocol("A"));
+  EXPECT_EQ(Name(1), "B");
+  EXPECT_EQ(kest_proto_find_index(h, "B"), 1);
+}
+
+TEST_F(ProtocolRegistryTest, AddAfterSetIndexSkipsThePlacedNumber) {
+  ASSERT_EQ(Add("A"), 1);
+  ASSERT_EQ(Add("B"), 2);
+  ASSERT_EQ(kest_proto_set_index(h, "B", 3), 0);
+  EXPECT_EQ(Add("C"), 4);
+  EXPECT_EQ(Name(2), "(null)");
+  EXPECT_EQ(Name(3), "B");
+  EXPECT_EQ(kest_proto_max_index(h), 4);
+
+  // To its own index: a no-op that still succeeds.
+  EXPECT_EQ(kest_proto_set_index(h, "C", 4), 0);
+  EXPECT_EQ(Name(4), "C");
+
+  // Far above the others.
+  ASSERT_EQ(kest_proto_set_index(h, "A", 40), 0);
+  EXPECT_EQ(kest_proto_max_index(h), 40);
+  EXPECT_TRUE(ProtocolRegistry::RemoveProtocol("A"));
+  EXPECT_EQ(kest_proto_max_index(h), 4);
+}
+
+TEST_F(ProtocolRegistryTest, SetIndexRefusals) {
+  ASSERT_EQ(Add("A"), 1);
+  struct Case {
+    const char *name;
+    int index;
+    int error;
+  } cases[] = {
+      {"Q", 5, KEST_EINVAL},     // unknown name
+      {"A", 0, KEST_EINVAL},     // below 1
+      {"A", -4, KEST_EINVAL},    // below 1
+      {nullptr, 2, KEST_EINVAL}, // no name
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.index);
+    EXPECT_EQ(kest_proto_set_index(h, c.name, c.index), -1);
+    EXPECT_EQ(kest_errno, c.error);
+  }
+  EXPECT_EQ(kest_proto_set_index(0, "A", 2), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(oru::GetProtocolId("A"), 1);
+  EXPECT_EQ(oru::GetProtocolId("Q"), 0);
+
+  // While a thread has a context the state refuses before the arguments are
+  // looked at; after kest_fini it allows again.
+  ASSERT_NE(Add("TCP"), 0);
+  ASSERT_NE(Add("UDP"), 0);
+  oru::Runtime::l_instance_id = 0;
+  ASSERT_EQ(kest_init(h), 0);
+  for (int index : {7, 0}) {
+    EXPECT_EQ(kest_proto_set_index(h, "A", index), -1);
+    EXPECT_EQ(kest_errno, KEST_EBUSY);
+  }
+  ASSERT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_proto_set_index(h, "A", 7), 0);
+  oru::Runtime::l_instance_id = h;
+  EXPECT_EQ(oru::GetProtocolId("A"), 7);
+}
+
+TEST_F(ProtocolRegistryTest, GetNameCutsAndTerminates) {
+  ASSERT_EQ(Add("HTTP"), 1);
+  struct Case {
+    int size;
+    const char *expected;
+  } cases[] = {{1, ""}, {3, "HT"}, {5, "HTTP"}, {16, "HTTP"}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.size);
+    char buffer[16];
+    for (char &b : buffer) {
+      b = 'x';
+    }
+    EXPECT_EQ(kest_proto_get_name(h, 1, buffer, c.size), buffer);
+    EXPECT_STREQ(buffer, c.expected);
+  }
+  char buffer[4];
+  for (int size : {0, -1}) {
+    EXPECT_EQ(kest_proto_get_name(h, 1, buffer, size), nullptr);
+    EXPECT_EQ(kest_errno, KEST_EINVAL);
+  }
+  EXPECT_EQ(kest_proto_get_name(h, 1, nullptr, 4), nullptr);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(kest_proto_get_name(h, 0, buffer, 4), nullptr);
+  EXPECT_EQ(kest_errno, 0);
+}
+
+TEST_F(ProtocolRegistryTest, InstanceStartCountsFromOneAgainAndEndForgetsNames) {
+  ASSERT_EQ(Add("A"), 1);
+  ProtocolRegistry::ExitInstance();
+  EXPECT_EQ(kest_proto_max_index(h), 0);
+  EXPECT_EQ(Name(1), "(null)");
+  ASSERT_TRUE(ProtocolRegistry::InitInstance());
+  EXPECT_EQ(Add("B"), 1);
+}
+
+// The thread start-up check of "TCP" and "UDP"; kest_init may run it itself,
+// so the thread's result is not looked at here, only the check's.
+TEST_F(ProtocolRegistryTest, ThreadCheckWantsTcpAndUdp) {
+  struct Case {
+    const char *add;
+    bool ok;
+  } cases[] = {{nullptr, false}, {"TCP", false}, {"UDP", true}};
+  oru::Runtime::l_instance_id = 0;
+  kest_init(h);
+  ASSERT_NE(oru::t_thread_base[h], nullptr);
+  oru::Runtime::l_instance_id = h;
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.add != nullptr ? c.add : "none");
+    if (c.add != nullptr) {
+      ASSERT_NE(Add(c.add), 0);
+    }
+    kest_errno = 0;
+    EXPECT_EQ(ProtocolRegistry::InitThread(), c.ok);
+    EXPECT_EQ(kest_errno, c.ok ? 0 : KEST_EPROTO);
+  }
+}
+
+// Every allocation of an add fails once in turn: the add either gives the
+// number, which then holds in the store, or gives 0 and leaves the name
+// without a number.
+TEST_F(ProtocolRegistryTest, AddUnderAllocationFailure) {
+  kest_test::ResetCounts();
+  ASSERT_NE(Add("probe"), 0);
+  const long allocations = kest_test::AllocationCount();
+  ASSERT_GT(allocations, 0);
+  for (long n = 1; n <= allocations; ++n) {
+    SCOPED_TRACE(n);
+    const std::string name = "p" + std::to_string(n);
+    kest_errno = 0;
+    kest_test::FailNthAllocation(n);
+    const int index = Add(name.c_str());
+    kest_test::FailNthAllocation(0);
+    if (index == 0) {
+      EXPECT_EQ(oru::GetProtocolId(name.c_str()), 0);
+      const int again = Add(name.c_str());
+      EXPECT_EQ(again, kest_proto_max_index(h));
+    } else {
+      EXPECT_EQ(oru::GetProtocolId(name.c_str()), index);
+    }
+  }
+}
+
+// The same for a move: it either happens or the old number stands. A store
+// that cannot copy the new value in place keeps an empty one, and the name
+// then has no number at all.
+TEST_F(ProtocolRegistryTest, SetIndexUnderAllocationFailure) {
+  ASSERT_EQ(Add("A"), 1);
+  kest_test::ResetCounts();
+  ASSERT_TRUE(ProtocolRegistry::SetIndex("A", 2));
+  const long allocations = kest_test::AllocationCount();
+  ASSERT_GT(allocations, 0);
+  for (long n = 1; n <= allocations; ++n) {
+    SCOPED_TRACE(n);
+    const std::string name = "m" + std::to_string(n);
+    const int from = Add(name.c_str());
+    ASSERT_NE(from, 0);
+    const int to = from + 100;
+    kest_test::FailNthAllocation(n);
+    const bool moved = ProtocolRegistry::SetIndex(name.c_str(), to);
+    kest_test::FailNthAllocation(0);
+    const int now = oru::GetProtocolId(name.c_str());
+    if (moved) {
+      EXPECT_TRUE(now == to || now == 0) << now;
+      EXPECT_EQ(Name(from), "(null)");
+    } else {
+      EXPECT_EQ(now, from);
+      EXPECT_EQ(Name(from), name);
+      EXPECT_EQ(Name(to), "(null)");
+    }
+  }
+}
+
+} // namespace
