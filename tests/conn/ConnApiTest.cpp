@@ -1,0 +1,496 @@
+#include "ConnTestSupport.h"
+
+#include <kest/ProtocolRegistry.h>
+
+#include <cstring>
+#include <utility>
+
+namespace {
+
+using kest_test::TestClassify;
+using kest_test::TestConn;
+using kest_test::TestFactory;
+using oru::AppEntry;
+using oru::AppStack;
+using oru::Conn;
+using oru::ProtocolRegistry;
+
+// One instance that knows TCP (1), UDP (2) and HTTP (3), with a thread
+// context and connections started on the test thread. The factories are
+// registered by the tests that want them.
+class ConnApiTest : public kest_test::InstanceFixture {
+protected:
+  void SetUp() override {
+    InstanceFixture::SetUp();
+    h = Open();
+    ASSERT_GT(h, 0);
+    oru::Runtime::l_instance_id = h;
+    ProtocolRegistry::ExitInstance();
+    ASSERT_TRUE(ProtocolRegistry::InitInstance());
+    ASSERT_EQ(ProtocolRegistry::AddProtocol("TCP", 0), kTcp);
+    ASSERT_EQ(ProtocolRegistry::AddProtocol("UDP", 0), kUdp);
+    ASSERT_EQ(ProtocolRegistry::AddProtocol("HTTP", 0), kHttp);
+    oru::Runtime::l_instance_id = 0;
+    ASSERT_EQ(kest_init(h), 0);
+    oru::Runtime::l_instance_id = h;
+    ASSERT_TRUE(ProtocolRegistry::InitThread());
+    kest_test::StartConnectionsIfNeeded();
+  }
+  void TearDown() override {
+    oru::Runtime::l_instance_id = h;
+    if (oru::Classification::Peek() != nullptr) {
+      oru::Classification::Peek()->ExitThread();
+      oru::Classification::Release();
+    }
+    held.clear();
+    tcp.m_table.clear();
+    udp.m_table.clear();
+    ProtocolRegistry::ExitInstance();
+    oru::Runtime::l_instance_id = 0;
+    InstanceFixture::TearDown();
+  }
+
+  void RegisterFactories() {
+    oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+    ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_TCP, oru::INTERFACE_CONN_FACTORY, &tcp));
+    ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_UDP, oru::INTERFACE_CONN_FACTORY, &udp));
+  }
+
+  // A connection held by the test, made the thread's active one.
+  Conn *ActiveConn() {
+    held.push_back(TestConn::Make(6));
+    Conn *conn = held.back().get();
+    conn->Touch();
+    return conn;
+  }
+
+  static constexpr int kTcp = 1;
+  static constexpr int kUdp = 2;
+  static constexpr int kHttp = 3;
+
+  kest_handle_t h = -1;
+  TestFactory tcp, udp;
+  std::vector<kest_test::ConnPtr> held;
+};
+
+kest_endpoint_t V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint8_t port_hi, uint8_t port_lo) {
+  kest_endpoint_t e{};
+  e.family = KEST_FAMILY_IPV4;
+  e.address[0] = a;
+  e.address[1] = b;
+  e.address[2] = c;
+  e.address[3] = d;
+  reinterpret_cast<uint8_t *>(&e.port)[0] = port_hi;
+  reinterpret_cast<uint8_t *>(&e.port)[1] = port_lo;
+  return e;
+}
+
+kest_endpoint_t V6(std::initializer_list<uint8_t> bytes, uint8_t port_hi, uint8_t port_lo) {
+  kest_endpoint_t e{};
+  e.family = KEST_FAMILY_IPV6;
+  int i = 0;
+  for (uint8_t b : bytes) {
+    e.address[i++] = b;
+  }
+  reinterpret_cast<uint8_t *>(&e.port)[0] = port_hi;
+  reinterpret_cast<uint8_t *>(&e.port)[1] = port_lo;
+  return e;
+}
+
+kest_endpoint_t WithFamily(kest_endpoint_t e, uint8_t family) {
+  e.family = family;
+  return e;
+}
+
+TEST_F(ConnApiTest, CreateRefusals) {
+  const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
+  const kest_endpoint_t v6 = V6({0x20, 0x01, 0x0d, 0xb8}, 0, 80);
+  const kest_endpoint_t v3 = WithFamily(v4, 3);
+  const kest_endpoint_t v0 = WithFamily(v4, 0);
+  struct Case {
+    const char *what;
+    const kest_endpoint_t *src;
+    const kest_endpoint_t *dst;
+    uint8_t protocol;
+    int error;
+  } cases[] = {
+      {"no source", nullptr, &v4, 6, KEST_EINVAL},
+      {"no destination", &v4, nullptr, 6, KEST_EINVAL},
+      {"families differ", &v4, &v6, 6, KEST_EINVAL},
+      {"family 3", &v3, &v3, 6, KEST_EINVAL},
+      {"family unset", &v0, &v0, 17, KEST_EINVAL},
+      {"SCTP", &v4, &v4, 132, KEST_EPROTONOSUPPORT},
+      {"TCP without its plug-in", &v4, &v4, 6, KEST_ENOBUFS},
+      {"UDP without its plug-in", &v6, &v6, 17, KEST_ENOBUFS},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    int marker = 0;
+    kest_conn_t conn = &marker;
+    EXPECT_EQ(kest_conn_create(h, c.src, c.dst, c.protocol, &conn), -1);
+    EXPECT_EQ(kest_errno, c.error);
+    EXPECT_EQ(conn, &marker);
+  }
+}
+
+TEST_F(ConnApiTest, EveryFramedCallRefusesABadHandleOrAThreadWithoutContext) {
+  oru::Runtime::l_instance_id = 0;
+  const kest_handle_t no_context = Open();
+  ASSERT_GT(no_context, 0);
+  const kest_handle_t unopened = no_context + 1;
+  kest_result_t cursor{};
+  kest_endpoint_t e = V4(192, 0, 2, 1, 0, 80);
+  kest_conn_t conn = nullptr;
+  unsigned flags = 0;
+  char buffer[8];
+  struct Case {
+    const char *call;
+    bool needs_context;
+    int (*run)(kest_handle_t, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *,
+               char *);
+  } cases[] = {
+      {"create", true,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *c, unsigned *,
+          char *) { return kest_conn_create(hh, e, e, 6, c); }},
+      {"destroy", true,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *, unsigned *,
+          char *) { return kest_conn_destroy(hh, e); }},
+      {"endpoint", true,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *, unsigned *,
+          char *) { return kest_endpoint_get(hh, 0, e, e); }},
+      {"policy", true,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
+         return kest_conn_policy_flags_disable(hh, 0, 1);
+       }},
+      {"status", true,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *f,
+          char *) { return kest_conn_status_flags_get(hh, 0, f); }},
+      {"app", true,
+       [](kest_handle_t hh, kest_result_t *r, kest_endpoint_t *, kest_conn_t *, unsigned *,
+          char *) { return kest_app_get(hh, r, nullptr); }},
+      {"simple", true,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *, unsigned *,
+          char *) {
+         int app = 0;
+         return kest_classify_simple(hh, e, 1, &app);
+       }},
+      {"index", false,
+       [](kest_handle_t hh, kest_result_t *r, kest_endpoint_t *, kest_conn_t *, unsigned *,
+          char *) { return kest_proto_get_index(hh, r); }},
+      {"name", false,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *,
+          char *b) { return kest_proto_get_name(hh, 1, b, 8) != nullptr ? 0 : -1; }},
+      {"find index", false,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
+         return kest_proto_find_index(hh, "TCP");
+       }},
+      {"max index", false,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
+         return kest_proto_max_index(hh);
+       }},
+      {"set index", false,
+       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
+         return kest_proto_set_index(hh, "TCP", 4);
+       }},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.call);
+    for (kest_handle_t bad : {0, 32, -1, unopened}) {
+      kest_errno = 0;
+      EXPECT_EQ(c.run(bad, &cursor, &e, &conn, &flags, buffer), -1);
+      EXPECT_EQ(kest_errno, KEST_EINVAL);
+    }
+    if (c.needs_context) {
+      EXPECT_EQ(c.run(no_context, &cursor, &e, &conn, &flags, buffer), -1);
+      EXPECT_EQ(kest_errno, KEST_EINVAL);
+    }
+  }
+  EXPECT_EQ(oru::Runtime::l_instance_id, 0);
+}
+
+// Each address goes to the factory in the library's form and comes back
+// through kest_endpoint_get; each side decides its family by itself.
+TEST_F(ConnApiTest, AddressesAndPortsMakeTheRoundTrip) {
+  RegisterFactories();
+  struct Case {
+    const char *what;
+    kest_endpoint_t src;
+    kest_endpoint_t dst;
+    uint8_t protocol;
+    uint16_t src_port; // host order, as the factory sees it
+    uint16_t dst_port;
+    kest_endpoint_t src_back;
+    kest_endpoint_t dst_back;
+  } cases[] = {
+      {"IPv4", V4(192, 0, 2, 1, 0x00, 0x50), V4(198, 51, 100, 7, 0xc3, 0x50), 6, 80, 50000,
+       V4(192, 0, 2, 1, 0x00, 0x50), V4(198, 51, 100, 7, 0xc3, 0x50)},
+      {"IPv6", V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0x00, 0x50),
+       V6({0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0x02, 0x11, 0x22, 0xff, 0xfe, 0x33, 0x44, 0x55}, 0x12,
+          0x34),
+       17, 80, 0x1234, V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0x00, 0x50),
+       V6({0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0x02, 0x11, 0x22, 0xff, 0xfe, 0x33, 0x44, 0x55}, 0x12,
+          0x34)},
+      // ::1 holds only the word that IPv4 uses, so it reads back as 0.0.0.1;
+      // the unspecified address has no IPv4 form and reads back as IPv6.
+      {"loopback and unspecified", V6({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0, 80),
+       V6({}, 0xff, 0xff), 6, 80, 0xffff, V4(0, 0, 0, 1, 0, 80), V6({}, 0xff, 0xff)},
+      {"IPv4 zero", V4(0, 0, 0, 0, 0, 0), V4(10, 0, 0, 1, 0x01, 0xbb), 6, 0, 443, V6({}, 0, 0),
+       V4(10, 0, 0, 1, 0x01, 0xbb)},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    TestFactory &factory = c.protocol == 6 ? tcp : udp;
+    kest_conn_t out = nullptr;
+    ASSERT_EQ(kest_conn_create(h, &c.src, &c.dst, c.protocol, &out), 0);
+    ASSERT_FALSE(factory.m_table.empty());
+    Conn *conn = factory.m_table.back().get();
+    EXPECT_EQ(out, static_cast<oru::IConn *>(conn));
+    EXPECT_EQ(conn->m_tuple.protocol, c.protocol);
+    EXPECT_EQ(conn->m_tuple.src_port, c.src_port);
+    EXPECT_EQ(conn->m_tuple.dst_port, c.dst_port);
+    EXPECT_EQ(conn->m_tuple.src, oru::IpAddr::FromEndpoint(c.src.family, c.src.address));
+
+    conn->Touch();
+    kest_endpoint_t src, dst;
+    std::memset(&src, 0xee, sizeof(src));
+    std::memset(&dst, 0xee, sizeof(dst));
+    ASSERT_EQ(kest_endpoint_get(h, conn->m_number, &src, &dst), 0);
+    for (auto [got, want] : {std::pair{&src, &c.src_back}, std::pair{&dst, &c.dst_back}}) {
+      EXPECT_EQ(got->family, want->family);
+      EXPECT_EQ(got->port, want->port);
+      EXPECT_EQ(std::memcmp(got->address, want->address, sizeof(got->address)), 0);
+    }
+  }
+}
+
+TEST_F(ConnApiTest, DestroyGoesThroughTheFactoryOfTheProtocol) {
+  RegisterFactories();
+  const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
+  kest_conn_t out = nullptr;
+  ASSERT_EQ(kest_conn_create(h, &v4, &v4, 17, &out), 0);
+  Conn *conn = udp.m_table.back().get();
+  EXPECT_EQ(kest_conn_destroy(h, out), 0);
+  ASSERT_EQ(udp.m_destroyed.size(), 1u);
+  EXPECT_EQ(udp.m_destroyed[0], conn);
+  EXPECT_TRUE(tcp.m_destroyed.empty());
+
+  EXPECT_EQ(kest_conn_destroy(h, nullptr), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+
+  // Of neither TCP nor UDP: done as far as it goes, with the error left.
+  held.push_back(TestConn::Make(132));
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(held.back().get())), 0);
+  EXPECT_EQ(kest_errno, KEST_EPROTONOSUPPORT);
+}
+
+// Only the connection last touched on this thread, by its number.
+TEST_F(ConnApiTest, ActiveConnectionCallsRefuseAnyOther) {
+  kest_endpoint_t e{};
+  unsigned flags = 0;
+  const kest_conn_id_t none = 1;
+  EXPECT_EQ(kest_endpoint_get(h, none, &e, &e), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+
+  Conn *first = ActiveConn();
+  Conn *second = ActiveConn();
+  const uint32_t policy = first->m_policy;
+  EXPECT_EQ(kest_endpoint_get(h, first->m_number, &e, &e), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(kest_conn_policy_flags_disable(h, first->m_number, 1), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(first->m_policy, policy);
+  EXPECT_EQ(kest_conn_status_flags_get(h, first->m_number, &flags), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+
+  EXPECT_EQ(kest_endpoint_get(h, second->m_number, &e, nullptr), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(kest_endpoint_get(h, second->m_number, &e, &e), 0);
+  EXPECT_EQ(kest_conn_status_flags_get(h, second->m_number, &flags), 0);
+  EXPECT_EQ(flags, 1u); // a new connection
+}
+
+TEST_F(ConnApiTest, PolicyFlagsClearTheirBits) {
+  Conn *conn = ActiveConn();
+  struct Case {
+    unsigned flags;
+    int result;
+    uint32_t cleared;
+  } cases[] = {
+      {0, 0, 0},  {1, 0, 63}, {2, 0, 4},   {4, 0, 8},   {8, 0, 16},  {16, 0, 32},
+      {3, 0, 63}, {6, 0, 12}, {24, 0, 48}, {31, 0, 63}, {32, -1, 0}, {0xffffffffu, -1, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.flags);
+    conn->m_policy = 0xffffffffu;
+    EXPECT_EQ(kest_conn_policy_flags_disable(h, conn->m_number, c.flags), c.result);
+    EXPECT_EQ(kest_errno, c.result == 0 ? 0 : KEST_EINVAL);
+    EXPECT_EQ(conn->m_policy, ~c.cleared);
+  }
+}
+
+TEST_F(ConnApiTest, StatusWordTranslatesToHostFlags) {
+  Conn *conn = ActiveConn();
+  conn->m_policy = 0; // the policy word plays no part
+  struct Case {
+    uint32_t status;
+    unsigned flags;
+  } cases[] = {{0, 0},  {1, 1},   {2, 1},   {4, 3},  {8, 5},
+               {16, 9}, {32, 17}, {60, 31}, {64, 0}, {0x44, 3}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.status);
+    conn->m_status = c.status;
+    unsigned flags = 0xdead;
+    EXPECT_EQ(kest_conn_status_flags_get(h, conn->m_number, &flags), 0);
+    EXPECT_EQ(flags, c.flags);
+  }
+}
+
+// A stack of its own: the walking calls touch only the cursor and the stack.
+class Stack {
+public:
+  Stack(std::initializer_list<uint32_t> protos, uint32_t app) {
+    for (uint32_t proto : protos) {
+      stack.entries.push_back(AppEntry{proto});
+    }
+    stack.app = app;
+  }
+  kest_result_t Cursor() { return kest_result_t{nullptr, &stack, stack.entries.begin().node()}; }
+  AppStack stack;
+};
+
+TEST_F(ConnApiTest, WalkingAStack) {
+  Stack s({3, 7}, 5);
+  kest_result_t cursor = s.Cursor();
+  kest_result_t *r = &cursor;
+  EXPECT_EQ(kest_proto_get_index(h, kest_proto_first(0, r)), 3);
+  EXPECT_EQ(kest_proto_get_index(h, kest_proto_top(0, r)), 7);
+  EXPECT_EQ(kest_proto_get_index(h, kest_proto_prev(0, r)), 3);
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_prev(0, r)), 0); // below the first
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_prev(0, r)), 0); // stays at the end
+
+  // From the top, next reaches the end and stays there.
+  EXPECT_EQ(kest_proto_next(0, kest_proto_top(0, r)), r);
+  EXPECT_EQ(cursor.current, &s.stack);
+  EXPECT_EQ(kest_proto_valid(0, r), 0);
+  EXPECT_EQ(kest_proto_get_index(h, r), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  EXPECT_EQ(kest_proto_next(0, r), r);
+  EXPECT_EQ(cursor.current, &s.stack);
+
+  EXPECT_EQ(kest_proto_get_index(h, kest_proto_find(0, r, 7)), 7);
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_find(0, r, 9)), 0);
+  EXPECT_EQ(kest_proto_get_index(h, kest_proto_find(0, r, 3)), 3);
+  // The application index is not an entry.
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_find(0, r, 5)), 0);
+
+  EXPECT_EQ(kest_proto_get_index(h, nullptr), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+}
+
+TEST_F(ConnApiTest, WalkingAnEmptyStackFindsOnlyTheEnd) {
+  Stack s({}, kHttp);
+  kest_result_t cursor = s.Cursor();
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_first(0, &cursor)), 0);
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_top(0, &cursor)), 0);
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_find(0, &cursor, kHttp)), 0);
+}
+
+TEST_F(ConnApiTest, ConfidenceIsHalfWhenOnlyTheTransportIsKnown) {
+  struct Case {
+    const char *what;
+    std::initializer_list<uint32_t> protos;
+    uint32_t app;
+    int confidence;
+  } cases[] = {
+      {"TCP flow of TCP", {kTcp}, kTcp, 100},
+      {"TCP flow, application by port", {kTcp}, kHttp, 50},
+      {"UDP flow, application by port", {kUdp}, kHttp, 50},
+      {"UDP under TCP", {kTcp, kUdp}, kTcp, 50},
+      {"HTTP over TCP", {kTcp, kHttp}, kHttp, 100},
+      {"HTTP on top, another application", {kTcp, kHttp}, 9, 100},
+      {"empty stack", {}, kTcp, 100},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    Stack s(c.protos, c.app);
+    kest_result_t cursor = s.Cursor();
+    int confidence = -1;
+    EXPECT_EQ(kest_app_get(h, &cursor, &confidence), static_cast<int>(c.app));
+    EXPECT_EQ(confidence, c.confidence);
+    EXPECT_EQ(kest_app_get(h, &cursor, nullptr), static_cast<int>(c.app));
+  }
+  EXPECT_EQ(kest_app_get(h, nullptr, nullptr), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+}
+
+class ClassifySimpleTest : public ConnApiTest {
+public:
+  void SetUp() override {
+    ConnApiTest::SetUp();
+    RegisterFactories();
+    owner = new kest_test::TestOwner;
+    oru::Classification *classification = oru::Classification::Instance();
+    ASSERT_TRUE(classification->Register(oru::Classification::CLASSIFY_TYPE_0, &packet, owner));
+    ASSERT_TRUE(classification->Register(oru::Classification::CLASSIFY_TYPE_1, &deferred, owner));
+  }
+
+  // A connection of the TCP factory whose application is `app`.
+  Conn *FlowWithApp(uint32_t app) {
+    const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
+    kest_conn_t out = nullptr;
+    EXPECT_EQ(kest_conn_create(h, &v4, &v4, 6, &out), 0);
+    Conn *conn = tcp.m_table.back().get();
+    conn->GetAppStack()->entries.push_back(AppEntry{kTcp});
+    conn->GetAppStack()->app = app;
+    return conn;
+  }
+
+  static void DeferOne(TestClassify *, oru::ClassifyPacket *) {
+    oru::ClassifyRequest request{};
+    request.type = oru::Classification::CLASSIFY_TYPE_1;
+    oru::Classification::Instance()->m_deferred.push_back(request);
+  }
+
+  TestClassify packet;
+  TestClassify deferred;
+  oru::fdt::intrusive_ptr<oru::fdt::refcnt> owner;
+};
+
+TEST_F(ClassifySimpleTest, StoresTheApplicationIndexAndKeepsTheConnection) {
+  packet.m_conn = FlowWithApp(kHttp);
+  packet.m_flags = 0xC0; // code 3, which a host often answers by dropping
+  const uint8_t data[3] = {1, 2, 3};
+  int app = -7;
+  EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), 0);
+  EXPECT_EQ(app, kHttp);
+  EXPECT_EQ(packet.m_calls, 1);
+  EXPECT_TRUE(tcp.m_destroyed.empty());
+  EXPECT_EQ(tcp.m_table.size(), 1u);
+}
+
+TEST_F(ClassifySimpleTest, ADeferredResultOverwritesThePackets) {
+  packet.m_conn = FlowWithApp(kHttp);
+  packet.m_flags = 1;
+  packet.m_action = DeferOne;
+  deferred.m_conn = FlowWithApp(kTcp);
+  deferred.m_flags = 1;
+  const uint8_t data[1] = {0};
+  int app = -7;
+  EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), 0);
+  EXPECT_EQ(deferred.m_calls, 1);
+  EXPECT_EQ(app, kTcp);
+  EXPECT_TRUE(tcp.m_destroyed.empty());
+}
+
+TEST_F(ClassifySimpleTest, NoResultLeavesTheIntAlone) {
+  packet.m_conn = FlowWithApp(kHttp);
+  packet.m_flags = 0; // no result flag
+  const uint8_t data[1] = {0};
+  int app = -7;
+  EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), -1);
+  EXPECT_EQ(app, -7);
+  EXPECT_EQ(kest_classify_simple(h, nullptr, 1, &app), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+}
+
+} // namespace
