@@ -133,75 +133,59 @@ TEST_F(ConnApiTest, CreateRefusals) {
   }
 }
 
+// Arguments that would pass, so that only the handle or the thread decides.
+kest_result_t g_cursor;
+kest_endpoint_t g_endpoint = V4(192, 0, 2, 1, 0, 80);
+
 TEST_F(ConnApiTest, EveryFramedCallRefusesABadHandleOrAThreadWithoutContext) {
   oru::Runtime::l_instance_id = 0;
   const kest_handle_t no_context = Open();
   ASSERT_GT(no_context, 0);
-  const kest_handle_t unopened = no_context + 1;
-  kest_result_t cursor{};
-  kest_endpoint_t e = V4(192, 0, 2, 1, 0, 80);
-  kest_conn_t conn = nullptr;
-  unsigned flags = 0;
-  char buffer[8];
+  using Call = int (*)(kest_handle_t);
   struct Case {
     const char *call;
     bool needs_context;
-    int (*run)(kest_handle_t, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *,
-               char *);
+    Call run;
   } cases[] = {
       {"create", true,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *c, unsigned *,
-          char *) { return kest_conn_create(hh, e, e, 6, c); }},
-      {"destroy", true,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *, unsigned *,
-          char *) { return kest_conn_destroy(hh, e); }},
+       [](kest_handle_t hh) {
+         kest_conn_t c;
+         return kest_conn_create(hh, &g_endpoint, &g_endpoint, 6, &c);
+       }},
+      {"destroy", true, [](kest_handle_t hh) { return kest_conn_destroy(hh, &g_endpoint); }},
       {"endpoint", true,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *, unsigned *,
-          char *) { return kest_endpoint_get(hh, 0, e, e); }},
-      {"policy", true,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
-         return kest_conn_policy_flags_disable(hh, 0, 1);
-       }},
+       [](kest_handle_t hh) { return kest_endpoint_get(hh, 0, &g_endpoint, &g_endpoint); }},
+      {"policy", true, [](kest_handle_t hh) { return kest_conn_policy_flags_disable(hh, 0, 1); }},
       {"status", true,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *f,
-          char *) { return kest_conn_status_flags_get(hh, 0, f); }},
-      {"app", true,
-       [](kest_handle_t hh, kest_result_t *r, kest_endpoint_t *, kest_conn_t *, unsigned *,
-          char *) { return kest_app_get(hh, r, nullptr); }},
+       [](kest_handle_t hh) {
+         unsigned f;
+         return kest_conn_status_flags_get(hh, 0, &f);
+       }},
+      {"app", true, [](kest_handle_t hh) { return kest_app_get(hh, &g_cursor, nullptr); }},
       {"simple", true,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *e, kest_conn_t *, unsigned *,
-          char *) {
-         int app = 0;
-         return kest_classify_simple(hh, e, 1, &app);
+       [](kest_handle_t hh) {
+         int app;
+         return kest_classify_simple(hh, &g_endpoint, 1, &app);
        }},
-      {"index", false,
-       [](kest_handle_t hh, kest_result_t *r, kest_endpoint_t *, kest_conn_t *, unsigned *,
-          char *) { return kest_proto_get_index(hh, r); }},
+      {"index", false, [](kest_handle_t hh) { return kest_proto_get_index(hh, &g_cursor); }},
       {"name", false,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *,
-          char *b) { return kest_proto_get_name(hh, 1, b, 8) != nullptr ? 0 : -1; }},
-      {"find index", false,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
-         return kest_proto_find_index(hh, "TCP");
+       [](kest_handle_t hh) {
+         char b[8];
+         return kest_proto_get_name(hh, 1, b, 8) != nullptr ? 0 : -1;
        }},
-      {"max index", false,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
-         return kest_proto_max_index(hh);
-       }},
-      {"set index", false,
-       [](kest_handle_t hh, kest_result_t *, kest_endpoint_t *, kest_conn_t *, unsigned *, char *) {
-         return kest_proto_set_index(hh, "TCP", 4);
-       }},
+      {"find index", false, [](kest_handle_t hh) { return kest_proto_find_index(hh, "TCP"); }},
+      {"max index", false, [](kest_handle_t hh) { return kest_proto_max_index(hh); }},
+      {"set index", false, [](kest_handle_t hh) { return kest_proto_set_index(hh, "TCP", 4); }},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.call);
-    for (kest_handle_t bad : {0, 32, -1, unopened}) {
+    for (kest_handle_t bad : {0, 32, -1, no_context + 1}) {
       kest_errno = 0;
-      EXPECT_EQ(c.run(bad, &cursor, &e, &conn, &flags, buffer), -1);
+      EXPECT_EQ(c.run(bad), -1);
       EXPECT_EQ(kest_errno, KEST_EINVAL);
     }
     if (c.needs_context) {
-      EXPECT_EQ(c.run(no_context, &cursor, &e, &conn, &flags, buffer), -1);
+      EXPECT_EQ(c.run(no_context), -1);
       EXPECT_EQ(kest_errno, KEST_EINVAL);
     }
   }
@@ -385,14 +369,13 @@ TEST_F(ConnApiTest, WalkingAStack) {
 
   EXPECT_EQ(kest_proto_get_index(h, nullptr), -1);
   EXPECT_EQ(kest_errno, KEST_EINVAL);
-}
 
-TEST_F(ConnApiTest, WalkingAnEmptyStackFindsOnlyTheEnd) {
-  Stack s({}, kHttp);
-  kest_result_t cursor = s.Cursor();
-  EXPECT_EQ(kest_proto_valid(0, kest_proto_first(0, &cursor)), 0);
-  EXPECT_EQ(kest_proto_valid(0, kest_proto_top(0, &cursor)), 0);
-  EXPECT_EQ(kest_proto_valid(0, kest_proto_find(0, &cursor, kHttp)), 0);
+  // An empty stack has only the end.
+  Stack empty({}, 5);
+  cursor = empty.Cursor();
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_first(0, r)), 0);
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_top(0, r)), 0);
+  EXPECT_EQ(kest_proto_valid(0, kest_proto_find(0, r, 5)), 0);
 }
 
 TEST_F(ConnApiTest, ConfidenceIsHalfWhenOnlyTheTransportIsKnown) {
@@ -466,6 +449,12 @@ TEST_F(ClassifySimpleTest, StoresTheApplicationIndexAndKeepsTheConnection) {
   EXPECT_EQ(packet.m_calls, 1);
   EXPECT_TRUE(tcp.m_destroyed.empty());
   EXPECT_EQ(tcp.m_table.size(), 1u);
+
+  // Without a result the int stays as it was.
+  packet.m_flags = 0;
+  app = -7;
+  EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), -1);
+  EXPECT_EQ(app, -7);
 }
 
 TEST_F(ClassifySimpleTest, ADeferredResultOverwritesThePackets) {
@@ -480,17 +469,6 @@ TEST_F(ClassifySimpleTest, ADeferredResultOverwritesThePackets) {
   EXPECT_EQ(deferred.m_calls, 1);
   EXPECT_EQ(app, kTcp);
   EXPECT_TRUE(tcp.m_destroyed.empty());
-}
-
-TEST_F(ClassifySimpleTest, NoResultLeavesTheIntAlone) {
-  packet.m_conn = FlowWithApp(kHttp);
-  packet.m_flags = 0; // no result flag
-  const uint8_t data[1] = {0};
-  int app = -7;
-  EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), -1);
-  EXPECT_EQ(app, -7);
-  EXPECT_EQ(kest_classify_simple(h, nullptr, 1, &app), -1);
-  EXPECT_EQ(kest_errno, KEST_EINVAL);
 }
 
 } // namespace
