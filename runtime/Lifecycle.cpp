@@ -8,6 +8,7 @@
 #include <kest/Conn.h>
 #include <kest/Error.h>
 #include <kest/InterfaceBroker.h>
+#include <kest/ProtocolRegistry.h>
 #include <kest/Runtime.h>
 #include <kest/SyncEventQueue.h>
 
@@ -30,6 +31,7 @@ void UnwindInstance(int failed_step, int row) {
   // 10: attribute manager. 9: the broker's table, protocol registry.
   if (failed_step >= 9) {
     InterfaceBroker::ClearModules();
+    ProtocolRegistry::ExitInstance();
   }
   // 8: memory tags.
   if (failed_step >= 7) {
@@ -75,6 +77,10 @@ int InstanceStartup(const char * /*plugin_dir*/) {
   }
   // 7. Memory tags.
   // 8. Protocol registry.
+  if (!ProtocolRegistry::InitInstance()) {
+    UnwindInstance(8, row);
+    return 0;
+  }
   // 9. Attribute manager.
   // 10. Connections, flow buffer defaults, then the plug-in manager, which
   //     loads the plug-ins and runs their instance start-up.
@@ -93,7 +99,8 @@ int InstanceStartup(const char * /*plugin_dir*/) {
 
 void InstanceTeardown() {
   SyncEventQueue::ExitInstance();
-  // Plug-in manager (unloads plug-ins); attribute manager; protocol registry.
+  // Plug-in manager (unloads plug-ins); attribute manager.
+  ProtocolRegistry::ExitInstance();
   Configuration::ExitInstance();
   InterfaceBroker::ClearModules();
   // Memory tags stay until the row is opened again.
