@@ -108,9 +108,10 @@ public:
     return true;
   }
 
-  // Takes `value` away along the path of `key`: every node on the path loses
-  // the first value equal to it, and a node below this one that is left
-  // without children is destroyed with whatever values it still holds.
+  // Takes `value` away along the path of `key`: every node on the path, as
+  // far as it exists, loses the first value equal to it, and a node below
+  // this one that is left without children is destroyed with whatever values
+  // it still holds.
   //
   // The parent's vector is not compacted: it keeps its entry for the
   // destroyed node, at the same index, and its size. Callers must not walk
