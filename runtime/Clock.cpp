@@ -12,7 +12,7 @@ ThreadLocalKey g_current_time;
 SlotRegistration g_current_time_reg(g_current_time);
 
 // Per instance: true while the host sets the time.
-volatile bool s_clock_mode[kInstanceRows];
+bool s_clock_mode[kInstanceRows];
 
 } // namespace
 
@@ -30,7 +30,7 @@ uint64_t set_clock(uint64_t ms) {
 }
 
 uint64_t update_clock(bool force) {
-  if (!s_clock_mode[Runtime::l_instance_id] || force) {
+  if (!__atomic_load_n(&s_clock_mode[Runtime::l_instance_id], __ATOMIC_RELAXED) || force) {
     struct timeval tv = {0, 0};
     kest_gettimeofday(&tv, nullptr);
     // 32-bit arithmetic on purpose: the cell holds the low word of the
@@ -45,7 +45,7 @@ uint64_t update_clock(bool force) {
 }
 
 void set_clock_mode(bool host_sets_time) {
-  s_clock_mode[Runtime::l_instance_id] = host_sets_time;
+  __atomic_store_n(&s_clock_mode[Runtime::l_instance_id], host_sets_time, __ATOMIC_RELAXED);
 }
 
 void delay(const uint64_t &us) {

@@ -2,8 +2,8 @@
 
 namespace oru {
 
-volatile uint8_t InstanceTable::s_in_use[kInstanceRows];
-volatile uint32_t InstanceTable::s_state[kInstanceRows];
+uint8_t InstanceTable::s_in_use[kInstanceRows];
+uint32_t InstanceTable::s_state[kInstanceRows];
 uint32_t InstanceTable::s_thread_count[kInstanceRows];
 SpinLock InstanceTable::s_instance_lock;
 SpinLock InstanceTable::s_thread_state_lock;
@@ -11,8 +11,8 @@ SpinLock InstanceTable::s_thread_state_lock;
 int InstanceTable::Claim() {
   SpinGuard guard(s_instance_lock);
   for (int row = 1; row <= kMaxInstance; ++row) {
-    if (s_in_use[row] == 0) {
-      s_in_use[row] = 1;
+    if (__atomic_load_n(&s_in_use[row], __ATOMIC_RELAXED) == 0) {
+      __atomic_store_n(&s_in_use[row], 1, __ATOMIC_RELAXED);
       return row;
     }
   }
@@ -21,19 +21,19 @@ int InstanceTable::Claim() {
 
 void InstanceTable::Release(int row) {
   SpinGuard guard(s_instance_lock);
-  s_in_use[row] = 0;
+  __atomic_store_n(&s_in_use[row], 0, __ATOMIC_RELAXED);
 }
 
 void InstanceTable::ThreadEnter(int row) {
   SpinGuard guard(s_thread_state_lock);
   ++s_thread_count[row];
-  s_state[row] = INST_THREADED;
+  SetState(row, INST_THREADED);
 }
 
 void InstanceTable::ThreadLeave(int row) {
   SpinGuard guard(s_thread_state_lock);
   --s_thread_count[row];
-  s_state[row] = INST_OPEN;
+  SetState(row, INST_OPEN);
 }
 
 InstanceState CurrentInstanceState() {

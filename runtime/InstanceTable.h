@@ -16,9 +16,18 @@ public:
   // Clears the in-use flag of a row. Under the instance lock.
   static void Release(int row);
 
-  static bool InUse(int row) { return row >= 1 && row <= kMaxInstance && s_in_use[row] != 0; }
-  static InstanceState State(int row) { return static_cast<InstanceState>(s_state[row]); }
-  static void SetState(int row, InstanceState state) { s_state[row] = state; }
+  // Read without the lock by every call frame: a relaxed atomic read, as the
+  // host orders opening and closing against its own calls.
+  static bool InUse(int row) {
+    return row >= 1 && row <= kMaxInstance &&
+           __atomic_load_n(&s_in_use[row], __ATOMIC_RELAXED) != 0;
+  }
+  static InstanceState State(int row) {
+    return static_cast<InstanceState>(__atomic_load_n(&s_state[row], __ATOMIC_RELAXED));
+  }
+  static void SetState(int row, InstanceState state) {
+    __atomic_store_n(&s_state[row], static_cast<uint32_t>(state), __ATOMIC_RELAXED);
+  }
 
   // Thread entry and exit: count and state change together under the
   // thread-state lock.
@@ -27,8 +36,8 @@ public:
   static uint32_t ThreadCount(int row) { return s_thread_count[row]; }
 
 private:
-  static volatile uint8_t s_in_use[kInstanceRows];
-  static volatile uint32_t s_state[kInstanceRows];
+  static uint8_t s_in_use[kInstanceRows];
+  static uint32_t s_state[kInstanceRows];
   static uint32_t s_thread_count[kInstanceRows];
   static SpinLock s_instance_lock;
   static SpinLock s_thread_state_lock;

@@ -89,7 +89,7 @@ void SyncEventQueue::Join() {
   const int row = Runtime::l_instance_id;
   SpinGuard guard(s_queue_lock[row]);
   __sync_fetch_and_add(&s_threadcount[row], 1);
-  m_cursor = s_tail[row];
+  m_cursor = __atomic_load_n(&s_tail[row], __ATOMIC_ACQUIRE);
   __sync_fetch_and_add(&m_cursor->references, 1);
 }
 

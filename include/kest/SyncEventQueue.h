@@ -90,7 +90,7 @@ public:
   // included. The payload is copied. Without memory the event is lost.
   static void PostEvent(uint32_t event_id, const void *data, uint32_t length) {
     const int row = Runtime::l_instance_id;
-    const int32_t threads = s_threadcount[row];
+    const int32_t threads = __atomic_load_n(&s_threadcount[row], __ATOMIC_RELAXED);
     EventNode *node = fdt::CreateObject<EventNode>(fdt::OBJECT_SHARED);
     if (node == nullptr) {
       return;
@@ -115,9 +115,9 @@ public:
       fdt::DestroyObject(node);
       return;
     }
-    EventNode *old_tail = s_tail[row];
+    EventNode *old_tail = __atomic_load_n(&s_tail[row], __ATOMIC_ACQUIRE);
     while (!__sync_bool_compare_and_swap(&s_tail[row], old_tail, node)) {
-      old_tail = s_tail[row];
+      old_tail = __atomic_load_n(&s_tail[row], __ATOMIC_ACQUIRE);
     }
     // Until this store a reader sees the old tail as the end; it picks the rest
     // up at its next pass.
