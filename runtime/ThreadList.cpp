@@ -49,7 +49,7 @@ bool ThreadList::Add(uint64_t thread_id) {
     head.prev = entry;
   }
   if (s_collector[row] == 0) {
-    s_collector[row] = thread_id;
+    __atomic_store_n(&s_collector[row], thread_id, __ATOMIC_RELAXED);
   }
   return entry != nullptr;
 }
@@ -67,7 +67,8 @@ void ThreadList::Remove(uint64_t thread_id) {
     }
   }
   if (s_collector[row] == thread_id) {
-    s_collector[row] = head.next == &head ? 0 : head.prev->thread_id;
+    __atomic_store_n(&s_collector[row], head.next == &head ? 0 : head.prev->thread_id,
+                     __ATOMIC_RELAXED);
   }
 }
 
@@ -89,7 +90,7 @@ unsigned ThreadList::Count() {
 
 void ThreadList::ResetRow() {
   const int row = Runtime::l_instance_id;
-  s_collector[row] = 0;
+  __atomic_store_n(&s_collector[row], 0, __ATOMIC_RELAXED);
   s_reserved[row] = 0;
 }
 

@@ -27,7 +27,10 @@ public:
   static void Remove(uint64_t thread_id);
   // True when no thread of the current instance is listed.
   static bool Empty();
-  static uint64_t Collector() { return s_collector[Runtime::l_instance_id]; }
+  // Read by every idle pass without the lock.
+  static uint64_t Collector() {
+    return __atomic_load_n(&s_collector[Runtime::l_instance_id], __ATOMIC_RELAXED);
+  }
   // Zeroes the current instance's collector and reserved word (kest_open).
   static void ResetRow();
   // Number of listed threads of the current instance.

@@ -17,9 +17,9 @@ inline void SpinAcquire(SpinLock &lock) {
 // Released by an atomic swap to 0 in a compare-and-swap loop, which also
 // publishes the writes made under the lock.
 inline void SpinRelease(SpinLock &lock) {
-  uint32_t seen = lock;
+  uint32_t seen = __atomic_load_n(&lock, __ATOMIC_RELAXED);
   while (!__sync_bool_compare_and_swap(&lock, seen, 0u)) {
-    seen = lock;
+    seen = __atomic_load_n(&lock, __ATOMIC_RELAXED);
   }
 }
 
