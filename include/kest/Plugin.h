@@ -1,8 +1,8 @@
 // What a plug-in implements and what it sees of the library's plug-in
 // manager: the version record, the table of eight entry points, and the
 // unmangled "query" function through which a dynamic plug-in hands the table
-// over. A built-in plug-in hands the same table to AddBuiltinPlugin before
-// any instance opens.
+// over. (The manager that reads the table, and the registration of built-in
+// plug-ins, are not part of the library yet.)
 #ifndef KEST_PLUGIN_H
 #define KEST_PLUGIN_H
 
@@ -43,10 +43,6 @@ struct PluginEntryTable {
 };
 
 using PluginQueryFunction = const PluginEntryTable *(*)();
-
-// Adds a built-in plug-in for every instance opened afterwards; returns the
-// new count. Room for 256, unchecked.
-KEST_API uint32_t AddBuiltinPlugin(const PluginEntryTable *entries);
 
 } // namespace oru
 
