@@ -13,6 +13,40 @@ class KEST_API MemTag {
 public:
   static __thread int l_mem_tag;
 
+  // The two key spaces in the configuration store.
+  static constexpr const char *OBJ_SPACE = "memtag.obj";
+  static constexpr const char *CTX_SPACE = "memtag.ctx";
+
+  // Gives the name a number in the space while the instance opens; true if
+  // the name has a number afterwards. The counter moves only for a new name.
+  static bool Create(const char *space, const char *name, uint32_t &counter);
+  // The name's number, 0 if unknown.
+  static uint32_t Lookup(const char *space, const char *name);
+  // The name of a number into the buffer, or "unspec".
+  static void Name(const char *space, uint32_t number, char *buf, int size);
+
+  static bool InitInstance();
+  static void ExitInstance();
+
+  class KEST_API Obj {
+  public:
+    static bool Create(const char *name);
+    static uint32_t Lookup(const char *name);
+    static void Name(uint32_t number, char *buf, int size);
+    // One above the highest number given out.
+    static uint32_t Count();
+    static bool InitInstance();
+  };
+
+  class KEST_API Ctx {
+  public:
+    static bool Create(const char *name);
+    static uint32_t Lookup(const char *name);
+    static void Name(uint32_t number, char *buf, int size);
+    static uint32_t Count();
+    static bool InitInstance();
+  };
+
   // Built-in object numbers.
   enum Object : uint16_t {
     OBJ_APPSTACK_APPPROTO = 1,
