@@ -254,7 +254,7 @@ KEST_EXPORT kest_handle_t kest_handle_get(void);
 KEST_EXPORT int kest_error_get(kest_handle_t handle);
 
 /* ------------------------------------------------------------------------ */
-/* Classification [planned]                                                  */
+/* Classification                                                            */
 /* ------------------------------------------------------------------------ */
 
 /** Packet forms that kest_classify() accepts. KEST_SELECTOR_CONN means that
@@ -266,7 +266,7 @@ KEST_EXPORT int kest_error_get(kest_handle_t handle);
 #define KEST_SELECTOR_FORM_3 3
 
 /**
- * [planned] Classifies one packet. Runs the idle pass first, then the plug-in
+ * Classifies one packet. Runs the idle pass first, then the plug-in
  * registered for the selector; calls callback once per result (the packet's
  * and each deferred one's). The packet is not copied.
  * data: must not be NULL.  length: must not be 0.
@@ -434,19 +434,23 @@ KEST_EXPORT int kest_attr_callback_set(kest_handle_t handle, const char *name,
                                        kest_attr_callback_t callback);
 
 /* ------------------------------------------------------------------------ */
-/* Configuration [planned]                                                   */
+/* Configuration                                                             */
 /* ------------------------------------------------------------------------ */
 
-/** [planned] Sets a dotted key. Any thread once the instance is open. Returns
- * 0, or -1 with KEST_EINVAL (NULL argument, or a validator refused). */
+/** Sets a dotted key after every validator registered on its prefixes has
+ * accepted the value; setting the stored value again does nothing. Threads hear
+ * of the change at their next idle pass. Any thread once the instance is open.
+ * Returns 0, or -1 with KEST_EINVAL (bad handle, NULL argument, a validator
+ * refused) or KEST_ENOMEM (no memory for a new key). */
 KEST_EXPORT int kest_config_set(kest_handle_t handle, const char *key, const char *value);
 
-/** [planned] Copies a key's value into buf (cut to size - 1 characters).
+/** Copies a key's value into buf (cut to size - 1 characters).
  * Returns 0, or -1 with KEST_EINVAL (NULL argument, size below 1, key unset or
  * empty). */
 KEST_EXPORT int kest_config_get(kest_handle_t handle, const char *key, char *buf, int size);
 
-/** [planned] Prints every item through kest_diag_printf. Returns 0. */
+/** Prints every item as "<handle>: <key> = <value>" lines through
+ * kest_diag_printf. Returns 0, or -1 with KEST_EINVAL on a bad handle. */
 KEST_EXPORT int kest_config_dump(kest_handle_t handle);
 
 /* ------------------------------------------------------------------------ */
@@ -469,14 +473,14 @@ KEST_EXPORT int kest_proto_add(kest_handle_t handle, const char *name, int proto
 KEST_EXPORT int kest_proto_remove(kest_handle_t handle, const char *name);
 
 /* ------------------------------------------------------------------------ */
-/* Time [planned]                                                            */
+/* Time                                                                      */
 /* ------------------------------------------------------------------------ */
 
-/** [planned] Sets the calling thread's clock to ms milliseconds. Thread context
+/** Sets the calling thread's clock to ms milliseconds. Thread context
  * required; failure (KEST_EINVAL) shows only in kest_errno. */
 KEST_EXPORT void kest_clock_set(kest_handle_t handle, uint64_t ms);
 
-/** [planned] mode non-zero: the host sets the time with kest_clock_set();
+/** mode non-zero: the host sets the time with kest_clock_set();
  * zero: the idle pass reads kest_gettimeofday. Failure only in kest_errno. */
 KEST_EXPORT void kest_clock_set_mode(kest_handle_t handle, int mode);
 
@@ -489,16 +493,23 @@ KEST_EXPORT void kest_clock_set_mode(kest_handle_t handle, int mode);
  * module has no report) or when the report fails. */
 KEST_EXPORT int kest_diag(kest_handle_t handle, const char *module, void *arg);
 
-/** [planned] The calling thread's memory tag: low 16 bits the context, high 16
- * bits the object. Meant for the host's allocation hooks. Never fails. */
+/** The calling thread's memory tag word: low 16 bits the context number, high
+ * 16 bits the object number, 0 in a half for unspecified. Needs no instance
+ * and never fails; meant for the host's allocation hooks, which may run on any
+ * thread. */
 KEST_EXPORT int kest_memory_tag_get(void);
-/** [planned] Number of memory context names. */
+/** Number of memory context numbers in use plus one (12 with no plug-ins), so
+ * that indices 0 up to below it can be named. -1 with KEST_EINVAL for a bad
+ * handle. */
 KEST_EXPORT int kest_memory_ctx_num(kest_handle_t handle);
-/** [planned] Name of memory context index into buf. 0, or -1 with KEST_EINVAL. */
+/** Writes the name of memory context number index into buf, cut to size by
+ * kest_snprintf; "unspec" for 0 or an unused number. 0, or -1 with KEST_EINVAL
+ * for a bad handle, a negative index, a null buf or a size below 1. */
 KEST_EXPORT int kest_memory_ctx_name(kest_handle_t handle, int index, char *buf, int size);
-/** [planned] Number of memory object names. */
+/** Number of memory object numbers in use plus one (9 with no plug-ins). -1
+ * with KEST_EINVAL for a bad handle. */
 KEST_EXPORT int kest_memory_obj_num(kest_handle_t handle);
-/** [planned] Name of memory object index into buf. 0, or -1 with KEST_EINVAL. */
+/** As kest_memory_ctx_name, for memory object numbers. */
 KEST_EXPORT int kest_memory_obj_name(kest_handle_t handle, int index, char *buf, int size);
 
 #ifdef __cplusplus
