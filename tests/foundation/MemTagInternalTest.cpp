@@ -1,0 +1,187 @@
+// Memory tag numbering, run by hand on an instance held in its opening state
+// through the instance table.
+#include "InstanceFixture.h"
+#include "TestHooks.h"
+#include "runtime/InstanceTable.h"
+
+#include <kest/Configuration.h>
+#include <kest/MemTag.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using oru::InstanceTable;
+using oru::MemTag;
+
+class MemTagInitTest : public kest_test::InstanceFixture {
+protected:
+  void SetUp() override {
+    InstanceFixture::SetUp();
+    h = Open();
+    ASSERT_GT(h, 0);
+    oru::Runtime::l_instance_id = h;
+    InstanceTable::SetState(h, oru::INST_OPENING);
+    MemTag::ExitInstance();
+    ASSERT_TRUE(MemTag::InitInstance());
+  }
+  void TearDown() override {
+    oru::Runtime::l_instance_id = h;
+    MemTag::ExitInstance();
+    InstanceTable::SetState(h, oru::INST_OPEN);
+    oru::Runtime::l_instance_id = 0;
+    MemTag::l_mem_tag = 0;
+    InstanceFixture::TearDown();
+  }
+
+  static std::string ObjName(uint32_t number, int size = 64) {
+    std::vector<char> buf(static_cast<size_t>(size));
+    MemTag::Obj::Name(number, buf.data(), size);
+    return buf.data();
+  }
+  static std::string CtxName(uint32_t number) {
+    char buf[64];
+    MemTag::Ctx::Name(number, buf, sizeof(buf));
+    return buf;
+  }
+
+  kest_handle_t h = -1;
+};
+
+TEST_F(MemTagInitTest, BuiltInTablesAreNumberedInOrder) {
+  EXPECT_EQ(MemTag::Obj::Count(), 9u);
+  EXPECT_EQ(MemTag::Ctx::Count(), 12u);
+  EXPECT_STREQ(oru::Configuration::GetItem("memtag.obj.chain.rule").c_str(), "8");
+  EXPECT_STREQ(oru::Configuration::GetItem("memtag.ctx.configuration.general").c_str(), "11");
+  struct Row {
+    uint32_t number;
+    const char *obj;
+    const char *ctx;
+  };
+  const Row rows[] = {
+      {0, "unspec", "unspec"},
+      {1, "appstack.appproto", "udp.inspect"},
+      {4, "flowbuffer.data", "tcp.handoff"},
+      {8, "chain.rule", "tls.general"},
+      {9, "unspec", "pluginmgr.general"},
+      {11, "unspec", "configuration.general"},
+      {12, "unspec", "unspec"},
+      {1000, "unspec", "unspec"},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.number);
+    EXPECT_EQ(ObjName(row.number), row.obj);
+    EXPECT_EQ(CtxName(row.number), row.ctx);
+  }
+  EXPECT_EQ(MemTag::Obj::Lookup("flowbuffer.block"), 3u);
+  EXPECT_EQ(MemTag::Ctx::Lookup("flowbuffer.block"), 0u);
+}
+
+TEST_F(MemTagInitTest, PluginTagsFollowTheBuiltInsAndASecondCreateIsHarmless) {
+  ASSERT_TRUE(MemTag::Obj::Create("myplugin.table"));
+  ASSERT_TRUE(MemTag::Obj::Create("myplugin.table"));
+  ASSERT_TRUE(MemTag::Obj::Create("chain.rule"));
+  ASSERT_TRUE(MemTag::Ctx::Create("myplugin.general"));
+  EXPECT_EQ(MemTag::Obj::Lookup("myplugin.table"), 9u);
+  EXPECT_EQ(MemTag::Obj::Count(), 10u);
+  EXPECT_EQ(MemTag::Ctx::Lookup("myplugin.general"), 12u);
+  EXPECT_EQ(MemTag::Ctx::Count(), 13u);
+  EXPECT_EQ(ObjName(9), "myplugin.table");
+  // The table walk counts from the counter, so run again on top of a plug-in's
+  // tag it sees numbers other than its own and reports that.
+  EXPECT_FALSE(MemTag::Obj::InitInstance());
+}
+
+TEST_F(MemTagInitTest, CreateIsRefusedOutsideTheOpeningStateEvenForAKnownName) {
+  for (oru::InstanceState state : {oru::INST_CLOSED, oru::INST_OPEN, oru::INST_THREADED}) {
+    SCOPED_TRACE(state);
+    InstanceTable::SetState(h, state);
+    EXPECT_FALSE(MemTag::Obj::Create("appstack.appproto"));
+    EXPECT_FALSE(MemTag::Ctx::Create("late.context"));
+    EXPECT_EQ(MemTag::Ctx::Lookup("late.context"), 0u);
+    EXPECT_EQ(MemTag::Ctx::Count(), 12u);
+  }
+}
+
+TEST_F(MemTagInitTest, AFailedWriteGivesNoNumber) {
+  kest_test::FailAllAllocations(true);
+  const bool created = MemTag::Obj::Create("nomem.object");
+  kest_test::FailAllAllocations(false);
+  EXPECT_FALSE(created);
+  EXPECT_EQ(MemTag::Obj::Count(), 9u);
+  EXPECT_EQ(MemTag::Obj::Lookup("nomem.object"), 0u);
+}
+
+TEST_F(MemTagInitTest, ExitInstanceResetsTheCounts) {
+  MemTag::ExitInstance();
+  EXPECT_EQ(MemTag::Obj::Count(), 1u);
+  EXPECT_EQ(MemTag::Ctx::Count(), 1u);
+}
+
+// The allocation hooks below see the word as the library leaves it.
+std::vector<uint32_t> g_seen_tags;
+void *(*g_shared_malloc)(size_t);
+void *(*g_local_malloc)(size_t);
+void *RecordSharedTag(size_t size) {
+  g_seen_tags.push_back(static_cast<uint32_t>(kest_memory_tag_get()));
+  return g_shared_malloc(size);
+}
+void *RecordLocalTag(size_t size) {
+  g_seen_tags.push_back(static_cast<uint32_t>(kest_memory_tag_get()));
+  return g_local_malloc(size);
+}
+
+class TagRecorder {
+public:
+  TagRecorder() {
+    g_seen_tags.clear();
+    g_shared_malloc = kest_malloc_shared;
+    g_local_malloc = kest_malloc_local;
+    kest_malloc_shared = RecordSharedTag;
+    kest_malloc_local = RecordLocalTag;
+  }
+  ~TagRecorder() {
+    kest_malloc_shared = g_shared_malloc;
+    kest_malloc_local = g_local_malloc;
+  }
+  TagRecorder(const TagRecorder &) = delete;
+  TagRecorder &operator=(const TagRecorder &) = delete;
+};
+
+TEST_F(MemTagInitTest, NumberingIsUntaggedAndTheWordIsRestored) {
+  MemTag::l_mem_tag = static_cast<int>((5u << 16) | 7u);
+  {
+    TagRecorder recorder;
+    ASSERT_TRUE(MemTag::Obj::Create("tagged.caller"));
+    EXPECT_EQ(MemTag::Obj::Lookup("tagged.caller"), 9u);
+    EXPECT_EQ(ObjName(9), "tagged.caller");
+  }
+  EXPECT_EQ(static_cast<uint32_t>(MemTag::l_mem_tag), (5u << 16) | 7u);
+  ASSERT_FALSE(g_seen_tags.empty());
+  for (uint32_t tag : g_seen_tags) {
+    // Only the store's own half may show, never the caller's context.
+    EXPECT_EQ(tag & 0xFFFFu, 0u);
+  }
+}
+
+TEST_F(MemTagInitTest, TheStoreTagsItsWorkWithObjectElevenAndKeepsTheContext) {
+  MemTag::l_mem_tag = static_cast<int>((3u << 16) | 9u);
+  {
+    TagRecorder recorder;
+    ASSERT_TRUE(oru::Configuration::SetItem("memtag.test.key", "some value"));
+  }
+  EXPECT_EQ(static_cast<uint32_t>(MemTag::l_mem_tag), (3u << 16) | 9u);
+  ASSERT_FALSE(g_seen_tags.empty());
+  for (uint32_t tag : g_seen_tags) {
+    EXPECT_EQ(tag, (11u << 16) | 9u);
+  }
+}
+
+TEST_F(MemTagInitTest, NamesAreCutToTheBuffer) {
+  EXPECT_EQ(ObjName(1, 9), "appstack");
+  EXPECT_EQ(ObjName(1, 1), "");
+  EXPECT_EQ(ObjName(0, 4), "uns");
+}
+
+} // namespace
