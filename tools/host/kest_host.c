@@ -4,6 +4,8 @@
 #include <ctype.h>
 #include <math.h>
 #include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -96,4 +98,113 @@ void kest_host_use_libc(void) {
   kest_abort = abort;
   kest_get_thread_id = kest_host_thread_id;
   kest_log_message = host_log_message;
+}
+
+/* Tag accounting. One counter pair per possible number of each half, updated
+ * with atomic adds so that the hooks need no lock on any thread. */
+#define KEST_HOST_TAG_NUMBERS 65536u
+
+typedef struct {
+  long long bytes;
+  long long blocks;
+} kest_host_tally;
+
+static kest_host_tally host_by_obj[KEST_HOST_TAG_NUMBERS];
+static kest_host_tally host_by_ctx[KEST_HOST_TAG_NUMBERS];
+
+/* Kept in front of each block; 16 bytes so that the block stays aligned as
+ * malloc aligns. */
+typedef union {
+  struct {
+    size_t size;
+    uint32_t tag;
+  } info;
+  long double align_unused;
+  void *align_pointer_unused;
+  unsigned char pad[16];
+} kest_host_block_header;
+
+static void host_tally(uint32_t tag, long long bytes, long long blocks) {
+  kest_host_tally *obj = &host_by_obj[tag >> 16];
+  kest_host_tally *ctx = &host_by_ctx[tag & 0xFFFFu];
+  __atomic_fetch_add(&obj->bytes, bytes, __ATOMIC_RELAXED);
+  __atomic_fetch_add(&obj->blocks, blocks, __ATOMIC_RELAXED);
+  __atomic_fetch_add(&ctx->bytes, bytes, __ATOMIC_RELAXED);
+  __atomic_fetch_add(&ctx->blocks, blocks, __ATOMIC_RELAXED);
+}
+
+static void *host_tagged_malloc(size_t size) {
+  kest_host_block_header *header;
+  if (size > (size_t)-1 - sizeof(*header)) {
+    return NULL;
+  }
+  header = (kest_host_block_header *)malloc(sizeof(*header) + size);
+  if (header == NULL) {
+    return NULL;
+  }
+  header->info.size = size;
+  header->info.tag = (uint32_t)kest_memory_tag_get();
+  host_tally(header->info.tag, (long long)size, 1);
+  return header + 1;
+}
+
+static void host_tagged_free(void *block) {
+  kest_host_block_header *header;
+  if (block == NULL) {
+    return;
+  }
+  header = (kest_host_block_header *)block - 1;
+  host_tally(header->info.tag, -(long long)header->info.size, -1);
+  free(header);
+}
+
+void kest_host_use_tag_accounting(void) {
+  kest_malloc_local = host_tagged_malloc;
+  kest_free_local = host_tagged_free;
+  kest_malloc_shared = host_tagged_malloc;
+  kest_free_shared = host_tagged_free;
+}
+
+static void host_read(const kest_host_tally *table, unsigned number, long long *bytes,
+                      long long *blocks) {
+  if (number >= KEST_HOST_TAG_NUMBERS) {
+    *bytes = 0;
+    *blocks = 0;
+    return;
+  }
+  *bytes = __atomic_load_n(&table[number].bytes, __ATOMIC_RELAXED);
+  *blocks = __atomic_load_n(&table[number].blocks, __ATOMIC_RELAXED);
+}
+
+void kest_host_memory_by_obj(unsigned number, long long *bytes, long long *blocks) {
+  host_read(host_by_obj, number, bytes, blocks);
+}
+
+void kest_host_memory_by_ctx(unsigned number, long long *bytes, long long *blocks) {
+  host_read(host_by_ctx, number, bytes, blocks);
+}
+
+static void host_print_half(kest_handle_t handle, const char *what, const kest_host_tally *table,
+                            int (*count)(kest_handle_t),
+                            int (*name)(kest_handle_t, int, char *, int)) {
+  const int named = count(handle);
+  unsigned number;
+  for (number = 0; number < KEST_HOST_TAG_NUMBERS; ++number) {
+    char text[128];
+    long long bytes;
+    long long blocks;
+    host_read(table, number, &bytes, &blocks);
+    if ((int)number >= named && blocks == 0) {
+      continue;
+    }
+    if (name(handle, (int)number, text, (int)sizeof(text)) != 0) {
+      snprintf(text, sizeof(text), "unspec");
+    }
+    printf("%s %u %s: %lld bytes in %lld blocks\n", what, number, text, bytes, blocks);
+  }
+}
+
+void kest_host_print_memory(kest_handle_t handle) {
+  host_print_half(handle, "object", host_by_obj, kest_memory_obj_num, kest_memory_obj_name);
+  host_print_half(handle, "context", host_by_ctx, kest_memory_ctx_num, kest_memory_ctx_name);
 }
