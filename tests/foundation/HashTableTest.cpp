@@ -1,3 +1,4 @@
+#include "Counted.h"
 #include "TestHooks.h"
 
 #include <gtest/gtest.h>
@@ -15,14 +16,7 @@ namespace {
 using kest_test::Heap;
 using kest_test::LiveBlocks;
 
-// Counts live values so that every element made is also destroyed.
-struct Counted {
-  static inline long live = 0;
-  int v;
-  Counted(int value) : v(value) { ++live; }
-  Counted(const Counted &other) : v(other.v) { ++live; }
-  ~Counted() { --live; }
-};
+using kest_test::Counted;
 
 // Keys are integers or pointers; pointer keys are addresses in a pool that is
 // never read.

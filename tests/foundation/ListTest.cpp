@@ -1,3 +1,4 @@
+#include "Counted.h"
 #include "TestHooks.h"
 
 #include <kest/fdt/List.h>
@@ -10,15 +11,7 @@ namespace {
 using kest_test::Heap;
 using kest_test::LiveBlocks;
 
-// Counts live instances so that every construction is matched by a
-// destruction.
-struct Counted {
-  static inline long live = 0;
-  int v;
-  Counted(int value) : v(value) { ++live; }
-  Counted(const Counted &other) : v(other.v) { ++live; }
-  ~Counted() { --live; }
-};
+using kest_test::Counted;
 
 using CountedList = oru::List<Counted>;
 

@@ -1,3 +1,4 @@
+#include "Counted.h"
 #include "TestHooks.h"
 
 #include <gtest/gtest.h>
@@ -14,15 +15,7 @@ namespace {
 using kest_test::Heap;
 using kest_test::LiveBlocks;
 
-// Counts live values so that a destroyed node is seen to destroy its values.
-struct Counted {
-  static inline long live = 0;
-  int v;
-  Counted(int value) : v(value) { ++live; }
-  Counted(const Counted &other) : v(other.v) { ++live; }
-  ~Counted() { --live; }
-  bool operator==(const Counted &other) const { return v == other.v; }
-};
+using kest_test::Counted;
 
 int AsInt(int v) {
   return v;
