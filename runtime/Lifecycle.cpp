@@ -8,6 +8,7 @@
 #include <kest/Conn.h>
 #include <kest/Error.h>
 #include <kest/InterfaceBroker.h>
+#include <kest/MemTag.h>
 #include <kest/ProtocolRegistry.h>
 #include <kest/Runtime.h>
 #include <kest/SyncEventQueue.h>
@@ -33,7 +34,9 @@ void UnwindInstance(int failed_step, int row) {
     InterfaceBroker::ClearModules();
     ProtocolRegistry::ExitInstance();
   }
-  // 8: memory tags.
+  if (failed_step >= 8) {
+    MemTag::ExitInstance();
+  }
   if (failed_step >= 7) {
     Configuration::ExitInstance();
   }
@@ -75,7 +78,11 @@ int InstanceStartup(const char * /*plugin_dir*/) {
     UnwindInstance(7, row);
     return 0;
   }
-  // 7. Memory tags.
+  // 7. Memory tags: the built-in tables, before any plug-in adds its own.
+  if (!MemTag::InitInstance()) {
+    UnwindInstance(7, row);
+    return 0;
+  }
   // 8. Protocol registry.
   if (!ProtocolRegistry::InitInstance()) {
     UnwindInstance(8, row);

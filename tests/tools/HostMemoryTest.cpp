@@ -94,6 +94,44 @@ TEST_F(HostMemoryTest, ConcurrentThreadsBalanceOut) {
   EXPECT_EQ(ByObj(702).blocks, before.blocks);
 }
 
+TEST_F(HostMemoryTest, AFreshInstanceNamesItsBuiltInTags) {
+  const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
+  ASSERT_GT(h, 0);
+  EXPECT_EQ(kest_memory_ctx_num(h), 12);
+  EXPECT_EQ(kest_memory_obj_num(h), 9);
+  struct Row {
+    bool obj;
+    int index;
+    int size;
+    const char *name;
+  };
+  const Row rows[] = {
+      {true, 0, 64, "unspec"},
+      {true, 1, 64, "appstack.appproto"},
+      {true, 8, 64, "chain.rule"},
+      {true, 9, 64, "unspec"},
+      {true, 4, 6, "flowb"},
+      {false, 9, 64, "pluginmgr.general"},
+      {false, 11, 64, "configuration.general"},
+      {false, 12, 64, "unspec"},
+      {false, 3, 1, ""},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.name);
+    char buf[64] = "x";
+    const int rc = row.obj ? kest_memory_obj_name(h, row.index, buf, row.size)
+                           : kest_memory_ctx_name(h, row.index, buf, row.size);
+    EXPECT_EQ(rc, 0);
+    EXPECT_STREQ(buf, row.name);
+  }
+  char buf[8];
+  for (int rc : {kest_memory_obj_name(h, -1, buf, 8), kest_memory_ctx_name(h, 1, nullptr, 8),
+                 kest_memory_ctx_name(h, 1, buf, 0), kest_memory_obj_num(h + 1)}) {
+    EXPECT_EQ(rc, -1);
+  }
+  EXPECT_EQ(kest_close(h), 0);
+}
+
 TEST_F(HostMemoryTest, ReportNamesNumbersAndHeldBlocks) {
   const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
   ASSERT_GT(h, 0);

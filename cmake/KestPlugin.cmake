@@ -1,0 +1,42 @@
+# kest_add_plugin(NAME <name> SOURCES <src>... [OUTPUT_DIRECTORY <dir>] [LIBRARIES <lib>...])
+#
+# Builds a plug-in as a shared object against the kest SDK and packs it into
+# <dir>/<name>.plg, ready for kest_open. <dir> defaults to KEST_PLUGIN_OUTPUT_DIR,
+# which defaults to <build>/plugins. The shared object itself is the target
+# <name>_so; the .plg file is made by the target <name>, which is part of ALL.
+#
+# Plug-ins are built like the library: no exceptions, no RTTI, hidden symbols
+# (only the "query" entry point is exported, see KEST_PLUGIN_QUERY).
+if(NOT DEFINED KEST_PLUGIN_OUTPUT_DIR)
+  set(KEST_PLUGIN_OUTPUT_DIR "${CMAKE_BINARY_DIR}/plugins")
+endif()
+
+function(kest_add_plugin)
+  cmake_parse_arguments(PLG "" "NAME;OUTPUT_DIRECTORY" "SOURCES;LIBRARIES" ${ARGN})
+  if(NOT PLG_NAME OR NOT PLG_SOURCES)
+    message(FATAL_ERROR "kest_add_plugin: NAME and SOURCES are required")
+  endif()
+  if(NOT PLG_OUTPUT_DIRECTORY)
+    set(PLG_OUTPUT_DIRECTORY "${KEST_PLUGIN_OUTPUT_DIR}")
+  endif()
+
+  set(so_target ${PLG_NAME}_so)
+  add_library(${so_target} MODULE ${PLG_SOURCES})
+  target_link_libraries(${so_target} PRIVATE kest ${PLG_LIBRARIES})
+  target_compile_options(${so_target} PRIVATE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>
+    -fvisibility=hidden)
+  target_link_options(${so_target} PRIVATE -Wl,--no-undefined)
+  set_target_properties(${so_target} PROPERTIES PREFIX "" OUTPUT_NAME ${PLG_NAME})
+
+  set(plg_file "${PLG_OUTPUT_DIRECTORY}/${PLG_NAME}.plg")
+  add_custom_command(
+    OUTPUT "${plg_file}"
+    COMMAND ${CMAKE_COMMAND} -E make_directory "${PLG_OUTPUT_DIRECTORY}"
+    COMMAND kest-plg pack $<TARGET_FILE:${so_target}> "${plg_file}"
+    DEPENDS ${so_target} kest-plg
+    COMMENT "Packing plug-in ${PLG_NAME}.plg"
+    VERBATIM)
+  add_custom_target(${PLG_NAME} ALL DEPENDS "${plg_file}")
+  set_target_properties(${PLG_NAME} PROPERTIES KEST_PLUGIN_FILE "${plg_file}")
+endfunction()
