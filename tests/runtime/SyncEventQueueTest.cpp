@@ -3,6 +3,7 @@
 #include <kest/SyncEventQueue.h>
 
 #include <atomic>
+#include <barrier>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -273,6 +274,78 @@ TEST_F(SyncEventQueueTest, ConcurrentPostersLoseNothing) {
   Enter();
   SyncEventQueue::DrainEvents();
   EXPECT_EQ(r.seen.size(), static_cast<size_t>(kThreads * kPosts));
+}
+
+// Four threads post and drain at once while the collector frees behind them:
+// every thread ends with the same sequence, holding each poster's events in
+// the order posted, and the queue shrinks to its last node once all have left.
+TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
+  constexpr int kThreads = 4, kPosts = 2000;
+  Recorder collector;
+  const uint32_t id = Install("test.order", collector);
+  kest_clock_set(h, 1);
+  kest_idle(h);
+  const long before = LiveBlocks(Heap::Shared);
+  std::vector<Recorder> seen(kThreads);
+  std::barrier joined(kThreads + 1), posted(kThreads + 1);
+  std::atomic<bool> done{false};
+  Leave();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      ASSERT_EQ(kest_init(h), 0);
+      oru::Runtime::l_instance_id = h;
+      Install("test.order", seen[t]);
+      oru::Runtime::l_instance_id = 0;
+      joined.arrive_and_wait();
+      for (int i = 0; i < kPosts; ++i) {
+        const std::string payload = std::to_string(t) + ":" + std::to_string(i);
+        oru::Runtime::l_instance_id = h;
+        SyncEventQueue::PostEvent(id, payload.data(), static_cast<uint32_t>(payload.size()));
+        oru::Runtime::l_instance_id = 0;
+        if (i % 16 == 0) {
+          kest_idle(h);
+        }
+      }
+      posted.arrive_and_wait();
+      kest_idle(h);
+      kest_fini(h);
+    });
+  }
+  joined.arrive_and_wait();
+  // This thread is the collector: it frees passed nodes while the others post.
+  uint64_t clock = 2;
+  std::thread stopper([&] {
+    posted.arrive_and_wait();
+    done = true;
+  });
+  while (!done) {
+    kest_clock_set(h, clock++);
+    kest_idle(h);
+  }
+  stopper.join();
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  Enter();
+  kest_clock_set(h, clock++);
+  kest_idle(h);
+  kest_clock_set(h, clock++);
+  kest_idle(h);
+
+  ASSERT_EQ(collector.seen.size(), static_cast<size_t>(kThreads * kPosts));
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(seen[t].seen, collector.seen) << "thread " << t;
+  }
+  std::vector<int> next(kThreads, 0);
+  for (const std::string &event : collector.seen) {
+    const int poster = std::stoi(event.substr(0, event.find(':')));
+    ASSERT_EQ(event, std::to_string(poster) + ":" + std::to_string(next[poster]));
+    ++next[poster];
+  }
+  // What stays is independent of the traffic: the tail, on which this thread
+  // stands, and the passed node before it as head, in place of the old head.
+  EXPECT_EQ(LiveBlocks(Heap::Shared), before - 1 + 4);
 }
 
 TEST_F(SyncEventQueueTest, CloseFreesEverythingLeftInTheQueue) {
