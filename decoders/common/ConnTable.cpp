@@ -1,0 +1,71 @@
+#include "common/ConnTable.h"
+
+#include <kest/MemTag.h>
+
+namespace kest_decoders {
+
+ConnTable::ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context)
+    : m_ip_protocol(ip_protocol), m_context(context), m_classify(proto, context), m_head(nullptr),
+      m_count(0) {}
+
+ConnTable::~ConnTable() {
+  Clear();
+}
+
+oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {
+  oru::Tuple own = tuple;
+  own.protocol = m_ip_protocol;
+  TransportConn *conn;
+  {
+    oru::ScopedMemTag tag(oru::ScopedMemTag::WHOLE,
+                          (uint32_t{oru::MemTag::OBJ_CONNCACHE_CONNECTION} << 16) | m_context);
+    conn = TransportConn::Make(own, &m_classify, this);
+  }
+  if (conn == nullptr) {
+    return nullptr;
+  }
+  conn->add_ref();
+  conn->m_next = m_head;
+  if (m_head != nullptr) {
+    m_head->m_prev = conn;
+  }
+  m_head = conn;
+  ++m_count;
+  return conn;
+}
+
+void ConnTable::Destroy(oru::Conn *conn) {
+  if (conn == nullptr || conn->GetInterface(TransportConn::INTERFACE_OWNER_TABLE) != this) {
+    return;
+  }
+  TransportConn *own = static_cast<TransportConn *>(conn);
+  Unlink(own);
+  own->Expired();
+  own->release();
+}
+
+void ConnTable::Clear() {
+  while (m_head != nullptr) {
+    TransportConn *conn = m_head;
+    Unlink(conn);
+    conn->Expired();
+    conn->release();
+  }
+}
+
+void ConnTable::Unlink(TransportConn *conn) {
+  if (conn->m_prev != nullptr) {
+    conn->m_prev->m_next = conn->m_next;
+  } else {
+    m_head = conn->m_next;
+  }
+  if (conn->m_next != nullptr) {
+    conn->m_next->m_prev = conn->m_prev;
+  }
+  conn->m_prev = nullptr;
+  conn->m_next = nullptr;
+  conn->m_table = nullptr;
+  --m_count;
+}
+
+} // namespace kest_decoders

@@ -1,0 +1,33 @@
+#include "common/TransportConn.h"
+
+#include <kest.h>
+#include <new>
+
+namespace kest_decoders {
+
+TransportConn *TransportConn::Make(const oru::Tuple &tuple, oru::IClassify *classify,
+                                   ConnTable *table) {
+  void *block = kest_malloc_local(sizeof(TransportConn));
+  if (block == nullptr) {
+    return nullptr;
+  }
+  return ::new (block) TransportConn(tuple, classify, table);
+}
+
+TransportConn::TransportConn(const oru::Tuple &tuple, oru::IClassify *classify, ConnTable *table)
+    : m_prev(nullptr), m_next(nullptr), m_classify(classify), m_table(table) {
+  m_tuple = tuple;
+}
+
+void *TransportConn::GetInterface(oru::InterfaceId id) {
+  switch (id) {
+  case oru::INTERFACE_CONN_CLASSIFY:
+    return m_classify;
+  case INTERFACE_OWNER_TABLE:
+    return m_table;
+  default:
+    return nullptr;
+  }
+}
+
+} // namespace kest_decoders

@@ -1,0 +1,79 @@
+#include "common/TransportPlugin.h"
+
+#include <kest.h>
+#include <kest/MemTag.h>
+#include <kest/ProtocolRegistry.h>
+#include <kest/fdt/ObjectPrefix.h>
+
+namespace kest_decoders {
+
+namespace {
+
+constexpr oru::VersionRecord kVersion = {TransportPlugin::kMajor, 0, 0, 1, "decoders"};
+
+} // namespace
+
+bool TransportPlugin::GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) const {
+  if (own != nullptr) {
+    *own = kVersion;
+  }
+  return library != nullptr && library->major == kMajor;
+}
+
+bool TransportPlugin::InitInstance() const {
+  oru::RegisterProtocol(m_protocol);
+  if (oru::GetProtocolId(m_protocol) == 0) {
+    return false;
+  }
+  return oru::InterfaceBroker::RegisterModule(m_module, m_protocol);
+}
+
+bool TransportPlugin::InitThread() const {
+  const int proto = oru::GetProtocolId(m_protocol);
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+  if (proto <= 0 || broker == nullptr ||
+      broker->GetInterface(m_module, oru::INTERFACE_CONN_FACTORY) != nullptr) {
+    return false;
+  }
+  ConnTable *table;
+  {
+    oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
+    table = oru::fdt::CreateObject<ConnTable>(oru::fdt::OBJECT_LOCAL, m_ip_protocol,
+                                              static_cast<uint32_t>(proto), m_context);
+  }
+  if (table == nullptr) {
+    return false;
+  }
+  oru::IConnFactory *factory = table;
+  if (!broker->RegisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, factory)) {
+    oru::fdt::DestroyObject(table);
+    return false;
+  }
+  return true;
+}
+
+void TransportPlugin::ExitThread() const {
+  ConnTable *table = Table();
+  if (table == nullptr) {
+    return;
+  }
+  oru::InterfaceBroker::Instance()->UnregisterInterface(m_module, oru::INTERFACE_CONN_FACTORY,
+                                                        table);
+  oru::fdt::DestroyObject(table);
+}
+
+void TransportPlugin::ExitInstance() const {
+  oru::InterfaceBroker::UnregisterModule(m_module, m_protocol);
+}
+
+ConnTable *TransportPlugin::Table() const {
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Peek();
+  if (broker == nullptr) {
+    return nullptr;
+  }
+  // Registered as its factory interface, so it comes back the same way.
+  void *factory = broker->GetInterface(m_module, oru::INTERFACE_CONN_FACTORY);
+  return static_cast<ConnTable *>(static_cast<oru::IConnFactory *>(factory));
+}
+
+} // namespace kest_decoders

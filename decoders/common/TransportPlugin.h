@@ -1,0 +1,60 @@
+// What the TCP and UDP plug-ins share: one description of the transport and
+// the entry points that act on it.
+//
+// Instance start-up names the protocol and the module; thread start-up makes
+// the thread's connection table and offers it to the library as the
+// module's connection factory. The broker keeps the table for the thread, so
+// thread exit finds it there again.
+#ifndef KEST_DECODERS_TRANSPORTPLUGIN_H
+#define KEST_DECODERS_TRANSPORTPLUGIN_H
+
+#include "common/ConnTable.h"
+
+#include <kest/InterfaceBroker.h>
+#include <kest/Plugin.h>
+#include <stdint.h>
+
+namespace kest_decoders {
+
+class TransportPlugin {
+public:
+  // The library generation the decoders are built for: a library of another
+  // major version is refused.
+  static constexpr uint32_t kMajor = 4;
+
+  // `name` is the plug-in's; `protocol` names both the protocol and the
+  // module `module`; `ip_protocol` is 6 or 17; `context` the memory context.
+  constexpr TransportPlugin(const char *name, const char *protocol, oru::ModuleId module,
+                            uint8_t ip_protocol, uint16_t context)
+      : m_name(name), m_protocol(protocol), m_module(module), m_ip_protocol(ip_protocol),
+        m_context(context) {}
+
+  const char *Name() const { return m_name; }
+  // Fills `own` with the decoders' version; true when `library` has the same
+  // major version.
+  bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) const;
+  // Registers the protocol and the module name. False when the module name
+  // is taken or the protocol got no index.
+  bool InitInstance() const;
+  // Makes and registers this thread's connection table. False without
+  // memory, without a protocol index, or when the module already has a
+  // factory on this thread.
+  bool InitThread() const;
+  // Unregisters the table and destroys it with the connections it holds.
+  void ExitThread() const;
+  void ExitInstance() const;
+
+  // This thread's table, or null outside InitThread..ExitThread.
+  ConnTable *Table() const;
+
+private:
+  const char *m_name;
+  const char *m_protocol;
+  oru::ModuleId m_module;
+  uint8_t m_ip_protocol;
+  uint16_t m_context;
+};
+
+} // namespace kest_decoders
+
+#endif
