@@ -485,12 +485,18 @@ KEST_EXPORT void kest_clock_set(kest_handle_t handle, uint64_t ms);
 KEST_EXPORT void kest_clock_set_mode(kest_handle_t handle, int mode);
 
 /* ------------------------------------------------------------------------ */
-/* Diagnostics and memory accounting [planned]                               */
+/* Diagnostics and memory accounting                                         */
 /* ------------------------------------------------------------------------ */
 
-/** [planned] Runs the diagnostic report of a module through kest_diag_printf.
- * Returns 0, or -1 with KEST_EINVAL (unknown module) or KEST_ENOENT (the
- * module has no report) or when the report fails. */
+/** Runs the diagnostic report of a module on the calling thread, through
+ * kest_diag_printf. module: the module's registered name; "SYSTEM" is the
+ * library's own report (the status of every plug-in seen, then this thread's
+ * event count). arg: handed to the module's report unread by the library
+ * (the SYSTEM report ignores it). Needs a thread context (kest_init()).
+ * Returns 0, or -1 with:
+ *   KEST_EINVAL  bad handle, no thread context, or no module of that name;
+ *   KEST_ENOENT  the module has no report on this thread;
+ *   or -1 with kest_errno untouched when the report itself fails. */
 KEST_EXPORT int kest_diag(kest_handle_t handle, const char *module, void *arg);
 
 /** The calling thread's memory tag word: low 16 bits the context number, high

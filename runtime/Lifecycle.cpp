@@ -9,6 +9,7 @@
 #include <kest/Error.h>
 #include <kest/InterfaceBroker.h>
 #include <kest/MemTag.h>
+#include <kest/PluginManager.h>
 #include <kest/ProtocolRegistry.h>
 #include <kest/Runtime.h>
 #include <kest/SyncEventQueue.h>
@@ -46,7 +47,7 @@ void UnwindInstance(int failed_step, int row) {
 
 // Instance start-up. Returns the claimed row, or 0 after raising an error.
 // On success Runtime::l_instance_id is left at the row.
-int InstanceStartup(const char * /*plugin_dir*/) {
+int InstanceStartup(const char *plugin_dir) {
   // 1. The hook table.
   if (!HooksPresent()) {
     ThrowError(ERR_NOSYS);
@@ -95,6 +96,8 @@ int InstanceStartup(const char * /*plugin_dir*/) {
     UnwindInstance(10, row);
     return 0;
   }
+  // A plug-in that cannot be used is left out; the instance opens anyway.
+  PluginManager::InitInstance(plugin_dir);
 
   // 11.
   InstanceTable::SetState(row, INST_OPEN);
@@ -106,7 +109,8 @@ int InstanceStartup(const char * /*plugin_dir*/) {
 
 void InstanceTeardown() {
   SyncEventQueue::ExitInstance();
-  // Plug-in manager (unloads plug-ins); attribute manager.
+  PluginManager::ExitInstance();
+  // Attribute manager.
   ProtocolRegistry::ExitInstance();
   Configuration::ExitInstance();
   InterfaceBroker::ClearModules();
@@ -120,13 +124,17 @@ void ReleaseThreadObjects() {
   // attribute manager
   InterfaceBroker::Release();
   Classification::Release();
-  // plug-in manager, custom apps
+  PluginManager::Release();
+  // custom apps
 }
 
 // Undoes a thread start-up that failed at step 4 or later, then releases the
 // per-thread objects.
 void UnwindThread() {
-  // Plug-in manager.
+  // Plug-ins that were not started are not ended.
+  if (PluginManager *plugins = PluginManager::Peek()) {
+    plugins->ExitThread();
+  }
   if (Classification *classification = Classification::Peek()) {
     classification->ExitThread();
   }
@@ -151,7 +159,7 @@ bool ThreadStartup() {
   SyncEventQueue *queue = SyncEventQueue::Instance();
   Configuration *config = Configuration::Instance();
   if (queue == nullptr || config == nullptr || InterfaceBroker::Instance() == nullptr ||
-      Classification::Instance() == nullptr) {
+      Classification::Instance() == nullptr || PluginManager::Instance() == nullptr) {
     ReleaseThreadObjects();
     return false;
   }
@@ -170,6 +178,10 @@ bool ThreadStartup() {
     return false;
   }
   // 8. Plug-in manager.
+  if (!PluginManager::Instance()->InitThread()) {
+    UnwindThread();
+    return false;
+  }
   // 9. Custom applications.
   return true;
 }
@@ -183,7 +195,9 @@ void ThreadTeardown() {
   if (SyncEventQueue *queue = SyncEventQueue::Peek()) {
     queue->Leave();
   }
-  // Plug-in manager.
+  if (PluginManager *plugins = PluginManager::Peek()) {
+    plugins->ExitThread();
+  }
   if (Classification *classification = Classification::Peek()) {
     classification->ExitThread();
   }
@@ -191,7 +205,8 @@ void ThreadTeardown() {
   if (Configuration *config = Configuration::Peek()) {
     config->ExitThread();
   }
-  // Then the per-thread objects: custom apps, plug-in manager,
+  // Then the per-thread objects: custom apps,
+  PluginManager::Release();
   Classification::Release();
   // attribute manager,
   InterfaceBroker::Release();
@@ -275,8 +290,10 @@ extern "C" KEST_EXPORT int kest_init(kest_handle_t handle) {
     ThrowError(ERR_INVAL);
   } else if (!InitThreadLocal()) {
     ThrowError(ERR_NOMEM);
+  } else if (!ProtocolRegistry::InitThread()) {
+    // No plug-in provides "TCP" or "UDP" (EPROTO raised). The slot block
+    // stays, as below.
   } else if (!ThreadStartup()) {
-    // The "TCP"/"UDP" lookup of the protocol registry comes before this step.
     // The slot block stays: a second kest_init gets EINVAL, kest_fini clears it.
     ThrowError(ERR_NOMEM);
   } else {

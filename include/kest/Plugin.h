@@ -1,8 +1,9 @@
 // What a plug-in implements and what it sees of the library's plug-in
 // manager: the version record, the table of eight entry points, and the
 // unmangled "query" function through which a dynamic plug-in hands the table
-// over. (The manager that reads the table, and the registration of built-in
-// plug-ins, are not part of the library yet.)
+// over. A built-in plug-in hands the same table to
+// oru::PluginManager::AddBuiltin (kest/PluginManager.h) before the instance
+// opens.
 #ifndef KEST_PLUGIN_H
 #define KEST_PLUGIN_H
 
