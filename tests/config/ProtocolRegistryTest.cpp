@@ -17,6 +17,8 @@ class ProtocolRegistryTest : public kest_test::InstanceFixture {
 protected:
   void SetUp() override {
     InstanceFixture::SetUp();
+    // The registry starts empty: no plug-in names "TCP" or "UDP".
+    kest_test::SetTransportRegistration(false);
     h = Open();
     ASSERT_GT(h, 0);
     oru::Runtime::l_instance_id = h;

@@ -22,6 +22,8 @@ class ConnApiTest : public kest_test::InstanceFixture {
 protected:
   void SetUp() override {
     InstanceFixture::SetUp();
+    // The test numbers the protocols itself.
+    kest_test::SetTransportRegistration(false);
     h = Open();
     ASSERT_GT(h, 0);
     oru::Runtime::l_instance_id = h;

@@ -4,6 +4,7 @@
 #define KEST_TESTS_INSTANCEFIXTURE_H
 
 #include "TestHooks.h"
+#include "TransportPlugin.h"
 
 #include <gtest/gtest.h>
 #include <kest.h>

@@ -1,4 +1,5 @@
 #include "TestHooks.h"
+#include "TransportPlugin.h"
 
 #include <kest.h>
 #include <kest_host.h>
@@ -121,6 +122,8 @@ void InstallHooks() {
   Take(g_printed);
   Take(g_diag);
   Take(g_log);
+  AddTransportPlugin();
+  SetTransportRegistration(true);
 }
 
 void FailNthAllocation(long n) {
