@@ -7,6 +7,20 @@ if(TARGET tcp AND TARGET udp AND KEST_DECODER_CLASS_SOURCES)
   add_dependencies(kest_tests tcp udp)
   get_target_property(_tcp_plg tcp KEST_PLUGIN_FILE)
   get_target_property(_udp_plg udp KEST_PLUGIN_FILE)
+
+  # The README's plug-in example, built from the text the README shows, into
+  # a folder of its own.
+  set(_saved_output_dir ${KEST_PLUGIN_OUTPUT_DIR})
+  set(KEST_PLUGIN_OUTPUT_DIR ${CMAKE_CURRENT_BINARY_DIR}/readme-plugins)
+  add_subdirectory(${CMAKE_CURRENT_LIST_DIR}/hello ${CMAKE_CURRENT_BINARY_DIR}/readme-hello)
+  set(KEST_PLUGIN_OUTPUT_DIR ${_saved_output_dir})
+  get_target_property(_hello_plg hello KEST_PLUGIN_FILE)
+  add_dependencies(kest_tests hello)
+  add_test(NAME readme_plugin_example
+           COMMAND ${CMAKE_COMMAND} -DREADME=${CMAKE_SOURCE_DIR}/README.md
+                   -DDIR=${CMAKE_CURRENT_LIST_DIR}/hello -P ${CMAKE_CURRENT_LIST_DIR}/hello/CheckReadme.cmake)
+
   set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/DecoderPluginsTest.cpp APPEND PROPERTY
-               COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}")
+               COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
+               KEST_TEST_HELLO_PLG="${_hello_plg}")
 endif()
