@@ -249,6 +249,10 @@ bool PluginManager::InitInstance(const char *plugin_dir) {
   SpinGuard lock(s_plugin_lock);
   ScopedMemTag tag(ScopedMemTag::CONTEXT, MemTag::CTX_PLUGINMGR_GENERAL);
   const int row = Runtime::l_instance_id;
+  // No directory: built-in plug-ins only.
+  if (plugin_dir == nullptr) {
+    plugin_dir = "";
+  }
 
   CopyPluginDir(row, plugin_dir);
   AddBuiltins(row);
