@@ -124,12 +124,11 @@ public:
         bytes = m_begin + offset;
       }
     }
-    char *const last = m_begin + total;
-    while (m_end != last) {
-      *m_end++ = '\0';
-    }
-    data()[size()] = '\0';
+    // Copy first, then terminate: a source inside this string is read before
+    // its old terminator is overwritten.
     kest_memcpy(m_begin + length, bytes, n);
+    m_end = m_begin + total;
+    m_end[-1] = '\0';
     return true;
   }
 
