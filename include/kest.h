@@ -94,14 +94,22 @@ typedef int (*kest_classify_callback_t)(kest_handle_t handle, kest_result_t *res
                                         kest_conn_id_t conn_id, void *user, int error);
 
 /**
- * Attribute listener, called during kest_classify() on the classifying thread.
+ * Attribute listener, called during kest_classify() (or whatever plug-in code
+ * reports the value) on the classifying thread.
+ * handle: the instance (kest_handle_get()).
+ * conn_id: the number of the connection last handled on this thread.
  * key:    the attribute's identifier on this thread (kest_attr_key_get()).
- * length, value: the attribute's bytes, borrowed for the call.
- * packed: argument in the upper 16 bits, the low 16 bits of "more" below.
- * user:   the user word of the running kest_classify().
+ * length, value: the attribute's bytes, borrowed for the call. For
+ *         "conn.expired" the value is the 8-byte number of the dying
+ *         connection.
+ * packed: argument in the upper 16 bits, the low 16 bits of "more" in the
+ *         lower; "more" non-zero means further pieces of the value follow.
+ * user:   the user word of the running kest_classify(), or of the last one
+ *         during kest_idle().
+ * The result is not used.
  */
-typedef void (*kest_attr_callback_t)(kest_handle_t handle, kest_conn_id_t conn_id, int key,
-                                     int length, const void *value, int packed, void *user);
+typedef int (*kest_attr_callback_t)(kest_handle_t handle, kest_conn_id_t conn_id, int key,
+                                    int length, const void *value, int packed, void *user);
 
 /* Error numbers left in kest_errno. They are Linux errno values and the same
  * on every system. */
@@ -419,17 +427,33 @@ KEST_EXPORT int kest_proto_max_index(kest_handle_t handle);
 KEST_EXPORT int kest_proto_set_index(kest_handle_t handle, const char *name, int index);
 
 /* ------------------------------------------------------------------------ */
-/* Attributes [planned]                                                      */
+/* Attributes                                                                */
 /* ------------------------------------------------------------------------ */
 
-/** [planned] Identifier of an attribute name on this thread; 0 when registered
- * but without listener; -1 when nothing here registered it, or with
- * KEST_EINVAL on a bad handle or no context. */
+/**
+ * Identifier of an attribute on the calling thread: the key argument its
+ * listener will get. Identifiers differ between threads and exist only while
+ * a listener is set, from the idle pass after kest_attr_callback_set() on.
+ * name: a name as kest_attr_callback_set() takes it; a member of a family
+ *       (such as a header name) finds the family's registration.
+ * Thread context required. Returns the identifier (1 or more); 0 when a
+ * plug-in on this thread registered the name but no listener has reached the
+ * thread yet; -1 when nothing on this thread registered it, or with
+ * KEST_EINVAL on a bad handle, no context or a NULL name.
+ */
 KEST_EXPORT int kest_attr_key_get(kest_handle_t handle, const char *name);
 
-/** [planned] Installs the instance-wide listener of an attribute (NULL removes
- * it). Reaches every thread at its next idle pass. Returns 0, or -1 with
- * KEST_EINVAL. */
+/**
+ * Installs the instance-wide listener of an attribute; the last call for a
+ * name wins. The setting reaches every thread, the caller included, at its
+ * next idle pass (kest_idle() or kest_classify()).
+ * name: an attribute that a plug-in created, or a member of a family that a
+ *       plug-in created (its setting is made on the way).
+ * callback: the listener; NULL stops delivery for a name that has one. Do not
+ *       pass NULL for a name that never had a listener.
+ * Thread context required. Returns 0, or -1 with KEST_EINVAL: bad handle, no
+ * context, NULL name, an unknown name, or the family refused the member.
+ */
 KEST_EXPORT int kest_attr_callback_set(kest_handle_t handle, const char *name,
                                        kest_attr_callback_t callback);
 

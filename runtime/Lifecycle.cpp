@@ -2,6 +2,7 @@
 // entries that unwinds in reverse when a step fails; a subsystem's entry sits at
 // its place in the list, and the lists stay valid for any subset of entries.
 #include <kest.h>
+#include <kest/AttributeMgr.h>
 #include <kest/Classification.h>
 #include <kest/Clock.h>
 #include <kest/Configuration.h>
@@ -14,6 +15,7 @@
 #include <kest/Runtime.h>
 #include <kest/SyncEventQueue.h>
 
+#include "attributes/AttributeApi.h"
 #include "flow/ReorderWindow.h"
 #include "runtime/ApiFrame.h"
 #include "runtime/ApiSlots.h"
@@ -30,7 +32,11 @@ namespace {
 // Undoes the instance start-up steps before `failed_step`, newest first, and
 // frees the row. The state stays INST_OPENING until the row is claimed again.
 void UnwindInstance(int failed_step, int row) {
-  // 10: attribute manager. 9: the broker's table, protocol registry.
+  // 10: attribute manager.
+  if (failed_step >= 10) {
+    AttributeMgr::ExitInstance();
+  }
+  // 9: the broker's table, protocol registry.
   if (failed_step >= 9) {
     InterfaceBroker::ClearModules();
     ProtocolRegistry::ExitInstance();
@@ -90,6 +96,10 @@ int InstanceStartup(const char *plugin_dir) {
     return 0;
   }
   // 9. Attribute manager.
+  if (!AttributeMgr::InitInstance()) {
+    UnwindInstance(9, row);
+    return 0;
+  }
   // 10. Connections, flow buffer defaults, then the plug-in manager, which
   //     loads the plug-ins and runs their instance start-up.
   if (!Conn::InitInstance() || !ReorderWindow::InitInstance()) {
@@ -110,7 +120,7 @@ int InstanceStartup(const char *plugin_dir) {
 void InstanceTeardown() {
   SyncEventQueue::ExitInstance();
   PluginManager::ExitInstance();
-  // Attribute manager.
+  AttributeMgr::ExitInstance();
   ProtocolRegistry::ExitInstance();
   Configuration::ExitInstance();
   InterfaceBroker::ClearModules();
@@ -121,7 +131,7 @@ void InstanceTeardown() {
 void ReleaseThreadObjects() {
   SyncEventQueue::Release();
   Configuration::Release();
-  // attribute manager
+  AttributeMgr::Release();
   InterfaceBroker::Release();
   Classification::Release();
   PluginManager::Release();
@@ -138,7 +148,9 @@ void UnwindThread() {
   if (Classification *classification = Classification::Peek()) {
     classification->ExitThread();
   }
-  // Attribute manager.
+  if (AttributeMgr *attributes = AttributeMgr::Peek()) {
+    attributes->ExitThread();
+  }
   if (Configuration *config = Configuration::Peek()) {
     config->ExitThread();
   }
@@ -159,7 +171,8 @@ bool ThreadStartup() {
   SyncEventQueue *queue = SyncEventQueue::Instance();
   Configuration *config = Configuration::Instance();
   if (queue == nullptr || config == nullptr || InterfaceBroker::Instance() == nullptr ||
-      Classification::Instance() == nullptr || PluginManager::Instance() == nullptr) {
+      AttributeMgr::Instance() == nullptr || Classification::Instance() == nullptr ||
+      PluginManager::Instance() == nullptr) {
     ReleaseThreadObjects();
     return false;
   }
@@ -172,6 +185,10 @@ bool ThreadStartup() {
     return false;
   }
   // 6. Attribute manager.
+  if (!AttributeMgr::Instance()->InitThread()) {
+    UnwindThread();
+    return false;
+  }
   // 7. Classification.
   if (!Classification::Instance()->InitThread()) {
     UnwindThread();
@@ -201,14 +218,16 @@ void ThreadTeardown() {
   if (Classification *classification = Classification::Peek()) {
     classification->ExitThread();
   }
-  // Attribute manager.
+  if (AttributeMgr *attributes = AttributeMgr::Peek()) {
+    attributes->ExitThread();
+  }
   if (Configuration *config = Configuration::Peek()) {
     config->ExitThread();
   }
   // Then the per-thread objects: custom apps,
   PluginManager::Release();
   Classification::Release();
-  // attribute manager,
+  AttributeMgr::Release();
   InterfaceBroker::Release();
   Configuration::Release();
   SyncEventQueue::Release();
@@ -305,6 +324,7 @@ extern "C" KEST_EXPORT int kest_init(kest_handle_t handle) {
     if (!listed) {
       ThrowError(ERR_NOMEM);
     } else {
+      AttributeMgr::Instance()->SetHandler(DeliverAttribute);
       result = 0;
     }
   }
