@@ -1,7 +1,10 @@
+#include <kest/AttributeMgr.h>
 #include <kest/Clock.h>
 #include <kest/Conn.h>
 #include <kest/SpinLock.h>
 #include <stddef.h>
+
+#include "conn/PolicyObserver.h"
 
 namespace oru {
 
@@ -43,12 +46,16 @@ static_assert(offsetof(Conn, m_tuple) == offsetof(Conn, m_side) + 8, "tuple last
 
 ThreadLocalKey Conn::l_active_conn;
 ThreadLocalKey Conn::l_default_policy;
+ThreadLocalKey Conn::l_conn_expired;
 uint64_t Conn::s_next_conn[kInstanceRows];
 
 namespace {
 
 SlotRegistration g_active_reg(Conn::l_active_conn);
 SlotRegistration g_policy_reg(Conn::l_default_policy);
+SlotRegistration g_expired_reg(Conn::l_conn_expired);
+
+const char kExpired[] = "conn.expired";
 
 // One lock for the counters of all instances: numbering is rare next to the
 // packets of a connection.
@@ -76,17 +83,54 @@ bool Conn::Idle() const {
   return now() - m_touched > kIdleMs;
 }
 
+void Conn::DispatchExpired() {
+  const int id = static_cast<int>(ThreadWord(l_conn_expired));
+  if (id < 1) {
+    return;
+  }
+  // The active connection's policy rules, whichever connection is expiring.
+  const Conn *active = ThreadPointer<Conn>(l_active_conn);
+  if ((active->m_policy & POLICY_ATTRIBUTES) == 0) {
+    return;
+  }
+  AttributeMgr::Instance()->DispatchAttribute(id, reinterpret_cast<const uint8_t *>(&m_number),
+                                              sizeof(m_number), 0, 0);
+}
+
 bool Conn::InitInstance() {
-  SpinGuard guard(g_number_lock);
-  s_next_conn[Runtime::l_instance_id] = 0;
+  {
+    SpinGuard guard(g_number_lock);
+    s_next_conn[Runtime::l_instance_id] = 0;
+  }
+  PolicyObserver::InitInstance();
+  fdt::string name;
+  if (name.append(kExpired)) {
+    AttributeMgr::Create(name);
+  }
   return true;
 }
 
 bool Conn::InitThread() {
-  ThreadWord(l_default_policy) = 0xFFFFFFFFu;
-  return true;
+  if (!PolicyObserver::InitThread()) {
+    return false;
+  }
+  ThreadWord(l_conn_expired) = 0;
+  AttributeMgr *attributes = AttributeMgr::Instance();
+  fdt::string name;
+  return attributes != nullptr && name.append(kExpired) &&
+         attributes->Register(name, reinterpret_cast<int *>(&ThreadCell(l_conn_expired)));
 }
 
-void Conn::ExitThread() {}
+void Conn::ExitThread() {
+  PolicyObserver::ExitThread();
+  // Gives the name back, so that the thread's connections can start again.
+  if (AttributeMgr *attributes = AttributeMgr::Peek()) {
+    fdt::string name;
+    if (name.append(kExpired)) {
+      attributes->Unregister(name);
+    }
+  }
+  ThreadWord(l_conn_expired) = 0;
+}
 
 } // namespace oru

@@ -81,7 +81,8 @@ public:
   // Side of the packet being handled, 0 or 1.
   virtual void SetSide(unsigned char side) = 0;
   virtual ~IConn() {}
-  // Called by the owning plug-in when it removes the connection.
+  // Called by the owning plug-in when it removes the connection: reports
+  // "conn.expired" to its listeners.
   virtual void Expired() = 0;
 };
 
@@ -107,7 +108,13 @@ public:
   void *GetInterface(InterfaceId /*id*/) override { return nullptr; }
   uint8_t Protocol() const override { return 0; }
   void SetSide(unsigned char side) override { m_side = side; }
-  void Expired() override {}
+  void Expired() override { DispatchExpired(); }
+
+  // What Expired() does in the base: if anyone on this thread listens to
+  // "conn.expired" and the thread's active connection (not this one) has
+  // POLICY_ATTRIBUTES, dispatches this connection's 8-byte number. The
+  // owning plug-in must have touched a live connection on this thread.
+  void DispatchExpired();
 
   // Marks the connection as seen now and as this thread's active connection.
   void Touch();
@@ -116,7 +123,10 @@ public:
   bool Idle() const;
   AppStack *GetAppStack() { return &m_app_stack; }
 
-  // Instance and thread life.
+  // Instance and thread life. The instance start-up sets the default policy
+  // keys and creates "conn.expired"; the thread start-up makes the thread's
+  // default policy follow those keys and registers for "conn.expired". False
+  // without memory or when the registration fails.
   static bool InitInstance();
   static bool InitThread();
   static void ExitThread();
@@ -128,6 +138,8 @@ public:
   static ThreadLocalKey l_active_conn;
   // The thread's default policy word, copied by every new connection.
   static ThreadLocalKey l_default_policy;
+  // The thread's identifier of "conn.expired"; 0 or less while nobody listens.
+  static ThreadLocalKey l_conn_expired;
   // Last number handed out, per instance, under a process-wide lock.
   static uint64_t s_next_conn[kInstanceRows];
 
