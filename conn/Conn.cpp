@@ -93,8 +93,10 @@ void Conn::DispatchExpired() {
   if ((active->m_policy & POLICY_ATTRIBUTES) == 0) {
     return;
   }
-  AttributeMgr::Instance()->DispatchAttribute(id, reinterpret_cast<const uint8_t *>(&m_number),
-                                              sizeof(m_number), 0, 0);
+  if (AttributeMgr *attributes = AttributeMgr::Peek()) {
+    attributes->DispatchAttribute(id, reinterpret_cast<const uint8_t *>(&m_number),
+                                  sizeof(m_number), 0, 0);
+  }
 }
 
 bool Conn::InitInstance() {
