@@ -195,11 +195,6 @@ bool AttributeMgr::ValidateAttribute(const fdt::string &key, const fdt::string &
   return !new_value.empty();
 }
 
-AttributeMgr::AttributeRegistration *AttributeMgr::FindRegistration(const char *name) {
-  auto found = m_registrations.find(name);
-  return found != m_registrations.end() ? &found->second : nullptr;
-}
-
 bool AttributeMgr::Register(const fdt::string &name, ChangeCallback callback, void *user) {
   fdt::string key;
   if (!ItemKey(name.c_str(), key)) {

@@ -171,9 +171,6 @@ public:
   void DispatchAttribute(int id, const uint8_t *data, int length, int more, int arg);
   void SetHandler(Handler handler) { m_handler = handler; }
 
-  // The registration that covers `name` on this thread, or null.
-  AttributeRegistration *FindRegistration(const char *name);
-
   static ThreadLocalKey l_instance;
 
   // Layout fixed: delivery table, registrations, observer, handler.
