@@ -89,8 +89,9 @@ void Conn::DispatchExpired() {
     return;
   }
   // The active connection's policy rules, whichever connection is expiring.
+  // A thread that has touched no connection yet has no policy to go by.
   const Conn *active = ThreadPointer<Conn>(l_active_conn);
-  if ((active->m_policy & POLICY_ATTRIBUTES) == 0) {
+  if (active == nullptr || (active->m_policy & POLICY_ATTRIBUTES) == 0) {
     return;
   }
   if (AttributeMgr *attributes = AttributeMgr::Peek()) {
