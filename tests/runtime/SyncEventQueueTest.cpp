@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <barrier>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,6 +32,44 @@ public:
   uint32_t follow_up = 0;
 };
 
+// Registers `name` and installs `r` for it on the calling thread.
+uint32_t Install(const char *name, Recorder &r) {
+  const uint32_t id = SyncEventQueue::RegisterEvent(name);
+  EXPECT_TRUE(
+      SyncEventQueue::Instance()->InstallHandler(id, &r, oru::MakeEventMethod(&Recorder::OnEvent)));
+  return id;
+}
+
+// A second thread of the instance: it joins, runs `setup` in it, and then
+// stands still, draining nothing, until Release(); it then drains once and
+// leaves.
+class ParkedThread {
+public:
+  ParkedThread(kest_handle_t h, std::function<void()> setup = nullptr)
+      : m_thread([this, h, setup] {
+          EXPECT_EQ(kest_init(h), 0);
+          oru::Runtime::l_instance_id = h;
+          if (setup) {
+            setup();
+          }
+          oru::Runtime::l_instance_id = 0;
+          m_ready.count_down();
+          m_go.wait();
+          kest_idle(h);
+          kest_fini(h);
+        }) {
+    m_ready.wait();
+  }
+  void Release() {
+    m_go.count_down();
+    m_thread.join();
+  }
+
+private:
+  std::latch m_ready{1}, m_go{1};
+  std::thread m_thread;
+};
+
 class SyncEventQueueTest : public kest_test::InstanceFixture {
 protected:
   void SetUp() override {
@@ -49,118 +87,60 @@ protected:
   }
   void Enter() { oru::Runtime::l_instance_id = h; }
   void Leave() { oru::Runtime::l_instance_id = 0; }
-  // Registers `name` and installs `r` for it on the calling thread.
-  uint32_t Install(const char *name, Recorder &r) {
-    const uint32_t id = SyncEventQueue::RegisterEvent(name);
-    EXPECT_TRUE(SyncEventQueue::Instance()->InstallHandler(
-        id, &r, oru::MakeEventMethod(&Recorder::OnEvent)));
-    return id;
+  void IdleAt(uint64_t clock) {
+    kest_clock_set(h, clock);
+    kest_idle(h);
   }
   kest_handle_t h = -1;
 };
 
-TEST_F(SyncEventQueueTest, EventIdsStartAtOneAndNamesKeepTheirId) {
+TEST_F(SyncEventQueueTest, EventIdsArePerInstanceFromOneAndNeedMemory) {
   const uint32_t first = SyncEventQueue::RegisterEvent("test.one");
-  const uint32_t second = SyncEventQueue::RegisterEvent("test.two");
-  EXPECT_EQ(second, first + 1);
+  EXPECT_EQ(SyncEventQueue::RegisterEvent("test.two"), first + 1);
   EXPECT_EQ(SyncEventQueue::RegisterEvent("test.one"), first);
-  Leave();
-  const kest_handle_t other = Open();
-  oru::Runtime::l_instance_id = other;
-  // The configuration store registers the first event of every instance.
-  EXPECT_EQ(SyncEventQueue::RegisterEvent("config.sync"), 1u);
-  EXPECT_EQ(SyncEventQueue::RegisterEvent("fresh"), 2u) << "ids are per instance";
-  Enter();
-}
-
-TEST_F(SyncEventQueueTest, RegisterEventWithoutMemoryGivesZeroAndENOMEM) {
   kest_errno = 0;
   kest_test::FailAllAllocations(true);
   EXPECT_EQ(SyncEventQueue::RegisterEvent("nomem"), 0u);
   kest_test::FailAllAllocations(false);
   EXPECT_EQ(kest_errno, KEST_ENOMEM);
+  // The configuration store registers the first event of every instance.
+  Leave();
+  oru::Runtime::l_instance_id = Open();
+  EXPECT_EQ(SyncEventQueue::RegisterEvent("config.sync"), 1u);
+  EXPECT_EQ(SyncEventQueue::RegisterEvent("fresh"), 2u);
 }
 
-TEST_F(SyncEventQueueTest, EmptyPayloadArrivesAsNull) {
-  Recorder r;
-  const uint32_t id = Install("test.empty", r);
-  SyncEventQueue::PostEvent(id, "ignored", 0);
-  SyncEventQueue::DrainEvents();
-  ASSERT_EQ(r.seen.size(), 1u);
-  EXPECT_EQ(r.seen[0], "<null>");
-}
-
-TEST_F(SyncEventQueueTest, UnhandledEventsAreCountedAndSkipped) {
+TEST_F(SyncEventQueueTest, DrainCountsAndSkipsUnhandledAndRunsFollowUpsInTheSamePass) {
   Recorder r;
   const uint32_t handled = Install("test.handled", r);
   const uint32_t unhandled = SyncEventQueue::RegisterEvent("test.unhandled");
   const uint64_t before = SyncEventQueue::Instance()->Processed();
+  r.follow_up = handled;
   SyncEventQueue::PostEvent(unhandled, "x", 1);
   SyncEventQueue::PostEvent(handled, "y", 1);
+  SyncEventQueue::PostEvent(handled, "ignored", 0); // an empty payload arrives as null
   SyncEventQueue::DrainEvents();
-  EXPECT_EQ(SyncEventQueue::Instance()->Processed(), before + 2);
-  EXPECT_EQ(r.seen, std::vector<std::string>{"y"});
-}
-
-TEST_F(SyncEventQueueTest, HandlerThatPostsGetsItsEventInTheSamePass) {
-  Recorder r;
-  const uint32_t id = Install("test.chain", r);
-  r.follow_up = id;
-  SyncEventQueue::PostEvent(id, "first", 5);
-  SyncEventQueue::DrainEvents();
-  EXPECT_EQ(r.seen, (std::vector<std::string>{"first", "follow"}));
+  EXPECT_EQ(SyncEventQueue::Instance()->Processed(), before + 4);
+  EXPECT_EQ(r.seen, (std::vector<std::string>{"y", "<null>", "follow"}));
 }
 
 TEST_F(SyncEventQueueTest, EveryThreadSeesEveryPostOnceInOrder) {
-  Recorder mine;
+  Recorder mine, theirs;
   const uint32_t id = Install("test.all", mine);
-  std::mutex m;
-  std::condition_variable cv;
-  int stage = 0;
-  Recorder theirs;
-  Leave();
-  std::thread worker([&] {
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
-    Install("test.all", theirs);
-    oru::Runtime::l_instance_id = 0;
-    {
-      std::unique_lock<std::mutex> lock(m);
-      stage = 1;
-      cv.notify_all();
-      cv.wait(lock, [&] { return stage == 2; });
-    }
-    kest_idle(h);
-    kest_fini(h);
-  });
-  {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait(lock, [&] { return stage == 1; });
-  }
-  Enter();
+  ParkedThread worker(h, [&] { Install("test.all", theirs); });
   for (const char *text : {"a", "b", "c"}) {
     SyncEventQueue::PostEvent(id, text, 1);
   }
   SyncEventQueue::DrainEvents();
-  Leave();
-  {
-    std::lock_guard<std::mutex> lock(m);
-    stage = 2;
-    cv.notify_all();
-  }
-  worker.join();
-  Enter();
-  const std::vector<std::string> expected{"a", "b", "c"};
-  EXPECT_EQ(mine.seen, expected);
-  EXPECT_EQ(theirs.seen, expected);
+  worker.Release();
+  EXPECT_EQ(mine.seen, (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(theirs.seen, mine.seen);
 }
 
 TEST_F(SyncEventQueueTest, ALateJoinerDoesNotSeeEarlierPosts) {
-  Recorder r;
+  Recorder r, late;
   const uint32_t id = Install("test.late", r);
   SyncEventQueue::PostEvent(id, "early", 5);
-  Recorder late;
-  Leave();
   std::thread([&] {
     ASSERT_EQ(kest_init(h), 0);
     oru::Runtime::l_instance_id = h;
@@ -171,7 +151,6 @@ TEST_F(SyncEventQueueTest, ALateJoinerDoesNotSeeEarlierPosts) {
     oru::Runtime::l_instance_id = 0;
     kest_fini(h);
   }).join();
-  Enter();
   SyncEventQueue::DrainEvents();
   EXPECT_EQ(late.seen, std::vector<std::string>{"later"});
   EXPECT_EQ(r.seen, (std::vector<std::string>{"early", "later"}));
@@ -180,15 +159,13 @@ TEST_F(SyncEventQueueTest, ALateJoinerDoesNotSeeEarlierPosts) {
 TEST_F(SyncEventQueueTest, CollectorFreesPassedNodesButKeepsTheLast) {
   Recorder r;
   const uint32_t id = Install("test.gc", r);
-  kest_clock_set(h, 1000);
-  kest_idle(h); // settles the time of the last pass
+  IdleAt(1000); // settles the time of the last pass
   const long before = LiveBlocks(Heap::Shared);
   for (int i = 0; i < 3; ++i) {
     SyncEventQueue::PostEvent(id, "p", 1);
   }
   EXPECT_EQ(LiveBlocks(Heap::Shared), before + 6) << "three nodes with a payload each";
-  kest_clock_set(h, 2000);
-  kest_idle(h); // drains, then collects
+  IdleAt(2000); // drains, then collects
   // The old head (no payload) and the first node (with payload) are gone; the
   // second, whose references reached 0 last, is the new head.
   EXPECT_EQ(LiveBlocks(Heap::Shared), before + 6 - 1 - 2);
@@ -198,44 +175,16 @@ TEST_F(SyncEventQueueTest, CollectorFreesPassedNodesButKeepsTheLast) {
 TEST_F(SyncEventQueueTest, AThreadThatStaysBehindKeepsNodesAlive) {
   Recorder r;
   const uint32_t id = Install("test.behind", r);
-  std::mutex m;
-  std::condition_variable cv;
-  int stage = 0;
-  Leave();
-  std::thread idle_thread([&] {
-    ASSERT_EQ(kest_init(h), 0); // joins, then never drains until told
-    {
-      std::unique_lock<std::mutex> lock(m);
-      stage = 1;
-      cv.notify_all();
-      cv.wait(lock, [&] { return stage == 2; });
-    }
-    kest_idle(h);
-    kest_fini(h);
-  });
-  {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait(lock, [&] { return stage == 1; });
-  }
-  Enter();
+  ParkedThread behind(h);
   kest_clock_set(h, 10);
   const long before = LiveBlocks(Heap::Shared);
   for (int i = 0; i < 3; ++i) {
     SyncEventQueue::PostEvent(id, "q", 1);
   }
-  kest_clock_set(h, 20);
-  kest_idle(h);
-  EXPECT_EQ(LiveBlocks(Heap::Shared), before + 6) << "the idle thread still stands before them";
-  Leave();
-  {
-    std::lock_guard<std::mutex> lock(m);
-    stage = 2;
-    cv.notify_all();
-  }
-  idle_thread.join();
-  Enter();
-  kest_clock_set(h, 30);
-  kest_idle(h);
+  IdleAt(20);
+  EXPECT_EQ(LiveBlocks(Heap::Shared), before + 6) << "the parked thread still stands before them";
+  behind.Release();
+  IdleAt(30);
   EXPECT_LT(LiveBlocks(Heap::Shared), before + 6);
 }
 
@@ -243,7 +192,7 @@ TEST_F(SyncEventQueueTest, PostWithoutMemoryIsDroppedWithoutLeak) {
   Recorder r;
   const uint32_t id = Install("test.nomem", r);
   const long before = LiveBlocks(Heap::Shared);
-  for (long n = 1; n <= 2; ++n) {
+  for (long n = 1; n <= 2; ++n) { // the node, then its payload
     kest_test::FailNthAllocation(n);
     SyncEventQueue::PostEvent(id, "lost", 4);
     kest_test::FailNthAllocation(0);
@@ -257,7 +206,6 @@ TEST_F(SyncEventQueueTest, ConcurrentPostersLoseNothing) {
   Recorder r;
   const uint32_t id = Install("test.many", r);
   constexpr int kThreads = 4, kPosts = 500;
-  Leave();
   std::vector<std::thread> posters;
   for (int t = 0; t < kThreads; ++t) {
     posters.emplace_back([&] {
@@ -265,26 +213,23 @@ TEST_F(SyncEventQueueTest, ConcurrentPostersLoseNothing) {
       for (int i = 0; i < kPosts; ++i) {
         SyncEventQueue::PostEvent(id, "m", 1);
       }
-      oru::Runtime::l_instance_id = 0;
     });
   }
   for (std::thread &t : posters) {
     t.join();
   }
-  Enter();
   SyncEventQueue::DrainEvents();
   EXPECT_EQ(r.seen.size(), static_cast<size_t>(kThreads * kPosts));
 }
 
-// Four threads post and drain at once while the collector frees behind them:
+// Four threads post and drain at once while this thread collects behind them:
 // every thread ends with the same sequence, holding each poster's events in
 // the order posted, and the queue shrinks to its last node once all have left.
 TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
   constexpr int kThreads = 4, kPosts = 2000;
   Recorder collector;
   const uint32_t id = Install("test.order", collector);
-  kest_clock_set(h, 1);
-  kest_idle(h);
+  IdleAt(1);
   const long before = LiveBlocks(Heap::Shared);
   std::vector<Recorder> seen(kThreads);
   std::barrier joined(kThreads + 1), posted(kThreads + 1);
@@ -313,25 +258,21 @@ TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
     });
   }
   joined.arrive_and_wait();
-  // This thread is the collector: it frees passed nodes while the others post.
   uint64_t clock = 2;
   std::thread stopper([&] {
     posted.arrive_and_wait();
     done = true;
   });
   while (!done) {
-    kest_clock_set(h, clock++);
-    kest_idle(h);
+    IdleAt(clock++);
   }
   stopper.join();
   for (std::thread &thread : threads) {
     thread.join();
   }
   Enter();
-  kest_clock_set(h, clock++);
-  kest_idle(h);
-  kest_clock_set(h, clock++);
-  kest_idle(h);
+  IdleAt(clock++);
+  IdleAt(clock++);
 
   ASSERT_EQ(collector.seen.size(), static_cast<size_t>(kThreads * kPosts));
   for (int t = 0; t < kThreads; ++t) {
@@ -340,8 +281,7 @@ TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
   std::vector<int> next(kThreads, 0);
   for (const std::string &event : collector.seen) {
     const int poster = std::stoi(event.substr(0, event.find(':')));
-    ASSERT_EQ(event, std::to_string(poster) + ":" + std::to_string(next[poster]));
-    ++next[poster];
+    ASSERT_EQ(event, std::to_string(poster) + ":" + std::to_string(next[poster]++));
   }
   // What stays is independent of the traffic: the tail, on which this thread
   // stands, and the passed node before it as head, in place of the old head.
@@ -350,8 +290,7 @@ TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
 
 TEST_F(SyncEventQueueTest, CloseFreesEverythingLeftInTheQueue) {
   Recorder r;
-  const uint32_t id = Install("test.close", r);
-  SyncEventQueue::PostEvent(id, "never drained", 13);
+  SyncEventQueue::PostEvent(Install("test.close", r), "never drained", 13);
   Leave();
   ASSERT_EQ(kest_fini(h), 0);
   ASSERT_EQ(kest_close(h), 0);
