@@ -56,6 +56,17 @@ protected:
   }
   void Enter() { oru::Runtime::l_instance_id = h; }
   void Leave() { oru::Runtime::l_instance_id = 0; }
+  // (Un)subscribes `l` to `prefix` from the calling thread.
+  bool Subscribe(const char *prefix, Listener &l, bool on = true) {
+    const int saved = oru::Runtime::l_instance_id;
+    oru::Runtime::l_instance_id = h;
+    Configuration *c = Configuration::Instance();
+    const auto method = oru::MakeConfigMethod(&Listener::OnChange);
+    const bool done =
+        on ? c->Subscribe(prefix, &l, method) : (c->Unsubscribe(prefix, &l, method), true);
+    oru::Runtime::l_instance_id = saved;
+    return done;
+  }
   std::string Get(const char *key) {
     char buffer[256];
     return kest_config_get(h, key, buffer, sizeof buffer) == 0 ? buffer : "<error>";
@@ -92,18 +103,15 @@ TEST_F(ConfigurationTest, ValidatorsRunShortestPrefixFirstWithTheWholeKey) {
   EXPECT_FALSE(Configuration::UnregisterValidator("a", ValidateAB));
   EXPECT_TRUE(Configuration::UnregisterValidator("a", ValidateA));
   EXPECT_FALSE(Configuration::UnregisterValidator("a", ValidateA));
-  Leave();
-}
-
-TEST_F(ConfigurationTest, EmptyComponentsAreLookedUpToo) {
-  Enter();
+  // An empty component is looked up like any other.
   ASSERT_TRUE(Configuration::RegisterValidator("", ValidateA));
   Leave();
+  g_calls.clear();
   EXPECT_EQ(kest_config_set(h, ".lead", "v"), 0);
   EXPECT_EQ(g_calls, std::vector<std::string>{"a:.lead:>v"});
 }
 
-TEST_F(ConfigurationTest, GetCopiesCutsAndRefusesEmptyValues) {
+TEST_F(ConfigurationTest, GetCopiesCutsAndRefusesEmptyValuesWhichStayInTheDump) {
   ASSERT_EQ(kest_config_set(h, "t.word", "sixlet"), 0);
   char small[4] = {'?', '?', '?', '?'};
   EXPECT_EQ(kest_config_get(h, "t.word", small, sizeof small), 0);
@@ -114,6 +122,11 @@ TEST_F(ConfigurationTest, GetCopiesCutsAndRefusesEmptyValues) {
   EXPECT_EQ(kest_config_set(h, "t.word", ""), 0);
   EXPECT_EQ(kest_config_get(h, "t.word", buffer, sizeof buffer), -1);
   EXPECT_EQ(kest_errno, KEST_EINVAL);
+  kest_test::TakeDiag();
+  EXPECT_EQ(kest_config_dump(h), 0);
+  const std::string dump = kest_test::TakeDiag();
+  EXPECT_NE(dump.find("1: t.word = \n"), std::string::npos) << dump;
+  EXPECT_NE(dump.find("1: system.loglevel = 48\n"), std::string::npos) << dump;
   EXPECT_EQ(kest_config_get(h, "t.word", buffer, 0), -1);
   EXPECT_EQ(kest_config_get(h, nullptr, buffer, 4), -1);
   EXPECT_EQ(kest_config_get(h, "t.word", nullptr, 4), -1);
@@ -122,16 +135,6 @@ TEST_F(ConfigurationTest, GetCopiesCutsAndRefusesEmptyValues) {
   EXPECT_EQ(kest_errno, KEST_EINVAL);
   EXPECT_EQ(kest_config_set(0, "k", "v"), -1);
   EXPECT_EQ(kest_errno, KEST_EINVAL);
-}
-
-TEST_F(ConfigurationTest, EmptiedKeysStayInTheDump) {
-  ASSERT_EQ(kest_config_set(h, "t.gone", "x"), 0);
-  ASSERT_EQ(kest_config_set(h, "t.gone", ""), 0);
-  kest_test::TakeDiag();
-  EXPECT_EQ(kest_config_dump(h), 0);
-  const std::string dump = kest_test::TakeDiag();
-  EXPECT_NE(dump.find("1: t.gone = \n"), std::string::npos) << dump;
-  EXPECT_NE(dump.find("1: system.loglevel = 48\n"), std::string::npos) << dump;
 }
 
 TEST_F(ConfigurationTest, EnumerationCoversWholeComponentsAndStopsAtTheFirstMiss) {
@@ -165,18 +168,12 @@ TEST_F(ConfigurationTest, EnumerationCoversWholeComponentsAndStopsAtTheFirstMiss
 TEST_F(ConfigurationTest, ChangesReachEveryThreadsSubscribersAtTheirNextIdle) {
   ASSERT_EQ(kest_init(h), 0);
   Listener mine, theirs, deep;
-  Enter();
-  ASSERT_TRUE(
-      Configuration::Instance()->Subscribe("t", &mine, oru::MakeConfigMethod(&Listener::OnChange)));
-  ASSERT_TRUE(Configuration::Instance()->Subscribe("t.k", &deep,
-                                                   oru::MakeConfigMethod(&Listener::OnChange)));
-  Leave();
+  ASSERT_TRUE(Subscribe("t", mine));
+  ASSERT_TRUE(Subscribe("t.k", deep));
   std::atomic<int> stage{0};
   std::thread worker([&] {
     ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
-    Configuration::Instance()->Subscribe("t", &theirs, oru::MakeConfigMethod(&Listener::OnChange));
-    oru::Runtime::l_instance_id = 0;
+    Subscribe("t", theirs);
     stage = 1;
     while (stage != 2) {
       std::this_thread::yield();
@@ -195,10 +192,8 @@ TEST_F(ConfigurationTest, ChangesReachEveryThreadsSubscribersAtTheirNextIdle) {
   stage = 2;
   worker.join();
   EXPECT_EQ(theirs.seen, std::vector<std::string>{"t.k=>v1"});
-  Enter();
-  Configuration::Instance()->Unsubscribe("t", &mine, oru::MakeConfigMethod(&Listener::OnChange));
-  Configuration::Instance()->Unsubscribe("t.k", &deep, oru::MakeConfigMethod(&Listener::OnChange));
-  Leave();
+  Subscribe("t", mine, false);
+  Subscribe("t.k", deep, false);
   kest_fini(h);
 }
 
@@ -206,10 +201,7 @@ TEST_F(ConfigurationTest, NoEventBeforeThreadsNorAfterAFini) {
   Listener early;
   ASSERT_EQ(kest_config_set(h, "t.k", "before"), 0); // not threaded: nothing posted
   ASSERT_EQ(kest_init(h), 0);
-  Enter();
-  ASSERT_TRUE(Configuration::Instance()->Subscribe("t", &early,
-                                                   oru::MakeConfigMethod(&Listener::OnChange)));
-  Leave();
+  ASSERT_TRUE(Subscribe("t", early));
   kest_idle(h);
   EXPECT_TRUE(early.seen.empty());
   // Any kest_fini leaves the instance "open": changes made then are stored
@@ -222,19 +214,14 @@ TEST_F(ConfigurationTest, NoEventBeforeThreadsNorAfterAFini) {
   kest_idle(h);
   EXPECT_TRUE(early.seen.empty());
   EXPECT_EQ(Get("t.k"), "after-fini");
-  Enter();
-  Configuration::Instance()->Unsubscribe("t", &early, oru::MakeConfigMethod(&Listener::OnChange));
-  Leave();
+  Subscribe("t", early, false);
   kest_fini(h);
 }
 
 TEST_F(ConfigurationTest, EveryAllocationOfSetItemCanFail) {
   ASSERT_EQ(kest_init(h), 0);
   Listener l;
-  Enter();
-  ASSERT_TRUE(
-      Configuration::Instance()->Subscribe("f", &l, oru::MakeConfigMethod(&Listener::OnChange)));
-  Leave();
+  ASSERT_TRUE(Subscribe("f", l));
   // Sweep the failing allocation over a new key and over a change of it.
   for (long n = 1; n <= 40; ++n) {
     const std::string key = "f.k" + std::to_string(n);
@@ -252,9 +239,7 @@ TEST_F(ConfigurationTest, EveryAllocationOfSetItemCanFail) {
     }
     kest_idle(h);
   }
-  Enter();
-  Configuration::Instance()->Unsubscribe("f", &l, oru::MakeConfigMethod(&Listener::OnChange));
-  Leave();
+  Subscribe("f", l, false);
   kest_fini(h);
 }
 
@@ -267,29 +252,25 @@ TEST_F(ConfigurationTest, ConcurrentSettersLoseNoUpdateAndSubscribersSeeEachOnce
   for (Listener &l : listeners) {
     threads.emplace_back([&] {
       ASSERT_EQ(kest_init(h), 0);
-      oru::Runtime::l_instance_id = h;
-      Configuration::Instance()->Subscribe("c", &l, oru::MakeConfigMethod(&Listener::OnChange));
-      oru::Runtime::l_instance_id = 0;
+      Subscribe("c", l);
       ++ready;
       while (!done) {
         kest_idle(h);
       }
       kest_idle(h);
-      oru::Runtime::l_instance_id = h;
-      Configuration::Instance()->Unsubscribe("c", &l, oru::MakeConfigMethod(&Listener::OnChange));
-      oru::Runtime::l_instance_id = 0;
+      Subscribe("c", l, false);
       kest_fini(h);
     });
   }
   while (ready != 2) {
     std::this_thread::yield();
   }
+  auto key = [](int s, int i) { return "c." + std::to_string(s) + "." + std::to_string(i); };
   std::vector<std::thread> setters;
   for (int s = 0; s < kSetters; ++s) {
     setters.emplace_back([&, s] {
       for (int i = 0; i < kKeys; ++i) {
-        const std::string key = "c." + std::to_string(s) + "." + std::to_string(i);
-        EXPECT_EQ(kest_config_set(h, key.c_str(), "v"), 0);
+        EXPECT_EQ(kest_config_set(h, key(s, i).c_str(), "v"), 0);
       }
     });
   }
@@ -302,8 +283,7 @@ TEST_F(ConfigurationTest, ConcurrentSettersLoseNoUpdateAndSubscribersSeeEachOnce
   }
   for (int s = 0; s < kSetters; ++s) {
     for (int i = 0; i < kKeys; ++i) {
-      const std::string key = "c." + std::to_string(s) + "." + std::to_string(i);
-      EXPECT_EQ(Get(key.c_str()), "v") << key;
+      EXPECT_EQ(Get(key(s, i).c_str()), "v") << key(s, i);
     }
   }
   for (Listener &l : listeners) {
