@@ -154,19 +154,17 @@ TEST_F(ClassificationTest, RefusedConnectionIsDestroyedByTheFactoryOfItsProtocol
     }
   }
   EXPECT_EQ(tcp.m_destroyed.size() + udp.m_destroyed.size(), 2u);
+  oru::Tuple sctp{};
+  sctp.protocol = 132;
+  kest_errno = 0;
+  EXPECT_EQ(Classification::CreateConn(sctp), nullptr);
+  EXPECT_EQ(kest_errno, KEST_EPROTONOSUPPORT);
   // Without a factory nothing happens and nothing is raised.
   oru::InterfaceBroker::Instance()->UnregisterInterface(oru::MODULE_TCP,
                                                         oru::INTERFACE_CONN_FACTORY, nullptr);
   handler.m_conn = MakeConn(6);
   EXPECT_EQ(ClassifyForm1(), 0);
   EXPECT_EQ(kest_errno, 0);
-}
-
-TEST_F(ClassificationTest, CreateConnOfOtherProtocolRaises93) {
-  oru::Tuple tuple{};
-  tuple.protocol = 132;
-  EXPECT_EQ(Classification::CreateConn(tuple), nullptr);
-  EXPECT_EQ(kest_errno, KEST_EPROTONOSUPPORT);
 }
 
 TEST_F(ClassificationTest, FirstRegistrationWinsAndUnregisterNeedsBothHandlerAndOwner) {
