@@ -2,8 +2,7 @@
 
 #include "runtime/ThreadList.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <latch>
 #include <thread>
 
 namespace {
@@ -11,34 +10,24 @@ namespace {
 // A thread that inits on start and fini's when told to.
 class Worker {
 public:
-  explicit Worker(kest_handle_t h) : m_thread([this, h] { Run(h); }) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_cv.wait(lock, [this] { return m_started; });
+  explicit Worker(kest_handle_t h)
+      : m_thread([this, h] {
+          EXPECT_EQ(kest_init(h), 0);
+          m_id = kest_get_thread_id();
+          m_started.count_down();
+          m_stop.wait();
+          EXPECT_EQ(kest_fini(h), 0);
+        }) {
+    m_started.wait();
   }
   void Finish() {
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_stop = true;
-    }
-    m_cv.notify_all();
+    m_stop.count_down();
     m_thread.join();
   }
   uint64_t id() const { return m_id; }
 
 private:
-  void Run(kest_handle_t h) {
-    EXPECT_EQ(kest_init(h), 0);
-    m_id = kest_get_thread_id();
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_started = true;
-    m_cv.notify_all();
-    m_cv.wait(lock, [this] { return m_stop; });
-    EXPECT_EQ(kest_fini(h), 0);
-  }
-  std::mutex m_mutex;
-  std::condition_variable m_cv;
-  bool m_started = false;
-  bool m_stop = false;
+  std::latch m_started{1}, m_stop{1};
   uint64_t m_id = 0;
   std::thread m_thread;
 };
