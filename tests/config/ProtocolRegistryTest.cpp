@@ -50,22 +50,6 @@ protected:
   kest_handle_t h = -1;
 };
 
-TEST_F(ProtocolRegistryTest, RegistrationOnceOpenDoesNothing) {
-  oru::RegisterProtocol("TCP");
-  EXPECT_EQ(oru::GetProtocolId("TCP"), 0);
-  EXPECT_EQ(Item("guid.TCP"), "");
-  EXPECT_EQ(kest_proto_max_index(h), 0);
-
-  // Nor once a thread has a context.
-  ASSERT_NE(Add("TCP"), 0);
-  ASSERT_NE(Add("UDP"), 0);
-  oru::Runtime::l_instance_id = 0;
-  ASSERT_EQ(kest_init(h), 0);
-  oru::Runtime::l_instance_id = h;
-  oru::RegisterProtocol("HTTP");
-  EXPECT_EQ(oru::GetProtocolId("HTTP"), 0);
-}
-
 // A name keeps its first number; a wanted index that is taken is given to a
 // second name as well, under the first one's name, and never moves the count.
 TEST_F(ProtocolRegistryTest, AddCountsOnAndAWantedIndexLeavesTheCount) {
@@ -226,26 +210,34 @@ TEST_F(ProtocolRegistryTest, InstanceStartCountsFromOneAgainAndEndForgetsNames) 
   EXPECT_EQ(Add("B"), 1);
 }
 
-// The thread start-up check of "TCP" and "UDP"; kest_init may run it itself,
+// Registration does nothing once open, also with a thread context. The
+// thread start-up check wants "TCP" and "UDP"; kest_init may run it itself,
 // so the thread's result is not looked at here, only the check's.
-TEST_F(ProtocolRegistryTest, ThreadCheckWantsTcpAndUdp) {
-  struct Case {
-    const char *add;
-    bool ok;
-  } cases[] = {{nullptr, false}, {"TCP", false}, {"UDP", true}};
+TEST_F(ProtocolRegistryTest, RegistrationOnceOpenDoesNothingAndThreadCheckWantsTcpAndUdp) {
+  oru::RegisterProtocol("TCP");
+  EXPECT_EQ(oru::GetProtocolId("TCP"), 0);
+  EXPECT_EQ(Item("guid.TCP"), "");
+  EXPECT_EQ(kest_proto_max_index(h), 0);
   oru::Runtime::l_instance_id = 0;
   kest_init(h);
   ASSERT_NE(oru::t_thread_base[h], nullptr);
   oru::Runtime::l_instance_id = h;
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.add != nullptr ? c.add : "none");
-    if (c.add != nullptr) {
-      ASSERT_NE(Add(c.add), 0);
+  for (const char *add : {"", "TCP", "UDP"}) {
+    SCOPED_TRACE(add);
+    if (*add != '\0') {
+      ASSERT_NE(Add(add), 0);
     }
     kest_errno = 0;
-    EXPECT_EQ(ProtocolRegistry::InitThread(), c.ok);
-    EXPECT_EQ(kest_errno, c.ok ? 0 : KEST_EPROTO);
+    const bool ok = std::string(add) == "UDP";
+    EXPECT_EQ(ProtocolRegistry::InitThread(), ok);
+    EXPECT_EQ(kest_errno, ok ? 0 : KEST_EPROTO);
   }
+  oru::Runtime::l_instance_id = 0;
+  kest_fini(h);
+  ASSERT_EQ(kest_init(h), 0);
+  oru::Runtime::l_instance_id = h;
+  oru::RegisterProtocol("HTTP");
+  EXPECT_EQ(oru::GetProtocolId("HTTP"), 0);
 }
 
 // Every allocation of an add fails once in turn: the add either gives the
