@@ -1,6 +1,7 @@
 #include "common/ConnTable.h"
 
 #include <kest/MemTag.h>
+#include <kest/Runtime.h>
 
 namespace kest_decoders {
 
@@ -40,17 +41,35 @@ void ConnTable::Destroy(oru::Conn *conn) {
   }
   TransportConn *own = static_cast<TransportConn *>(conn);
   Unlink(own);
-  own->Expired();
-  own->release();
+  Drop(own);
 }
 
 void ConnTable::Clear() {
   while (m_head != nullptr) {
     TransportConn *conn = m_head;
     Unlink(conn);
-    conn->Expired();
-    conn->release();
+    // No packet is under way when the thread ends, and the connection the
+    // thread touched last may be gone already: the expiry report reads the
+    // active connection's policy, so make this live one the active one.
+    conn->Touch();
+    Drop(conn);
   }
+}
+
+void ConnTable::Drop(TransportConn *conn) {
+  oru::Conn *&active = oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn);
+  if (active == nullptr) {
+    // Nothing live is active (see below): report under the dying one.
+    conn->Touch();
+  }
+  conn->Expired();
+  // The active-connection cell holds no reference. When the table's reference
+  // is the last one, the cell must not be left pointing at freed memory for
+  // the next report or endpoint query on this thread.
+  if (conn->use_count() == 1 && active == conn) {
+    active = nullptr;
+  }
+  conn->release();
 }
 
 void ConnTable::Unlink(TransportConn *conn) {

@@ -40,6 +40,8 @@ public:
 
 private:
   void Unlink(TransportConn *conn);
+  // Reports the connection expired and drops the table's reference.
+  void Drop(TransportConn *conn);
 
   uint8_t m_ip_protocol;
   uint16_t m_context;

@@ -1,6 +1,9 @@
 #include "tests/decoders/DecoderTestSupport.h"
 
 #include "common/ConnTable.h"
+#include "tests/attributes/AttributeTestSupport.h"
+
+#include <cstring>
 
 namespace {
 
@@ -43,6 +46,33 @@ TEST_F(ConnTableTest, DestroyDropsOnlyWhatTheTableHolds) {
     EXPECT_EQ(conn->use_count(), count);
   }
   EXPECT_EQ(kUdp.Table()->Count(), 1u);
+}
+
+// Every connection the tables drop is reported once, also after the host
+// dropped the one it touched last, and at thread end; the active-connection
+// cell never outlives the connection it names.
+TEST_F(ConnTableTest, DroppedConnectionsAreReportedExpired) {
+  kest_test::g_deliveries.clear();
+  ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", kest_test::RecordingListener), 0);
+  kest_idle(h);
+  oru::Conn *first = Create(6);
+  oru::Conn *second = Create(6);
+  oru::Conn *third = Create(17);
+  const uint64_t numbers[] = {first->m_number, second->m_number, third->m_number};
+  ASSERT_EQ(Classify(first, 0, "hi"), 0);
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(first)), 0);
+  EXPECT_EQ(oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn), nullptr);
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(second)), 0);
+  kUdp.Table()->Clear();
+  EXPECT_EQ(oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn), nullptr);
+  ASSERT_EQ(kest_test::g_deliveries.size(), 3u);
+  for (size_t i = 0; i < 3; ++i) {
+    uint64_t number = 0;
+    ASSERT_EQ(kest_test::g_deliveries[i].value.size(), 8u);
+    std::memcpy(&number, kest_test::g_deliveries[i].value.data(), 8);
+    EXPECT_EQ(number, numbers[i]) << i;
+  }
+  ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", nullptr), 0);
 }
 
 } // namespace
