@@ -3,7 +3,8 @@
  * folder of decoder plug-ins, makes a TCP connection, hands over the payload
  * of both sides of a short exchange and prints, for every result, the stack
  * of protocols that the library reports. Then it prints the plug-in manager's
- * report, shuts down, and shows the memory still held, by memory tag.
+ * report, shuts down, and shows the memory still held, by memory tag. Every
+ * connection that goes away is reported through the "conn.expired" attribute.
  *
  * usage: classify_host [plugin-dir]   (default: the build's plug-in folder)
  */
@@ -40,6 +41,18 @@ static int on_result(kest_handle_t handle, kest_result_t *result, int code, kest
   return 0; /* keep the connection; non-zero has it destroyed */
 }
 
+/* Listener of "conn.expired": the value is the dying connection's number. */
+static int on_expired(kest_handle_t handle, kest_conn_id_t conn_id, int key, int length,
+                      const void *value, int packed, void *user) {
+  unsigned long long number = 0;
+  (void)handle, (void)conn_id, (void)key, (void)packed, (void)user;
+  if (length == (int)sizeof number) {
+    memcpy(&number, value, sizeof number);
+  }
+  printf("  connection %llu expired\n", number);
+  return 0;
+}
+
 int main(int argc, char **argv) {
   static const struct {
     int side; /* 0: client to server, 1: server to client */
@@ -70,6 +83,12 @@ int main(int argc, char **argv) {
     kest_close(handle);
     return status;
   }
+
+  /* A listener reaches each thread at its next idle pass. */
+  if (kest_attr_callback_set(handle, "conn.expired", on_expired) != 0) {
+    fail("kest_attr_callback_set");
+  }
+  kest_idle(handle);
 
   client.port = htons(49152);
   server.port = htons(80);
