@@ -136,6 +136,28 @@ TEST_F(PluginManagerTest, NameOrderAndADisabledPlugin) {
   EXPECT_EQ(TakeEvents(), (Events{"pm_a_zeta.ExitThread", "pm_a_zeta.ExitInstance"}));
 }
 
+// A plug-in's own tags follow the built-in ones and can be made only while the
+// instance opens; the host sees their names.
+TEST_F(PluginManagerTest, PluginTagsFollowTheBuiltInsAndOnlyWhileOpening) {
+  h = kest_open(KEST_TEST_PM_MEMTAGS_DIR);
+  ASSERT_GT(h, 0);
+  ASSERT_EQ(kest_init(h), 0);
+  const Events events = TakeEvents();
+  EXPECT_NE(std::find(events.begin(), events.end(), "pm_mt_tagger.open 1 1 obj 9 ctx 12"),
+            events.end());
+  // Threads run: a new name is refused, a known one is not given again.
+  EXPECT_NE(std::find(events.begin(), events.end(), "pm_mt_tagger.thread 0 0 obj 9 ctx 12"),
+            events.end());
+  EXPECT_EQ(kest_memory_obj_num(h), 10);
+  EXPECT_EQ(kest_memory_ctx_num(h), 13);
+  char name[32];
+  ASSERT_EQ(kest_memory_obj_name(h, 9, name, sizeof name), 0);
+  EXPECT_STREQ(name, "tagger.table");
+  ASSERT_EQ(kest_memory_ctx_name(h, 12, name, sizeof name), 0);
+  EXPECT_STREQ(name, "tagger.general");
+  ASSERT_EQ(kest_fini(h), 0);
+}
+
 TEST_F(PluginManagerTest, DisablingKeysAreCheckedAndOnlyTakenWithoutThreads) {
   h = kest_open(KEST_TEST_PM_ORDER_DIR);
   ASSERT_GT(h, 0);

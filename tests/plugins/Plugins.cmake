@@ -37,9 +37,13 @@ kest_pm_plugin(threadfail pm_tf_a a)
 kest_pm_plugin(threadfail pm_tf_b b PLUGIN_INIT_THREAD=false)
 kest_pm_plugin(threadfail pm_tf_c c)
 
+# A plug-in with memory tags of its own.
+kest_pm_plugin(memtags pm_mt_tagger tagger PLUGIN_MEMTAGS=true)
+
 set_target_properties(kest_tests PROPERTIES ENABLE_EXPORTS ON)
 target_compile_definitions(kest_tests PRIVATE
   KEST_TEST_PM_VERSIONS_DIR="${KEST_PM_PLUGIN_ROOT}/versions"
   KEST_TEST_PM_ORDER_DIR="${KEST_PM_PLUGIN_ROOT}/order"
   KEST_TEST_PM_INITFAIL_DIR="${KEST_PM_PLUGIN_ROOT}/initfail"
-  KEST_TEST_PM_THREADFAIL_DIR="${KEST_PM_PLUGIN_ROOT}/threadfail")
+  KEST_TEST_PM_THREADFAIL_DIR="${KEST_PM_PLUGIN_ROOT}/threadfail"
+  KEST_TEST_PM_MEMTAGS_DIR="${KEST_PM_PLUGIN_ROOT}/memtags")
