@@ -118,11 +118,24 @@ bool Configuration::SetItem(const char *key, const char *value) {
   }
 
   if (found == items.end()) {
+    const size_t key_length = kest_strlen(key);
+    const size_t value_length = kest_strlen(value);
     fdt::shared_string stored_key;
     fdt::shared_string stored_value;
-    if (!stored_key.append(key, kest_strlen(key)) ||
-        !stored_value.append(value, kest_strlen(value)) ||
-        items.insert(stored_key, stored_value) == items.end()) {
+    if (!stored_key.append(key, key_length) || !stored_value.append(value, value_length)) {
+      ThrowError(ERR_NOMEM);
+      return false;
+    }
+    auto inserted = items.insert(stored_key, stored_value);
+    // The node holds copies, and a string copy short of memory comes out
+    // short without a word: such a pair would sit in the map under a key
+    // other than its place says, so it counts as not stored.
+    if (inserted != items.end() &&
+        (inserted->first.size() != key_length || inserted->second.size() != value_length)) {
+      items.erase(inserted);
+      inserted = items.end();
+    }
+    if (inserted == items.end()) {
       ThrowError(ERR_NOMEM);
       return false;
     }

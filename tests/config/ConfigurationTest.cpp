@@ -223,21 +223,39 @@ TEST_F(ConfigurationTest, EveryAllocationOfSetItemCanFail) {
   Listener l;
   ASSERT_TRUE(Subscribe("f", l));
   // Sweep the failing allocation over a new key and over a change of it.
-  for (long n = 1; n <= 40; ++n) {
-    const std::string key = "f.k" + std::to_string(n);
+  size_t stored = 0;
+  for (long step = 2; step <= 80; ++step) {
+    // Even steps fail one allocation, odd ones every allocation from the nth.
+    const long n = step / 2;
+    const std::string key = "f.k" + std::to_string(step);
     const long shared_before = kest_test::LiveBlocks(kest_test::Heap::Shared);
-    kest_test::FailNthAllocation(n);
+    if (step % 2 == 0) {
+      kest_test::FailNthAllocation(n);
+    } else {
+      kest_test::FailFromAllocation(n);
+    }
     const int result = kest_config_set(h, key.c_str(), "value");
     const int error = kest_errno;
     kest_test::FailNthAllocation(0);
     if (result == 0) {
-      EXPECT_EQ(Get(key.c_str()).substr(0, 5), "value") << n;
+      EXPECT_EQ(Get(key.c_str()), "value") << step;
+      ++stored;
     } else {
-      EXPECT_TRUE(error == KEST_ENOMEM || error == 0) << n << " " << error;
-      EXPECT_EQ(Get(key.c_str()), "<error>") << "a failed set stores nothing: " << n;
-      EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), shared_before) << n;
+      EXPECT_TRUE(error == KEST_ENOMEM || error == 0) << step << " " << error;
+      EXPECT_EQ(Get(key.c_str()), "<error>") << "a failed set stores nothing: " << step;
+      EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), shared_before) << step;
     }
     kest_idle(h);
+    // No pair stands under a key cut short by the failure.
+    kest_test::TakeDiag();
+    ASSERT_EQ(kest_config_dump(h), 0);
+    const std::string dump = kest_test::TakeDiag();
+    size_t pairs = 0;
+    for (size_t at = dump.find(" = value\n"); at != std::string::npos;
+         at = dump.find(" = value\n", at + 1)) {
+      ++pairs;
+    }
+    EXPECT_EQ(pairs, stored) << step;
   }
   Subscribe("f", l, false);
   kest_fini(h);

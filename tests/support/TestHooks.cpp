@@ -17,6 +17,7 @@ namespace {
 std::atomic<long> g_count{0};
 std::atomic<long> g_fail_at{0};
 std::atomic<bool> g_fail_all{false};
+std::atomic<bool> g_fail_onwards{false};
 std::atomic<long> g_live_local{0};
 std::atomic<long> g_live_shared{0};
 std::atomic<bool> g_recording{false};
@@ -31,7 +32,7 @@ void *Allocate(Heap heap, size_t size) {
     g_recorded.push_back({heap, size});
   }
   long target = g_fail_at.load();
-  if (g_fail_all || (target != 0 && n == target)) {
+  if (g_fail_all || (target != 0 && (n == target || (g_fail_onwards && n > target)))) {
     return nullptr;
   }
   void *block = std::malloc(size == 0 ? 1 : size);
@@ -117,6 +118,7 @@ void InstallHooks() {
   kest_log_message = LogMessage;
   g_fail_at = 0;
   g_fail_all = false;
+  g_fail_onwards = false;
   g_recording = false;
   ResetCounts();
   Take(g_printed);
@@ -127,7 +129,12 @@ void InstallHooks() {
 }
 
 void FailNthAllocation(long n) {
+  g_fail_onwards = false;
   g_fail_at = n == 0 ? 0 : g_count.load() + n;
+}
+void FailFromAllocation(long n) {
+  FailNthAllocation(n);
+  g_fail_onwards = n != 0;
 }
 void FailAllAllocations(bool on) {
   g_fail_all = on;

@@ -24,6 +24,9 @@ void InstallHooks();
 // Fails the nth allocation from now (1 = the next one), on either heap; 0
 // disables. Only one failure is injected.
 void FailNthAllocation(long n);
+// Fails the nth allocation from now and every one after it; 0 disables. This
+// is what reaches the fallbacks that a single failure leaves unexercised.
+void FailFromAllocation(long n);
 // Fails every allocation from now on while `on` is true.
 void FailAllAllocations(bool on);
 // Allocations made since InstallHooks or ResetCounts.
