@@ -46,18 +46,6 @@ AttributeMgr::FamilyMap::iterator CoveringFamily(const char *name) {
   return families.end();
 }
 
-// A string copied into a map node comes out short when memory runs out, with
-// no word said: an insert only counts when the stored key is whole.
-template <class MapType, class Key, class Value>
-typename MapType::iterator InsertWhole(MapType &map, const Key &key, const Value &value) {
-  auto placed = map.insert(key, value);
-  if (placed != map.end() && placed->first.size() != key.size()) {
-    map.erase(placed);
-    return map.end();
-  }
-  return placed;
-}
-
 ConfigMethod ChangeMethod() {
   return MakeConfigMethod(&AttributeMgr::AttributeObserver::OnConfigChange);
 }

@@ -126,12 +126,9 @@ bool Configuration::SetItem(const char *key, const char *value) {
       ThrowError(ERR_NOMEM);
       return false;
     }
-    auto inserted = items.insert(stored_key, stored_value);
-    // The node holds copies, and a string copy short of memory comes out
-    // short without a word: such a pair would sit in the map under a key
-    // other than its place says, so it counts as not stored.
-    if (inserted != items.end() &&
-        (inserted->first.size() != key_length || inserted->second.size() != value_length)) {
+    auto inserted = InsertWhole(items, stored_key, stored_value);
+    // The value is a copy too: a pair with a cut value is not stored either.
+    if (inserted != items.end() && inserted->second.size() != value_length) {
       items.erase(inserted);
       inserted = items.end();
     }
@@ -201,7 +198,7 @@ bool Configuration::RegisterValidator(const char *key, ConfigValidator validator
   if (!stored_key.append(key, kest_strlen(key))) {
     return false;
   }
-  return s_validators[row].insert(stored_key, validator) != s_validators[row].end();
+  return InsertWhole(s_validators[row], stored_key, validator) != s_validators[row].end();
 }
 
 bool Configuration::UnregisterValidator(const char *key, ConfigValidator validator) {
@@ -223,7 +220,7 @@ bool Configuration::Subscribe(const char *key, fdt::refcnt *owner, ConfigMethod 
   Subscription subscription;
   subscription.owner = owner;
   subscription.method = method;
-  return m_subscriptions.insert(text, subscription) != m_subscriptions.end();
+  return InsertWhole(m_subscriptions, text, subscription) != m_subscriptions.end();
 }
 
 bool Configuration::Unsubscribe(const char *key, fdt::refcnt *owner, ConfigMethod method) {

@@ -19,7 +19,7 @@ bool InterfaceBroker::RegisterModule(ModuleId id, const char *name) {
   if (!key.append(name, kest_strlen(name))) {
     return false;
   }
-  return modules.insert(key, id) != modules.end();
+  return InsertWhole(modules, key, id) != modules.end();
 }
 
 bool InterfaceBroker::UnregisterModule(ModuleId id, const char *name) {

@@ -41,6 +41,20 @@ template <class MapType> typename MapType::iterator LowerBoundText(MapType &map,
   return best != nullptr ? typename MapType::iterator(best) : map.end();
 }
 
+// Inserts (key, value) into a string-keyed map. The node holds a copy of the
+// key, and a string copy short of memory comes out short without a word; such
+// a node would sit where the whole key belongs, so it is taken out again and
+// the result is end(), as for any insert that could not store.
+template <class MapType, class Key, class Value>
+typename MapType::iterator InsertWhole(MapType &map, const Key &key, const Value &value) {
+  auto placed = map.insert(key, value);
+  if (placed != map.end() && placed->first.size() != key.size()) {
+    map.erase(placed);
+    return map.end();
+  }
+  return placed;
+}
+
 } // namespace oru
 
 #endif
