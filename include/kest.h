@@ -478,22 +478,56 @@ KEST_EXPORT int kest_config_get(kest_handle_t handle, const char *key, char *buf
 KEST_EXPORT int kest_config_dump(kest_handle_t handle);
 
 /* ------------------------------------------------------------------------ */
-/* Custom rules [planned]                                                    */
+/* Custom rules                                                              */
 /* ------------------------------------------------------------------------ */
 
-/** [planned] Adds a custom rule for a module. Returns 0, or -1 with
- * KEST_EINVAL or KEST_EEXIST. */
+/* Custom applications: the host names a protocol with kest_proto_add() and
+ * attaches rules to it with kest_rule_add(), each aimed at a module that takes
+ * custom rules (one that serves INTERFACE_CUSTOM_RULE). The calls only write
+ * configuration items, "customproto.<name>" and "customrule.<module>.<rule>";
+ * each thread applies a rule change at its next kest_idle() or
+ * kest_classify(), and rules present when a thread starts are applied by its
+ * kest_init(). Once an item is written, a module that refuses the rule on a
+ * thread is reported only by a warning on that thread. All four calls work
+ * from any thread once the instance is open, without a thread context. */
+
+/** Adds the rule text `rule` for the module named `module`, so that a hit
+ * reports `protocol`. The rule text may hold dots and colons.
+ * Returns 0 once the item is written, or -1 with:
+ *   KEST_EINVAL  bad handle; `protocol` 0 or no known protocol number; NULL
+ *                `module` or `rule`; no module of that name; the module's
+ *                validator refused the text;
+ *   KEST_EEXIST  the module has this rule already (for any protocol);
+ *   KEST_ENOMEM  no memory for the key. */
 KEST_EXPORT int kest_rule_add(kest_handle_t handle, int protocol, const char *module,
                               const char *rule);
-/** [planned] Removes a custom rule. Returns 0, or -1 with KEST_EINVAL,
- * KEST_ENOENT or 255. */
+
+/** Removes the rule `rule` of the module `module`. The protocol it reports is
+ * the one it was added with: `protocol` only has to be non-zero.
+ * Returns 0 once the item is cleared, or -1 with:
+ *   KEST_EINVAL  bad handle; `protocol` 0; NULL `module` or `rule`;
+ *   KEST_ENOENT  no such rule;
+ *   255          the configuration store refused the change;
+ *   KEST_ENOMEM  no memory for the key. */
 KEST_EXPORT int kest_rule_remove(kest_handle_t handle, int protocol, const char *module,
                                  const char *rule);
-/** [planned] Names a custom application (up to 8 characters). Returns its
- * protocol number, or -1 with KEST_EINVAL, KEST_EEXIST or KEST_ENOMEM. */
+
+/** Registers a custom protocol `name` of at most 8 characters, at the index
+ * `protocol`, or with 0 at the next free index. An index that another
+ * protocol holds is given all the same and keeps naming that protocol.
+ * Returns the protocol's index, or -1 with:
+ *   KEST_EINVAL  bad handle; NULL `name` or longer than 8 characters;
+ *   KEST_EEXIST  a protocol of that name exists;
+ *   KEST_ENOMEM  the registry could not take it. */
 KEST_EXPORT int kest_proto_add(kest_handle_t handle, const char *name, int protocol);
-/** [planned] Removes a custom application. Returns 0, or -1 with KEST_ENOENT
- * or KEST_EBUSY. */
+
+/** Removes a protocol that kest_proto_add() registered. A rule removed by
+ * kest_rule_remove() no longer holds it, even before threads have applied
+ * the removal. Returns 0, or -1 with:
+ *   KEST_EINVAL  bad handle; NULL `name`;
+ *   KEST_ENOENT  no custom protocol of that name;
+ *   KEST_EBUSY   a rule still refers to it;
+ *   KEST_ENOMEM  no memory for the key. */
 KEST_EXPORT int kest_proto_remove(kest_handle_t handle, const char *name);
 
 /* ------------------------------------------------------------------------ */

@@ -17,6 +17,7 @@
 
 #include "attributes/AttributeApi.h"
 #include "flow/ReorderWindow.h"
+#include "rules/CustomApp.h"
 #include "runtime/ApiFrame.h"
 #include "runtime/ApiSlots.h"
 #include "runtime/HookTable.h"
@@ -135,7 +136,7 @@ void ReleaseThreadObjects() {
   InterfaceBroker::Release();
   Classification::Release();
   PluginManager::Release();
-  // custom apps
+  CustomApp::Release();
 }
 
 // Undoes a thread start-up that failed at step 4 or later, then releases the
@@ -172,7 +173,7 @@ bool ThreadStartup() {
   Configuration *config = Configuration::Instance();
   if (queue == nullptr || config == nullptr || InterfaceBroker::Instance() == nullptr ||
       AttributeMgr::Instance() == nullptr || Classification::Instance() == nullptr ||
-      PluginManager::Instance() == nullptr) {
+      PluginManager::Instance() == nullptr || CustomApp::Instance() == nullptr) {
     ReleaseThreadObjects();
     return false;
   }
@@ -200,6 +201,10 @@ bool ThreadStartup() {
     return false;
   }
   // 9. Custom applications.
+  if (!CustomApp::Instance()->InitThread()) {
+    UnwindThread();
+    return false;
+  }
   return true;
 }
 
@@ -209,6 +214,9 @@ void ThreadTeardown() {
     return;
   }
   // Custom apps.
+  if (CustomApp *custom_app = CustomApp::Peek()) {
+    custom_app->ExitThread();
+  }
   if (SyncEventQueue *queue = SyncEventQueue::Peek()) {
     queue->Leave();
   }
@@ -224,7 +232,8 @@ void ThreadTeardown() {
   if (Configuration *config = Configuration::Peek()) {
     config->ExitThread();
   }
-  // Then the per-thread objects: custom apps,
+  // Then the per-thread objects: custom apps, plug-in manager,
+  CustomApp::Release();
   PluginManager::Release();
   Classification::Release();
   AttributeMgr::Release();
