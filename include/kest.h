@@ -507,7 +507,8 @@ KEST_EXPORT int kest_rule_add(kest_handle_t handle, int protocol, const char *mo
  * Returns 0 once the item is cleared, or -1 with:
  *   KEST_EINVAL  bad handle; `protocol` 0; NULL `module` or `rule`;
  *   KEST_ENOENT  no such rule;
- *   255          the configuration store refused the change;
+ *   255          the configuration store could not take the change (a
+ *                validator that refuses it reports KEST_EINVAL first);
  *   KEST_ENOMEM  no memory for the key. */
 KEST_EXPORT int kest_rule_remove(kest_handle_t handle, int protocol, const char *module,
                                  const char *rule);
