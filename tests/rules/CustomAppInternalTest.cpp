@@ -40,9 +40,11 @@ protected:
     oru::Runtime::l_instance_id = h;
     ASSERT_TRUE(RecordingRuleModule::Name() && module.Serve());
     oru::log_flags |= oru::LOG_WARNING;
+    kest_test::TakeLog();
     app = CustomApp::Instance();
   }
   void TearDown() override {
+    oru::log_flags &= ~oru::LOG_WARNING;
     oru::Runtime::l_instance_id = 0;
     kest_fini(h);
     InstanceFixture::TearDown();
