@@ -5,6 +5,9 @@
 
 namespace oru {
 
+// Plug-ins read the fields in place: flag, then low, high and port.
+static_assert(sizeof(IpPortRuleString) == 16, "valid, low, high, port");
+
 namespace {
 
 bool IsDigit(char c) {
