@@ -9,7 +9,8 @@
 namespace oru {
 
 // Virtual table order fixed: AddCustomRule, RemoveCustomRule. No virtual
-// destructor: the library never owns or deletes the object.
+// destructor: the library never owns or deletes the object. Register the
+// ICustomRule pointer itself, as the broker keeps an untyped pointer.
 class KEST_API ICustomRule {
 public:
   // Parses `rule` and adds it so that a hit reports `protocol`. Non-zero

@@ -32,7 +32,7 @@ struct RecordingRuleModule : oru::ICustomRule {
   static bool Name() { return oru::InterfaceBroker::RegisterModule(kId, "rec"); }
   bool Serve() {
     return oru::InterfaceBroker::Instance()->RegisterInterface(kId, oru::INTERFACE_CUSTOM_RULE,
-                                                               this);
+                                                               static_cast<ICustomRule *>(this));
   }
 };
 
