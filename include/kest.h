@@ -18,8 +18,6 @@
  *  - "Thread context" means that the calling thread has gone through
  *    kest_init() for that handle and not yet through kest_fini(). Calls that
  *    need one fail with KEST_EINVAL without it.
- *  - Calls marked [planned] are declared for hosts to compile against; their
- *    subsystem is still being built and they are not yet exported.
  *
  * This header compiles as C99 and as C++.
  */
