@@ -237,7 +237,11 @@ KEST_EXPORT int kest_init(kest_handle_t handle);
 /**
  * Ends the calling thread's context in the instance. If the thread was the
  * collector, the most recently initialised remaining thread takes over.
- * Returns 0, or -1 with KEST_EINVAL (bad handle or no thread context).
+ * From any thread's kest_fini() until the next kest_init() on the instance,
+ * configuration changes (kest_config_set(), kest_rule_add(), ...) are stored
+ * but no longer sent to the threads still running; a thread that starts later
+ * reads the store. Returns 0, or -1 with KEST_EINVAL (bad handle or no thread
+ * context).
  */
 KEST_EXPORT int kest_fini(kest_handle_t handle);
 
