@@ -1,4 +1,4 @@
-#include "TestHooks.h"
+#include "LeakCheck.h"
 
 #include <gtest/gtest.h>
 #include <kest/fdt/basic_string.h>
@@ -33,19 +33,9 @@ std::vector<size_t> Sizes(const std::vector<kest_test::Allocation> &records, Hea
   return sizes;
 }
 
-template <class S> class BasicStringTest : public ::testing::Test {
+template <class S> class BasicStringTest : public kest_test::LeakCheck {
 protected:
   static constexpr Heap kHeap = S::allocator_type::is_shared ? Heap::Shared : Heap::Local;
-
-  void SetUp() override {
-    kest_test::InstallHooks();
-    m_live = kest_test::LiveBlocks(Heap::Local) + kest_test::LiveBlocks(Heap::Shared);
-  }
-  void TearDown() override {
-    kest_test::FailAllAllocations(false);
-    EXPECT_EQ(kest_test::LiveBlocks(Heap::Local) + kest_test::LiveBlocks(Heap::Shared), m_live);
-  }
-  long m_live = 0;
 };
 
 using StringTypes = ::testing::Types<string, shared_string>;

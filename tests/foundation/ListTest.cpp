@@ -1,5 +1,4 @@
-#include "Counted.h"
-#include "TestHooks.h"
+#include "LeakCheck.h"
 
 #include <kest/fdt/List.h>
 
@@ -8,10 +7,9 @@
 
 namespace {
 
+using kest_test::Counted;
 using kest_test::Heap;
 using kest_test::LiveBlocks;
-
-using kest_test::Counted;
 
 using CountedList = oru::List<Counted>;
 
@@ -37,22 +35,7 @@ CountedList Make(const std::vector<int> &values) {
   return list;
 }
 
-class ListTest : public ::testing::Test {
-protected:
-  void SetUp() override {
-    kest_test::InstallHooks();
-    local_ = LiveBlocks(Heap::Local);
-    shared_ = LiveBlocks(Heap::Shared);
-    Counted::live = 0;
-  }
-  void TearDown() override {
-    kest_test::FailNthAllocation(0);
-    EXPECT_EQ(Counted::live, 0);
-    EXPECT_EQ(LiveBlocks(Heap::Local), local_);
-    EXPECT_EQ(LiveBlocks(Heap::Shared), shared_);
-  }
-  long local_ = 0, shared_ = 0;
-};
+class ListTest : public kest_test::LeakCheck {};
 
 TEST_F(ListTest, SentinelLivesInTheListAndNodesAreNextPrevValue) {
   static_assert(sizeof(oru::List<int>) == 2 * sizeof(void *));
@@ -96,7 +79,6 @@ TEST_F(ListTest, AddAndEraseKeepOrderAndOtherNodes) {
   list.clear();
   list.pop_back(); // empty: no-op
   EXPECT_TRUE(list.empty());
-  EXPECT_EQ(LiveBlocks(Heap::Local), local_);
 }
 
 TEST_F(ListTest, FailedAllocationLeavesListAsItWas) {
@@ -140,10 +122,8 @@ TEST_F(ListTest, SharedVariantTakesNodesFromTheSharedHeap) {
   oru::List<int, oru::shared_container_alloc<int>> list;
   list.push_back(1);
   list.push_back(2);
-  EXPECT_EQ(LiveBlocks(Heap::Shared), shared_ + 2);
-  EXPECT_EQ(LiveBlocks(Heap::Local), local_);
-  list.clear();
-  EXPECT_EQ(LiveBlocks(Heap::Shared), shared_);
+  EXPECT_EQ(LiveBlocks(Heap::Shared), m_shared + 2);
+  EXPECT_EQ(LiveBlocks(Heap::Local), m_local);
 }
 
 } // namespace

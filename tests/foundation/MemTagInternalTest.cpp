@@ -8,6 +8,7 @@
 #include <kest/MemTag.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -117,23 +118,17 @@ TEST_F(MemTagInitTest, CreateIsRefusedOutsideTheOpeningStateEvenForAKnownName) {
 std::vector<uint32_t> g_seen_tags;
 void *(*g_shared_malloc)(size_t);
 void *(*g_local_malloc)(size_t);
-void *RecordSharedTag(size_t size) {
+template <void *(**Real)(size_t)> void *RecordTag(size_t size) {
   g_seen_tags.push_back(static_cast<uint32_t>(kest_memory_tag_get()));
-  return g_shared_malloc(size);
-}
-void *RecordLocalTag(size_t size) {
-  g_seen_tags.push_back(static_cast<uint32_t>(kest_memory_tag_get()));
-  return g_local_malloc(size);
+  return (*Real)(size);
 }
 
 class TagRecorder {
 public:
   TagRecorder() {
     g_seen_tags.clear();
-    g_shared_malloc = kest_malloc_shared;
-    g_local_malloc = kest_malloc_local;
-    kest_malloc_shared = RecordSharedTag;
-    kest_malloc_local = RecordLocalTag;
+    g_shared_malloc = std::exchange(kest_malloc_shared, RecordTag<&g_shared_malloc>);
+    g_local_malloc = std::exchange(kest_malloc_local, RecordTag<&g_local_malloc>);
   }
   ~TagRecorder() {
     kest_malloc_shared = g_shared_malloc;
