@@ -114,9 +114,10 @@ public:
   // it still holds.
   //
   // The parent's vector is not compacted: it keeps its entry for the
-  // destroyed node, at the same index, and its size. Callers must not walk
-  // into that branch again (by find, add or remove) and must take the entry
-  // out themselves before the parent is destroyed.
+  // destroyed node, at the same index, and its size. A look-up of any child
+  // of that parent binary-searches over the stale entry, so until the caller
+  // has taken it out nothing below that parent may be found, added or
+  // removed, and the parent must not be destroyed.
   void remove(const char *key, const V &value) {
     if (*key != '\0') {
       trie **slot = child_slot(*key);
