@@ -22,14 +22,6 @@ NO_VPTR_CHECK size_t Applied(CustomApp *app, int protocol) {
   auto slot = app->m_table.find(protocol);
   return slot == app->m_table.end() ? 0 : slot->second.size() + 1; // 1: an empty list
 }
-// Thread start-up once more, now that the thread's module exists.
-NO_VPTR_CHECK bool Restart(CustomApp *app) {
-  app->ExitThread();
-  return oru::Configuration::Instance()->Unsubscribe(
-             "customrule", app, oru::MakeConfigMethod(&CustomApp::OnRuleChange)) &&
-         app->InitThread();
-}
-
 class CustomAppInternalTest : public kest_test::InstanceFixture {
 protected:
   void SetUp() override {
@@ -53,16 +45,6 @@ protected:
   RecordingRuleModule module;
   CustomApp *app = nullptr;
 };
-
-TEST_F(CustomAppInternalTest, InitThreadAppliesRulesPresentThenSubscribes) {
-  ASSERT_TRUE(oru::Configuration::SetItem("customrule.rec.10.0.0.1", "4"));
-  ASSERT_TRUE(Restart(app));
-  EXPECT_EQ(module.calls, Calls{"+10.0.0.1/4/100"});
-  ASSERT_TRUE(oru::Configuration::SetItem("customrule.rec.10.0.0.2", "4"));
-  kest_idle(h);
-  EXPECT_EQ(module.calls, (Calls{"+10.0.0.1/4/100", "+10.0.0.2/4/101"}));
-  EXPECT_EQ(Applied(app, 4), 3u);
-}
 
 TEST_F(CustomAppInternalTest, ChangesAndTheirWarnings) {
   ASSERT_TRUE(oru::InterfaceBroker::RegisterModule(501, "bare")); // serves nothing
