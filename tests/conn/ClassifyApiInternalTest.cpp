@@ -18,10 +18,6 @@ TEST_F(ClassifyApiTest, UserWordIsStoredForAnySelector) {
   const kest_handle_t h = Open();
   ASSERT_EQ(kest_init(h), 0);
   oru::Runtime::l_instance_id = h;
-  // Until the thread start-up brings up classification.
-  if (oru::Classification::Peek() == nullptr) {
-    ASSERT_TRUE(oru::Classification::Instance()->InitThread());
-  }
   const struct {
     int selector;
     const void *data;

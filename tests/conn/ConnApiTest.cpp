@@ -1,7 +1,5 @@
 #include "ConnTestSupport.h"
 
-#include <kest/ProtocolRegistry.h>
-
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -9,71 +7,29 @@
 namespace {
 
 using kest_test::TestClassify;
-using kest_test::TestConn;
-using kest_test::TestFactory;
 using oru::AppEntry;
 using oru::AppStack;
 using oru::Conn;
-using oru::ProtocolRegistry;
 
-// One instance that knows TCP (1), UDP (2) and HTTP (3), with a thread
-// context and connections started on the test thread. The factories are
-// registered by the tests that want them.
-class ConnApiTest : public kest_test::InstanceFixture {
+// The transport plug-in numbers TCP and UDP; any other index stands for an
+// application such as HTTP.
+class ConnApiTest : public kest_test::ClassificationFixture {
 protected:
   void SetUp() override {
-    InstanceFixture::SetUp();
-    // The test numbers the protocols itself.
-    kest_test::SetTransportRegistration(false);
-    h = Open();
-    ASSERT_GT(h, 0);
-    oru::Runtime::l_instance_id = h;
-    ProtocolRegistry::ExitInstance();
-    ASSERT_TRUE(ProtocolRegistry::InitInstance());
-    ASSERT_EQ(ProtocolRegistry::AddProtocol("TCP", 0), kTcp);
-    ASSERT_EQ(ProtocolRegistry::AddProtocol("UDP", 0), kUdp);
-    ASSERT_EQ(ProtocolRegistry::AddProtocol("HTTP", 0), kHttp);
-    oru::Runtime::l_instance_id = 0;
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
-    ASSERT_TRUE(ProtocolRegistry::InitThread());
-    kest_test::StartConnectionsIfNeeded();
+    ClassificationFixture::SetUp();
+    kTcp = kest_proto_find_index(h, "TCP");
+    kUdp = kest_proto_find_index(h, "UDP");
+    ASSERT_GT(kTcp, 0);
+    ASSERT_GT(kUdp, 0);
   }
-  void TearDown() override {
-    oru::Runtime::l_instance_id = h;
-    if (oru::Classification::Peek() != nullptr) {
-      oru::Classification::Peek()->ExitThread();
-      oru::Classification::Release();
-    }
-    held.clear();
-    tcp.m_table.clear();
-    udp.m_table.clear();
-    ProtocolRegistry::ExitInstance();
-    oru::Runtime::l_instance_id = 0;
-    InstanceFixture::TearDown();
-  }
-
-  void RegisterFactories() {
-    oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
-    ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_TCP, oru::INTERFACE_CONN_FACTORY, &tcp));
-    ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_UDP, oru::INTERFACE_CONN_FACTORY, &udp));
-  }
-
   // A connection held by the test, made the thread's active one.
   Conn *ActiveConn() {
-    held.push_back(TestConn::Make(6));
-    Conn *conn = held.back().get();
+    Conn *conn = MakeConn(6);
     conn->Touch();
     return conn;
   }
-
-  static constexpr int kTcp = 1;
-  static constexpr int kUdp = 2;
-  static constexpr int kHttp = 3;
-
-  kest_handle_t h = -1;
-  TestFactory tcp, udp;
-  std::vector<kest_test::ConnPtr> held;
+  int kTcp = 0, kUdp = 0;
+  static constexpr int kHttp = 9;
 };
 
 kest_endpoint_t Endpoint(uint8_t family, std::initializer_list<uint8_t> bytes, uint8_t port_hi,
@@ -93,14 +49,16 @@ kest_endpoint_t V6(std::initializer_list<uint8_t> bytes, uint8_t port_hi, uint8_
 }
 
 TEST_F(ConnApiTest, CreateRefusals) {
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+  broker->UnregisterInterface(oru::MODULE_TCP, oru::INTERFACE_CONN_FACTORY, nullptr);
+  broker->UnregisterInterface(oru::MODULE_UDP, oru::INTERFACE_CONN_FACTORY, nullptr);
   const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
   const kest_endpoint_t v6 = V6({0x20, 0x01, 0x0d, 0xb8}, 0, 80);
   const kest_endpoint_t v3 = Endpoint(3, {192, 0, 2, 1}, 0, 80);
   const kest_endpoint_t v0 = Endpoint(0, {192, 0, 2, 1}, 0, 80);
-  struct Case {
+  const struct {
     const char *what;
-    const kest_endpoint_t *src;
-    const kest_endpoint_t *dst;
+    const kest_endpoint_t *src, *dst;
     uint8_t protocol;
     int error;
   } cases[] = {
@@ -113,7 +71,7 @@ TEST_F(ConnApiTest, CreateRefusals) {
       {"TCP without its plug-in", &v4, &v4, 6, KEST_ENOBUFS},
       {"UDP without its plug-in", &v6, &v6, 17, KEST_ENOBUFS},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     int marker = 0;
     kest_conn_t conn = &marker;
@@ -125,49 +83,36 @@ TEST_F(ConnApiTest, CreateRefusals) {
 
 // Arguments that would pass, so that only the handle or the thread decides.
 kest_result_t g_cursor;
-kest_endpoint_t g_endpoint = V4(192, 0, 2, 1, 0, 80);
+kest_endpoint_t g_ep = V4(192, 0, 2, 1, 0, 80);
+kest_conn_t g_conn;
+unsigned g_flags;
+int g_app;
+char g_name[8];
 
 TEST_F(ConnApiTest, EveryFramedCallRefusesABadHandleOrAThreadWithoutContext) {
   oru::Runtime::l_instance_id = 0;
   const kest_handle_t no_context = Open();
   ASSERT_GT(no_context, 0);
-  using Call = int (*)(kest_handle_t);
-  struct Case {
+  using H = kest_handle_t;
+  const struct {
     const char *call;
     bool needs_context;
-    Call run;
+    int (*run)(H);
   } cases[] = {
-      {"create", true,
-       [](kest_handle_t hh) {
-         kest_conn_t c;
-         return kest_conn_create(hh, &g_endpoint, &g_endpoint, 6, &c);
-       }},
-      {"destroy", true, [](kest_handle_t hh) { return kest_conn_destroy(hh, &g_endpoint); }},
-      {"endpoint", true,
-       [](kest_handle_t hh) { return kest_endpoint_get(hh, 0, &g_endpoint, &g_endpoint); }},
-      {"policy", true, [](kest_handle_t hh) { return kest_conn_policy_flags_disable(hh, 0, 1); }},
-      {"status", true,
-       [](kest_handle_t hh) {
-         unsigned f;
-         return kest_conn_status_flags_get(hh, 0, &f);
-       }},
-      {"app", true, [](kest_handle_t hh) { return kest_app_get(hh, &g_cursor, nullptr); }},
-      {"simple", true,
-       [](kest_handle_t hh) {
-         int app;
-         return kest_classify_simple(hh, &g_endpoint, 1, &app);
-       }},
-      {"index", false, [](kest_handle_t hh) { return kest_proto_get_index(hh, &g_cursor); }},
-      {"name", false,
-       [](kest_handle_t hh) {
-         char b[8];
-         return kest_proto_get_name(hh, 1, b, 8) != nullptr ? 0 : -1;
-       }},
-      {"find index", false, [](kest_handle_t hh) { return kest_proto_find_index(hh, "TCP"); }},
-      {"max index", false, [](kest_handle_t hh) { return kest_proto_max_index(hh); }},
-      {"set index", false, [](kest_handle_t hh) { return kest_proto_set_index(hh, "TCP", 4); }},
+      {"create", true, [](H x) { return kest_conn_create(x, &g_ep, &g_ep, 6, &g_conn); }},
+      {"destroy", true, [](H x) { return kest_conn_destroy(x, &g_ep); }},
+      {"endpoint", true, [](H x) { return kest_endpoint_get(x, 0, &g_ep, &g_ep); }},
+      {"policy", true, [](H x) { return kest_conn_policy_flags_disable(x, 0, 1); }},
+      {"status", true, [](H x) { return kest_conn_status_flags_get(x, 0, &g_flags); }},
+      {"app", true, [](H x) { return kest_app_get(x, &g_cursor, nullptr); }},
+      {"simple", true, [](H x) { return kest_classify_simple(x, &g_ep, 1, &g_app); }},
+      {"index", false, [](H x) { return kest_proto_get_index(x, &g_cursor); }},
+      {"name", false, [](H x) { return kest_proto_get_name(x, 1, g_name, 8) ? 0 : -1; }},
+      {"find index", false, [](H x) { return kest_proto_find_index(x, "TCP"); }},
+      {"max index", false, [](H x) { return kest_proto_max_index(x); }},
+      {"set index", false, [](H x) { return kest_proto_set_index(x, "TCP", 4); }},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.call);
     for (kest_handle_t bad : {0, 32, -1, no_context + 1}) {
       kest_errno = 0;
@@ -185,13 +130,12 @@ TEST_F(ConnApiTest, EveryFramedCallRefusesABadHandleOrAThreadWithoutContext) {
 // Each address goes to the factory in the library's form and comes back
 // through kest_endpoint_get; each side decides its family by itself.
 TEST_F(ConnApiTest, AddressesAndPortsMakeTheRoundTrip) {
-  RegisterFactories();
   const kest_endpoint_t v6a =
       V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0, 80);
   const kest_endpoint_t v6b = V6(
       {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0x02, 0x11, 0x22, 0xff, 0xfe, 0x33, 0x44, 0x55}, 0x12, 0x34);
   const kest_endpoint_t v6_unspecified = V6({}, 0xff, 0xff);
-  struct Case {
+  const struct {
     const char *what;
     kest_endpoint_t src, dst;
     uint8_t protocol;
@@ -208,9 +152,9 @@ TEST_F(ConnApiTest, AddressesAndPortsMakeTheRoundTrip) {
       {"IPv4 zero", V4(0, 0, 0, 0, 0, 0), V4(10, 0, 0, 1, 0x01, 0xbb), 6, 0, 443, V6({}, 0, 0),
        V4(10, 0, 0, 1, 0x01, 0xbb)},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    TestFactory &factory = c.protocol == 6 ? tcp : udp;
+    kest_test::TestFactory &factory = c.protocol == 6 ? tcp : udp;
     kest_conn_t out = nullptr;
     ASSERT_EQ(kest_conn_create(h, &c.src, &c.dst, c.protocol, &out), 0);
     ASSERT_FALSE(factory.m_table.empty());
@@ -235,22 +179,18 @@ TEST_F(ConnApiTest, AddressesAndPortsMakeTheRoundTrip) {
 }
 
 TEST_F(ConnApiTest, DestroyGoesThroughTheFactoryOfTheProtocol) {
-  RegisterFactories();
   const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
   kest_conn_t out = nullptr;
   ASSERT_EQ(kest_conn_create(h, &v4, &v4, 17, &out), 0);
   Conn *conn = udp.m_table.back().get();
   EXPECT_EQ(kest_conn_destroy(h, out), 0);
-  ASSERT_EQ(udp.m_destroyed.size(), 1u);
-  EXPECT_EQ(udp.m_destroyed[0], conn);
+  EXPECT_EQ(udp.m_destroyed, std::vector<Conn *>{conn});
   EXPECT_TRUE(tcp.m_destroyed.empty());
 
   EXPECT_EQ(kest_conn_destroy(h, nullptr), -1);
   EXPECT_EQ(kest_errno, KEST_EINVAL);
-
   // Of neither TCP nor UDP: done as far as it goes, with the error left.
-  held.push_back(TestConn::Make(132));
-  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(held.back().get())), 0);
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(MakeConn(132))), 0);
   EXPECT_EQ(kest_errno, KEST_EPROTONOSUPPORT);
 }
 
@@ -258,8 +198,7 @@ TEST_F(ConnApiTest, DestroyGoesThroughTheFactoryOfTheProtocol) {
 TEST_F(ConnApiTest, ActiveConnectionCallsRefuseAnyOther) {
   kest_endpoint_t e{};
   unsigned flags = 0;
-  const kest_conn_id_t none = 1;
-  EXPECT_EQ(kest_endpoint_get(h, none, &e, &e), -1);
+  EXPECT_EQ(kest_endpoint_get(h, 1, &e, &e), -1);
   EXPECT_EQ(kest_errno, KEST_EINVAL);
 
   Conn *first = ActiveConn();
@@ -280,34 +219,30 @@ TEST_F(ConnApiTest, ActiveConnectionCallsRefuseAnyOther) {
   EXPECT_EQ(flags, 1u); // a new connection
 }
 
-TEST_F(ConnApiTest, PolicyFlagsClearTheirBits) {
+TEST_F(ConnApiTest, PolicyFlagsClearTheirBitsAndStatusTranslates) {
   Conn *conn = ActiveConn();
-  struct Case {
+  const struct {
     unsigned flags;
     int result;
     uint32_t cleared;
-  } cases[] = {
+  } policies[] = {
       {0, 0, 0},  {1, 0, 63}, {2, 0, 4},   {4, 0, 8},   {8, 0, 16},  {16, 0, 32},
       {3, 0, 63}, {6, 0, 12}, {24, 0, 48}, {31, 0, 63}, {32, -1, 0}, {0xffffffffu, -1, 0},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : policies) {
     SCOPED_TRACE(c.flags);
     conn->m_policy = 0xffffffffu;
     EXPECT_EQ(kest_conn_policy_flags_disable(h, conn->m_number, c.flags), c.result);
     EXPECT_EQ(kest_errno, c.result == 0 ? 0 : KEST_EINVAL);
     EXPECT_EQ(conn->m_policy, ~c.cleared);
   }
-}
-
-TEST_F(ConnApiTest, StatusWordTranslatesToHostFlags) {
-  Conn *conn = ActiveConn();
-  conn->m_policy = 0; // the policy word plays no part
-  struct Case {
+  conn->m_policy = 0; // the policy word plays no part in the status
+  const struct {
     uint32_t status;
     unsigned flags;
-  } cases[] = {{0, 0},  {1, 1},   {2, 1},   {4, 3},  {8, 5},
-               {16, 9}, {32, 17}, {60, 31}, {64, 0}, {0x44, 3}};
-  for (const Case &c : cases) {
+  } statuses[] = {{0, 0},  {1, 1},   {2, 1},   {4, 3},  {8, 5},
+                  {16, 9}, {32, 17}, {60, 31}, {64, 0}, {0x44, 3}};
+  for (const auto &c : statuses) {
     SCOPED_TRACE(c.status);
     conn->m_status = c.status;
     unsigned flags = 0xdead;
@@ -317,8 +252,7 @@ TEST_F(ConnApiTest, StatusWordTranslatesToHostFlags) {
 }
 
 // A stack of its own: the walking calls touch only the cursor and the stack.
-class Stack {
-public:
+struct Stack {
   Stack(std::initializer_list<uint32_t> protos, uint32_t app) {
     for (uint32_t proto : protos) {
       stack.entries.push_back(AppEntry{proto});
@@ -353,7 +287,6 @@ TEST_F(ConnApiTest, WalkingAStack) {
   EXPECT_EQ(kest_proto_get_index(h, kest_proto_find(0, r, 3)), 3);
   // The application index is not an entry.
   EXPECT_EQ(kest_proto_valid(0, kest_proto_find(0, r, 5)), 0);
-
   EXPECT_EQ(kest_proto_get_index(h, nullptr), -1);
   EXPECT_EQ(kest_errno, KEST_EINVAL);
 
@@ -366,21 +299,22 @@ TEST_F(ConnApiTest, WalkingAStack) {
 }
 
 TEST_F(ConnApiTest, ConfidenceIsHalfWhenOnlyTheTransportIsKnown) {
-  struct Case {
+  const uint32_t tcp_index = kTcp, udp_index = kUdp;
+  const struct {
     const char *what;
     std::initializer_list<uint32_t> protos;
     uint32_t app;
     int confidence;
   } cases[] = {
-      {"TCP flow of TCP", {kTcp}, kTcp, 100},
-      {"TCP flow, application by port", {kTcp}, kHttp, 50},
-      {"UDP flow, application by port", {kUdp}, kHttp, 50},
-      {"UDP under TCP", {kTcp, kUdp}, kTcp, 50},
-      {"HTTP over TCP", {kTcp, kHttp}, kHttp, 100},
-      {"HTTP on top, another application", {kTcp, kHttp}, 9, 100},
-      {"empty stack", {}, kTcp, 100},
+      {"TCP flow of TCP", {tcp_index}, tcp_index, 100},
+      {"TCP flow, application by port", {tcp_index}, kHttp, 50},
+      {"UDP flow, application by port", {udp_index}, kHttp, 50},
+      {"UDP under TCP", {tcp_index, udp_index}, tcp_index, 50},
+      {"HTTP over TCP", {tcp_index, kHttp}, kHttp, 100},
+      {"HTTP on top, another application", {tcp_index, kHttp}, 11, 100},
+      {"empty stack", {}, tcp_index, 100},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     Stack s(c.protos, c.app);
     kest_result_t cursor = s.Cursor();
@@ -393,54 +327,36 @@ TEST_F(ConnApiTest, ConfidenceIsHalfWhenOnlyTheTransportIsKnown) {
   EXPECT_EQ(kest_errno, KEST_EINVAL);
 }
 
-class ClassifySimpleTest : public ConnApiTest {
-public:
-  void SetUp() override {
-    ConnApiTest::SetUp();
-    RegisterFactories();
-    owner = new kest_test::TestOwner;
-    oru::Classification *classification = oru::Classification::Instance();
-    ASSERT_TRUE(classification->Register(oru::Classification::CLASSIFY_TYPE_0, &packet, owner));
-    ASSERT_TRUE(classification->Register(oru::Classification::CLASSIFY_TYPE_1, &deferred, owner));
-  }
-
-  // A connection of the TCP factory whose application is `app`.
-  Conn *FlowWithApp(uint32_t app) {
+// The application index of the last result, a deferred one included, reaches
+// the int; the connection survives whatever the result's code.
+TEST_F(ConnApiTest, ClassifySimpleStoresTheLastApplicationIndexAndKeepsTheConnection) {
+  TestClassify deferred;
+  ASSERT_TRUE(classification->Register(oru::Classification::CLASSIFY_TYPE_1, &deferred, owner));
+  auto flow_with_app = [&](uint32_t app) {
     const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
     kest_conn_t out = nullptr;
     EXPECT_EQ(kest_conn_create(h, &v4, &v4, 6, &out), 0);
     Conn *conn = tcp.m_table.back().get();
-    conn->GetAppStack()->entries.push_back(AppEntry{kTcp});
+    conn->GetAppStack()->entries.push_back(AppEntry{static_cast<uint32_t>(kTcp)});
     conn->GetAppStack()->app = app;
     return conn;
-  }
-
-  static void DeferOne(TestClassify *, oru::ClassifyPacket *) {
-    oru::ClassifyRequest request{};
-    request.type = oru::Classification::CLASSIFY_TYPE_1;
-    oru::Classification::Instance()->m_deferred.push_back(request);
-  }
-
-  TestClassify packet;
-  TestClassify deferred;
-  oru::fdt::intrusive_ptr<oru::fdt::refcnt> owner;
-};
-
-// The application index of the last result, a deferred one included, reaches
-// the int; the connection survives whatever the result's code.
-TEST_F(ClassifySimpleTest, StoresTheLastApplicationIndexAndKeepsTheConnection) {
-  packet.m_conn = FlowWithApp(kHttp);
-  packet.m_flags = 0xC0; // code 3, which a host often answers by dropping
+  };
+  handler.m_conn = flow_with_app(kHttp);
+  handler.m_flags = 0xC0; // code 3, which a host often answers by dropping
   const uint8_t data[3] = {1, 2, 3};
   int app = -7;
   EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), 0);
   EXPECT_EQ(app, kHttp);
-  EXPECT_EQ(packet.m_calls, 1);
+  EXPECT_EQ(handler.m_calls, 1);
   EXPECT_EQ(tcp.m_table.size(), 1u);
 
-  packet.m_flags = 1;
-  packet.m_action = DeferOne;
-  deferred.m_conn = FlowWithApp(kTcp);
+  handler.m_flags = 1;
+  handler.m_action = [](TestClassify *, oru::ClassifyPacket *) {
+    oru::ClassifyRequest request{};
+    request.type = oru::Classification::CLASSIFY_TYPE_1;
+    oru::Classification::Instance()->m_deferred.push_back(request);
+  };
+  deferred.m_conn = flow_with_app(kTcp);
   deferred.m_flags = 1;
   EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), 0);
   EXPECT_EQ(deferred.m_calls, 1);
@@ -448,8 +364,8 @@ TEST_F(ClassifySimpleTest, StoresTheLastApplicationIndexAndKeepsTheConnection) {
   EXPECT_TRUE(tcp.m_destroyed.empty());
 
   // Without a result the int stays as it was.
-  packet.m_flags = 0;
-  packet.m_action = nullptr;
+  handler.m_flags = 0;
+  handler.m_action = nullptr;
   app = -7;
   EXPECT_EQ(kest_classify_simple(h, data, sizeof(data), &app), -1);
   EXPECT_EQ(app, -7);

@@ -21,7 +21,6 @@ protected:
     *row = Open();
     EXPECT_EQ(kest_init(*row), 0);
     oru::Runtime::l_instance_id = *row;
-    kest_test::StartConnectionsIfNeeded();
     const uint64_t number = MakeBase()->m_number;
     oru::Runtime::l_instance_id = 0;
     EXPECT_EQ(kest_fini(*row), 0);
@@ -68,22 +67,6 @@ TEST_F(ConnTest, IdleOnlyBeyondSixtySeconds) {
     EXPECT_EQ(oru::ThreadPointer<Conn>(Conn::l_active_conn), conn.get());
     oru::set_clock(c.now);
     EXPECT_EQ(conn->Idle(), c.idle);
-  }
-}
-
-TEST_F(ConnTest, ApplicationIndexReadsAsTheEntryAtTheEnd) {
-  ConnPtr conn = MakeBase();
-  oru::AppStack *stack = conn->GetAppStack();
-  stack->app = 42;
-  ASSERT_NE(stack->entries.push_back(oru::AppEntry{3}), stack->entries.end());
-  ASSERT_NE(stack->entries.push_back(oru::AppEntry{7}), stack->entries.end());
-  EXPECT_EQ(static_cast<void *>(stack->entries.end().node()), static_cast<void *>(stack));
-  // Walking up from the lowest protocol runs into the application index.
-  const uint32_t expected[] = {3, 7, 42, 3};
-  oru::fdt::list_link *link = stack->entries.begin().node();
-  for (uint32_t proto : expected) {
-    EXPECT_EQ(static_cast<oru::AppStack::Node *>(link)->m_value.proto, proto);
-    link = link->m_next;
   }
 }
 

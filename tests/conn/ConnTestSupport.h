@@ -93,16 +93,6 @@ inline int RecordingCallback(kest_handle_t handle, kest_result_t *result, int co
   return recorder->result;
 }
 
-// Until the instance and thread start-ups bring up connections and the
-// classification layer, the tests do it after kest_init, on the calling
-// thread. The start-up made the classification object if it did its part.
-inline void StartConnectionsIfNeeded() {
-  if (oru::Classification::Peek() == nullptr) {
-    ASSERT_TRUE(oru::Conn::InitInstance());
-    ASSERT_TRUE(oru::Classification::Instance()->InitThread());
-  }
-}
-
 // One instance with the two factories registered and `handler` on row 0
 // (selector 1).
 class ClassificationFixture : public InstanceFixture {
@@ -113,7 +103,6 @@ protected:
     ASSERT_GT(h, 0);
     ASSERT_EQ(kest_init(h), 0);
     oru::Runtime::l_instance_id = h;
-    StartConnectionsIfNeeded();
     classification = oru::Classification::Instance();
     oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
     ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_TCP, oru::INTERFACE_CONN_FACTORY, &tcp));

@@ -3,7 +3,6 @@
 #include <kest/FlowBuffer.h>
 #include <kest/MemTag.h>
 
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -216,23 +215,6 @@ TEST_F(FlowBufferTest, RatesFromTheAverages) {
     EXPECT_EQ(flow.AvgPktsPerSecond(), row.pkts) << row.gap;
     EXPECT_EQ(flow.AvgBitsPerSecond(), row.bits) << row.payload << "/" << row.gap;
   }
-}
-
-TEST_F(FlowBufferTest, DumpPrintsOneLinePerBlockInOrder) {
-  FlowBuffer flow;
-  void *owned = kest_malloc_local(4);
-  void *synced = kest_malloc_local(2);
-  flow.AddBlock(20, owned, 4, true);
-  flow.AddBlock(5, g_packet, 3, false);
-  flow.AddBlock(0x123456789ull, synced, 65535, true)->flags = FlowBuffer::BLOCK_SYNCED;
-  kest_test::TakePrinted();
-  flow.Dump();
-  char expected[512];
-  std::snprintf(expected, sizeof expected,
-                "start: 5, size: 3, data: %p, saved: 0\nstart: 20, size: 4, data: %p, saved: 1\n"
-                "start: 4886718345, size: 65535, data: %p, saved: 0\n",
-                static_cast<void *>(g_packet), owned, synced);
-  EXPECT_EQ(kest_test::TakePrinted(), expected);
 }
 
 } // namespace

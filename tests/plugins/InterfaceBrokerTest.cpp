@@ -25,11 +25,6 @@ protected:
   kest_handle_t h = -1;
 };
 
-TEST_F(InterfaceBrokerTest, SystemModuleIsRegisteredAtOpen) {
-  EXPECT_EQ(InterfaceBroker::GetModuleId("SYSTEM"), oru::MODULE_SYSTEM);
-  EXPECT_STREQ(InterfaceBroker::GetModuleName(oru::MODULE_SYSTEM).c_str(), "SYSTEM");
-}
-
 TEST_F(InterfaceBrokerTest, ModuleNamesAreUniqueAndIdsNeedNotBe) {
   EXPECT_TRUE(InterfaceBroker::RegisterModule(300, "beta"));
   EXPECT_FALSE(InterfaceBroker::RegisterModule(301, "beta"));
@@ -45,7 +40,9 @@ TEST_F(InterfaceBrokerTest, ModuleNamesAreUniqueAndIdsNeedNotBe) {
   EXPECT_EQ(InterfaceBroker::GetModuleId("beta"), oru::MODULE_UNKNOWN);
 }
 
+// Every instance has SYSTEM from its open on, and its own names besides.
 TEST_F(InterfaceBrokerTest, ModuleTablesArePerInstance) {
+  EXPECT_STREQ(InterfaceBroker::GetModuleName(oru::MODULE_SYSTEM).c_str(), "SYSTEM");
   ASSERT_TRUE(InterfaceBroker::RegisterModule(400, "only-here"));
   oru::Runtime::l_instance_id = 0;
   const kest_handle_t other = Open();
@@ -67,6 +64,11 @@ TEST_F(InterfaceBrokerTest, InterfacesArePerThreadAndKeyedByPair) {
   EXPECT_EQ(broker->GetInterface(260, 11), nullptr);
   EXPECT_TRUE(broker->IsModuleRegistered(259));
   EXPECT_FALSE(broker->IsModuleRegistered(260));
+  // Neither a name alone nor a null pointer registers a module on the thread.
+  ASSERT_TRUE(InterfaceBroker::RegisterModule(500, "named"));
+  EXPECT_FALSE(broker->IsModuleRegistered(500));
+  ASSERT_TRUE(broker->RegisterInterface(500, 1, nullptr));
+  EXPECT_FALSE(broker->IsModuleRegistered(500));
 
   void *seen_elsewhere = &a;
   std::thread([&] {
@@ -81,14 +83,6 @@ TEST_F(InterfaceBrokerTest, InterfacesArePerThreadAndKeyedByPair) {
   EXPECT_TRUE(broker->UnregisterInterface(259, 11, &b)) << "the pointer is not compared";
   EXPECT_FALSE(broker->UnregisterInterface(259, 11, &a));
   EXPECT_EQ(broker->GetInterface(259, 11), nullptr);
-}
-
-TEST_F(InterfaceBrokerTest, NamedModuleWithoutInterfaceIsNotRegisteredOnThread) {
-  ASSERT_TRUE(InterfaceBroker::RegisterModule(500, "named"));
-  EXPECT_FALSE(InterfaceBroker::Instance()->IsModuleRegistered(500));
-  ASSERT_TRUE(InterfaceBroker::Instance()->RegisterInterface(500, 1, nullptr));
-  EXPECT_FALSE(InterfaceBroker::Instance()->IsModuleRegistered(500))
-      << "null pointers do not count";
 }
 
 TEST_F(InterfaceBrokerTest, FailedAllocationRefusesRegistration) {

@@ -1,5 +1,6 @@
 #include "InstanceFixture.h"
 
+#include <kest/Error.h>
 #include <kest/Runtime.h>
 
 #include <string>
@@ -119,6 +120,8 @@ TEST_F(LifecycleTest, CloseIsBusyUntilFiniAndASecondInitIsRefused) {
   EXPECT_EQ(kest_close(h), 0);
 }
 
+// Each instance gives a thread a block of its own, whose cells the other
+// instance does not see; and a full round leaves no block behind.
 TEST_F(LifecycleTest, ThreadsComeAndGoIndependentlyWithOneBlockPerInstance) {
   const kest_handle_t a = Open();
   const kest_handle_t b = Open();
@@ -138,34 +141,30 @@ TEST_F(LifecycleTest, ThreadsComeAndGoIndependentlyWithOneBlockPerInstance) {
   EXPECT_NE(oru::t_thread_base[b], nullptr);
   EXPECT_NE(oru::t_thread_base[a], oru::t_thread_base[b]);
   EXPECT_EQ(oru::t_thread_base[0], nullptr);
+  oru::ThreadLocalKey key{0, 0}; // slot 0 exists in every block
+  oru::Runtime::l_instance_id = a;
+  const uint64_t saved = oru::ThreadCell(key);
+  oru::ThreadCell(key) = 0x1122334455667788ull;
+  oru::Runtime::l_instance_id = b;
+  EXPECT_NE(oru::ThreadCell(key), 0x1122334455667788ull);
+  oru::Runtime::l_instance_id = a;
+  oru::ThreadCell(key) = saved;
+  oru::Runtime::l_instance_id = 0;
+
   EXPECT_EQ(kest_fini(a), 0);
   EXPECT_EQ(oru::t_thread_base[a], nullptr);
   EXPECT_NE(oru::t_thread_base[b], nullptr);
+  kest_idle(b);
   EXPECT_EQ(kest_fini(b), 0);
   EXPECT_EQ(kest_close(a), 0);
+  EXPECT_EQ(kest_close(b), 0);
+  EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+  EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), 0);
 }
-
-TEST_F(LifecycleTest, OpenInitFiniCloseLeavesNoBlockBehind) {
-  for (int round = 0; round < 3; ++round) {
-    const kest_handle_t h = Open();
-    ASSERT_EQ(kest_init(h), 0);
-    kest_idle(h);
-    ASSERT_EQ(kest_fini(h), 0);
-    ASSERT_EQ(kest_close(h), 0);
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), 0);
-  }
-}
-
-} // namespace
-
-namespace {
-
-class LifecycleFailureTest : public kest_test::InstanceFixture {};
 
 // Every allocation that kest_open makes can fail: the call then fails with
 // ENOMEM, leaves nothing behind and does not keep the row.
-TEST_F(LifecycleFailureTest, OpenSurvivesEveryFailingAllocation) {
+TEST_F(LifecycleTest, OpenSurvivesEveryFailingAllocation) {
   for (long n = 1;; ++n) {
     SCOPED_TRACE(n);
     kest_test::FailNthAllocation(n);
@@ -187,7 +186,7 @@ TEST_F(LifecycleFailureTest, OpenSurvivesEveryFailingAllocation) {
 
 // The same for kest_init: a failed start-up leaves the slot block, which
 // kest_fini clears, and everything else is given back.
-TEST_F(LifecycleFailureTest, InitSurvivesEveryFailingAllocation) {
+TEST_F(LifecycleTest, InitSurvivesEveryFailingAllocation) {
   const kest_handle_t h = Open();
   ASSERT_GT(h, 0);
   const long local_before = kest_test::LiveBlocks(kest_test::Heap::Local);
@@ -217,10 +216,6 @@ TEST_F(LifecycleFailureTest, InitSurvivesEveryFailingAllocation) {
   EXPECT_EQ(kest_close(h), 0);
 }
 
-} // namespace
-
-namespace {
-
 // A host hook that calls back into the API for another instance, as a host's
 // allocator or logger may: the inner call sees its own handle, and the outer
 // one gets its handle back.
@@ -245,9 +240,7 @@ void *ProbingMallocShared(size_t size) {
   return g_next_malloc_shared(size);
 }
 
-class NestedFrameTest : public kest_test::InstanceFixture {};
-
-TEST_F(NestedFrameTest, AHookCallingTheApiRestoresTheOuterHandle) {
+TEST_F(LifecycleTest, AHookCallingTheApiRestoresTheOuterHandle) {
   const kest_handle_t a = Open();
   const kest_handle_t b = Open();
   ASSERT_EQ(kest_config_set(b, "system.loglevel", "24"), 0);
@@ -266,6 +259,44 @@ TEST_F(NestedFrameTest, AHookCallingTheApiRestoresTheOuterHandle) {
   char buffer[16];
   EXPECT_EQ(kest_config_get(a, "nested.key", buffer, sizeof buffer), 0);
   EXPECT_STREQ(buffer, "value");
+}
+
+TEST(ErrorString, FixedTexts) {
+  struct Row {
+    int error;
+    const char *text;
+  };
+  const Row rows[] = {{12, "No memory available"},
+                      {105, "No flows available"},
+                      {107, "No connection allocated"},
+                      {22, "Unknown"},
+                      {0, "Unknown"},
+                      {2, "Unknown"},
+                      {-1, "Unknown"}};
+  for (const Row &row : rows) {
+    EXPECT_STREQ(oru::ErrorString(static_cast<oru::Error>(row.error)), row.text) << row.error;
+  }
+}
+
+// Each thread has its own handler; without one a throw changes nothing, and
+// RecordFirstError keeps the first error.
+TEST(ErrorHandler, HandlerIsPerThread) {
+  static thread_local int seen;
+  oru::SetErrorHandler([](oru::Error e) { seen = e; });
+  std::thread([] {
+    seen = 0;
+    kest_errno = 0;
+    oru::ThrowError(oru::ERR_INVAL);
+    EXPECT_EQ(seen, 0);
+    EXPECT_EQ(kest_errno, 0);
+    oru::SetErrorHandler(oru::RecordFirstError);
+    oru::ThrowError(oru::ERR_NOSYS);
+    oru::ThrowError(oru::ERR_NOMEM);
+    EXPECT_EQ(kest_errno, 38);
+  }).join();
+  oru::ThrowError(oru::ERR_INVAL);
+  EXPECT_EQ(seen, 22);
+  oru::SetErrorHandler(nullptr);
 }
 
 } // namespace
