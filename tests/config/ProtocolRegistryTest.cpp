@@ -175,12 +175,16 @@ TEST_F(ProtocolRegistryTest, GetNameCutsAndTerminates) {
   EXPECT_EQ(kest_errno, 0);
 }
 
-// The thread start-up check wants both "TCP" and "UDP". kest_init runs it
-// itself and fails, but leaves the thread's block for the check to write to.
+// The thread start-up check wants both "TCP" and "UDP". Without them the
+// instance opens but kest_init fails; it leaves the thread's block, which only
+// kest_fini clears, and the check can run on it.
 TEST_F(ProtocolRegistryTest, ThreadCheckWantsTcpAndUdp) {
   oru::Runtime::l_instance_id = 0;
   EXPECT_EQ(kest_init(h), -1);
+  EXPECT_EQ(kest_errno, KEST_EPROTO);
   ASSERT_NE(oru::t_thread_base[h], nullptr);
+  EXPECT_EQ(kest_init(h), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
   oru::Runtime::l_instance_id = h;
   for (const char *add : {"", "TCP", "UDP"}) {
     SCOPED_TRACE(add);

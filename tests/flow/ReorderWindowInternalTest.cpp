@@ -19,20 +19,8 @@ const char *const kKey = ReorderWindow::kKey;
 
 // The instance and thread start-ups run the entries; the tests run the thread
 // entries again by hand where they look at them under failure.
-class ReorderWindowTest : public kest_test::InstanceFixture {
+class ReorderWindowTest : public kest_test::ThreadedFixture {
 protected:
-  void SetUp() override {
-    InstanceFixture::SetUp();
-    h = Open();
-    ASSERT_EQ(kest_init(h), 0);
-  }
-  void TearDown() override {
-    Leave();
-    kest_fini(h);
-    InstanceFixture::TearDown();
-  }
-  void Enter() { oru::Runtime::l_instance_id = h; }
-  void Leave() { oru::Runtime::l_instance_id = 0; }
   // This thread's cell; inside Enter/Leave only.
   static uint32_t &Cell() { return oru::ThreadWord(oru::FlowBuffer::l_reorder_window); }
   uint32_t CellOutside() {
@@ -51,8 +39,6 @@ protected:
     char buffer[64];
     return kest_config_get(h, kKey, buffer, sizeof buffer) == 0 ? buffer : "<error>";
   }
-
-  kest_handle_t h = -1;
 };
 
 TEST_F(ReorderWindowTest, ThreadEntriesUnderEveryAllocationFailure) {

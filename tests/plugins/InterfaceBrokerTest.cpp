@@ -8,21 +8,12 @@ namespace {
 
 using oru::InterfaceBroker;
 
-class InterfaceBrokerTest : public kest_test::InstanceFixture {
+class InterfaceBrokerTest : public kest_test::ThreadedFixture {
 protected:
   void SetUp() override {
-    InstanceFixture::SetUp();
-    h = Open();
-    ASSERT_GT(h, 0);
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
+    ThreadedFixture::SetUp();
+    Enter();
   }
-  void TearDown() override {
-    oru::Runtime::l_instance_id = 0;
-    kest_fini(h);
-    InstanceFixture::TearDown();
-  }
-  kest_handle_t h = -1;
 };
 
 TEST_F(InterfaceBrokerTest, ModuleNamesAreUniqueAndIdsNeedNotBe) {

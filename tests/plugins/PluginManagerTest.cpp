@@ -278,20 +278,6 @@ TEST_F(PluginManagerTest, DiagFindsReportsByModuleName) {
   EXPECT_EQ(Status(kest_test::TakeDiag(), kest_test::kTransportPluginName), "Active");
 }
 
-// Without a plug-in naming "TCP" and "UDP" an instance opens, but no thread
-// starts in it.
-TEST_F(PluginManagerTest, InitWantsTransportProtocols) {
-  kest_test::SetTransportRegistration(false);
-  h = Open();
-  ASSERT_GT(h, 0);
-  EXPECT_EQ(kest_init(h), -1);
-  EXPECT_EQ(kest_errno, KEST_EPROTO);
-  EXPECT_EQ(kest_init(h), -1) << "the slot block stays";
-  EXPECT_EQ(kest_errno, KEST_EINVAL);
-  EXPECT_EQ(kest_fini(h), 0);
-  EXPECT_EQ(kest_close(h), 0);
-}
-
 // Whichever allocation fails while plug-ins load, the instance opens and
 // closes without keeping a block.
 TEST_F(PluginManagerTest, OpenSurvivesEveryFailingAllocation) {

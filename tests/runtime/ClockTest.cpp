@@ -7,8 +7,6 @@
 
 namespace {
 
-using kest_test::InstanceFixture;
-
 struct timeval g_fake_time;
 int FakeGettimeofday(struct timeval *tv, void *) {
   *tv = g_fake_time;
@@ -21,26 +19,19 @@ int FakeUsleep(unsigned us) {
   return 0;
 }
 
-class ClockTest : public InstanceFixture {
+class ClockTest : public kest_test::ThreadedFixture {
 protected:
   void SetUp() override {
-    InstanceFixture::SetUp();
+    ThreadedFixture::SetUp();
     kest_gettimeofday = FakeGettimeofday;
-    h = Open();
-    ASSERT_EQ(kest_init(h), 0);
-  }
-  void TearDown() override {
-    kest_fini(h);
-    InstanceFixture::TearDown();
   }
   // Reads oru::now() inside the instance.
   uint64_t Now() {
-    oru::Runtime::l_instance_id = h;
+    Enter();
     const uint64_t t = oru::now();
-    oru::Runtime::l_instance_id = 0;
+    Leave();
     return t;
   }
-  kest_handle_t h = -1;
 };
 
 TEST_F(ClockTest, IdleRefreshesFromTheSystemClockIn32BitMilliseconds) {

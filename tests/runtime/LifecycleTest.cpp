@@ -261,23 +261,6 @@ TEST_F(LifecycleTest, AHookCallingTheApiRestoresTheOuterHandle) {
   EXPECT_STREQ(buffer, "value");
 }
 
-TEST(ErrorString, FixedTexts) {
-  struct Row {
-    int error;
-    const char *text;
-  };
-  const Row rows[] = {{12, "No memory available"},
-                      {105, "No flows available"},
-                      {107, "No connection allocated"},
-                      {22, "Unknown"},
-                      {0, "Unknown"},
-                      {2, "Unknown"},
-                      {-1, "Unknown"}};
-  for (const Row &row : rows) {
-    EXPECT_STREQ(oru::ErrorString(static_cast<oru::Error>(row.error)), row.text) << row.error;
-  }
-}
-
 // Each thread has its own handler; without one a throw changes nothing, and
 // RecordFirstError keeps the first error.
 TEST(ErrorHandler, HandlerIsPerThread) {

@@ -40,28 +40,17 @@ uint32_t Install(const char *name, Recorder &r) {
   return id;
 }
 
-class SyncEventQueueTest : public kest_test::InstanceFixture {
+class SyncEventQueueTest : public kest_test::ThreadedFixture {
 protected:
   void SetUp() override {
-    InstanceFixture::SetUp();
-    h = Open();
-    ASSERT_GT(h, 0);
-    ASSERT_EQ(kest_init(h), 0);
+    ThreadedFixture::SetUp();
     kest_clock_set_mode(h, 1);
     Enter();
   }
-  void TearDown() override {
-    Leave();
-    kest_fini(h);
-    InstanceFixture::TearDown();
-  }
-  void Enter() { oru::Runtime::l_instance_id = h; }
-  void Leave() { oru::Runtime::l_instance_id = 0; }
   void IdleAt(uint64_t clock) {
     kest_clock_set(h, clock);
     kest_idle(h);
   }
-  kest_handle_t h = -1;
 };
 
 TEST_F(SyncEventQueueTest, EventIdsArePerInstanceFromOneAndNeedMemory) {
@@ -173,8 +162,8 @@ TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
   IdleAt(1);
   const long before = LiveBlocks(Heap::Shared);
   std::vector<Recorder> seen(kThreads);
-  std::barrier joined(kThreads + 1), posted(kThreads + 1);
-  std::atomic<bool> done{false};
+  std::barrier joined(kThreads + 1);
+  std::atomic<int> posted{0};
   Leave();
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -182,32 +171,28 @@ TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
       ASSERT_EQ(kest_init(h), 0);
       oru::Runtime::l_instance_id = h;
       Install("test.order", seen[t]);
-      oru::Runtime::l_instance_id = 0;
       joined.arrive_and_wait();
       for (int i = 0; i < kPosts; ++i) {
         const std::string payload = std::to_string(t) + ":" + std::to_string(i);
-        oru::Runtime::l_instance_id = h;
         SyncEventQueue::PostEvent(id, payload.data(), static_cast<uint32_t>(payload.size()));
-        oru::Runtime::l_instance_id = 0;
         if (i % 16 == 0) {
           kest_idle(h);
         }
       }
-      posted.arrive_and_wait();
+      // The last pass comes after every post, so it drains them all.
+      for (++posted; posted != kThreads;) {
+        std::this_thread::yield();
+      }
       kest_idle(h);
+      oru::Runtime::l_instance_id = 0;
       kest_fini(h);
     });
   }
   joined.arrive_and_wait();
   uint64_t clock = 2;
-  std::thread stopper([&] {
-    posted.arrive_and_wait();
-    done = true;
-  });
-  while (!done) {
+  while (posted != kThreads) {
     IdleAt(clock++);
   }
-  stopper.join();
   for (std::thread &thread : threads) {
     thread.join();
   }

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <kest.h>
+#include <kest/Runtime.h>
 
 namespace kest_test {
 
@@ -30,6 +31,25 @@ protected:
   kest_handle_t Open() { return kest_open(EmptyPluginDir()); }
 
   static const char *EmptyPluginDir() { return "/nonexistent-kest-plugins"; }
+};
+
+// One instance with a context on the test thread. Enter() makes the thread
+// work in it for calls into the library's internals; Leave() goes back.
+class ThreadedFixture : public InstanceFixture {
+protected:
+  void SetUp() override {
+    InstanceFixture::SetUp();
+    h = Open();
+    ASSERT_GT(h, 0);
+    ASSERT_EQ(kest_init(h), 0);
+  }
+  void TearDown() override {
+    Leave();
+    InstanceFixture::TearDown();
+  }
+  void Enter() { oru::Runtime::l_instance_id = h; }
+  void Leave() { oru::Runtime::l_instance_id = 0; }
+  kest_handle_t h = -1;
 };
 
 } // namespace kest_test
