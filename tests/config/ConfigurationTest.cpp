@@ -1,4 +1,5 @@
 #include "InstanceFixture.h"
+#include "ParkedThread.h"
 
 #include <kest/Configuration.h>
 
@@ -176,28 +177,14 @@ TEST_F(ConfigurationTest, ChangesReachEveryThreadAtItsNextIdleOnlyWhileThreaded)
   ASSERT_TRUE(Subscribe("t.k", deep));
   kest_idle(h);
   EXPECT_TRUE(mine.seen.empty()) << "nothing posted before threads ran";
-  std::atomic<int> stage{0};
-  std::thread worker([&] {
-    ASSERT_EQ(kest_init(h), 0);
-    Subscribe("t", theirs);
-    stage = 1;
-    while (stage != 2) {
-      std::this_thread::yield();
-    }
-    kest_idle(h);
-    kest_fini(h);
-  });
-  while (stage != 1) {
-    std::this_thread::yield();
-  }
+  kest_test::ParkedThread worker(h, [&] { Subscribe("t", theirs); });
   ASSERT_EQ(kest_config_set(h, "t.k", "v1"), 0);
   EXPECT_TRUE(mine.seen.empty()) << "nothing before the idle pass";
   kest_idle(h);
   const std::vector<std::string> expected{"t.k=before>v1"};
   EXPECT_EQ(mine.seen, expected);
   EXPECT_EQ(deep.seen, expected);
-  stage = 2;
-  worker.join();
+  worker.Release();
   EXPECT_EQ(theirs.seen, expected);
 
   ASSERT_EQ(kest_config_set(h, "t.k", "after-fini"), 0);

@@ -237,36 +237,4 @@ TEST_F(ClassificationTest, DestructionReleasesDeferredRequestsAndOwners) {
   EXPECT_EQ(owner->use_count(), 1);
 }
 
-TEST_F(ClassificationTest, ThreadStartMakesConnectionZeroAndUnwindsWithoutMemory) {
-  classification->ExitThread();
-  Classification::Release();
-  const long local = kest_test::LiveBlocks(kest_test::Heap::Local);
-  const long shared = kest_test::LiveBlocks(kest_test::Heap::Shared);
-  bool started = false;
-  // Each allocation fails in turn; the exit that the start-up's unwind runs
-  // must leave nothing behind either way.
-  for (long n = 1; !started && n < 50; ++n) {
-    SCOPED_TRACE(n);
-    Classification *fresh = Classification::Instance();
-    kest_errno = 0;
-    kest_test::FailNthAllocation(n);
-    kest_test::StartRecording();
-    started = fresh->InitThread();
-    kest_test::FailNthAllocation(0);
-    long conns = 0;
-    for (const kest_test::Allocation &a : kest_test::StopRecording()) {
-      conns += a.size == sizeof(oru::Conn);
-    }
-    EXPECT_EQ(kest_errno, started ? 0 : KEST_ENOMEM);
-    EXPECT_TRUE(!started || conns == 1) << "the default connection, without prefix";
-    fresh->ExitThread();
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), local + 1) << "only the object";
-    Classification::Release();
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), local);
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), shared);
-  }
-  EXPECT_TRUE(started);
-  EXPECT_EQ(oru::Conn::s_next_conn[h], 0u) << "number 0 leaves the counter";
-}
-
 } // namespace

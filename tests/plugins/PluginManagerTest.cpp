@@ -278,29 +278,4 @@ TEST_F(PluginManagerTest, DiagFindsReportsByModuleName) {
   EXPECT_EQ(Status(kest_test::TakeDiag(), kest_test::kTransportPluginName), "Active");
 }
 
-// Whichever allocation fails while plug-ins load, the instance opens and
-// closes without keeping a block.
-TEST_F(PluginManagerTest, OpenSurvivesEveryFailingAllocation) {
-  const long local_before = kest_test::LiveBlocks(kest_test::Heap::Local);
-  const long shared_before = kest_test::LiveBlocks(kest_test::Heap::Shared);
-  for (long n = 1;; ++n) {
-    SCOPED_TRACE(n);
-    kest_test::ResetCounts();
-    kest_test::FailNthAllocation(n);
-    h = kest_open(KEST_TEST_PM_ORDER_DIR);
-    kest_test::FailNthAllocation(0);
-    const bool injected = kest_test::AllocationCount() >= n;
-    if (h > 0) {
-      ASSERT_EQ(kest_close(h), 0);
-    }
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), local_before);
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Shared), shared_before);
-    if (!injected) {
-      EXPECT_GT(h, 0);
-      break;
-    }
-    ASSERT_LT(n, 2000);
-  }
-}
-
 } // namespace
