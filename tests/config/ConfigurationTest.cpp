@@ -2,6 +2,7 @@
 #include "ParkedThread.h"
 
 #include <kest/Configuration.h>
+#include <kest/Log.h>
 
 #include <atomic>
 #include <map>
@@ -294,7 +295,7 @@ TEST_F(ConfigurationTest, ConcurrentSettersLoseNoUpdateAndSubscribersSeeEachOnce
   }
 }
 
-// Log level: the setting behind each thread's mask.
+// Log level: the setting behind each thread's mask, which gates the messages.
 TEST_F(ConfigurationTest, LogLevelValuesAndMasks) {
   EXPECT_EQ(kest_config_set(h, "system.loglevel", "-1"), -1);
   EXPECT_EQ(kest_config_set(h, "system.loglevel", "abc"), -1);
@@ -312,6 +313,11 @@ TEST_F(ConfigurationTest, LogLevelValuesAndMasks) {
     kest_idle(h);
     EXPECT_EQ(oru::log_flags, row.running) << row.value;
     EXPECT_EQ(kest_test::TakePrinted(), "setting level " + std::to_string(row.running) + "\n");
+    // Warnings, such as an open's on a missing directory, need their own bit.
+    kest_test::TakeLog();
+    ASSERT_EQ(kest_close(Open()), 0);
+    EXPECT_EQ(kest_test::TakeLog().find("W InitInstance: Could not get directory listing") == 0,
+              (row.running & oru::LOG_WARNING) != 0);
     unsigned starting = 99;
     std::thread([&] {
       ASSERT_EQ(kest_init(h), 0);

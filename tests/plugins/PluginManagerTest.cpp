@@ -188,21 +188,6 @@ TEST_F(PluginManagerTest, DisablingKeysAreCheckedAndOnlyTakenWithoutThreads) {
   }
 }
 
-// Warnings go out only with their bit in the thread's mask.
-TEST_F(PluginManagerTest, WarningsFollowTheThreadsMask) {
-  for (unsigned mask : {0u, unsigned{oru::LOG_ERROR}, unsigned{oru::LOG_WARNING}}) {
-    SCOPED_TRACE(mask);
-    oru::log_flags = mask;
-    kest_test::TakeLog();
-    h = kest_open("/nonexistent-kest-plugins");
-    ASSERT_GT(h, 0);
-    const std::string line =
-        "W InitInstance: Could not get directory listing in /nonexistent-kest-plugins\n|";
-    EXPECT_EQ(kest_test::TakeLog(), mask == oru::LOG_WARNING ? line : "");
-    ASSERT_EQ(kest_close(h), 0);
-  }
-}
-
 // A failed instance start-up is logged and keeps the plug-in out for good.
 TEST_F(PluginManagerTest, FailedInitInstanceIsNeverCalledAgain) {
   oru::log_flags = oru::LOG_ERROR;

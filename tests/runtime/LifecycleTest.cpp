@@ -229,42 +229,33 @@ TEST_F(LifecycleTest, InitSurvivesEveryFailingAllocation) {
 // A host hook that calls back into the API for another instance, as a host's
 // allocator or logger may: the inner call sees its own handle, and the outer
 // one gets its handle back.
-struct NestedProbe {
-  kest_handle_t other = 0;
-  bool armed = false;
-  int seen_before = -1, seen_after = -1, inner_result = -2;
-  std::string inner_value;
-} g_probe;
-
+kest_handle_t g_other;
+bool g_armed;
+std::string g_probe; // the handle before, the inner call's result and value, the handle after
 void *(*g_next_malloc_shared)(size_t);
 
 void *ProbingMallocShared(size_t size) {
-  if (g_probe.armed) {
-    g_probe.armed = false;
-    g_probe.seen_before = kest_handle_get();
-    char buffer[16];
-    g_probe.inner_result = kest_config_get(g_probe.other, "system.loglevel", buffer, sizeof buffer);
-    g_probe.inner_value = buffer;
-    g_probe.seen_after = kest_handle_get();
+  if (g_armed) {
+    g_armed = false;
+    char value[16] = "";
+    const kest_handle_t before = kest_handle_get();
+    const int inner = kest_config_get(g_other, "system.loglevel", value, sizeof value);
+    g_probe = std::to_string(before) + " " + std::to_string(inner) + ":" + value + " " +
+              std::to_string(kest_handle_get());
   }
   return g_next_malloc_shared(size);
 }
 
 TEST_F(LifecycleTest, AHookCallingTheApiRestoresTheOuterHandle) {
   const kest_handle_t a = Open();
-  const kest_handle_t b = Open();
-  ASSERT_EQ(kest_config_set(b, "system.loglevel", "24"), 0);
+  g_other = Open();
+  ASSERT_EQ(kest_config_set(g_other, "system.loglevel", "24"), 0);
   g_next_malloc_shared = kest_malloc_shared;
   kest_malloc_shared = ProbingMallocShared;
-  g_probe = NestedProbe{};
-  g_probe.other = b;
-  g_probe.armed = true;
+  g_armed = true;
   EXPECT_EQ(kest_config_set(a, "nested.key", "value"), 0); // allocates a new item
   kest_malloc_shared = g_next_malloc_shared;
-  EXPECT_EQ(g_probe.seen_before, a);
-  EXPECT_EQ(g_probe.inner_result, 0);
-  EXPECT_EQ(g_probe.inner_value, "24");
-  EXPECT_EQ(g_probe.seen_after, a);
+  EXPECT_EQ(g_probe, std::to_string(a) + " 0:24 " + std::to_string(a));
   EXPECT_EQ(kest_handle_get(), 0);
   char buffer[16];
   EXPECT_EQ(kest_config_get(a, "nested.key", buffer, sizeof buffer), 0);
