@@ -116,13 +116,39 @@ TEST_F(PluginManagerTest, VersionsDecideBetweenPluginsOfOneName) {
   EXPECT_EQ(Report(), expected);
 }
 
-// zeta is loaded first and alpha called first; a disabled alpha gets its
-// instance start-up but no thread call and no instance exit.
-TEST_F(PluginManagerTest, NameOrderAndADisabledPlugin) {
+// zeta is loaded first and alpha called first. The disabling keys are checked
+// and taken only without threads; a disabled alpha gets its instance start-up
+// but no thread call and no instance exit.
+TEST_F(PluginManagerTest, NameOrderAndDisablingAPlugin) {
   h = kest_open(KEST_TEST_PM_ORDER_DIR);
   ASSERT_GT(h, 0);
   EXPECT_EQ(TakeEvents(), (Events{"pm_b_alpha.InitInstance", "pm_a_zeta.InitInstance"}));
-
+  const struct {
+    const char *key;
+    const char *value;
+    bool threaded;
+    int result;
+    int error;
+  } cases[] = {
+      {"plugins.alpha.disabled", "2", false, -1, KEST_EINVAL},
+      {"plugins.alpha.enabled", "1", false, -1, KEST_EINVAL},
+      {"plugins.x", "1", false, -1, KEST_EINVAL},
+      {"plugins.alpha.disabled", "0", false, 0, 0},
+      {"plugins.alpha.disabled", "1", true, -1, KEST_EBUSY},
+      {"plugins.alpha.disabled", "2", true, -1, KEST_EINVAL},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::string(c.key) + "=" + c.value + (c.threaded ? " threaded" : ""));
+    if (c.threaded) {
+      ASSERT_EQ(kest_init(h), 0);
+    }
+    EXPECT_EQ(kest_config_set(h, c.key, c.value), c.result);
+    EXPECT_EQ(kest_errno, c.error);
+    if (c.threaded) {
+      ASSERT_EQ(kest_fini(h), 0);
+    }
+  }
+  TakeEvents();
   ASSERT_EQ(kest_config_set(h, "plugins.alpha.disabled", "1"), 0);
   ASSERT_EQ(kest_init(h), 0);
   EXPECT_EQ(TakeEvents(),
@@ -156,36 +182,6 @@ TEST_F(PluginManagerTest, PluginTagsFollowTheBuiltInsAndOnlyWhileOpening) {
   ASSERT_EQ(kest_memory_ctx_name(h, 12, name, sizeof name), 0);
   EXPECT_STREQ(name, "tagger.general");
   ASSERT_EQ(kest_fini(h), 0);
-}
-
-TEST_F(PluginManagerTest, DisablingKeysAreCheckedAndOnlyTakenWithoutThreads) {
-  h = kest_open(KEST_TEST_PM_ORDER_DIR);
-  ASSERT_GT(h, 0);
-  const struct {
-    const char *key;
-    const char *value;
-    bool threaded;
-    int result;
-    int error;
-  } cases[] = {
-      {"plugins.alpha.disabled", "2", false, -1, KEST_EINVAL},
-      {"plugins.alpha.enabled", "1", false, -1, KEST_EINVAL},
-      {"plugins.x", "1", false, -1, KEST_EINVAL},
-      {"plugins.alpha.disabled", "0", false, 0, 0},
-      {"plugins.alpha.disabled", "1", true, -1, KEST_EBUSY},
-      {"plugins.alpha.disabled", "2", true, -1, KEST_EINVAL},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(std::string(c.key) + "=" + c.value + (c.threaded ? " threaded" : ""));
-    if (c.threaded) {
-      ASSERT_EQ(kest_init(h), 0);
-    }
-    EXPECT_EQ(kest_config_set(h, c.key, c.value), c.result);
-    EXPECT_EQ(kest_errno, c.error);
-    if (c.threaded) {
-      ASSERT_EQ(kest_fini(h), 0);
-    }
-  }
 }
 
 // A failed instance start-up is logged and keeps the plug-in out for good.
