@@ -26,7 +26,12 @@ function(kest_add_plugin)
   target_compile_options(${so_target} PRIVATE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>
     -fvisibility=hidden)
-  target_link_options(${so_target} PRIVATE -Wl,--no-undefined)
+  if(NOT DEFINED KEST_UNDEFINED_CHECK)
+    set(KEST_UNDEFINED_CHECK -Wl,--no-undefined)
+  endif()
+  if(KEST_UNDEFINED_CHECK)
+    target_link_options(${so_target} PRIVATE ${KEST_UNDEFINED_CHECK})
+  endif()
   set_target_properties(${so_target} PROPERTIES PREFIX "" OUTPUT_NAME ${PLG_NAME})
 
   set(plg_file "${PLG_OUTPUT_DIRECTORY}/${PLG_NAME}.plg")

@@ -16,7 +16,7 @@
 
 namespace kest_decoders {
 
-class ConnTable : public oru::IConnFactory {
+class ConnTable final : public oru::IConnFactory {
 public:
   // `ip_protocol` is 6 or 17, `proto` the transport's protocol index on this
   // thread, `context` the memory context of the transport.

@@ -113,6 +113,9 @@ public:
 
   static ThreadLocalKey l_instance;
 
+  // The library's version record, as the plug-ins were handed it.
+  const VersionRecord *LibraryVersion() const { return m_version; }
+
 private:
   // Fills m_active from the instance's active map; false if memory ran out.
   bool CopyActive();

@@ -1,0 +1,86 @@
+#!/usr/bin/env python3
+"""Writes the seed inputs of fuzz/corpus from readable scripts, so that a
+change of the host_api script format only needs this file run again."""
+import os
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def run(data):
+    data = data.encode() if isinstance(data, str) else data
+    assert len(data) < 256
+    return bytes([len(data)]) + data
+
+
+def conn(slot, mode, sport, dport, addr=b"\x0a\x00\x00\x01" + bytes(12)):
+    out = bytes([0, slot, mode]) + sport.to_bytes(2, "big") + dport.to_bytes(2, "big")
+    for i in range(16):
+        out += bytes([addr[i], 0x55])  # source byte, xor for the destination
+    return out
+
+
+def payload(slot, side, data):
+    return bytes([1, slot, side]) + run(data)
+
+
+def other_form(selector, data):
+    return bytes([4, selector]) + run(data)
+
+
+def destroy(slot):
+    return bytes([5, slot])
+
+
+def config(prefix, suffix, value):
+    return bytes([6, prefix]) + run(suffix) + run(value)
+
+
+def rule(mode, text):
+    return bytes([7, mode]) + run(text)
+
+
+def idle(step):
+    return bytes([8]) + step.to_bytes(2, "big")
+
+
+def alloc(mode, attribute=0):
+    return bytes([9, mode, attribute])
+
+
+SEEDS = {
+    "host_api": {
+        "http_exchange": conn(0, 0, 49152, 80)
+        + payload(0, 0, "GET / HTTP/1.1\r\nHost: example.com\r\n\r\n")
+        + payload(0, 1, "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n")
+        + payload(0, 1, "hello")
+        + destroy(0),
+        "udp_ipv6": conn(1, 3, 5353, 53, bytes([0x20, 0x01, 0x0D, 0xB8]) + bytes(11) + b"\x01")
+        + payload(1, 0, bytes.fromhex("12340100000100000000000003777777076578616d706c6503636f6d0000010001"))
+        + idle(600)
+        + payload(1, 1, bytes(12)),
+        "refused_forms": conn(2, 4, 1, 2) + conn(3, 8 | 0x30, 1, 2) + other_form(1, "abc")
+        + other_form(4, "x") + other_form(5, "simple") + payload(7, 0, "no conn"),
+        "config_rules": config(4, "", "64") + config(5, "", "warning") + config(0, "", "0")
+        + rule(0, "10.0.0.1-10.0.0.9:80") + rule(4, ":443") + rule(4 | 128, ":443")
+        + rule(1, "a=b") + rule(2, "x") + config(6, "10.1.1.1", "4") + config(9, "a.b", "c")
+        + alloc(3, 0) + idle(1),
+        "failing_allocator": conn(0, 0, 1024, 80) + alloc(128 | 5)
+        + payload(0, 0, "GET /index.html HTTP/1.0\r\n\r\n") + conn(1, 1, 7, 8)
+        + alloc(128 | 40) + payload(0, 1, "HTTP/1.0 404 Not Found\r\n\r\n") + alloc(0)
+        + payload(0, 0, "more") + idle(3),
+    },
+    "rule_strings": {
+        "range_port": b"10.0.0.1-10.0.0.255:8080",
+        "port_only": b":443",
+        "surplus": b"1.2.3.4.5.6-",
+        "key_value": b"  Host = example.com  ",
+        "empty_value": b"key=   ",
+    },
+}
+
+for target, seeds in SEEDS.items():
+    folder = os.path.join(HERE, "corpus", target)
+    os.makedirs(folder, exist_ok=True)
+    for name, data in seeds.items():
+        with open(os.path.join(folder, name), "wb") as out:
+            out.write(data)
