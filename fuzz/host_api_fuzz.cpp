@@ -92,11 +92,16 @@ int OnAttribute(kest_handle_t, kest_conn_id_t, int, int, const void *, int, void
 }
 
 const char *const kKeys[] = {
-    "conn.default_policy.attributes", "conn.default_policy.futureflows",
-    "conn.default_policy.tunnels",    "conn.default_policy.chameleon",
-    "flow.reorder_window",            "system.loglevel",
-    "customrule.tcp.",                "customrule.udp.",
-    "attribute.",                     "fuzz.",
+    "conn.default_policy.attributes",
+    "conn.default_policy.futureflows",
+    "conn.default_policy.tunnels",
+    "conn.default_policy.chameleon",
+    "flow.reorder_window",
+    "system.loglevel",
+    "customrule.tcp.",
+    "customrule.udp.",
+    "attribute.",
+    "fuzz.",
 };
 const char *const kModules[] = {"tcp", "udp", "nosuch"};
 const char *const kAttributes[] = {"conn.expired", "http.url", "nosuch"};
@@ -146,8 +151,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       size_t length = 0;
       const uint8_t *run = in.Run(255, &length);
       if (conns[slot] != nullptr && length > 0) {
-        kest_classify(h, KEST_SELECTOR_CONN, run, static_cast<uint16_t>(length), conns[slot],
-                      side, OnResult, nullptr);
+        kest_classify(h, KEST_SELECTOR_CONN, run, static_cast<uint16_t>(length), conns[slot], side,
+                      OnResult, nullptr);
       }
       break;
     }

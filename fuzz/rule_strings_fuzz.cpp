@@ -1,9 +1,9 @@
 // The two custom rule grammars on arbitrary text: no crash, no leak, the
 // validators agree with the parsers on the rule inside a key, and a key/value
 // rule keeps its stated shape.
+#include <ctype.h>
 #include <kest/IpPortRuleString.h>
 #include <kest/KeyValueRuleString.h>
-#include <ctype.h>
 #include <kest_host.h>
 #include <stdlib.h>
 #include <string.h>
