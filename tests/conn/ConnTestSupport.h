@@ -95,14 +95,11 @@ inline int RecordingCallback(kest_handle_t handle, kest_result_t *result, int co
 
 // One instance with the two factories registered and `handler` on row 0
 // (selector 1).
-class ClassificationFixture : public InstanceFixture {
+class ClassificationFixture : public ThreadedFixture {
 protected:
   void SetUp() override {
-    InstanceFixture::SetUp();
-    h = Open();
-    ASSERT_GT(h, 0);
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
+    ThreadedFixture::SetUp();
+    Enter();
     classification = oru::Classification::Instance();
     oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
     ASSERT_TRUE(broker->RegisterInterface(oru::MODULE_TCP, oru::INTERFACE_CONN_FACTORY, &tcp));
@@ -111,7 +108,7 @@ protected:
     ASSERT_TRUE(classification->Register(oru::Classification::CLASSIFY_TYPE_0, &handler, owner));
   }
   void TearDown() override {
-    oru::Runtime::l_instance_id = h;
+    Enter();
     if (oru::Classification::Peek() != nullptr) {
       oru::Classification::Peek()->ExitThread();
       oru::Classification::Release();
@@ -119,8 +116,7 @@ protected:
     held.clear();
     tcp.m_table.clear();
     udp.m_table.clear();
-    oru::Runtime::l_instance_id = 0;
-    InstanceFixture::TearDown();
+    ThreadedFixture::TearDown();
   }
 
   // A connection the test holds until it ends.
@@ -134,7 +130,6 @@ protected:
   }
 
   static constexpr uint8_t kPacket[4] = {1, 2, 3, 4};
-  kest_handle_t h = -1;
   oru::Classification *classification = nullptr;
   TestFactory tcp, udp;
   TestClassify handler;

@@ -15,25 +15,21 @@
 
 namespace kest_test {
 
-class DecoderFixture : public InstanceFixture {
+class DecoderFixture : public ThreadedFixture {
 protected:
   void SetUp() override {
-    InstanceFixture::SetUp();
-    h = Open();
-    ASSERT_GT(h, 0);
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
+    ThreadedFixture::SetUp();
+    Enter();
     for (const auto *t : {&kTcp, &kUdp}) {
       ASSERT_TRUE(t->InitThread()) << t->Name();
     }
   }
   void TearDown() override {
-    oru::Runtime::l_instance_id = h;
+    Enter();
     for (const auto *t : {&kTcp, &kUdp}) {
       t->ExitThread();
     }
-    oru::Runtime::l_instance_id = 0;
-    InstanceFixture::TearDown();
+    ThreadedFixture::TearDown();
   }
 
   // A connection from 192.0.0.0:40000 to 198.0.0.0:80.
@@ -52,7 +48,6 @@ protected:
 
   const kest_decoders::TransportPlugin &kTcp = kest_decoders::TcpPlugin::Transport();
   const kest_decoders::TransportPlugin &kUdp = kest_decoders::UdpPlugin::Transport();
-  kest_handle_t h = -1;
   Recorder recorder;
 };
 

@@ -22,14 +22,12 @@ NO_VPTR_CHECK size_t Applied(CustomApp *app, int protocol) {
   auto slot = app->m_table.find(protocol);
   return slot == app->m_table.end() ? 0 : slot->second.size() + 1; // 1: an empty list
 }
-class CustomAppInternalTest : public kest_test::InstanceFixture {
+
+class CustomAppInternalTest : public kest_test::ThreadedFixture {
 protected:
   void SetUp() override {
-    InstanceFixture::SetUp();
-    h = Open();
-    ASSERT_GT(h, 0);
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
+    ThreadedFixture::SetUp();
+    Enter();
     ASSERT_TRUE(RecordingRuleModule::Name() && module.Serve());
     oru::log_flags |= oru::LOG_WARNING;
     kest_test::TakeLog();
@@ -37,11 +35,8 @@ protected:
   }
   void TearDown() override {
     oru::log_flags &= ~oru::LOG_WARNING;
-    oru::Runtime::l_instance_id = 0;
-    kest_fini(h);
-    InstanceFixture::TearDown();
+    ThreadedFixture::TearDown();
   }
-  kest_handle_t h = -1;
   RecordingRuleModule module;
   CustomApp *app = nullptr;
 };
