@@ -66,6 +66,13 @@ bool CustomApp::ParseRuleItem(const fdt::string &key, const fdt::string &value, 
          rule.append(second + 1, kest_strlen(second + 1));
 }
 
+bool CustomApp::RuleOfItem(const fdt::string &key, fdt::string &rule) {
+  fdt::string module;
+  fdt::string no_value;
+  int protocol = 0;
+  return ParseRuleItem(key, no_value, module, rule, protocol);
+}
+
 void CustomApp::OnRuleChange(const fdt::string &key, const fdt::string &old_value,
                              const fdt::string &new_value) {
   const bool adding = new_value.size() > 0;

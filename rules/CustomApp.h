@@ -49,6 +49,10 @@ public:
   static bool ParseRuleItem(const fdt::string &key, const fdt::string &value, fdt::string &module,
                             fdt::string &rule, int &protocol);
 
+  // The rule text of an item, as ParseRuleItem cuts it; for the validators
+  // of the rule grammars. False only without memory.
+  static bool RuleOfItem(const fdt::string &key, fdt::string &rule);
+
   // The subscription handler: a non-empty new value adds the rule, an empty
   // one removes the rule that the old value named. Failures are this
   // thread's affair and only logged.

@@ -48,6 +48,20 @@ bool RuleKey(const char *module, const char *rule, fdt::string &key) {
          Append(key, ".") && Append(key, rule);
 }
 
+// The checks both rule calls begin with: a non-zero protocol, a module and a
+// rule, and then the item's key. False after raising the error.
+bool RuleCallKey(int protocol, const char *module, const char *rule, fdt::string &key) {
+  if (protocol == 0 || module == nullptr || rule == nullptr) {
+    ThrowError(ERR_INVAL);
+    return false;
+  }
+  if (!RuleKey(module, rule, key)) {
+    ThrowError(ERR_NOMEM);
+    return false;
+  }
+  return true;
+}
+
 bool ProtoKey(const char *name, fdt::string &key) {
   return Append(key, kProtoPrefix) && Append(key, name);
 }
@@ -60,13 +74,8 @@ extern "C" KEST_EXPORT int kest_rule_add(kest_handle_t handle, int protocol, con
   if (!frame.ok()) {
     return -1;
   }
-  if (protocol == 0 || module == nullptr || rule == nullptr) {
-    ThrowError(ERR_INVAL);
-    return -1;
-  }
   fdt::string key;
-  if (!RuleKey(module, rule, key)) {
-    ThrowError(ERR_NOMEM);
+  if (!RuleCallKey(protocol, module, rule, key)) {
     return -1;
   }
   fdt::string name;
@@ -94,15 +103,10 @@ extern "C" KEST_EXPORT int kest_rule_remove(kest_handle_t handle, int protocol, 
   if (!frame.ok()) {
     return -1;
   }
-  if (protocol == 0 || module == nullptr || rule == nullptr) {
-    ThrowError(ERR_INVAL);
-    return -1;
-  }
   // The protocol stored in the item decides what the threads take out; the
   // argument only has to be non-zero.
   fdt::string key;
-  if (!RuleKey(module, rule, key)) {
-    ThrowError(ERR_NOMEM);
+  if (!RuleCallKey(protocol, module, rule, key)) {
     return -1;
   }
   if (Configuration::GetItem(key.c_str()).empty()) {

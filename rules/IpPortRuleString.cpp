@@ -82,14 +82,9 @@ IpPortRuleString::IpPortRuleString(const char *text) : valid(false), low(0), hig
 }
 
 bool IpPortRuleString::ValidateRule(const fdt::string &key, const fdt::string & /*old_value*/,
-                                    const fdt::string &new_value) {
-  fdt::string module;
+                                    const fdt::string & /*new_value*/) {
   fdt::string rule;
-  int protocol = 0;
-  if (!CustomApp::ParseRuleItem(key, new_value, module, rule, protocol)) {
-    return false;
-  }
-  return IpPortRuleString(rule.c_str()).valid;
+  return CustomApp::RuleOfItem(key, rule) && IpPortRuleString(rule.c_str()).valid;
 }
 
 } // namespace oru

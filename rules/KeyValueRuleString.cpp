@@ -45,14 +45,9 @@ KeyValueRuleString::KeyValueRuleString(const char *text) : valid(false), key(), 
 }
 
 bool KeyValueRuleString::ValidateRule(const fdt::string &key, const fdt::string & /*old_value*/,
-                                      const fdt::string &new_value) {
-  fdt::string module;
+                                      const fdt::string & /*new_value*/) {
   fdt::string rule;
-  int protocol = 0;
-  if (!CustomApp::ParseRuleItem(key, new_value, module, rule, protocol)) {
-    return false;
-  }
-  return KeyValueRuleString(rule.c_str()).valid;
+  return CustomApp::RuleOfItem(key, rule) && KeyValueRuleString(rule.c_str()).valid;
 }
 
 } // namespace oru
