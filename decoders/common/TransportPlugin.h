@@ -55,6 +55,26 @@ private:
   uint16_t m_context;
 };
 
+// The entry table of the plug-in described by `*kTransport`: the entry points
+// take no arguments, so each transport gets functions of its own.
+template <const TransportPlugin *kTransport> struct TransportEntries {
+  static const char *GetName() { return kTransport->Name(); }
+  static bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
+    return kTransport->GetVersion(library, own);
+  }
+  static bool InitInstance() { return kTransport->InitInstance(); }
+  static bool InitThread() { return kTransport->InitThread(); }
+  // A transport looks up nobody and has nothing to start.
+  static void LinkThread() {}
+  static void StartThread() {}
+  static void ExitThread() { kTransport->ExitThread(); }
+  static void ExitInstance() { kTransport->ExitInstance(); }
+
+  static constexpr oru::PluginEntryTable kTable = {GetName,    GetVersion,  InitInstance,
+                                                   InitThread, LinkThread,  StartThread,
+                                                   ExitThread, ExitInstance};
+};
+
 } // namespace kest_decoders
 
 #endif

@@ -8,35 +8,10 @@ namespace {
 
 constexpr TransportPlugin kUdp("udp", "UDP", oru::MODULE_UDP, 17, oru::MemTag::CTX_UDP_INSPECT);
 
-const char *GetName() {
-  return kUdp.Name();
-}
-bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
-  return kUdp.GetVersion(library, own);
-}
-bool InitInstance() {
-  return kUdp.InitInstance();
-}
-bool InitThread() {
-  return kUdp.InitThread();
-}
-// The transport looks up nobody and has nothing to start.
-void LinkThread() {}
-void StartThread() {}
-void ExitThread() {
-  kUdp.ExitThread();
-}
-void ExitInstance() {
-  kUdp.ExitInstance();
-}
-
-constexpr oru::PluginEntryTable kTable = {GetName,    GetVersion,  InitInstance, InitThread,
-                                          LinkThread, StartThread, ExitThread,   ExitInstance};
-
 } // namespace
 
 const oru::PluginEntryTable *UdpPlugin::EntryTable() {
-  return &kTable;
+  return &TransportEntries<&kUdp>::kTable;
 }
 
 const TransportPlugin &UdpPlugin::Transport() {
