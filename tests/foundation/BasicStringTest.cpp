@@ -10,6 +10,7 @@
 namespace {
 
 using kest_test::Heap;
+using Sizes = std::vector<size_t>;
 using oru::fdt::shared_string;
 using oru::fdt::string;
 
@@ -24,18 +25,10 @@ template <class S> Words ReadWords(const S &s) {
   return words;
 }
 
-std::vector<size_t> Sizes(const std::vector<kest_test::Allocation> &records, Heap heap) {
-  std::vector<size_t> sizes;
-  for (const kest_test::Allocation &record : records) {
-    EXPECT_EQ(record.heap, heap);
-    sizes.push_back(record.size);
-  }
-  return sizes;
-}
-
 template <class S> class BasicStringTest : public kest_test::LeakCheck {
 protected:
   static constexpr Heap kHeap = S::allocator_type::is_shared ? Heap::Shared : Heap::Local;
+  static Sizes Recorded() { return kest_test::RecordedSizes(kHeap); }
 };
 
 using StringTypes = ::testing::Types<string, shared_string>;
@@ -81,7 +74,7 @@ TYPED_TEST(BasicStringTest, GrowthFollowsTheLadder) {
     ASSERT_TRUE(i % 2 == 0 ? s.push_back(c) : s.append(&c, 1));
     expected += c;
   }
-  EXPECT_EQ(Sizes(kest_test::StopRecording(), this->kHeap), (std::vector<size_t>{16, 31, 63, 127}));
+  EXPECT_EQ(this->Recorded(), (Sizes{16, 31, 63, 127}));
   EXPECT_EQ(std::string(s.begin(), s.end()), expected);
   EXPECT_EQ(ReadWords(s).end - ReadWords(s).begin, 101);
 
@@ -91,8 +84,7 @@ TYPED_TEST(BasicStringTest, GrowthFollowsTheLadder) {
     kest_test::StartRecording();
     ASSERT_TRUE(r.reserve(c[0]));
     ASSERT_TRUE(r.reserve(c[0] - 1));
-    EXPECT_EQ(Sizes(kest_test::StopRecording(), this->kHeap), std::vector<size_t>{c[1]})
-        << "reserve(" << c[0] << ")";
+    EXPECT_EQ(this->Recorded(), Sizes{c[1]}) << "reserve(" << c[0] << ")";
   }
 }
 
@@ -127,7 +119,7 @@ TYPED_TEST(BasicStringTest, CopyIsDeepAndGoesByteByByteWithoutItsBlock) {
   kest_test::StartRecording();
   TypeParam copy(source);
   TypeParam none_copy(none);
-  EXPECT_EQ(Sizes(kest_test::StopRecording(), this->kHeap), std::vector<size_t>{7});
+  EXPECT_EQ(this->Recorded(), Sizes{7});
   source[0] = 'j';
   EXPECT_STREQ(copy.c_str(), "hello");
 
@@ -137,7 +129,7 @@ TYPED_TEST(BasicStringTest, CopyIsDeepAndGoesByteByByteWithoutItsBlock) {
   kest_test::FailNthAllocation(1);
   kest_test::StartRecording();
   TypeParam long_copy(long_source);
-  EXPECT_EQ(Sizes(kest_test::StopRecording(), this->kHeap), (std::vector<size_t>{63, 16, 31, 63}));
+  EXPECT_EQ(this->Recorded(), (Sizes{63, 16, 31, 63}));
   EXPECT_STREQ(long_copy.c_str(), text.c_str());
 
   // Without memory a copy comes out empty; an assignment that fits the

@@ -1,4 +1,4 @@
-#include "TestHooks.h"
+#include "LeakCheck.h"
 
 #include <gtest/gtest.h>
 #include <kest.h>
@@ -16,10 +16,7 @@ int CountingMemcmp(const void *a, const void *b, size_t n) {
   return g_real_memcmp(a, b, n);
 }
 
-class CapiTest : public ::testing::Test {
-protected:
-  void SetUp() override { kest_test::InstallHooks(); }
-};
+using CapiTest = kest_test::LeakCheck;
 
 // Haystack and needle live in buffers of exactly their length, so that a read
 // past either end shows under AddressSanitizer.

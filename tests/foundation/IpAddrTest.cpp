@@ -2,6 +2,7 @@
 #include <kest.h>
 #include <kest/IpAddr.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -19,48 +20,43 @@ std::vector<uint8_t> Bytes(const char *hex) {
   return out;
 }
 
+// The four words of the view, w0 first.
+std::array<uint32_t, 4> Words(const IpAddr &addr) {
+  return {addr.w0(), addr.w1(), addr.w2(), addr.w3()};
+}
+
 TEST(IpAddrTest, EndpointRecordsConvertThroughTheFourWordView) {
+  constexpr int V4 = KEST_FAMILY_IPV4, V6 = KEST_FAMILY_IPV6;
   struct Row {
     int family;
     const char *address;
-    uint32_t w[4];
+    std::array<uint32_t, 4> w;
     int family_back;
-    const char *address_back;
+    const char *address_back; // null: the address itself
   };
   const Row rows[] = {
-      {KEST_FAMILY_IPV4, "c0000201", {0, 0, 0xc0000201u, 0}, KEST_FAMILY_IPV4, "c0000201"},
-      {KEST_FAMILY_IPV6,
+      {V4, "c0000201", {0, 0, 0xc0000201u, 0}, V4, nullptr},
+      {V6,
        "fe8000000001000200030004aabbccdd",
        {0x00010002u, 0xfe800000u, 0xaabbccddu, 0x00030004u},
-       KEST_FAMILY_IPV6,
-       "fe8000000001000200030004aabbccdd"},
-      {KEST_FAMILY_IPV6,
-       "00000000000000000000ffffc0000201",
-       {0, 0, 0xc0000201u, 0x0000ffffu},
-       KEST_FAMILY_IPV6,
-       "00000000000000000000ffffc0000201"},
+       V6,
+       nullptr},
+      {V6, "00000000000000000000ffffc0000201", {0, 0, 0xc0000201u, 0x0000ffffu}, V6, nullptr},
       // ::1 sets only w2, so it reads back as the IPv4 address 0.0.0.1.
-      {KEST_FAMILY_IPV6,
-       "00000000000000000000000000000001",
-       {0, 0, 1, 0},
-       KEST_FAMILY_IPV4,
-       "00000001"},
+      {V6, "00000000000000000000000000000001", {0, 0, 1, 0}, V4, "00000001"},
       // No address at all reads back as IPv6, whatever it was made as.
-      {KEST_FAMILY_IPV4, "00000000", {0, 0, 0, 0}, KEST_FAMILY_IPV6, ""},
+      {V4, "00000000", {0, 0, 0, 0}, V6, ""},
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.address);
     const IpAddr addr = IpAddr::FromEndpoint(row.family, Bytes(row.address).data());
-    EXPECT_EQ(addr.w0(), row.w[0]);
-    EXPECT_EQ(addr.w1(), row.w[1]);
-    EXPECT_EQ(addr.w2(), row.w[2]);
-    EXPECT_EQ(addr.w3(), row.w[3]);
-    EXPECT_EQ(addr.is_v4(), row.family_back == KEST_FAMILY_IPV4);
-    EXPECT_EQ(addr.is_zero(), (row.w[0] | row.w[1] | row.w[2] | row.w[3]) == 0);
+    EXPECT_EQ(Words(addr), row.w);
+    EXPECT_EQ(addr.is_v4(), row.family_back == V4);
+    EXPECT_EQ(addr.is_zero(), row.w == (std::array<uint32_t, 4>{}));
 
     std::vector<uint8_t> back(16, 0xee);
     EXPECT_EQ(addr.ToEndpoint(back.data()), row.family_back);
-    EXPECT_EQ(back, Bytes(row.address_back));
+    EXPECT_EQ(back, Bytes(row.address_back != nullptr ? row.address_back : row.address));
   }
 }
 
@@ -73,12 +69,9 @@ TEST(IpAddrTest, LayoutIsTwoHostOrderNumbersHighFirst) {
   EXPECT_EQ(numbers[0], 0x0102030405060708u);
   EXPECT_EQ(numbers[1], 0x090a0b0c0d0e0f10u);
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-  uint32_t words[4];
-  std::memcpy(words, &addr, sizeof words);
-  EXPECT_EQ(words[0], addr.w0());
-  EXPECT_EQ(words[1], addr.w1());
-  EXPECT_EQ(words[2], addr.w2());
-  EXPECT_EQ(words[3], addr.w3());
+  std::array<uint32_t, 4> words;
+  std::memcpy(words.data(), &addr, sizeof words);
+  EXPECT_EQ(words, Words(addr));
 #endif
   uint8_t back[16];
   addr.ToV6(back);

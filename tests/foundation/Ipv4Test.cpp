@@ -1,4 +1,4 @@
-#include "TestHooks.h"
+#include "LeakCheck.h"
 
 #include <gtest/gtest.h>
 #include <kest/ipv4.h>
@@ -7,16 +7,13 @@
 
 namespace {
 
-class Ipv4Test : public ::testing::Test {
-protected:
-  void SetUp() override { kest_test::InstallHooks(); }
+std::string Text(const oru::ipv4 &address) {
+  char buf[16];
+  EXPECT_EQ(address.to_str(buf), buf);
+  return buf;
+}
 
-  static std::string Text(const oru::ipv4 &address) {
-    char buf[16];
-    EXPECT_EQ(address.to_str(buf), buf);
-    return buf;
-  }
-};
+using Ipv4Test = kest_test::LeakCheck;
 
 // Text is stored byte-swapped and printed without swapping back, so the octets
 // come out reversed. Text that does not parse, or reads zero, is the invalid

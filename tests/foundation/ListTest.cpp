@@ -48,10 +48,8 @@ TEST_F(ListTest, SentinelLivesInTheListAndNodesAreNextPrevValue) {
 
   kest_test::StartRecording();
   CountedList::iterator it = list.push_back(7);
-  std::vector<kest_test::Allocation> rec = kest_test::StopRecording();
-  ASSERT_EQ(rec.size(), 1u);
-  EXPECT_EQ(rec[0].heap, Heap::Local);
-  EXPECT_EQ(rec[0].size, sizeof(oru::fdt::list_node<Counted>));
+  EXPECT_EQ(kest_test::RecordedSizes(Heap::Local),
+            std::vector<size_t>{sizeof(oru::fdt::list_node<Counted>)});
   EXPECT_EQ(reinterpret_cast<const char *>(&*it) - reinterpret_cast<const char *>(it.node()),
             2 * static_cast<long>(sizeof(void *)));
   EXPECT_EQ(head->m_next, it.node());

@@ -1,4 +1,4 @@
-#include "TestHooks.h"
+#include "LeakCheck.h"
 
 #include <gtest/gtest.h>
 #include <kest/md5.h>
@@ -36,21 +36,18 @@ const Vector kSuite[] = {
      "57edf4a22be3c955ac49da2e2107b67a"},
 };
 
-class Md5Test : public ::testing::Test {
-protected:
-  void SetUp() override { kest_test::InstallHooks(); }
+// Digest of `message` fed as the pieces [0, cut) and [cut, end).
+std::string Digest(const std::string &message, size_t cut) {
+  oru::MD5_CTX ctx;
+  EXPECT_EQ(oru::MD5_Init(&ctx), 1);
+  EXPECT_EQ(oru::MD5_Update(&ctx, message.data(), cut), 1);
+  EXPECT_EQ(oru::MD5_Update(&ctx, message.data() + cut, message.size() - cut), 1);
+  unsigned char md[MD5_DIGEST_LENGTH];
+  EXPECT_EQ(oru::MD5_Final(md, &ctx), 1);
+  return ToHex(md, sizeof md);
+}
 
-  // Digest of `message` fed as the pieces [0, cut) and [cut, end).
-  static std::string Digest(const std::string &message, size_t cut) {
-    oru::MD5_CTX ctx;
-    EXPECT_EQ(oru::MD5_Init(&ctx), 1);
-    EXPECT_EQ(oru::MD5_Update(&ctx, message.data(), cut), 1);
-    EXPECT_EQ(oru::MD5_Update(&ctx, message.data() + cut, message.size() - cut), 1);
-    unsigned char md[MD5_DIGEST_LENGTH];
-    EXPECT_EQ(oru::MD5_Final(md, &ctx), 1);
-    return ToHex(md, sizeof md);
-  }
-};
+using Md5Test = kest_test::LeakCheck;
 
 TEST_F(Md5Test, SuiteDigestsWhereverTheInputIsSplit) {
   for (const Vector &v : kSuite) {

@@ -123,46 +123,38 @@ template <void *(**Real)(size_t)> void *RecordTag(size_t size) {
   return (*Real)(size);
 }
 
-class TagRecorder {
-public:
-  TagRecorder() {
-    g_seen_tags.clear();
-    g_shared_malloc = std::exchange(kest_malloc_shared, RecordTag<&g_shared_malloc>);
-    g_local_malloc = std::exchange(kest_malloc_local, RecordTag<&g_local_malloc>);
-  }
-  ~TagRecorder() {
-    kest_malloc_shared = g_shared_malloc;
-    kest_malloc_local = g_local_malloc;
-  }
-  TagRecorder(const TagRecorder &) = delete;
-  TagRecorder &operator=(const TagRecorder &) = delete;
-};
+// Runs `work` with the tag word set to `word` and gives the tag every
+// allocation in it saw; the word must be as it was afterwards.
+template <class F> std::vector<uint32_t> TagsSeen(uint32_t word, F work) {
+  MemTag::l_mem_tag = static_cast<int>(word);
+  g_seen_tags.clear();
+  g_shared_malloc = std::exchange(kest_malloc_shared, RecordTag<&g_shared_malloc>);
+  g_local_malloc = std::exchange(kest_malloc_local, RecordTag<&g_local_malloc>);
+  work();
+  kest_malloc_shared = g_shared_malloc;
+  kest_malloc_local = g_local_malloc;
+  EXPECT_EQ(static_cast<uint32_t>(MemTag::l_mem_tag), word);
+  EXPECT_FALSE(g_seen_tags.empty());
+  return g_seen_tags;
+}
 
 TEST_F(MemTagInitTest, NumberingIsUntaggedAndTheWordIsRestored) {
-  MemTag::l_mem_tag = static_cast<int>((5u << 16) | 7u);
-  {
-    TagRecorder recorder;
+  const std::vector<uint32_t> tags = TagsSeen((5u << 16) | 7u, [&] {
     ASSERT_TRUE(MemTag::Obj::Create("tagged.caller"));
     EXPECT_EQ(MemTag::Obj::Lookup("tagged.caller"), 9u);
     EXPECT_EQ(ObjName(9), "tagged.caller");
-  }
-  EXPECT_EQ(static_cast<uint32_t>(MemTag::l_mem_tag), (5u << 16) | 7u);
-  ASSERT_FALSE(g_seen_tags.empty());
-  for (uint32_t tag : g_seen_tags) {
+  });
+  for (uint32_t tag : tags) {
     // Only the store's own half may show, never the caller's context.
     EXPECT_EQ(tag & 0xFFFFu, 0u);
   }
 }
 
 TEST_F(MemTagInitTest, TheStoreTagsItsWorkWithObjectElevenAndKeepsTheContext) {
-  MemTag::l_mem_tag = static_cast<int>((3u << 16) | 9u);
-  {
-    TagRecorder recorder;
+  const std::vector<uint32_t> tags = TagsSeen((3u << 16) | 9u, [] {
     ASSERT_TRUE(oru::Configuration::SetItem("memtag.test.key", "some value"));
-  }
-  EXPECT_EQ(static_cast<uint32_t>(MemTag::l_mem_tag), (3u << 16) | 9u);
-  ASSERT_FALSE(g_seen_tags.empty());
-  for (uint32_t tag : g_seen_tags) {
+  });
+  for (uint32_t tag : tags) {
     EXPECT_EQ(tag, (11u << 16) | 9u);
   }
 }

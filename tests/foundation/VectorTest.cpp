@@ -10,16 +10,7 @@
 namespace {
 
 using kest_test::Heap;
-
-// Recorded allocation sizes in elements of `unit` bytes, all from `heap`.
-std::vector<size_t> Counts(Heap heap, size_t unit) {
-  std::vector<size_t> counts;
-  for (const kest_test::Allocation &record : kest_test::StopRecording()) {
-    EXPECT_EQ(record.heap, heap);
-    counts.push_back(record.size / unit);
-  }
-  return counts;
-}
+using Sizes = std::vector<size_t>;
 
 template <class V> std::vector<int> Contents(const V &v) {
   return {v.begin(), v.end()};
@@ -29,6 +20,8 @@ template <class A> class VectorTest : public kest_test::LeakCheck {
 protected:
   using Vec = oru::fdt::vector<int, A>;
   static constexpr Heap kHeap = A::is_shared ? Heap::Shared : Heap::Local;
+  // Blocks asked for since StartRecording, in ints.
+  static Sizes Recorded() { return kest_test::RecordedSizes(kHeap, sizeof(int)); }
 
   static void Fill(Vec &v, int n) {
     for (int i = 1; i <= n; ++i) {
@@ -46,21 +39,21 @@ TYPED_TEST(VectorTest, GrowsUpTheLadderAndShrinksDownThePowersOfTwo) {
   EXPECT_EQ(kest_test::AllocationCount(), 0);
   kest_test::StartRecording();
   this->Fill(v, 100);
-  EXPECT_EQ(Counts(this->kHeap, sizeof(int)), (std::vector<size_t>{16, 31, 63, 127}));
+  EXPECT_EQ(this->Recorded(), (Sizes{16, 31, 63, 127}));
 
   kest_test::StartRecording();
   ASSERT_TRUE(v.resize(10));
-  EXPECT_EQ(Counts(this->kHeap, sizeof(int)), (std::vector<size_t>{64, 32, 16}));
+  EXPECT_EQ(this->Recorded(), (Sizes{64, 32, 16}));
   EXPECT_EQ(Contents(v), (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
   kest_test::StartRecording();
   ASSERT_TRUE(v.resize(0));
-  EXPECT_EQ(Counts(this->kHeap, sizeof(int)), (std::vector<size_t>{8, 4, 2, 1}));
+  EXPECT_EQ(this->Recorded(), (Sizes{8, 4, 2, 1}));
   EXPECT_EQ(v.data(), nullptr);
 
   kest_test::StartRecording();
   ASSERT_TRUE(v.reserve(32));
   ASSERT_TRUE(v.reserve(33));
-  EXPECT_EQ(Counts(this->kHeap, sizeof(int)), (std::vector<size_t>{32, 63}));
+  EXPECT_EQ(this->Recorded(), (Sizes{32, 63}));
 }
 
 TYPED_TEST(VectorTest, FailuresLeaveTheVectorAsItWas) {
@@ -82,7 +75,7 @@ TYPED_TEST(VectorTest, FailuresLeaveTheVectorAsItWas) {
   kest_test::FailNthAllocation(1);
   kest_test::StartRecording();
   ASSERT_TRUE(v.resize(63));
-  EXPECT_EQ(Counts(this->kHeap, sizeof(int)), (std::vector<size_t>{64, 64}));
+  EXPECT_EQ(this->Recorded(), (Sizes{64, 64}));
   EXPECT_EQ(v.capacity(), 64u);
   EXPECT_EQ(v.back(), 47);
 }
@@ -101,7 +94,7 @@ TYPED_TEST(VectorTest, ResizeValueInitialisesAndCopiesGrowStepByStep) {
   kest_test::FailNthAllocation(1); // the reserve of 31
   kest_test::StartRecording();
   typename TestFixture::Vec copy(source);
-  EXPECT_EQ(Counts(this->kHeap, sizeof(int)), (std::vector<size_t>{31, 16, 31}));
+  EXPECT_EQ(this->Recorded(), (Sizes{31, 16, 31}));
   EXPECT_EQ(Contents(copy), Contents(source));
   v = source;
   EXPECT_EQ(Contents(v), Contents(source));
@@ -138,17 +131,17 @@ struct Tracked : kest_test::Counted {
   oru::fdt::string name;
 };
 
-class ElementVectorTest : public kest_test::LeakCheck {
-protected:
-  static std::vector<int> Values(const oru::fdt::vector<Tracked> &v) {
-    std::vector<int> values;
-    for (const Tracked &t : v) {
-      EXPECT_EQ(std::to_string(t.v), t.name.c_str());
-      values.push_back(t.v);
-    }
-    return values;
+// The values, each checked against the string it owns.
+std::vector<int> Values(const oru::fdt::vector<Tracked> &v) {
+  std::vector<int> values;
+  for (const Tracked &t : v) {
+    EXPECT_EQ(std::to_string(t.v), t.name.c_str());
+    values.push_back(t.v);
   }
-};
+  return values;
+}
+
+using ElementVectorTest = kest_test::LeakCheck;
 
 TEST_F(ElementVectorTest, LifetimesBalanceThroughEveryOperation) {
   oru::fdt::vector<Tracked> v;

@@ -1,6 +1,6 @@
-// A fixture for container tests: installs the hooks and, after the test, turns
-// off any planned allocation failure and checks that every block taken from
-// either heap went back and every Counted was destroyed.
+// A fixture for tests that run on the hooks: installs them and, after the
+// test, turns off any planned allocation failure and checks that every block
+// taken from either heap went back and every Counted was destroyed.
 #ifndef KEST_TESTS_LEAKCHECK_H
 #define KEST_TESTS_LEAKCHECK_H
 
@@ -9,7 +9,20 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 namespace kest_test {
+
+// Stops recording and gives the sizes asked for, in units of `unit` bytes,
+// checking that each came from `heap`.
+inline std::vector<size_t> RecordedSizes(Heap heap, size_t unit = 1) {
+  std::vector<size_t> sizes;
+  for (const Allocation &a : StopRecording()) {
+    EXPECT_EQ(a.heap, heap);
+    sizes.push_back(a.size / unit);
+  }
+  return sizes;
+}
 
 class LeakCheck : public ::testing::Test {
 protected:
