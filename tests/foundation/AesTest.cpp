@@ -17,9 +17,7 @@ std::vector<unsigned char> Hex(const std::string &text) {
 // The example vectors of the standard, appendices B and C.
 TEST(AesTest, StandardVectorsInBothDirectionsAlsoInPlace) {
   struct Row {
-    const char *key;
-    const char *plain;
-    const char *cipher;
+    const char *key, *plain, *cipher;
   };
   const Row rows[] = {
       {"2b7e151628aed2a6abf7158809cf4f3c", "3243f6a8885a308d313198a2e0370734",

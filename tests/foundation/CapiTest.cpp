@@ -22,8 +22,7 @@ using CapiTest = kest_test::LeakCheck;
 // past either end shows under AddressSanitizer.
 TEST_F(CapiTest, MemmemFindsTheFirstFullMatch) {
   struct Row {
-    std::string haystack;
-    std::string needle;
+    std::string haystack, needle;
     long expected; // offset of the match, -1 for none
   };
   const Row rows[] = {

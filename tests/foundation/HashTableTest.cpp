@@ -20,14 +20,6 @@ using kest_test::LiveBlocks;
 // never read.
 char g_pool[1 << 17];
 
-template <class K> K KeyOf(uint32_t i) {
-  if constexpr (std::is_pointer_v<K>) {
-    return &g_pool[i];
-  } else {
-    return i;
-  }
-}
-
 template <class K> uint32_t IndexOf(K key) {
   if constexpr (std::is_pointer_v<K>) {
     return static_cast<uint32_t>(key - g_pool);
@@ -95,7 +87,13 @@ class HashTableCheck : public kest_test::LeakCheck {};
 template <class K> class HashTableTest : public HashTableCheck {
 protected:
   using Table = oru::fdt::hash_table<K, Counted>;
-  static K Key(uint32_t i) { return KeyOf<K>(i); }
+  static K Key(uint32_t i) {
+    if constexpr (std::is_pointer_v<K>) {
+      return &g_pool[i];
+    } else {
+      return i;
+    }
+  }
 
   // Inserts and touches each key, so that every rehash finishes.
   static void FillSettled(Table &t, uint32_t n) {
@@ -113,10 +111,7 @@ TYPED_TEST_SUITE(HashTableTest, KeyTypes);
 
 // Element count, then the bucket count and thresholds the growth rule gives.
 struct LadderStep {
-  uint32_t elements;
-  uint32_t buckets;
-  uint32_t next_resize;
-  uint32_t next_shrink;
+  uint32_t elements, buckets, next_resize, next_shrink;
 };
 
 // A fresh table holds no memory and answers look-ups without buckets; inserts
@@ -365,13 +360,10 @@ TYPED_TEST(HashTableTest, RandomOperationsMatchAReference) {
 // The policy on its own: one table, calls in order, each with what it must
 // answer and leave behind.
 struct PolicyCall {
-  uint32_t buckets;
-  uint32_t elements;
+  uint32_t buckets, elements;
   int32_t change;
   bool rehash;
-  uint32_t prime;
-  uint32_t next_resize;
-  uint32_t next_shrink;
+  uint32_t prime, next_resize, next_shrink;
 };
 
 TEST_F(HashTableCheck, NeedRehashFollowsThePolicy) {

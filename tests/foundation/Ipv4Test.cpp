@@ -4,6 +4,7 @@
 #include <kest/ipv4.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -22,26 +23,21 @@ using Ipv4Test = kest_test::LeakCheck;
 TEST_F(Ipv4Test, ParsesDottedTextAndPrintsItWithOctetsReversed) {
   struct Row {
     const char *text;
-    unsigned int value; // 0: invalid
-    const char *printed;
+    unsigned int value = 0; // 0: invalid
+    const char *printed = "0.0.0.0";
   };
-  const Row rows[] = {
+  std::vector<Row> rows = {
       {"1.2.3.4", 0x04030201u, "4.3.2.1"},
       {"192.0.2.1", 0x010200c0u, "1.2.0.192"},
       {"255.255.255.255", 0xffffffffu, "255.255.255.255"},
       {"10.0.0.255", 0xff00000au, "255.0.0.10"},
       {"1.2.3.4 trailing text", 0x04030201u, "4.3.2.1"},
       {"1.2.3.4.5", 0x04030201u, "4.3.2.1"},
-      {"1.2.3.256", 0, "0.0.0.0"},
-      {"1.2.3", 0, "0.0.0.0"},
-      {"bad", 0, "0.0.0.0"},
-      {"", 0, "0.0.0.0"},
-      {"256.0.0.1", 0, "0.0.0.0"},
-      {"-1.2.3.4", 0, "0.0.0.0"},
-      {"1..2.3", 0, "0.0.0.0"},
-      {"0.0.0.0", 0, "0.0.0.0"},
-      {nullptr, 0, "0.0.0.0"},
   };
+  for (const char *invalid : {"1.2.3.256", "1.2.3", "bad", "", "256.0.0.1", "-1.2.3.4", "1..2.3",
+                              "0.0.0.0", static_cast<const char *>(nullptr)}) {
+    rows.push_back({invalid});
+  }
   for (const Row &row : rows) {
     SCOPED_TRACE(row.text == nullptr ? "(null)" : row.text);
     const oru::ipv4 address(row.text);

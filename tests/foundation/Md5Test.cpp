@@ -18,8 +18,7 @@ std::string ToHex(const unsigned char *bytes, size_t n) {
 }
 
 struct Vector {
-  const char *message;
-  const char *digest;
+  const char *message, *digest;
 };
 
 // The test suite of the MD5 definition.

@@ -55,8 +55,7 @@ TEST_F(MemTagInitTest, BuiltInTablesAreNumberedInOrder) {
   EXPECT_STREQ(oru::Configuration::GetItem("memtag.ctx.configuration.general").c_str(), "11");
   struct Row {
     uint32_t number;
-    const char *obj;
-    const char *ctx;
+    const char *obj, *ctx;
   };
   const Row rows[] = {
       {0, "unspec", "unspec"},
