@@ -1,8 +1,7 @@
 #include "InstanceFixture.h"
+#include "ParkedThread.h"
 
 #include <kest/InterfaceBroker.h>
-
-#include <thread>
 
 namespace {
 
@@ -35,12 +34,10 @@ TEST_F(InterfaceBrokerTest, ModuleNamesAreUniqueAndIdsNeedNotBe) {
 TEST_F(InterfaceBrokerTest, ModuleTablesArePerInstance) {
   EXPECT_STREQ(InterfaceBroker::GetModuleName(oru::MODULE_SYSTEM).c_str(), "SYSTEM");
   ASSERT_TRUE(InterfaceBroker::RegisterModule(400, "only-here"));
-  oru::Runtime::l_instance_id = 0;
-  const kest_handle_t other = Open();
-  oru::Runtime::l_instance_id = other;
+  Leave();
+  oru::Runtime::l_instance_id = Open();
   EXPECT_EQ(InterfaceBroker::GetModuleId("only-here"), oru::MODULE_UNKNOWN);
   EXPECT_EQ(InterfaceBroker::GetModuleId("SYSTEM"), oru::MODULE_SYSTEM);
-  oru::Runtime::l_instance_id = h;
 }
 
 TEST_F(InterfaceBrokerTest, InterfacesArePerThreadAndKeyedByPair) {
@@ -62,13 +59,8 @@ TEST_F(InterfaceBrokerTest, InterfacesArePerThreadAndKeyedByPair) {
   EXPECT_FALSE(broker->IsModuleRegistered(500));
 
   void *seen_elsewhere = &a;
-  std::thread([&] {
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
-    seen_elsewhere = InterfaceBroker::Instance()->GetInterface(259, 11);
-    oru::Runtime::l_instance_id = 0;
-    kest_fini(h);
-  }).join();
+  kest_test::RunOnThread(
+      h, [&] { seen_elsewhere = InterfaceBroker::Instance()->GetInterface(259, 11); });
   EXPECT_EQ(seen_elsewhere, nullptr);
 
   EXPECT_TRUE(broker->UnregisterInterface(259, 11, &b)) << "the pointer is not compared";

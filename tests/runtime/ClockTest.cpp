@@ -1,4 +1,5 @@
 #include "InstanceFixture.h"
+#include "ParkedThread.h"
 
 #include <kest/Clock.h>
 #include <kest/Runtime.h>
@@ -64,15 +65,11 @@ TEST_F(ClockTest, HostModeHoldsTheTimeThroughIdle) {
   kest_idle(h);
   EXPECT_EQ(Now(), 5000u);
   uint64_t other = 0;
-  std::thread([&] {
-    ASSERT_EQ(kest_init(h), 0);
+  kest_test::RunOnThread(h, [&] {
     kest_idle(h);
-    oru::Runtime::l_instance_id = h;
     other = oru::now();
     EXPECT_EQ(oru::update_clock(true), 100000u) << "a forced update reads the system clock";
-    oru::Runtime::l_instance_id = 0;
-    kest_fini(h);
-  }).join();
+  });
   EXPECT_EQ(other, 0u) << "a new thread's clock starts at 0 and the host has not set it";
   EXPECT_EQ(Now(), 5000u);
   kest_clock_set_mode(h, 0);
@@ -86,11 +83,11 @@ TEST_F(ClockTest, ClockSetInSystemModeLastsUntilTheNextIdle) {
   g_fake_time = {7, 0};
   kest_clock_set(h, 2500);
   EXPECT_EQ(Now(), 2500u);
-  oru::Runtime::l_instance_id = h;
+  Enter();
   EXPECT_EQ(oru::now_sec(), 2u);
   oru::set_clock(static_cast<uint64_t>(-1000));
   EXPECT_EQ(oru::now_sec(), static_cast<uint64_t>(-1000) / 1000u);
-  oru::Runtime::l_instance_id = 0;
+  Leave();
   // A thread without a context changes nothing; a bad handle is refused.
   std::thread([&] {
     kest_errno = 0;

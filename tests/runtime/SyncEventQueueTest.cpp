@@ -87,16 +87,12 @@ TEST_F(SyncEventQueueTest, ALateJoinerDoesNotSeeEarlierPosts) {
   Recorder r, late;
   const uint32_t id = Install("test.late", r);
   SyncEventQueue::PostEvent(id, "early", 5);
-  std::thread([&] {
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
+  kest_test::RunOnThread(h, [&] {
     Install("test.late", late);
     SyncEventQueue::DrainEvents();
     SyncEventQueue::PostEvent(id, "later", 5);
     SyncEventQueue::DrainEvents();
-    oru::Runtime::l_instance_id = 0;
-    kest_fini(h);
-  }).join();
+  });
   SyncEventQueue::DrainEvents();
   EXPECT_EQ(late.seen, std::vector<std::string>{"later"});
   EXPECT_EQ(r.seen, (std::vector<std::string>{"early", "later"}));

@@ -33,15 +33,14 @@ protected:
   static const char *EmptyPluginDir() { return "/nonexistent-kest-plugins"; }
 };
 
-// One instance with a context on the test thread. Enter() makes the thread
-// work in it for calls into the library's internals; Leave() goes back.
-class ThreadedFixture : public InstanceFixture {
+// One open instance, `h`. Enter() makes the test thread work in it for calls
+// into the library's internals; Leave() goes back.
+class OpenFixture : public InstanceFixture {
 protected:
   void SetUp() override {
     InstanceFixture::SetUp();
     h = Open();
     ASSERT_GT(h, 0);
-    ASSERT_EQ(kest_init(h), 0);
   }
   void TearDown() override {
     Leave();
@@ -51,6 +50,25 @@ protected:
   void Leave() { oru::Runtime::l_instance_id = 0; }
   kest_handle_t h = -1;
 };
+
+// The same instance with a context on the test thread.
+class ThreadedFixture : public OpenFixture {
+protected:
+  void SetUp() override {
+    OpenFixture::SetUp();
+    ASSERT_EQ(kest_init(h), 0);
+  }
+};
+
+// A host call that failed with -1 and left `error` in kest_errno.
+inline ::testing::AssertionResult Refused(int result, int error) {
+  const int seen = kest_errno;
+  if (result == -1 && seen == error) {
+    return ::testing::AssertionSuccess();
+  }
+  return ::testing::AssertionFailure()
+         << "returned " << result << " with kest_errno " << seen << ", not -1 with " << error;
+}
 
 } // namespace kest_test
 

@@ -1,6 +1,7 @@
-// A second thread of an instance for threaded tests: it joins with kest_init,
-// runs `setup` inside the instance, and then stands still, draining nothing,
-// until Release(); it then runs one idle pass and leaves with kest_fini.
+// Second threads of an instance for threaded tests. A ParkedThread joins with
+// kest_init, runs `setup` inside the instance, and then stands still, draining
+// nothing, until Release(); it then runs one idle pass and leaves with
+// kest_fini. RunOnThread does the same without the pause and the idle pass.
 #ifndef KEST_TESTS_PARKEDTHREAD_H
 #define KEST_TESTS_PARKEDTHREAD_H
 
@@ -48,6 +49,18 @@ private:
   uint64_t m_id = 0;
   std::thread m_thread;
 };
+
+// Runs `body` inside instance `h` on a thread of its own that joins with
+// kest_init and leaves with kest_fini, and waits for it.
+inline void RunOnThread(kest_handle_t h, const std::function<void()> &body) {
+  std::thread([h, &body] {
+    ASSERT_EQ(kest_init(h), 0);
+    oru::Runtime::l_instance_id = h;
+    body();
+    oru::Runtime::l_instance_id = 0;
+    EXPECT_EQ(kest_fini(h), 0);
+  }).join();
+}
 
 } // namespace kest_test
 
