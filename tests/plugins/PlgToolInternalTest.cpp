@@ -1,30 +1,17 @@
 // The kest-plg tool, run as a program. It sits with the internal tests to
 // compare its output with the loader's scrambling step.
+#include "TempDir.h"
+
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <iterator>
 #include <kest/PluginScramble.h>
-#include <string>
 #include <sys/wait.h>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<unsigned char>;
-
-Bytes ReadFile(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteFile(const fs::path &path, const Bytes &bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char *>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-}
+using kest_test::Bytes;
+using kest_test::ReadFile;
+using kest_test::WriteFile;
 
 std::vector<std::string> Listing(const fs::path &dir) {
   std::vector<std::string> names;
@@ -35,34 +22,30 @@ std::vector<std::string> Listing(const fs::path &dir) {
   return names;
 }
 
-class PlgToolTest : public ::testing::Test {
+class PlgToolTest : public kest_test::TempDirFixture {
 protected:
   void SetUp() override {
-    char pattern[] = "/tmp/kest-plg-tool-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir = pattern;
-    fs::create_directory(dir / "work");
+    TempDirFixture::SetUp();
+    work = fs::path(dir) / "work";
+    fs::create_directory(work);
   }
-  void TearDown() override { fs::remove_all(dir); }
 
   // Runs the tool in the work directory with plain (unquoted) arguments; the
   // exit code, with standard error in `err`.
   int Tool(const std::string &args) {
-    const std::string command = "cd " + (dir / "work").string() + " && " + KEST_PLG_TOOL + " " +
-                                args + " >" + (dir / "out").string() + " 2>" +
-                                (dir / "err").string();
+    const std::string command = "cd " + work.string() + " && " + KEST_PLG_TOOL + " " + args + " >" +
+                                dir + "/out 2>" + dir + "/err";
     const int status = std::system(command.c_str());
-    const Bytes text = ReadFile(dir / "err");
+    const Bytes text = ReadFile(dir + "/err");
     err.assign(text.begin(), text.end());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
-  fs::path dir;
+  fs::path work;
   std::string err;
 };
 
 TEST_F(PlgToolTest, BadArgumentsAndFailuresExitWithoutOutput) {
-  const fs::path work = dir / "work";
   WriteFile(work / "in", Bytes(100, 7));
   WriteFile(work / "old", Bytes{9, 9});
   fs::create_directory(work / "adir");
@@ -93,7 +76,6 @@ TEST_F(PlgToolTest, BadArgumentsAndFailuresExitWithoutOutput) {
 }
 
 TEST_F(PlgToolTest, PackScramblesWithTheKeyAndUnpackRestores) {
-  const fs::path work = dir / "work";
   WriteFile(work / "zeros", Bytes(16, 0));
   ASSERT_EQ(Tool("zeros key"), 0);
   EXPECT_EQ(ReadFile(work / "key"), (Bytes{0x5a, 0xc3, 0x19, 0xe7, 0x2b, 0x90, 0x7d, 0x44, 0xf1,

@@ -1,36 +1,25 @@
+#include "TempDir.h"
 #include "TestHooks.h"
 #include "plugins/PluginFile.h"
 
 #include <algorithm>
 #include <dlfcn.h>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <iterator>
 #include <kest/PluginScramble.h>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<unsigned char>;
+using kest_test::Bytes;
+using kest_test::ReadFile;
 using oru::PluginEntryTable;
 using oru::PluginFile;
 using Strings = std::vector<std::string>;
 
-Bytes ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // Writes `plain` scrambled with one pass over the whole file.
 void WritePlugin(const std::string &path, Bytes plain) {
   oru::ScrambleBlock(plain.data(), plain.size(), 0);
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char *>(plain.data()),
-             static_cast<std::streamsize>(plain.size()));
+  kest_test::WriteFile(path, plain);
 }
 
 // The name of the loader's copy of `path`.
@@ -53,18 +42,16 @@ Strings CopiesInTmp() {
 
 const PluginEntryTable *const kUntouched = reinterpret_cast<const PluginEntryTable *>(0x5a5a);
 
-class PluginFileTest : public ::testing::Test {
+class PluginFileTest : public kest_test::TempDirFixture {
 protected:
   void SetUp() override {
     kest_test::InstallHooks();
-    char pattern[] = "/tmp/kest-plugin-file-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir = pattern;
+    TempDirFixture::SetUp();
     dlerror();
   }
   void TearDown() override {
     EXPECT_EQ(CopiesInTmp(), Strings{}) << "an unscrambled copy was left behind";
-    fs::remove_all(dir);
+    TempDirFixture::TearDown();
     EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
   }
 
@@ -84,8 +71,6 @@ protected:
   void *Open(const std::string &path, const PluginEntryTable **entry) {
     return PluginFile::Open(oru::fdt::string(path.c_str()), entry);
   }
-
-  std::string dir;
 };
 
 TEST_F(PluginFileTest, ScanListsPlgFilesOfAnyCaseInAlphasortOrder) {
