@@ -238,8 +238,7 @@ TEST_F(ConfigurationTest, ConcurrentSettersLoseNoUpdateAndSubscribersSeeEachOnce
   std::atomic<bool> done{false};
   std::vector<std::thread> threads;
   for (Listener &l : listeners) {
-    threads.emplace_back([&] {
-      ASSERT_EQ(kest_init(h), 0);
+    threads.push_back(kest_test::InstanceThread(h, [&] {
       Subscribe("c", l);
       ++ready;
       while (!done) {
@@ -247,8 +246,7 @@ TEST_F(ConfigurationTest, ConcurrentSettersLoseNoUpdateAndSubscribersSeeEachOnce
       }
       kest_idle(h);
       Subscribe("c", l, false);
-      kest_fini(h);
-    });
+    }));
   }
   while (ready != 2) {
     std::this_thread::yield();

@@ -152,9 +152,7 @@ TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
   Leave();
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      ASSERT_EQ(kest_init(h), 0);
-      oru::Runtime::l_instance_id = h;
+    threads.push_back(kest_test::InstanceThread(h, [&, t] {
       Install("test.order", seen[t]);
       joined.arrive_and_wait();
       for (int i = 0; i < kPosts; ++i) {
@@ -169,9 +167,7 @@ TEST_F(SyncEventQueueTest, FourThreadsPostingAndDrainingSeeOneOrder) {
         std::this_thread::yield();
       }
       kest_idle(h);
-      oru::Runtime::l_instance_id = 0;
-      kest_fini(h);
-    });
+    }));
   }
   joined.arrive_and_wait();
   uint64_t clock = 2;

@@ -1,7 +1,7 @@
 // Second threads of an instance for threaded tests. A ParkedThread joins with
 // kest_init, runs `setup` inside the instance, and then stands still, draining
 // nothing, until Release(); it then runs one idle pass and leaves with
-// kest_fini. RunOnThread does the same without the pause and the idle pass.
+// kest_fini. InstanceThread does the same without the pause and the idle pass.
 #ifndef KEST_TESTS_PARKEDTHREAD_H
 #define KEST_TESTS_PARKEDTHREAD_H
 
@@ -51,15 +51,18 @@ private:
 };
 
 // Runs `body` inside instance `h` on a thread of its own that joins with
-// kest_init and leaves with kest_fini, and waits for it.
-inline void RunOnThread(kest_handle_t h, const std::function<void()> &body) {
-  std::thread([h, &body] {
+// kest_init and leaves with kest_fini; RunOnThread also waits for it.
+inline std::thread InstanceThread(kest_handle_t h, std::function<void()> body) {
+  return std::thread([h, body = std::move(body)] {
     ASSERT_EQ(kest_init(h), 0);
     oru::Runtime::l_instance_id = h;
     body();
     oru::Runtime::l_instance_id = 0;
     EXPECT_EQ(kest_fini(h), 0);
-  }).join();
+  });
+}
+inline void RunOnThread(kest_handle_t h, std::function<void()> body) {
+  InstanceThread(h, std::move(body)).join();
 }
 
 } // namespace kest_test
