@@ -1,6 +1,7 @@
 #include <kest/AttributeMgr.h>
 #include <kest/Clock.h>
 #include <kest/Conn.h>
+#include <kest/MemTag.h>
 #include <kest/SpinLock.h>
 #include <stddef.h>
 
@@ -77,6 +78,18 @@ Conn::Conn(unsigned long long number)
 void Conn::Touch() {
   m_touched = now();
   ThreadPointer<Conn>(l_active_conn) = this;
+}
+
+bool Conn::PushProtocol(uint32_t proto) {
+  AppStack::EntryList &entries = m_app_stack.entries;
+  if (entries.empty() || entries.back().proto != proto) {
+    ScopedMemTag tag(ScopedMemTag::OBJECT, MemTag::OBJ_APPSTACK_APPPROTO);
+    if (entries.push_back(AppEntry{proto}) == entries.end()) {
+      return false;
+    }
+  }
+  m_app_stack.app = proto;
+  return true;
 }
 
 bool Conn::Idle() const {

@@ -5,9 +5,11 @@
 
 namespace kest_decoders {
 
-ConnTable::ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context)
-    : m_ip_protocol(ip_protocol), m_context(context), m_classify(proto, context), m_head(nullptr),
-      m_count(0) {}
+ConnTable::ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context, const char *name)
+    : m_ip_protocol(ip_protocol), m_context(context), m_rules(name), m_classify(proto, context),
+      m_head(nullptr), m_count(0) {
+  m_rules.m_event = 0;
+}
 
 ConnTable::~ConnTable() {
   Clear();
@@ -24,6 +26,11 @@ oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {
   }
   if (conn == nullptr) {
     return nullptr;
+  }
+  {
+    oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
+    m_rules.SetupInspection(own.src, own.dst, own.src_port, own.dst_port, m_ip_protocol,
+                            conn->m_chain);
   }
   conn->add_ref();
   conn->m_next = m_head;
@@ -56,7 +63,13 @@ void ConnTable::Clear() {
   }
 }
 
+void ConnTable::OnRuleUsed(const void *data, uint32_t length) {
+  m_rules.ApplyAnnouncement(data, length);
+}
+
 void ConnTable::Drop(TransportConn *conn) {
+  // Inspectors hear of the end before anyone hears of the expiry.
+  conn->EndInspection();
   oru::Conn *&active = oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn);
   if (active == nullptr) {
     // Nothing live is active (see below): report under the dying one.

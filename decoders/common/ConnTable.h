@@ -1,4 +1,10 @@
-// A transport's connections on one thread, and its connection factory.
+// A transport's connections on one thread, its connection factory, and its
+// IP/port rule store.
+//
+// The store is the one other plug-ins reach through the broker
+// (INTERFACE_IPPORT_RULE_STORE): Create fills each new connection's chain
+// from it. The table is also the thread's handler of the store's rule-use
+// announcements.
 //
 // The table holds one reference on every connection it made, from Create
 // until Destroy or until the thread ends; the host's kest_conn_t is a plain
@@ -11,22 +17,26 @@
 #include "common/TransportConn.h"
 
 #include <kest/IConnFactory.h>
+#include <kest/IpPortRuleStore.h>
+#include <kest/SyncEventQueue.h>
 #include <stddef.h>
 #include <stdint.h>
 
 namespace kest_decoders {
 
-class ConnTable final : public oru::IConnFactory {
+class ConnTable final : public oru::IConnFactory, public oru::EventTarget {
 public:
   // `ip_protocol` is 6 or 17, `proto` the transport's protocol index on this
-  // thread, `context` the memory context of the transport.
-  ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context);
+  // thread, `context` the memory context of the transport, `name` the
+  // store's name (kept as a pointer).
+  ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context, const char *name);
   // Drops every connection still held, as Clear().
   ~ConnTable();
   ConnTable(const ConnTable &) = delete;
   ConnTable &operator=(const ConnTable &) = delete;
 
-  // A connection for the tuple, whose protocol becomes this table's; null
+  // A connection for the tuple, whose protocol becomes this table's, with its
+  // chain filled from the store (source as the first end point); null
   // without memory.
   oru::Conn *Create(const oru::Tuple &tuple) override;
   // Expires the connection and drops the table's reference. A connection the
@@ -37,6 +47,11 @@ public:
   void Clear();
   size_t Count() const { return m_count; }
   PayloadClassifier &Classifier() { return m_classify; }
+  oru::IpPortRuleStore &Rules() { return m_rules; }
+
+  // The handler of the store's event: another thread (or this one) used a
+  // synced rule.
+  void OnRuleUsed(const void *data, uint32_t length);
 
 private:
   void Unlink(TransportConn *conn);
@@ -45,6 +60,7 @@ private:
 
   uint8_t m_ip_protocol;
   uint16_t m_context;
+  oru::IpPortRuleStore m_rules;
   PayloadClassifier m_classify;
   TransportConn *m_head;
   size_t m_count;

@@ -15,7 +15,7 @@ TransportConn *TransportConn::Make(const oru::Tuple &tuple, oru::IClassify *clas
 }
 
 TransportConn::TransportConn(const oru::Tuple &tuple, oru::IClassify *classify, ConnTable *table)
-    : m_prev(nullptr), m_next(nullptr), m_classify(classify), m_table(table) {
+    : m_prev(nullptr), m_next(nullptr), m_event{0, 0}, m_classify(classify), m_table(table) {
   m_tuple = tuple;
 }
 
@@ -25,8 +25,19 @@ void *TransportConn::GetInterface(oru::InterfaceId id) {
     return m_classify;
   case INTERFACE_OWNER_TABLE:
     return m_table;
+  case INTERFACE_TRANSPORT_CONN:
+    return this;
   default:
     return nullptr;
+  }
+}
+
+void TransportConn::EndInspection() {
+  oru::fdt::intrusive_ptr<oru::Conn> self(this);
+  m_chain.Clear(self);
+  for (int side = 0; side < 2; ++side) {
+    m_callback[side] = oru::InspectorCallback();
+    m_event[side] = oru::Inspector::EVENT_NONE;
   }
 }
 

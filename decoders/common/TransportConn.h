@@ -1,5 +1,16 @@
 // A connection of the transport decoders: the library's connection record
-// with the links of the per-thread table that holds it.
+// with the links of the per-thread table that holds it, and its inspection.
+//
+// Inspection state lives in the connection itself, so that it goes wherever
+// the connection goes and dies with it:
+//  - m_chain is filled once, when the table makes the connection, from the
+//    transport's IP/port rule store; every payload of either side runs it
+//    (ParentDpi::Handoff), and entries leave it as they finish.
+//  - m_callback/m_event hold what an inspector registered with the
+//    transport as its parent, one per side, for when the chain is empty.
+// The table drains both when it lets the connection go (each chain entry
+// then gets OnChainExit); the destructor releases whatever a later holder
+// left, without calling anyone.
 //
 // Protocol() is the IP protocol of the tuple the connection was made for, so
 // the library hands it back to the factory of that transport for destruction.
@@ -9,6 +20,7 @@
 
 #include <kest/Conn.h>
 #include <kest/IClassify.h>
+#include <kest/InspectorChain.h>
 
 namespace kest_decoders {
 
@@ -20,17 +32,35 @@ public:
   // destroys only connections that name it, whatever else carries the same
   // IP protocol.
   static constexpr oru::InterfaceId INTERFACE_OWNER_TABLE = 0x10301;
+  // Asked of a connection, answers with the TransportConn itself: how the
+  // transport tells its own connections from others it is handed.
+  static constexpr oru::InterfaceId INTERFACE_TRANSPORT_CONN = 0x10302;
 
   // A new connection with the next number of the instance, from
   // kest_malloc_local, with no holder yet. Null without memory.
   static TransportConn *Make(const oru::Tuple &tuple, oru::IClassify *classify, ConnTable *table);
 
+  // The transport's connection behind `conn`, or null.
+  static TransportConn *Of(oru::Conn *conn) {
+    return conn != nullptr
+               ? static_cast<TransportConn *>(conn->GetInterface(INTERFACE_TRANSPORT_CONN))
+               : nullptr;
+  }
+
   void *GetInterface(oru::InterfaceId id) override;
   uint8_t Protocol() const override { return m_tuple.protocol; }
+
+  // Lets go of the chain (OnChainExit for each entry) and of both
+  // registered callbacks.
+  void EndInspection();
 
   // Links of the owning table's list; null while the connection is in none.
   TransportConn *m_prev;
   TransportConn *m_next;
+
+  oru::InspectorChain m_chain;
+  oru::InspectorCallback m_callback[2];
+  uint32_t m_event[2];
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

@@ -3,6 +3,7 @@
 #include <kest.h>
 #include <kest/MemTag.h>
 #include <kest/ProtocolRegistry.h>
+#include <kest/SyncEventQueue.h>
 #include <kest/fdt/ObjectPrefix.h>
 
 namespace kest_decoders {
@@ -39,13 +40,29 @@ bool TransportPlugin::InitThread() const {
   {
     oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
     table = oru::fdt::CreateObject<ConnTable>(oru::fdt::OBJECT_LOCAL, m_ip_protocol,
-                                              static_cast<uint32_t>(proto), m_context);
+                                              static_cast<uint32_t>(proto), m_context, m_name);
   }
   if (table == nullptr) {
     return false;
   }
+  oru::SyncEventQueue *queue = oru::SyncEventQueue::Instance();
+  const uint32_t event = oru::SyncEventQueue::RegisterEvent(m_event);
+  table->Rules().m_event = event;
   oru::IConnFactory *factory = table;
+  oru::IpPortRuleStore *rules = &table->Rules();
+  if (queue == nullptr || event == 0 ||
+      !queue->InstallHandler(event, table, oru::MakeEventMethod(&ConnTable::OnRuleUsed))) {
+    oru::fdt::DestroyObject(table);
+    return false;
+  }
+  if (!broker->RegisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules)) {
+    queue->InstallHandler(event, nullptr, nullptr);
+    oru::fdt::DestroyObject(table);
+    return false;
+  }
   if (!broker->RegisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, factory)) {
+    broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
+    queue->InstallHandler(event, nullptr, nullptr);
     oru::fdt::DestroyObject(table);
     return false;
   }
@@ -57,8 +74,13 @@ void TransportPlugin::ExitThread() const {
   if (table == nullptr) {
     return;
   }
-  oru::InterfaceBroker::Instance()->UnregisterInterface(m_module, oru::INTERFACE_CONN_FACTORY,
-                                                        table);
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+  broker->UnregisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, table);
+  broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, &table->Rules());
+  oru::SyncEventQueue *queue = oru::SyncEventQueue::Peek();
+  if (queue != nullptr && table->Rules().m_event != 0) {
+    queue->InstallHandler(table->Rules().m_event, nullptr, nullptr);
+  }
   oru::fdt::DestroyObject(table);
 }
 

@@ -2,9 +2,11 @@
 // the entry points that act on it.
 //
 // Instance start-up names the protocol and the module; thread start-up makes
-// the thread's connection table and offers it to the library as the
-// module's connection factory. The broker keeps the table for the thread, so
-// thread exit finds it there again.
+// the thread's connection table, offers it to the library as the module's
+// connection factory and its rule store to other plug-ins
+// (INTERFACE_IPPORT_RULE_STORE), and installs the handler of the store's
+// rule-use event. The broker keeps the table for the thread, so thread exit
+// finds it there again.
 #ifndef KEST_DECODERS_TRANSPORTPLUGIN_H
 #define KEST_DECODERS_TRANSPORTPLUGIN_H
 
@@ -22,12 +24,13 @@ public:
   // major version is refused.
   static constexpr uint32_t kMajor = 4;
 
-  // `name` is the plug-in's; `protocol` names both the protocol and the
-  // module `module`; `ip_protocol` is 6 or 17; `context` the memory context.
+  // `name` is the plug-in's and its rule store's; `protocol` names both the
+  // protocol and the module `module`; `ip_protocol` is 6 or 17; `context`
+  // the memory context; `event` the name of the store's rule-use event.
   constexpr TransportPlugin(const char *name, const char *protocol, oru::ModuleId module,
-                            uint8_t ip_protocol, uint16_t context)
+                            uint8_t ip_protocol, uint16_t context, const char *event)
       : m_name(name), m_protocol(protocol), m_module(module), m_ip_protocol(ip_protocol),
-        m_context(context) {}
+        m_context(context), m_event(event) {}
 
   const char *Name() const { return m_name; }
   // Fills `own` with the decoders' version; true when `library` has the same
@@ -36,9 +39,9 @@ public:
   // Registers the protocol and the module name. False when the module name
   // is taken or the protocol got no index.
   bool InitInstance() const;
-  // Makes and registers this thread's connection table. False without
-  // memory, without a protocol index, or when the module already has a
-  // factory on this thread.
+  // Makes and registers this thread's connection table and rule store. False
+  // without memory, without a protocol index, or when the module already
+  // has a factory on this thread.
   bool InitThread() const;
   // Unregisters the table and destroys it with the connections it holds.
   void ExitThread() const;
@@ -53,6 +56,7 @@ private:
   oru::ModuleId m_module;
   uint8_t m_ip_protocol;
   uint16_t m_context;
+  const char *m_event;
 };
 
 // The entry table of the plug-in described by `*kTransport`: the entry points

@@ -6,7 +6,8 @@ namespace kest_decoders {
 
 namespace {
 
-constexpr TransportPlugin kTcp("tcp", "TCP", oru::MODULE_TCP, 6, oru::MemTag::CTX_TCP_INSPECT);
+constexpr TransportPlugin kTcp("tcp", "TCP", oru::MODULE_TCP, 6, oru::MemTag::CTX_TCP_INSPECT,
+                               "tcp.rule_used");
 
 } // namespace
 

@@ -6,7 +6,8 @@ namespace kest_decoders {
 
 namespace {
 
-constexpr TransportPlugin kUdp("udp", "UDP", oru::MODULE_UDP, 17, oru::MemTag::CTX_UDP_INSPECT);
+constexpr TransportPlugin kUdp("udp", "UDP", oru::MODULE_UDP, 17, oru::MemTag::CTX_UDP_INSPECT,
+                               "udp.rule_used");
 
 } // namespace
 

@@ -122,6 +122,12 @@ public:
   // True when more than a minute has passed since the last Touch().
   bool Idle() const;
   AppStack *GetAppStack() { return &m_app_stack; }
+  // Puts `proto` (a protocol index) on top of the application stack, unless
+  // it is there already, and makes it the application: what an inspector
+  // does when it has recognised its protocol, so that the host's walk reads
+  // the transport, then it. False without memory; the stack is then as it
+  // was.
+  bool PushProtocol(uint32_t proto);
 
   // Instance and thread life. The instance start-up sets the default policy
   // keys and creates "conn.expired"; the thread start-up makes the thread's

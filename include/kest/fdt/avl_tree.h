@@ -46,6 +46,33 @@ template <class N> N *avl_successor(N *n) {
   return p;
 }
 
+// The previous node in key order, or null before the first: the mirror of
+// avl_successor.
+template <class N> N *avl_predecessor(N *n) {
+  if (n->m_left != nullptr) {
+    n = n->m_left;
+    while (n->m_right != nullptr) {
+      n = n->m_right;
+    }
+    return n;
+  }
+  N *p = n->m_parent;
+  while (p != nullptr && n == p->m_left) {
+    n = p;
+    p = p->m_parent;
+  }
+  return p;
+}
+
+template <class N> N *avl_rightmost(N *n) {
+  if (n != nullptr) {
+    while (n->m_right != nullptr) {
+      n = n->m_right;
+    }
+  }
+  return n;
+}
+
 template <class N> N *avl_leftmost(N *n) {
   if (n != nullptr) {
     while (n->m_left != nullptr) {
@@ -147,6 +174,23 @@ public:
   iterator end() { return iterator(); }
   const_iterator begin() const { return const_iterator(avl_leftmost(m_root)); }
   const_iterator end() const { return const_iterator(); }
+
+  // The greatest element, or end() for an empty tree. Walk down from it with
+  // prev(); prev() of the first element is end().
+  iterator last() { return iterator(avl_rightmost(m_root)); }
+  const_iterator last() const { return const_iterator(avl_rightmost(m_root)); }
+  static iterator prev(iterator pos) { return iterator(avl_predecessor(pos.node())); }
+  static const_iterator prev(const_iterator pos) {
+    return const_iterator(avl_predecessor(pos.node()));
+  }
+
+  // The first element that does not compare less than `key`, or end().
+  template <class Key> iterator lower_bound(const Key &key) {
+    return iterator(const_cast<node *>(bound(key)));
+  }
+  template <class Key> const_iterator lower_bound(const Key &key) const {
+    return const_iterator(bound(key));
+  }
 
   bool empty() const { return m_root == nullptr; }
 
@@ -254,6 +298,20 @@ private:
       }
     }
     return nullptr;
+  }
+
+  template <class Key> const node *bound(const Key &key) const {
+    const Compare less;
+    const node *found = nullptr;
+    for (const node *n = m_root; n != nullptr;) {
+      if (less(n->m_value, key)) {
+        n = n->m_right;
+      } else {
+        found = n;
+        n = n->m_left;
+      }
+    }
+    return found;
   }
 
   void insert_all(const avl_tree &other) {

@@ -8,6 +8,7 @@
 #include <kest/fdt/less.h>
 #include <kest/fdt/pair.h>
 #include <stddef.h>
+#include <utility>
 
 namespace oru {
 
@@ -58,6 +59,24 @@ public:
   // value stays) or memory runs out. Find first to tell the two apart.
   iterator insert(const value_type &value) { return m_tree.emplace_key(value.first, value); }
   iterator insert(const K &key, const V &value) { return m_tree.emplace_key(key, key, value); }
+
+  // Builds the value in place from `args` (default-constructed without any),
+  // for values that cannot be copied. The new element, or end() when the key
+  // is present already or memory runs out.
+  template <class... Args> iterator try_emplace(const K &key, Args &&...args) {
+    return m_tree.emplace_key(key, key, std::forward<Args>(args)...);
+  }
+
+  // The greatest element, or end(); prev() steps down from it.
+  iterator last() { return m_tree.last(); }
+  const_iterator last() const { return m_tree.last(); }
+  static iterator prev(iterator pos) { return tree_type::prev(pos); }
+  static const_iterator prev(const_iterator pos) { return tree_type::prev(pos); }
+  // The first element whose key is not less than `key`, or end().
+  template <class Key> iterator lower_bound(const Key &key) { return m_tree.lower_bound(key); }
+  template <class Key> const_iterator lower_bound(const Key &key) const {
+    return m_tree.lower_bound(key);
+  }
 
   void erase(iterator pos) { m_tree.erase(pos); }
 

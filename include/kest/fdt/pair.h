@@ -14,6 +14,10 @@ template <class A, class B> struct pair {
 
   pair() : first(), second() {}
   pair(const A &a, const B &b) : first(a), second(b) {}
+  // The second value built in place from `args`, for values that cannot be
+  // copied (map::try_emplace).
+  template <class... Args>
+  explicit pair(const A &a, Args &&...args) : first(a), second(static_cast<Args &&>(args)...) {}
   template <class U, class V>
   pair(const pair<U, V> &other) : first(other.first), second(other.second) {}
 };

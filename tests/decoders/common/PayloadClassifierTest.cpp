@@ -3,7 +3,9 @@
 #include "common/PayloadClassifier.h"
 
 #include <cstring>
+#include <kest/IpPortRuleStore.h>
 #include <kest/MemTag.h>
+#include <vector>
 
 namespace {
 
@@ -41,23 +43,32 @@ TEST_F(PayloadClassifierTest, PayloadAdvancesItsSideAndIsFlushed) {
   EXPECT_EQ(conn->m_app_stack.app, static_cast<uint32_t>(oru::GetProtocolId("TCP")));
 }
 
-// An inspection that has not consumed what it saw keeps it across packets,
-// in owned copies, until it lets go.
-class KeepingClassifier : public PayloadClassifier {
+// An inspector that has not consumed what it saw keeps it across packets by
+// Sync, in owned copies; when it stops asking, the transport flushes.
+class Keeper : public oru::Inspector {
 public:
-  using PayloadClassifier::PayloadClassifier;
-  bool m_keep = true;
-
-protected:
-  bool Inspect(oru::Conn &, oru::FlowBuffer &) override { return m_keep; }
+  unsigned int Inspect(oru::ParentDpi *, oru::PktInfo &pkt, oru::Tuple &,
+                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+    seen.append(reinterpret_cast<const char *>(pkt.data), pkt.length);
+    positions.push_back(pkt.stream_pos);
+    if (keep) {
+      conn->m_flow[pkt.side].Sync();
+    }
+    return oru::INSPECT_STAY;
+  }
+  bool keep = true;
+  std::string seen;
+  std::vector<uint64_t> positions;
 };
 
 TEST_F(PayloadClassifierTest, KeptBytesOutliveThePacketInOrder) {
-  KeepingClassifier keeper(oru::GetProtocolId("UDP"), oru::MemTag::CTX_UDP_INSPECT);
-  kest_test::ConnPtr conn = TransportConn::Make(oru::Tuple{{}, {}, 1, 2, 17}, &keeper, nullptr);
+  oru::fdt::intrusive_ptr<Keeper> keeper(oru::fdt::CreateObject<Keeper>(oru::fdt::OBJECT_LOCAL));
+  ASSERT_TRUE(kUdp.Table()->Rules().AddRule(17, oru::InspectorCallback(keeper.get()), 0, {}, {}, 0,
+                                            oru::IpPortRuleStore::EXPIRY_LOCAL, false));
+  oru::Conn *conn = Create(17);
   const oru::FlowBuffer &flow = conn->m_flow[0];
   for (std::string packet : {"abc", "defg"}) {
-    ASSERT_EQ(Classify(conn.get(), 0, packet), 0);
+    ASSERT_EQ(Classify(conn, 0, packet), 0);
     packet.assign(packet.size(), 'z'); // the packet is gone
   }
   std::string kept;
@@ -69,10 +80,13 @@ TEST_F(PayloadClassifierTest, KeptBytesOutliveThePacketInOrder) {
   EXPECT_EQ(kept, "abcdefg");
   EXPECT_EQ(flow.Size(), 7u);
 
-  keeper.m_keep = false;
-  ASSERT_EQ(Classify(conn.get(), 0, "h"), 0);
+  keeper->keep = false;
+  ASSERT_EQ(Classify(conn, 0, "h"), 0);
   EXPECT_TRUE(flow.m_blocks.empty());
   EXPECT_EQ(flow.m_read_pos, 8u);
+  EXPECT_EQ(keeper->seen, "abcdefgh");
+  EXPECT_EQ(keeper->positions, (std::vector<uint64_t>{0, 3, 7}));
+  kUdp.Table()->Rules().RemoveRuleFast(17, oru::InspectorCallback(keeper.get()), 0, {}, {});
 }
 
 // Any allocation a packet makes may fail: no result, error 12, and the
