@@ -20,7 +20,8 @@
 // Ranges are kept exactly as added, never split or merged. An address
 // matches every range with the same low once it lies at or below the
 // greatest high of that low: with 10.0.0.1-10.0.0.20 and 10.0.0.1-10.0.0.99,
-// 10.0.0.50 matches both. A range with a low but no high matches nothing.
+// 10.0.0.50 matches both. A range with a low but no high is merged with the
+// other ranges of its low, and on its own matches nothing.
 //
 // The TCP and UDP decoders each keep one store per thread and offer it
 // through the interface broker as INTERFACE_IPPORT_RULE_STORE of MODULE_TCP
