@@ -7,7 +7,8 @@
 // block of the side's flow buffer, the application stack names the
 // transport, and the connection's chain runs (Handoff). Its answer is the
 // packet's result: INSPECT_STAY (1) and INSPECT_NOTHING (2) give code 1,
-// INSPECT_FINISHED (64) code 2, INSPECT_ABANDON (128) code 3. An inspector
+// INSPECT_FINISHED (64) and INSPECT_ABANDON (128) code 3, and a chain that
+// ends with 0 gives no result at all. An inspector
 // that needs the packet's bytes beyond it calls Sync on the flow; otherwise
 // the stream is flushed after the chain.
 #ifndef KEST_DECODERS_PAYLOADCLASSIFIER_H

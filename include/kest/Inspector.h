@@ -21,6 +21,7 @@
 #define KEST_INSPECTOR_H
 
 #include <kest/Export.h>
+#include <kest/PktInfo.h>
 #include <kest/fdt/intrusive_ptr.h>
 #include <kest/fdt/refcnt.h>
 #include <stdint.h>
@@ -30,7 +31,6 @@ namespace oru {
 
 class Conn;
 class ParentDpi;
-struct PktInfo;
 struct Tuple;
 
 // Inspection results. Only the chain code (ParentDpi) interprets them.

@@ -24,3 +24,15 @@ if(TARGET tcp AND TARGET udp AND KEST_DECODER_CLASS_SOURCES)
                COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
                KEST_TEST_HELLO_PLG="${_hello_plg}")
 endif()
+
+# A packed plug-in that attaches an inspector through the TCP decoder's rule
+# store; the test puts it in one folder with the decoders.
+kest_add_plugin(NAME probe SOURCES ${CMAKE_CURRENT_LIST_DIR}/fixtures/probe_plugin.cpp
+                OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/decoders/probe LIBRARIES ${CMAKE_DL_LIBS})
+if(TARGET tcp AND TARGET udp)
+  add_dependencies(kest_tests probe)
+  get_target_property(_probe_plg probe KEST_PLUGIN_FILE)
+  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/InspectorPluginTest.cpp APPEND PROPERTY
+               COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
+               KEST_TEST_PROBE_PLG="${_probe_plg}")
+endif()

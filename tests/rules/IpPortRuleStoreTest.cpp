@@ -2,6 +2,7 @@
 // a brute-force model; removal, expiry on the look-up path and failing memory.
 #include "InspectorTestSupport.h"
 #include "InstanceFixture.h"
+#include "LeakCheck.h"
 #include "TestHooks.h"
 
 #include <kest/Conn.h>
@@ -358,7 +359,9 @@ TEST_F(IpPortRuleStoreTest, FailingAllocationsAtEveryStep) {
 }
 
 // Custom rule text becomes a spec only with a port a store can hold.
-TEST(IpPortSpecTest, FromRuleStringRefusesPortsAbove65535) {
+class IpPortSpecTest : public kest_test::LeakCheck {};
+
+TEST_F(IpPortSpecTest, FromRuleStringRefusesPortsAbove65535) {
   struct Row {
     const char *text;
     bool ok;
