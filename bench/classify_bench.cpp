@@ -9,6 +9,8 @@
 #include <kest/SyncEventQueue.h>
 #include <kest_host.h>
 
+#include "BenchInstance.h"
+
 #include <cstdint>
 #include <new>
 
@@ -57,8 +59,8 @@ void BM_ClassifyRoundTrip(benchmark::State &state) {
   g_real_shared = kest_malloc_shared;
   kest_malloc_local = CountingLocal;
   kest_malloc_shared = CountingShared;
-  const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
-  if (h < 0 || kest_init(h) != 0) {
+  const kest_handle_t h = kest_bench::OpenInstance();
+  if (h < 0) {
     state.SkipWithError("instance did not start");
     return;
   }
@@ -103,8 +105,7 @@ void BM_ClassifyRoundTrip(benchmark::State &state) {
   }
   conn = nullptr;
   oru::Runtime::l_instance_id = 0;
-  kest_fini(h);
-  kest_close(h);
+  kest_bench::CloseInstance(h);
 }
 BENCHMARK(BM_ClassifyRoundTrip);
 
@@ -116,8 +117,8 @@ public:
 
 void BM_SyncEventPostDrain(benchmark::State &state) {
   kest_host_use_libc();
-  const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
-  if (h < 0 || kest_init(h) != 0) {
+  const kest_handle_t h = kest_bench::OpenInstance();
+  if (h < 0) {
     state.SkipWithError("instance did not start");
     return;
   }
@@ -141,8 +142,7 @@ void BM_SyncEventPostDrain(benchmark::State &state) {
   if (target.m_count != static_cast<uint64_t>(state.iterations())) {
     state.SkipWithError("events lost");
   }
-  kest_fini(h);
-  kest_close(h);
+  kest_bench::CloseInstance(h);
 }
 BENCHMARK(BM_SyncEventPostDrain);
 

@@ -4,28 +4,29 @@
 #include <kest.h>
 #include <kest_host.h>
 
+#include "BenchInstance.h"
+
 namespace {
 
 void BM_IdleEmptyQueue(benchmark::State &state) {
   kest_host_use_libc();
-  const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
-  if (h < 0 || kest_init(h) != 0) {
+  const kest_handle_t h = kest_bench::OpenInstance();
+  if (h < 0) {
     state.SkipWithError("instance did not start");
     return;
   }
   for (auto _ : state) {
     kest_idle(h);
   }
-  kest_fini(h);
-  kest_close(h);
+  kest_bench::CloseInstance(h);
 }
 BENCHMARK(BM_IdleEmptyQueue);
 
 // The same with the host setting the clock: no gettimeofday, no garbage pass.
 void BM_IdleHostClock(benchmark::State &state) {
   kest_host_use_libc();
-  const kest_handle_t h = kest_open("/nonexistent-kest-plugins");
-  if (h < 0 || kest_init(h) != 0) {
+  const kest_handle_t h = kest_bench::OpenInstance();
+  if (h < 0) {
     state.SkipWithError("instance did not start");
     return;
   }
@@ -34,8 +35,7 @@ void BM_IdleHostClock(benchmark::State &state) {
   for (auto _ : state) {
     kest_idle(h);
   }
-  kest_fini(h);
-  kest_close(h);
+  kest_bench::CloseInstance(h);
 }
 BENCHMARK(BM_IdleHostClock);
 
