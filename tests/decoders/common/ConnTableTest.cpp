@@ -2,6 +2,7 @@
 
 #include "common/ConnTable.h"
 #include "tests/attributes/AttributeTestSupport.h"
+#include "tests/rules/InspectorTestSupport.h"
 
 #include <cstring>
 
@@ -73,6 +74,36 @@ TEST_F(ConnTableTest, DroppedConnectionsAreReportedExpired) {
     EXPECT_EQ(number, numbers[i]) << i;
   }
   ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", nullptr), 0);
+}
+
+// A connection's chain comes from the table's store when the table makes it,
+// and every entry still waiting hears OnChainExit once when the connection
+// ends; a registered callback is let go.
+TEST_F(ConnTableTest, ConnectionsEndTheirInspection) {
+  kest_test::Log log;
+  oru::fdt::intrusive_ptr<kest_test::ScriptedInspector> a(
+      kest_test::ScriptedInspector::Make("A", &log));
+  oru::fdt::intrusive_ptr<kest_test::ScriptedInspector> b(
+      kest_test::ScriptedInspector::Make("B", &log));
+  oru::IpPortRuleStore &rules = kTcp.Table()->Rules();
+  ASSERT_TRUE(
+      rules.AddRule(6, a->Callback(), 80, {}, {}, 0, oru::IpPortRuleStore::EXPIRY_LOCAL, false));
+  ASSERT_TRUE(
+      rules.AddRule(6, b->Callback(), 0, {}, {}, 0, oru::IpPortRuleStore::EXPIRY_LOCAL, false));
+  oru::Conn *conn = Create(6);
+  ASSERT_EQ(Classify(conn, 0, "x"), 0);
+  EXPECT_EQ(recorder.calls.back().code, 1);
+  oru::fdt::intrusive_ptr<oru::Conn> held(conn);
+  kTcp.Table()->Classifier().RegisterCallback(held, 1, b->SecondCallback(),
+                                              oru::Inspector::EVENT_DATA);
+  EXPECT_EQ(b->use_count(), 4); // ours, the rule, the chain entry, the registration
+  held.reset();
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(conn)), 0);
+  EXPECT_EQ(log, (kest_test::Log{"A", "B", "A~", "B~"}));
+  EXPECT_EQ(b->use_count(), 2);
+  rules.RemoveRuleFast(6, a->Callback(), 80, {}, {});
+  rules.RemoveRuleFast(6, b->Callback(), 0, {}, {});
+  EXPECT_TRUE(rules.m_index.empty());
 }
 
 } // namespace
