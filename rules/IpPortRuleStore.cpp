@@ -204,7 +204,7 @@ void IpPortRuleStore::FindRange(RangeMap &map, const IpAddr &addr, InspectorChai
   }
 }
 
-IpPortRuleStore::Rule *IpPortRuleStore::FindRule(IpPortSpec &spec, InspectorMethod method) {
+IpPortRuleStore::Rule *IpPortRuleStore::FindExact(IpPortSpec &spec, InspectorMethod method) {
   auto found = m_index.find(spec.protocol);
   if (found == m_index.end()) {
     return nullptr;
@@ -255,7 +255,7 @@ bool IpPortRuleStore::IsPortRegistered(unsigned char proto, unsigned short port)
   return port_rules != found->second.ports.end() && !port_rules->second.any.empty();
 }
 
-void IpPortRuleStore::Expire(Rule *rule) {
+void IpPortRuleStore::RemoveExpired(Rule *rule) {
   // The removal frees the rule: take what it names first, and hold the
   // inspector until the removal is done.
   const InspectorCallback cb = rule->callback;

@@ -144,7 +144,9 @@ public:
 
   // The rule with exactly this condition whose method is `method` (any
   // method with function word 0 when that is 0), or null.
-  Rule *FindRule(IpPortSpec &spec, InspectorMethod method) override;
+  Rule *FindRule(IpPortSpec &spec, InspectorMethod method) override {
+    return FindExact(spec, method);
+  }
   Rule *FindRule(RangeMap &map, IpPortSpec &spec, InspectorMethod method);
   Rule *FindRule(RuleList &list, IpPortSpec &spec, InspectorMethod method);
 
@@ -152,7 +154,13 @@ public:
   bool IsPortRegistered(unsigned char proto, unsigned short port);
 
   // Removes the rule as RemoveRuleFast with its own condition and callback.
-  void Expire(Rule *rule) override;
+  void Expire(Rule *rule) override { RemoveExpired(rule); }
+
+  // What the two virtual operations do. They are defined in the class so
+  // that it has no key function: plug-ins built with run-time type
+  // information then emit its type information themselves.
+  Rule *FindExact(IpPortSpec &spec, InspectorMethod method);
+  void RemoveExpired(Rule *rule);
 
   // Time-outs are taken (the default) or refused by AddRule.
   void AllowExpiry(bool allow) { m_allow_expiry = allow; }
