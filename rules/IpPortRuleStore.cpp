@@ -42,8 +42,6 @@ bool IpPortSpec::ReadAnnounced(const uint8_t *bytes, uint32_t length, IpPortSpec
   return true;
 }
 
-IpPortRuleStore::IpPortRuleStore(const char *name) : Base(name), m_allow_expiry(true) {}
-
 IpPortRuleStore::~IpPortRuleStore() {
   // The rules go with the index; the buckets only point at them.
   m_index.clear();

@@ -100,8 +100,11 @@ public:
     RangeMap ranges;
   };
 
-  // An empty store that takes time-outs. `name` is kept as a pointer.
-  explicit IpPortRuleStore(const char *name);
+  // An empty store that takes time-outs. `name` is kept as a pointer, and
+  // m_event is set to 0: give it the number of your rule-use event before
+  // adding EXPIRY_SYNCED rules. Built in the caller's code, with the class's
+  // virtual table.
+  explicit IpPortRuleStore(const char *name) : Base(name), m_allow_expiry(true) { m_event = 0; }
   // Drops every rule (and the references on their inspectors). Chains filled
   // from the store keep their own references.
   ~IpPortRuleStore();

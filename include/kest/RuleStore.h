@@ -135,21 +135,24 @@ protected:
 
   // Adds a copy of `rule` at the tail of `list` and arms it. False, with the
   // list as it was, for a callback already in the list or without memory.
-  bool AddToList(RuleList &list, const Rule &rule) {
+  // The rule is taken by value and moved into its node, so a spec with
+  // strings is not copied a second time.
+  bool AddToList(RuleList &list, Rule rule) {
     for (typename RuleList::iterator it = list.begin(); it != list.end(); ++it) {
       if (it->callback.Same(rule.callback)) {
         return false;
       }
     }
-    typename RuleList::iterator added = list.push_back(rule);
+    const uint32_t timeout = rule.timeout;
+    typename RuleList::iterator added = list.emplace_back(static_cast<Rule &&>(rule));
     if (added == list.end()) {
       return false;
     }
     added->bucket = nullptr;
-    if (rule.timeout == 0) {
+    if (timeout == 0) {
       return true;
     }
-    const unsigned long long second = now_sec() + rule.timeout;
+    const unsigned long long second = now_sec() + timeout;
     typename ExpiryMap::iterator node = m_expiry.find(second);
     if (node == m_expiry.end()) {
       node = m_expiry.try_emplace(second);
