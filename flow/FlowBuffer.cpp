@@ -1,7 +1,12 @@
 #include <kest.h>
 #include <kest/Clock.h>
+#include <kest/Entropy.h>
 #include <kest/FlowBuffer.h>
 #include <kest/MemTag.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace oru {
 
@@ -152,6 +157,252 @@ void FlowBuffer::Dump() const {
                 static_cast<const void *>(it->second.data),
                 static_cast<int>(it->second.flags & BLOCK_SAVED));
   }
+}
+
+} // namespace oru
+
+namespace oru {
+
+namespace {
+
+// Runs longer than this go to the hook; shorter ones are compared in line.
+constexpr uint64_t kMemcmpAbove = 23;
+
+int ByteDifference(char a, char b) {
+  return static_cast<int>(static_cast<unsigned char>(a)) -
+         static_cast<int>(static_cast<unsigned char>(b));
+}
+
+int CompareRun(const char *data, const char *text, uint64_t n) {
+  if (n > kMemcmpAbove) {
+    return kest_memcmp(data, text, n);
+  }
+  for (uint64_t i = 0; i < n; ++i) {
+    if (data[i] != text[i]) {
+      return ByteDifference(data[i], text[i]);
+    }
+  }
+  return 0;
+}
+
+char FoldCase(char c) {
+  const int u = static_cast<unsigned char>(c);
+  return kest_isupper(u) != 0 ? static_cast<char>(kest_tolower(u)) : c;
+}
+
+// The first `byte` in [p, p + n), or null: sixteen bytes at a time where the
+// machine has SSE2, which every x86-64 has.
+const char *ScanByte(const char *p, uint64_t n, char byte) {
+  uint64_t i = 0;
+#if defined(__SSE2__)
+  const __m128i wanted = _mm_set1_epi8(byte);
+  for (; i + 16 <= n; i += 16) {
+    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
+    const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(chunk, wanted));
+    if (mask != 0) {
+      return p + i + __builtin_ctz(static_cast<unsigned>(mask));
+    }
+  }
+#endif
+  for (; i < n; ++i) {
+    if (p[i] == byte) {
+      return p + i;
+    }
+  }
+  return nullptr;
+}
+
+} // namespace
+
+const FlowBuffer::Block *FlowBuffer::GetBlock(unsigned long long pos,
+                                              unsigned long long &start) const {
+  if (m_blocks.empty()) {
+    return nullptr;
+  }
+  BlockMap::const_iterator it = m_blocks.lower_bound(pos);
+  if (it == m_blocks.end()) {
+    it = m_blocks.last();
+  } else if (it->first != pos) {
+    if (it == m_blocks.begin()) {
+      return nullptr;
+    }
+    it = BlockMap::prev(it);
+  }
+  if (pos < it->first + it->second.size) {
+    start = it->first;
+    return &it->second;
+  }
+  return nullptr;
+}
+
+int FlowBuffer::Compare(unsigned long long pos, const char *text, unsigned int len) const {
+  if (Begin() > pos) {
+    return static_cast<int>(static_cast<uint32_t>(End()));
+  }
+  if (pos + len > End()) {
+    return -1;
+  }
+  const unsigned long long stop = pos + len;
+  if (pos >= stop) {
+    return 0;
+  }
+  while (true) {
+    unsigned long long start;
+    const Block *block = GetBlock(pos, start);
+    if (block == nullptr) {
+      return -1;
+    }
+    const uint64_t in_block = start + block->size - pos;
+    const uint64_t n = stop - pos < in_block ? stop - pos : in_block;
+    const int r = CompareRun(block->data + (pos - start), text, n);
+    if (r != 0) {
+      return r;
+    }
+    pos += n;
+    text += n;
+    if (pos == stop) {
+      return 0;
+    }
+  }
+}
+
+int FlowBuffer::Compare(unsigned long long pos, const FlowBuffer &other,
+                        unsigned long long other_pos, unsigned int len) const {
+  if (Begin() > pos || pos + len > End() || other.Begin() > other_pos ||
+      other_pos + len > other.End()) {
+    return -1;
+  }
+  uint64_t left = len;
+  while (left != 0) {
+    unsigned long long start, other_start;
+    const Block *mine = GetBlock(pos, start);
+    const Block *theirs = other.GetBlock(other_pos, other_start);
+    if (mine == nullptr || theirs == nullptr) {
+      return -1;
+    }
+    uint64_t n = left;
+    n = start + mine->size - pos < n ? start + mine->size - pos : n;
+    n = other_start + theirs->size - other_pos < n ? other_start + theirs->size - other_pos : n;
+    const int r =
+        CompareRun(mine->data + (pos - start), theirs->data + (other_pos - other_start), n);
+    if (r != 0) {
+      return r;
+    }
+    pos += n;
+    other_pos += n;
+    left -= n;
+  }
+  return 0;
+}
+
+int FlowBuffer::CaseCompare(unsigned long long pos, const char *text, unsigned int len) const {
+  if (Begin() > pos) {
+    return static_cast<int>(static_cast<uint32_t>(End()));
+  }
+  if (pos + len > End()) {
+    return -1;
+  }
+  for (unsigned int i = 0; i < len; ++i) {
+    const char a = FoldCase(At(pos + i));
+    const char b = FoldCase(text[i]);
+    if (a != b) {
+      return ByteDifference(a, b);
+    }
+  }
+  return 0;
+}
+
+int FlowBuffer::ReverseCompare(unsigned long long pos, const char *text, unsigned int len) const {
+  if (End() <= pos) {
+    return -1;
+  }
+  // The run starts at pos - (len - 1); a run longer than the stream before
+  // it would wrap below 0, and is as short of data as one below Begin().
+  if (len != 0 && (len - 1u > pos || pos - (len - 1u) < Begin())) {
+    return -1;
+  }
+  uint64_t left = len;
+  while (left != 0) {
+    unsigned long long start;
+    const Block *block = GetBlock(pos, start);
+    if (block == nullptr) {
+      return -1;
+    }
+    const uint64_t off = pos - start;
+    const uint64_t n = off + 1 < left ? off + 1 : left;
+    for (uint64_t i = 0; i < n; ++i) {
+      const char a = block->data[off - i];
+      const char b = text[left - 1 - i];
+      if (a != b) {
+        return ByteDifference(a, b);
+      }
+    }
+    if (left == n) {
+      return 0;
+    }
+    left -= n;
+    pos -= n;
+  }
+  return 0;
+}
+
+unsigned long long FlowBuffer::Find(unsigned long long pos, char byte,
+                                    unsigned long long limit) const {
+  const unsigned long long end = End();
+  if (Begin() > pos) {
+    return end;
+  }
+  if (end < limit) {
+    limit = end;
+  }
+  while (pos < limit) {
+    unsigned long long start;
+    const Block *block = GetBlock(pos, start);
+    if (block == nullptr) {
+      return end;
+    }
+    const unsigned long long block_end = start + block->size;
+    const unsigned long long stop = block_end < limit ? block_end : limit;
+    const char *hit = ScanByte(block->data + (pos - start), stop - pos, byte);
+    if (hit != nullptr) {
+      return start + static_cast<unsigned long long>(hit - block->data);
+    }
+    pos = stop;
+  }
+  return end;
+}
+
+unsigned long long FlowBuffer::Find(unsigned long long pos, const char *text, unsigned int len,
+                                    unsigned long long limit) const {
+  const unsigned long long end = End();
+  if (Begin() > pos) {
+    return end;
+  }
+  if (end < limit) {
+    limit = end;
+  }
+  while (true) {
+    if (pos + len > limit) {
+      return end;
+    }
+    const unsigned long long found = Find(pos, text[0], limit);
+    if (found == end || found + len > limit) {
+      return end;
+    }
+    if (Compare(found, text, len) == 0) {
+      return found;
+    }
+    pos = found + 1;
+  }
+}
+
+unsigned char FlowBuffer::Entropy(unsigned long long start, unsigned long long end) const {
+  oru::Entropy histogram;
+  for (unsigned long long pos = start; pos != end; ++pos) {
+    ++histogram.counts[static_cast<unsigned char>(At(pos))];
+    ++histogram.total;
+  }
+  return histogram.Randomness();
 }
 
 } // namespace oru

@@ -95,6 +95,53 @@ public:
   // Prints one line per block through kest_printf. A debugging aid.
   void Dump() const;
 
+  // Reads. Positions are absolute stream positions. None changes the buffer,
+  // allocates or reports an error; a byte no block covers reads as
+  // DUMMY_VAL, and nothing past a hole counts as data (End()).
+
+  // The block that covers `pos`, with its key in `start`; null in a hole,
+  // before the first block or past the last. Only the nearest block at or
+  // before `pos` is looked at.
+  const Block *GetBlock(unsigned long long pos, unsigned long long &start) const;
+  // The byte at `pos`, or DUMMY_VAL (0) where no block covers it.
+  char At(unsigned long long pos) const {
+    unsigned long long start;
+    const Block *block = GetBlock(pos, start);
+    return block != nullptr ? block->data[pos - start] : DUMMY_VAL;
+  }
+
+  // The `len` bytes at `pos` against `text`: 0 when equal (also for `len`
+  // 0), -1 when the data ends before `pos` + `len` or a hole is met, else the
+  // first difference as data byte minus text byte (both unsigned), or
+  // kest_memcmp's answer for runs above 23 bytes. A `pos` already flushed
+  // (below Begin()) answers the low 32 bits of End(): unequal, though not -1.
+  // Test the result for zero only: -1 is also a byte difference.
+  int Compare(unsigned long long pos, const char *text, unsigned int len) const;
+  // The same against `len` bytes of another buffer at `other_pos`; here a
+  // position below either Begin() answers -1.
+  int Compare(unsigned long long pos, const FlowBuffer &other, unsigned long long other_pos,
+              unsigned int len) const;
+  // As Compare, with both sides folded to lower case (kest_isupper,
+  // kest_tolower), reading byte by byte.
+  int CaseCompare(unsigned long long pos, const char *text, unsigned int len) const;
+  // The `len` bytes that end at and include `pos` against `text`, compared
+  // from the back: -1 when `pos` is not below End() or the run would start
+  // below Begin(), 0 when equal or `len` is 0, else data byte minus text
+  // byte at the last difference.
+  int ReverseCompare(unsigned long long pos, const char *text, unsigned int len) const;
+  // The first position at or after `pos` and below `limit` (cut to End())
+  // that holds `byte`; End() when there is none, when `pos` is below Begin()
+  // or a hole comes first. Never `limit`.
+  unsigned long long Find(unsigned long long pos, char byte, unsigned long long limit) const;
+  // The first position of `text` (`len` bytes, at least 1) lying wholly
+  // between `pos` and `limit` (cut to End()); End() when there is none.
+  unsigned long long Find(unsigned long long pos, const char *text, unsigned int len,
+                          unsigned long long limit) const;
+  // The randomness percentage (oru::Entropy) of the bytes from `start` up to
+  // `end` (exclusive, positions compared for equality, wrapping), with
+  // uncovered positions counted as zero bytes; 0 for an empty range.
+  unsigned char Entropy(unsigned long long start, unsigned long long end) const;
+
   BlockMap m_blocks;
   uint64_t m_read_pos;
   // The writer's own; nothing here reads or writes it.
