@@ -1,6 +1,8 @@
 // The text of a header rule: a key and a value pattern joined by "=", as in
-// "User-Agent = *bot*". Both parts are trimmed; a further "=" belongs to the
-// value.
+// "Host = *.example.com". Both parts are trimmed; a further "=" belongs to the
+// value. In a KeyValueRuleStore a pattern matches a whole value ("text"), its
+// end ("*text") or its start ("text*"); there is no "contains": in "*bot*"
+// the last "*" is a literal byte.
 #ifndef KEST_KEYVALUERULESTRING_H
 #define KEST_KEYVALUERULESTRING_H
 
