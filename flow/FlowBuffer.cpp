@@ -190,15 +190,23 @@ char FoldCase(char c) {
   return kest_isupper(u) != 0 ? static_cast<char>(kest_tolower(u)) : c;
 }
 
-// The first `byte` in [p, p + n), or null: sixteen bytes at a time where the
+// The first `byte` in [p, p + n), or null: 64 bytes a step where the
 // machine has SSE2, which every x86-64 has.
 const char *ScanByte(const char *p, uint64_t n, char byte) {
   uint64_t i = 0;
 #if defined(__SSE2__)
   const __m128i wanted = _mm_set1_epi8(byte);
+  auto match = [&](uint64_t at) {
+    return _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p + at)), wanted);
+  };
+  for (; i + 64 <= n; i += 64) {
+    const __m128i a = match(i), b = match(i + 16), c = match(i + 32), d = match(i + 48);
+    if (_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d))) != 0) {
+      break;
+    }
+  }
   for (; i + 16 <= n; i += 16) {
-    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
-    const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(chunk, wanted));
+    const int mask = _mm_movemask_epi8(match(i));
     if (mask != 0) {
       return p + i + __builtin_ctz(static_cast<unsigned>(mask));
     }
@@ -302,11 +310,29 @@ int FlowBuffer::CaseCompare(unsigned long long pos, const char *text, unsigned i
   if (pos + len > End()) {
     return -1;
   }
-  for (unsigned int i = 0; i < len; ++i) {
-    const char a = FoldCase(At(pos + i));
-    const char b = FoldCase(text[i]);
-    if (a != b) {
-      return ByteDifference(a, b);
+  // Byte by byte as At() reads them, but with one block look-up per run of
+  // bytes that the same block answers: a run ends at its block's end or at
+  // the next block's key, whichever comes first.
+  unsigned int i = 0;
+  while (i < len) {
+    unsigned long long start;
+    const Block *block = GetBlock(pos + i, start);
+    unsigned int run = 1;
+    if (block != nullptr) {
+      uint64_t stop = start + block->size;
+      BlockMap::const_iterator next = m_blocks.lower_bound(start + 1);
+      if (next != m_blocks.end() && next->first < stop) {
+        stop = next->first;
+      }
+      const uint64_t left = stop - (pos + i);
+      run = left < len - i ? static_cast<unsigned int>(left) : len - i;
+    }
+    for (unsigned int k = 0; k < run; ++k, ++i) {
+      const char a = FoldCase(block != nullptr ? block->data[pos + i - start] : DUMMY_VAL);
+      const char b = FoldCase(text[i]);
+      if (a != b) {
+        return ByteDifference(a, b);
+      }
     }
   }
   return 0;
@@ -355,12 +381,23 @@ unsigned long long FlowBuffer::Find(unsigned long long pos, char byte,
   if (end < limit) {
     limit = end;
   }
+  BlockMap::const_iterator next = m_blocks.end();
   while (pos < limit) {
+    // The block that follows the one just scanned answers for `pos` when
+    // its key is `pos`, as a look-up would; otherwise look it up.
     unsigned long long start;
-    const Block *block = GetBlock(pos, start);
-    if (block == nullptr) {
-      return end;
+    const Block *block;
+    if (next != m_blocks.end() && next->first == pos) {
+      start = pos;
+      block = &next->second;
+    } else {
+      block = GetBlock(pos, start);
+      if (block == nullptr) {
+        return end;
+      }
+      next = m_blocks.find(start);
     }
+    ++next;
     const unsigned long long block_end = start + block->size;
     const unsigned long long stop = block_end < limit ? block_end : limit;
     const char *hit = ScanByte(block->data + (pos - start), stop - pos, byte);

@@ -6,6 +6,8 @@
 
 #include <cstdio>
 #include <gtest/gtest.h>
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -118,6 +120,64 @@ TEST_F(MapTest, SharedVariantAllocatesFromTheSharedHeap) {
   m.insert(oru::fdt::shared_string("key"), 1);
   ASSERT_FALSE(kest_test::RecordedSizes(Heap::Shared).empty());
   EXPECT_EQ(LiveBlocks(Heap::Local), m_local);
+}
+
+} // namespace
+
+namespace {
+
+// Ordered walks from either end and bounds, against std::map, while keys come
+// and go.
+TEST_F(MapTest, LowerBoundLastAndPrevAgreeWithStdMap) {
+  oru::Map<int, int> m;
+  std::map<int, int> ref;
+  std::mt19937 random(3);
+  for (int step = 0; step < 2000; ++step) {
+    const int key = static_cast<int>(random() % 300);
+    if (random() % 3 == 0) {
+      m.erase(key);
+      ref.erase(key);
+    } else if (m.insert(key, step) != m.end()) {
+      ref.emplace(key, step);
+    }
+    const int probe = static_cast<int>(random() % 310) - 5;
+    auto lb = m.lower_bound(probe);
+    auto want = ref.lower_bound(probe);
+    ASSERT_EQ(lb == m.end(), want == ref.end());
+    if (want != ref.end()) {
+      ASSERT_EQ(lb->first, want->first);
+    }
+    if (step % 100 == 0) {
+      std::vector<int> down;
+      for (auto it = m.last(); it != m.end(); it = m.prev(it)) {
+        down.push_back(it->first);
+      }
+      std::vector<int> expected;
+      for (auto it = ref.rbegin(); it != ref.rend(); ++it) {
+        expected.push_back(it->first);
+      }
+      ASSERT_EQ(down, expected);
+    }
+  }
+}
+
+// A value that cannot be copied is built in its node.
+TEST_F(MapTest, TryEmplaceBuildsValuesInPlace) {
+  struct Pinned {
+    Pinned() = default;
+    explicit Pinned(int v) : value(v) {}
+    Pinned(const Pinned &) = delete;
+    int value = 7;
+  };
+  oru::Map<int, Pinned> m;
+  ASSERT_NE(m.try_emplace(1), m.end());
+  ASSERT_NE(m.try_emplace(2, 9), m.end());
+  EXPECT_EQ(m.try_emplace(2, 5), m.end());
+  EXPECT_EQ(m.find(1)->second.value, 7);
+  EXPECT_EQ(m.find(2)->second.value, 9);
+  kest_test::FailNthAllocation(1);
+  EXPECT_EQ(m.try_emplace(3), m.end());
+  EXPECT_EQ(m.size(), 2u);
 }
 
 } // namespace
