@@ -241,8 +241,11 @@ TEST_F(RuleExpiryTest, SyncedUseReachesAnotherThreadAtItsIdlePass) {
   const uint32_t event = oru::SyncEventQueue::RegisterEvent("test.rule_used");
   ASSERT_NE(event, 0u);
   const oru::IpAddr low = oru::IpAddr::FromV4(0x0A000001), high = oru::IpAddr::FromV4(0x0A0000FF);
-  auto add = [&](ThreadStore &t, uint16_t port, oru::IpPortRuleStore::ExpiryType type) {
-    return t.store.AddRule(6, x->Callback(), port, low, high, 10, type, false);
+  // Inspectors belong to one thread, like their stores: each thread has its
+  // own, and the other thread's store finds its rule by spec and method.
+  auto add = [&](ThreadStore &t, ScriptedInspector &by, uint16_t port,
+                 oru::IpPortRuleStore::ExpiryType type) {
+    return t.store.AddRule(6, by.Callback(), port, low, high, 10, type, false);
   };
 
   std::barrier step(2);
@@ -252,9 +255,10 @@ TEST_F(RuleExpiryTest, SyncedUseReachesAnotherThreadAtItsIdlePass) {
     oru::Runtime::l_instance_id = h;
     kest_clock_set(h, 100999);
     {
+      oru::fdt::intrusive_ptr<ScriptedInspector> y(ScriptedInspector::Make("Y", &other_log));
       ThreadStore mine(event);
-      EXPECT_TRUE(add(mine, 80, ListStore::EXPIRY_SYNCED));
-      EXPECT_TRUE(add(mine, 81, ListStore::EXPIRY_SYNCED));
+      EXPECT_TRUE(add(mine, *y, 80, ListStore::EXPIRY_SYNCED));
+      EXPECT_TRUE(add(mine, *y, 81, ListStore::EXPIRY_SYNCED));
       before = mine.Bucket(110);
       step.arrive_and_wait(); // the first thread finds its rule
       step.arrive_and_wait();
@@ -266,8 +270,8 @@ TEST_F(RuleExpiryTest, SyncedUseReachesAnotherThreadAtItsIdlePass) {
   });
 
   ThreadStore mine(event);
-  ASSERT_TRUE(add(mine, 80, ListStore::EXPIRY_SYNCED));
-  ASSERT_TRUE(add(mine, 81, ListStore::EXPIRY_LOCAL));
+  ASSERT_TRUE(add(mine, *x, 80, ListStore::EXPIRY_SYNCED));
+  ASSERT_TRUE(add(mine, *x, 81, ListStore::EXPIRY_LOCAL));
   step.arrive_and_wait();
   Enter();
   mine.store.SetupInspection(oru::IpAddr::FromV4(0x0A000005), oru::IpAddr::FromV4(0x0B000001), 80,
