@@ -39,7 +39,10 @@ AttributeMgr::FamilyMap::iterator CoveringFamily(const char *name) {
   for (const char *dot = kest_strchr(name, '.'); dot != nullptr; dot = kest_strchr(dot + 1, '.')) {
     const AttributeLess::Span part{name, static_cast<size_t>(dot - name) + 1};
     auto found = families.find(part);
-    if (found != families.end()) {
+    // The map's order makes a short dotted prefix ("t.") equal to every
+    // longer family under it ("t.request.header."): only a family that is
+    // this very prefix covers the name.
+    if (found != families.end() && found->first.size() == part.length) {
       return found;
     }
   }
@@ -69,8 +72,31 @@ void UpdateTrie(const fdt::string &name, int old_id, int new_id, void *user) {
   if (new_id != 0) {
     // Without memory the name is lost to this trie.
     names->add(member, new_id);
-  } else {
-    names->remove(member, old_id);
+    return;
+  }
+  // The trie's removal destroys the deepest node of the name's path when it
+  // has no children, and leaves its parent's vector pointing at it: find
+  // that entry first and take it out after, so that no look-up meets it.
+  AttributeMgr::NameTrie *parent = nullptr;
+  AttributeMgr::NameTrie *deepest = names;
+  for (const char *c = member; *c != '\0'; ++c) {
+    AttributeMgr::NameTrie *next = deepest->child(*c);
+    if (next == nullptr) {
+      break;
+    }
+    parent = deepest;
+    deepest = next;
+  }
+  const bool goes = parent != nullptr && deepest->children().empty();
+  names->remove(member, old_id);
+  if (goes) {
+    AttributeMgr::NameTrie::child_vector &children = parent->children();
+    for (auto it = children.begin(); it != children.end(); ++it) {
+      if (*it == deepest) {
+        children.erase(it);
+        break;
+      }
+    }
   }
 }
 
@@ -175,8 +201,9 @@ bool AttributeMgr::ValidateAttribute(const fdt::string &key, const fdt::string &
   SpinGuard guard(s_attribute_lock[row]);
   FamilyMap &families = s_families[row];
   for (const char *dot = kest_strchr(text, '.'); dot != nullptr; dot = kest_strchr(dot + 1, '.')) {
-    auto found = families.find(AttributeLess::Span{text, static_cast<size_t>(dot - text) + 1});
-    if (found != families.end() && !found->second(name)) {
+    const size_t length = static_cast<size_t>(dot - text) + 1;
+    auto found = families.find(AttributeLess::Span{text, length});
+    if (found != families.end() && found->first.size() == length && !found->second(name)) {
       return false;
     }
   }

@@ -1,0 +1,372 @@
+// The message inspector on the TCP decoder in-process: whole transactions,
+// bodies by length, chunks and close, interim responses, pipelining, header
+// attributes, and the same events whatever the packet boundaries.
+#include "tests/attributes/AttributeTestSupport.h"
+#include "tests/decoders/DecoderTestSupport.h"
+#include "tests/rules/InspectorTestSupport.h"
+
+#include <kest/WebDpi.h>
+
+#include <map>
+#include <random>
+
+namespace {
+
+using kest_test::g_deliveries;
+using Log = std::vector<std::string>;
+
+std::string Text(const oru::FlowString &s) {
+  std::string out;
+  for (uint32_t i = 0; i < s.length; ++i) {
+    out += s.flow->At(s.pos + i);
+  }
+  return out;
+}
+
+// An HTTP-shaped protocol: what the tests see of the machine goes to a log.
+class TestWeb : public oru::WebDpi {
+public:
+  TestWeb(const oru::WebMethodTable *methods, oru::KeyValueRuleStore *rules,
+          oru::WebAttributes *attributes, Log *log, uint32_t proto)
+      : WebDpi(methods, rules, attributes), m_log(log), m_proto(proto) {}
+
+  const char *GetProtocolWord() override { return "HTTP"; }
+  uint32_t GetProtocol() override { return m_proto; }
+  bool Pipelining() override { return pipelining; }
+  bool HasMessageBody(oru::WebHeader &header) override {
+    if (header.m_type == oru::WebLine::LINE_RESPONSE) {
+      const std::string code = Text(header.m_second);
+      return code[0] != '1' && code != "204" && code != "304";
+    }
+    for (const oru::KeyValueRecord &r : header.m_records) {
+      for (const char *name : {"Content-Length", "Transfer-Encoding"}) {
+        if (header.m_flow->CaseCompare(r.key_start, name, static_cast<unsigned>(strlen(name))) ==
+            0) {
+          return true;
+        }
+      }
+    }
+    return false;
+  }
+  bool OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) override {
+    m_log->push_back(Text(header.m_first) + " " + Text(header.m_second) + " " +
+                     Text(header.m_third));
+    conn->PushProtocol(m_proto);
+    return true;
+  }
+  bool OnTransactionDone(oru::fdt::intrusive_ptr<oru::Conn> &) override {
+    m_log->push_back("done");
+    return true;
+  }
+
+  bool pipelining = false;
+
+private:
+  Log *m_log;
+  uint32_t m_proto;
+};
+
+class WebDpiTest : public kest_test::DecoderFixture {
+protected:
+  void SetUp() override {
+    DecoderFixture::SetUp();
+    g_deliveries.clear();
+    methods.push_back(oru::WebMethod{"GET", 3});
+    methods.push_back(oru::WebMethod{"POST", 4});
+    methods.push_back(oru::WebMethod{"HEAD", 4});
+    // Names are made while an instance opens, before any thread listens; made
+    // later, their creation must reach this thread before it registers.
+    ASSERT_TRUE(oru::WebAttributes::InitInstance("t"));
+    kest_idle(h);
+    Enter();
+    attributes.Initialize("t");
+    proto = oru::GetProtocolId("TCP");
+  }
+  void TearDown() override {
+    Enter();
+    for (const char *name : subscribed) {
+      kest_attr_callback_set(h, name, nullptr);
+    }
+    kest_idle(h);
+    Enter();
+    web.reset();
+    attributes.ExitThread("t");
+    methods.clear();
+    DecoderFixture::TearDown();
+  }
+  // A connection to port 80 with a fresh inspector on its chain.
+  oru::Conn *Connect(oru::KeyValueRuleStore *rules = nullptr) {
+    web = oru::fdt::CreateObject<TestWeb>(oru::fdt::OBJECT_LOCAL, &methods, rules, &attributes,
+                                          &log, static_cast<uint32_t>(proto));
+    oru::IpPortRuleStore &store = kTcp.Table()->Rules();
+    EXPECT_TRUE(store.AddRule(6, oru::InspectorCallback(web.get()), 80, {}, {}, 0,
+                              oru::IpPortRuleStore::EXPIRY_LOCAL, false));
+    oru::Conn *conn = Create(6);
+    store.RemoveRuleFast(6, oru::InspectorCallback(web.get()), 80, {}, {});
+    return conn;
+  }
+  void Subscribe(const char *name) {
+    ASSERT_EQ(kest_attr_callback_set(h, name, kest_test::RecordingListener), 0);
+    subscribed.push_back(name);
+    kest_idle(h);
+    Enter();
+  }
+  // Delivered values as "key=value", pieces of one value joined.
+  Log Values() {
+    Log out;
+    std::string joined;
+    for (const kest_test::Delivery &d : g_deliveries) {
+      joined += d.value;
+      if ((d.packed & 1) == 0) {
+        char name[64];
+        out.push_back(std::to_string(d.key) + "=" + joined);
+        (void)name;
+        joined.clear();
+      }
+    }
+    return out;
+  }
+
+  oru::WebMethodTable methods;
+  oru::WebAttributes attributes;
+  oru::fdt::intrusive_ptr<TestWeb> web;
+  Log log;
+  int proto = 0;
+  std::vector<const char *> subscribed;
+};
+
+// The stated message sequences, one packet per step.
+TEST_F(WebDpiTest, Transactions) {
+  struct Step {
+    int side;
+    std::string bytes;
+  };
+  struct Scenario {
+    const char *name;
+    bool pipelining;
+    std::vector<Step> steps;
+    Log log;
+    size_t open[2]; // transactions left by side
+  } scenarios[] = {
+      {"request and response",
+       false,
+       {{0, "GET /a HTTP/1.1\r\nHost: x\r\n\r\n"},
+        {1, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"}},
+       {"GET /a HTTP/1.1", "HTTP/1.1 200 OK", "done"},
+       {0, 0}},
+      {"interim response",
+       false,
+       {{0, "POST /u HTTP/1.1\r\nContent-Length: 0\r\n\r\n"},
+        {1, "HTTP/1.1 100 Continue\r\n\r\n"},
+        {1, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"}},
+       {"POST /u HTTP/1.1", "HTTP/1.1 100 Continue", "HTTP/1.1 200 OK", "done"},
+       {0, 0}},
+      {"a new request replaces the unanswered one",
+       false,
+       {{0, "GET /1 HTTP/1.1\r\n\r\n"}, {0, "GET /2 HTTP/1.1\r\n\r\n"}},
+       {"GET /1 HTTP/1.1", "GET /2 HTTP/1.1"},
+       {1, 0}},
+      {"pipelined requests, answered in order",
+       true,
+       {{0, "GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n"},
+        {1, "HTTP/1.1 204 No\r\n\r\nHTTP/1.1 304 Same\r\n\r\n"}},
+       {"GET /1 HTTP/1.1", "GET /2 HTTP/1.1", "HTTP/1.1 204 No", "done", "HTTP/1.1 304 Same",
+        "done"},
+       {0, 0}},
+      {"chunked with extension and trailer, then the next response",
+       true,
+       {{0, "GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n"},
+        {1, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5;ext=1\r\nhello\r\n0\r\nX: "
+            "y\r\n\r\n"
+            "HTTP/1.1 204 No\r\n\r\n"}},
+       {"GET /1 HTTP/1.1", "GET /2 HTTP/1.1", "HTTP/1.1 200 OK", "done", "HTTP/1.1 204 No", "done"},
+       {0, 0}},
+      {"a response without a request gives up",
+       false,
+       {{1, "HTTP/1.1 200 OK\r\n\r\n"}, {0, "GET / HTTP/1.1\r\n\r\n"}},
+       {},
+       {0, 0}},
+  };
+  for (const Scenario &s : scenarios) {
+    SCOPED_TRACE(s.name);
+    log.clear();
+    oru::Conn *conn = Connect();
+    web->pipelining = s.pipelining;
+    for (const Step &step : s.steps) {
+      Classify(conn, step.side, step.bytes);
+    }
+    EXPECT_EQ(log, s.log);
+    EXPECT_EQ(web->m_transactions[0].size(), s.open[0]);
+    EXPECT_EQ(web->m_transactions[1].size(), s.open[1]);
+    kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+  }
+}
+
+// Chunk sizes read in unsigned arithmetic: "ffffffff" is negative and gives
+// up, "100000000" wraps to 0 and ends the body; "g" is no size at all.
+TEST_F(WebDpiTest, ChunkSizes) {
+  struct Row {
+    const char *size_line;
+    bool abandoned;
+  } rows[] = {{"ffffffff\r\n", true}, {"g\r\n", true}, {"100000000\r\n\r\n", false}};
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.size_line);
+    log.clear();
+    oru::Conn *conn = Connect();
+    Classify(conn, 0, "GET / HTTP/1.1\r\n\r\n");
+    Classify(conn, 1,
+             std::string("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n") + row.size_line);
+    EXPECT_EQ(log.back() == "done", !row.abandoned);
+    kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+  }
+}
+
+// Attributes: the head, the parts of the first line, a field by name in any
+// case, and bodies in pieces that say whether more follows.
+TEST_F(WebDpiTest, AttributesComeStraightFromTheBlocks) {
+  for (const char *name : {"t.request.uri", "t.request.header.Host", "t.response.body",
+                           "t.response.code", "t.request.header"}) {
+    Subscribe(name);
+  }
+  const int uri = kest_attr_key_get(h, "t.request.uri");
+  const int host = kest_attr_key_get(h, "t.request.header.Host");
+  const int body = kest_attr_key_get(h, "t.response.body");
+  const int code = kest_attr_key_get(h, "t.response.code");
+  const int head = kest_attr_key_get(h, "t.request.header");
+  oru::Conn *conn = Connect();
+  Classify(conn, 0, "GET /x HTTP/1.1\r\nhOsT: ex");
+  Classify(conn, 0, "ample\r\nHostname: no\r\n\r\n");
+  Classify(conn, 1, "HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\nabc");
+  Classify(conn, 1, "de");
+  Classify(conn, 1, "fg");
+  const auto K = [](int id) { return std::to_string(id) + "="; };
+  EXPECT_EQ(Values(),
+            (Log{K(head) + "GET /x HTTP/1.1\r\nhOsT: example\r\nHostname: no\r\n\r\n",
+                 K(uri) + "/x", K(host) + "example", K(code) + "200", K(body) + "abcdefg"}));
+  // The host value spans two blocks: two pieces, the first marked.
+  int host_pieces = 0;
+  for (const auto &d : g_deliveries) {
+    host_pieces += d.key == host;
+  }
+  EXPECT_EQ(host_pieces, 2);
+  // Bit 16 keeps the connection under inspection; an attached inspector's
+  // 128 then becomes 144, which is not INSPECT_ABANDON.
+  EXPECT_EQ(web->m_result, 16u);
+  kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+}
+
+// Subscribing to a field, dropping it, then a message: the family's trie
+// keeps no stale child for the message to read (ASan watches), and the field
+// can be subscribed to again.
+TEST_F(WebDpiTest, UnsubscribedFieldLeavesNoStaleTrieEntry) {
+  Subscribe("t.request.header.Host");
+  ASSERT_EQ(kest_attr_callback_set(h, "t.request.header.Host", nullptr), 0);
+  kest_idle(h);
+  Enter();
+  oru::Conn *conn = Connect();
+  Classify(conn, 0, "GET / HTTP/1.1\r\nHost: a\r\n\r\n");
+  EXPECT_TRUE(g_deliveries.empty());
+  Subscribe("t.request.header.Host");
+  Classify(conn, 0, "GET / HTTP/1.1\r\nHost: b\r\n\r\n");
+  ASSERT_EQ(g_deliveries.size(), 1u);
+  EXPECT_EQ(g_deliveries[0].value, "b");
+  kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+}
+
+// A header line picks an inspector through the key/value rules; its answer
+// 128 gives the connection up, unless attributes are subscribed: bit 16 then
+// makes it 144, which is not INSPECT_ABANDON, and inspection goes on.
+TEST_F(WebDpiTest, AttachedInspectorGivesUpUnlessAttributesAreOn) {
+  kest_test::Log attached_log;
+  for (bool attributes_on : {false, true}) {
+    SCOPED_TRACE(attributes_on);
+    if (attributes_on) {
+      Subscribe("t.response.code");
+    }
+    oru::KeyValueRuleStore rules("web");
+    oru::fdt::intrusive_ptr<kest_test::ScriptedInspector> evil(
+        kest_test::ScriptedInspector::Make("evil", &attached_log, oru::INSPECT_ABANDON));
+    ASSERT_TRUE(rules.AddRule(oru::KeyValueSpec::string("Host"), oru::KeyValueSpec::string("evil"),
+                              evil->Callback(), true, 0, oru::KeyValueRuleStore::EXPIRY_LOCAL));
+    log.clear();
+    oru::Conn *conn = Connect(&rules);
+    Classify(conn, 0, "GET / HTTP/1.1\r\nHost: evil\r\n\r\n");
+    EXPECT_EQ(web->m_result, attributes_on ? 144u : 128u);
+    Classify(conn, 1, "HTTP/1.1 204 No\r\n\r\n");
+    EXPECT_EQ(log.back(), attributes_on ? "done" : "GET / HTTP/1.1");
+    kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+    web.reset();
+  }
+  EXPECT_EQ(attached_log, (kest_test::Log{"evil", "evil~", "evil", "evil~"}));
+}
+
+TEST_F(WebDpiTest, ValidatorNamesAField) {
+  struct Row {
+    const char *key;
+    bool ok;
+  } rows[] = {{"t.request.header.X-Ok", true},  {"t.response.header.X-Ok", true},
+              {"t.request.header.", false},     {"t.request.header.A b", false},
+              {"t.response.header.a:b", false}, {"t.request.header.\x7f", false}};
+  for (const Row &row : rows) {
+    EXPECT_EQ(oru::WebAttributes::AttributeValidator(kest_test::Name(row.key)), row.ok) << row.key;
+  }
+}
+
+// Whole messages or any split of them: the same messages, the same bodies,
+// the same transactions closed.
+TEST_F(WebDpiTest, SplitInvariance) {
+  Subscribe("t.request.body");
+  Subscribe("t.response.body");
+  std::mt19937 random(21);
+  for (int round = 0; round < 40; ++round) {
+    std::vector<std::pair<int, std::string>> messages;
+    for (int i = 0; i < 3; ++i) {
+      const std::string data(random() % 20, static_cast<char>('a' + random() % 26));
+      std::string request = "POST /" + std::to_string(i) + " HTTP/1.1\r\nHost: h\r\n";
+      request += random() % 2 ? "Content-Length: " + std::to_string(data.size()) + "\r\n\r\n" + data
+                              : "\r\n";
+      messages.emplace_back(0, request);
+      std::string response = "HTTP/1.1 200 OK\r\n";
+      if (random() % 2) {
+        response += "Content-Length: " + std::to_string(data.size()) + "\r\n\r\n" + data;
+      } else {
+        char size[16];
+        snprintf(size, sizeof size, "%zx", data.size());
+        response += "Transfer-Encoding: chunked\r\n\r\n";
+        response += data.empty() ? "" : std::string(size) + "\r\n" + data + "\r\n";
+        response += "0\r\n\r\n";
+      }
+      messages.emplace_back(1, response);
+    }
+    Log outcome[2];
+    for (int split = 0; split < 2; ++split) {
+      log.clear();
+      g_deliveries.clear();
+      oru::Conn *conn = Connect();
+      for (const auto &[side, text] : messages) {
+        for (size_t at = 0; at < text.size();) {
+          const size_t n =
+              split == 0 ? text.size() : std::min<size_t>(1 + random() % 9, text.size() - at);
+          Classify(conn, side, text.substr(at, n));
+          at += n;
+        }
+      }
+      // Body bytes by attribute; where a value's pieces end is not part of
+      // the property (a chunk's closing notice depends on the packet its
+      // size line came in).
+      outcome[split] = log;
+      std::map<int, std::string> bodies;
+      for (const kest_test::Delivery &d : g_deliveries) {
+        bodies[d.key] += d.value;
+      }
+      for (const auto &[key, bytes] : bodies) {
+        outcome[split].push_back(std::to_string(key) + "=" + bytes);
+      }
+      kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+    }
+    ASSERT_EQ(outcome[1], outcome[0]) << "round " << round;
+    EXPECT_EQ(std::count(outcome[0].begin(), outcome[0].end(), "done"), 3);
+  }
+}
+
+} // namespace
