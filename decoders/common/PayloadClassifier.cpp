@@ -80,28 +80,20 @@ unsigned int PayloadClassifier::HandoffCallback(oru::PktInfo &pkt, oru::Tuple &t
     return oru::INSPECT_NOTHING;
   }
   const unsigned char side = SideOf(*own);
-  oru::InspectorCallback callback = own->m_callback[side];
+  const oru::InspectorCallback callback = own->m_callback[side];
   own->m_callback[side] = oru::InspectorCallback();
   own->m_event[side] = oru::Inspector::EVENT_NONE;
   if (callback.object.get() == nullptr) {
-    callback = own->m_resume;
-  }
-  if (callback.object.get() == nullptr) {
     return oru::INSPECT_NOTHING;
   }
-  const unsigned int result = callback.Call(this, pkt, tuple, conn);
-  if (result == oru::INSPECT_ABANDON) {
-    own->m_resume = oru::InspectorCallback();
-  }
-  return result;
+  return callback.Call(this, pkt, tuple, conn);
 }
 
 bool PayloadClassifier::IsTimeToCallback(oru::PktInfo & /*pkt*/, oru::Tuple & /*tuple*/,
                                          oru::fdt::intrusive_ptr<oru::Conn> &conn,
                                          unsigned int & /*result*/) {
   TransportConn *own = TransportConn::Of(conn.get());
-  return own != nullptr && (own->m_event[SideOf(*own)] != oru::Inspector::EVENT_NONE ||
-                            own->m_resume.object.get() != nullptr);
+  return own != nullptr && own->m_event[SideOf(*own)] != oru::Inspector::EVENT_NONE;
 }
 
 void PayloadClassifier::RegisterCallback(oru::fdt::intrusive_ptr<oru::Conn> &conn,
@@ -112,11 +104,6 @@ void PayloadClassifier::RegisterCallback(oru::fdt::intrusive_ptr<oru::Conn> &con
     return;
   }
   const unsigned char index = side != 0 ? 1 : 0;
-  if (event == oru::Inspector::EVENT_NONE) {
-    own->m_resume = oru::InspectorCallback();
-  } else if (callback.object.get() != nullptr) {
-    own->m_resume = oru::InspectorCallback(callback.object.get());
-  }
   own->m_callback[index] = callback;
   own->m_event[index] = event;
 }

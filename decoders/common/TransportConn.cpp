@@ -39,7 +39,6 @@ void TransportConn::EndInspection() {
     m_callback[side] = oru::InspectorCallback();
     m_event[side] = oru::Inspector::EVENT_NONE;
   }
-  m_resume = oru::InspectorCallback();
 }
 
 } // namespace kest_decoders

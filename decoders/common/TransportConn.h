@@ -8,11 +8,6 @@
 //    (ParentDpi::Handoff), and entries leave it as they finish.
 //  - m_callback/m_event hold what an inspector registered with the
 //    transport as its parent, one per side, for when the chain is empty.
-//  - m_resume is the inspector that keeps its place through registrations
-//    (a message inspector, say): the last one that registered a callback.
-//    A side that has no registration of its own goes to its Inspect, so the
-//    first packet of the other side reaches it too. It is let go when it
-//    gives up (INSPECT_ABANDON) or clears a registration.
 // The table drains both when it lets the connection go (each chain entry
 // then gets OnChainExit); the destructor releases whatever a later holder
 // left, without calling anyone.
@@ -55,8 +50,8 @@ public:
   void *GetInterface(oru::InterfaceId id) override;
   uint8_t Protocol() const override { return m_tuple.protocol; }
 
-  // Lets go of the chain (OnChainExit for each entry), of both registered
-  // callbacks and of the resuming inspector.
+  // Lets go of the chain (OnChainExit for each entry) and of both
+  // registered callbacks.
   void EndInspection();
 
   // Links of the owning table's list; null while the connection is in none.
@@ -66,7 +61,6 @@ public:
   oru::InspectorChain m_chain;
   oru::InspectorCallback m_callback[2];
   uint32_t m_event[2];
-  oru::InspectorCallback m_resume;
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

@@ -6,6 +6,7 @@
 #include "tests/rules/InspectorTestSupport.h"
 
 #include <kest/WebDpi.h>
+#include <kest/WebDpiLauncher.h>
 
 #include <map>
 #include <random>
@@ -94,15 +95,35 @@ protected:
     methods.clear();
     DecoderFixture::TearDown();
   }
-  // A connection to port 80 with a fresh inspector on its chain.
-  oru::Conn *Connect(oru::KeyValueRuleStore *rules = nullptr) {
-    web = oru::fdt::CreateObject<TestWeb>(oru::fdt::OBJECT_LOCAL, &methods, rules, &attributes,
-                                          &log, static_cast<uint32_t>(proto));
+  // One WebDpi per connection, made by the launcher on its first packet; the
+  // test keeps the latest.
+  class Launcher : public oru::WebDpiLauncher {
+  public:
+    explicit Launcher(WebDpiTest *test) : m_test(test) {}
+    oru::WebDpi *MakeInspector(oru::fdt::intrusive_ptr<oru::Conn> &) override {
+      WebDpiTest &t = *m_test;
+      t.web =
+          oru::fdt::CreateObject<TestWeb>(oru::fdt::OBJECT_LOCAL, &t.methods, t.rules,
+                                          &t.attributes, &t.log, static_cast<uint32_t>(t.proto));
+      if (t.web) {
+        t.web->pipelining = t.pipelining;
+      }
+      return t.web.get();
+    }
+
+  private:
+    WebDpiTest *m_test;
+  };
+  // A connection to port 80 with the launcher on its chain.
+  oru::Conn *Connect(oru::KeyValueRuleStore *with_rules = nullptr) {
+    rules = with_rules;
+    oru::fdt::intrusive_ptr<Launcher> launcher(
+        oru::fdt::CreateObject<Launcher>(oru::fdt::OBJECT_LOCAL, this));
     oru::IpPortRuleStore &store = kTcp.Table()->Rules();
-    EXPECT_TRUE(store.AddRule(6, oru::InspectorCallback(web.get()), 80, {}, {}, 0,
+    EXPECT_TRUE(store.AddRule(6, oru::InspectorCallback(launcher.get()), 80, {}, {}, 0,
                               oru::IpPortRuleStore::EXPIRY_LOCAL, false));
     oru::Conn *conn = Create(6);
-    store.RemoveRuleFast(6, oru::InspectorCallback(web.get()), 80, {}, {});
+    store.RemoveRuleFast(6, oru::InspectorCallback(launcher.get()), 80, {}, {});
     return conn;
   }
   void Subscribe(const char *name) {
@@ -133,6 +154,8 @@ protected:
   Log log;
   int proto = 0;
   std::vector<const char *> subscribed;
+  oru::KeyValueRuleStore *rules = nullptr;
+  bool pipelining = false;
 };
 
 // The stated message sequences, one packet per step.
@@ -190,8 +213,8 @@ TEST_F(WebDpiTest, Transactions) {
   for (const Scenario &s : scenarios) {
     SCOPED_TRACE(s.name);
     log.clear();
+    pipelining = s.pipelining;
     oru::Conn *conn = Connect();
-    web->pipelining = s.pipelining;
     for (const Step &step : s.steps) {
       Classify(conn, step.side, step.bytes);
     }
@@ -249,9 +272,9 @@ TEST_F(WebDpiTest, AttributesComeStraightFromTheBlocks) {
     host_pieces += d.key == host;
   }
   EXPECT_EQ(host_pieces, 2);
-  // Bit 16 keeps the connection under inspection; an attached inspector's
-  // 128 then becomes 144, which is not INSPECT_ABANDON.
-  EXPECT_EQ(web->m_result, 16u);
+  // The launcher's INSPECT_NOTHING, and bit 16, which keeps the connection
+  // under inspection for attributes.
+  EXPECT_EQ(web->m_result, 18u);
   kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
 }
 
@@ -283,13 +306,13 @@ TEST_F(WebDpiTest, AttachedInspectorGivesUpUnlessAttributesAreOn) {
     if (attributes_on) {
       Subscribe("t.response.code");
     }
-    oru::KeyValueRuleStore rules("web");
+    oru::KeyValueRuleStore store("web");
     oru::fdt::intrusive_ptr<kest_test::ScriptedInspector> evil(
         kest_test::ScriptedInspector::Make("evil", &attached_log, oru::INSPECT_ABANDON));
-    ASSERT_TRUE(rules.AddRule(oru::KeyValueSpec::string("Host"), oru::KeyValueSpec::string("evil"),
+    ASSERT_TRUE(store.AddRule(oru::KeyValueSpec::string("Host"), oru::KeyValueSpec::string("evil"),
                               evil->Callback(), true, 0, oru::KeyValueRuleStore::EXPIRY_LOCAL));
     log.clear();
-    oru::Conn *conn = Connect(&rules);
+    oru::Conn *conn = Connect(&store);
     Classify(conn, 0, "GET / HTTP/1.1\r\nHost: evil\r\n\r\n");
     EXPECT_EQ(web->m_result, attributes_on ? 144u : 128u);
     Classify(conn, 1, "HTTP/1.1 204 No\r\n\r\n");
