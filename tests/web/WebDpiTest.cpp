@@ -335,61 +335,171 @@ TEST_F(WebDpiTest, ValidatorNamesAField) {
   }
 }
 
-// Whole messages or any split of them: the same messages, the same bodies,
-// the same transactions closed.
+// Exchanges whose outcome must not depend on where packets end.
+struct Exchange {
+  const char *name;
+  bool pipelining;
+  std::vector<std::pair<int, std::string>> turns; // side, bytes
+};
+
+std::vector<Exchange> Exchanges() {
+  const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                              "5;ext=1\r\nhello\r\n1a\r\nabcdefghijklmnopqrstuvwxyz\r\n"
+                              "0\r\nTrailer: t\r\n\r\n";
+  return {
+      {"pipelined requests, chunked and sized responses",
+       true,
+       {{0, "POST /a HTTP/1.1\r\nHost: one\r\nContent-Length: 5\r\n\r\n12345"
+            "GET /b HTTP/1.1\r\nHost: two\r\n\r\n"},
+        {1, chunked + "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nxyz"}}},
+      {"100-continue",
+       false,
+       {{0, "POST /u HTTP/1.1\r\nHost: h\r\nContent-Length: 4\r\n\r\n"},
+        {1, "HTTP/1.1 100 Continue\r\n\r\n"},
+        {0, "data"},
+        {1, "HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n"}}},
+      {"folded header lines",
+       false,
+       {{0, "GET /f HTTP/1.1\r\nHost: h\r\nX-Long: a\r\n b\r\n\tc\r\n\r\n"},
+        {1, "HTTP/1.1 204 No Content\r\nX-Fold: 1\r\n 2\r\n\r\n"}}},
+      {"both sides send requests",
+       false,
+       {{0, "GET /x HTTP/1.1\r\nHost: a\r\n\r\n"},
+        {1, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"},
+        {1, "POST /y HTTP/1.1\r\nHost: b\r\nContent-Length: 3\r\n\r\nabc"},
+        {0, chunked}}},
+      {"a body to the close",
+       false,
+       {{0, "GET /c HTTP/1.1\r\nHost: c\r\n\r\n"},
+        {1, "HTTP/1.1 200 OK\r\nServer: s\r\n\r\nall the rest of the stream"}}},
+  };
+}
+
+// The one split that the contract lets matter: a folded line's continuation
+// that starts a packet of its own is a line of its own.
+bool FoldStart(const std::string &text, size_t cut) {
+  return cut > 0 && cut < text.size() && text[cut - 1] == '\n' &&
+         (text[cut] == ' ' || text[cut] == '\t') && text.find("\r\n\r\n") > cut;
+}
+
 TEST_F(WebDpiTest, SplitInvariance) {
-  Subscribe("t.request.body");
-  Subscribe("t.response.body");
-  std::mt19937 random(21);
-  for (int round = 0; round < 40; ++round) {
-    std::vector<std::pair<int, std::string>> messages;
-    for (int i = 0; i < 3; ++i) {
-      const std::string data(random() % 20, static_cast<char>('a' + random() % 26));
-      std::string request = "POST /" + std::to_string(i) + " HTTP/1.1\r\nHost: h\r\n";
-      request += random() % 2 ? "Content-Length: " + std::to_string(data.size()) + "\r\n\r\n" + data
-                              : "\r\n";
-      messages.emplace_back(0, request);
-      std::string response = "HTTP/1.1 200 OK\r\n";
-      if (random() % 2) {
-        response += "Content-Length: " + std::to_string(data.size()) + "\r\n\r\n" + data;
-      } else {
-        char size[16];
-        snprintf(size, sizeof size, "%zx", data.size());
-        response += "Transfer-Encoding: chunked\r\n\r\n";
-        response += data.empty() ? "" : std::string(size) + "\r\n" + data + "\r\n";
-        response += "0\r\n\r\n";
+  for (const char *name :
+       {"t.request.header", "t.request.uri", "t.request.header.Host", "t.response.code",
+        "t.request.body", "t.response.body", "t.response.header.X-Fold"}) {
+    Subscribe(name);
+  }
+  const int bodies[] = {kest_attr_key_get(h, "t.request.body"),
+                        kest_attr_key_get(h, "t.response.body")};
+  kest_test::Log handoffs;
+  oru::KeyValueRuleStore store("web");
+  oru::fdt::intrusive_ptr<kest_test::ScriptedInspector> seen(
+      kest_test::ScriptedInspector::Make("R", &handoffs, oru::INSPECT_FINISHED));
+  ASSERT_TRUE(store.AddRule(oru::KeyValueSpec::string("Host"), oru::KeyValueSpec::string("*"),
+                            seen->Callback(), true, 0, oru::KeyValueRuleStore::EXPIRY_LOCAL));
+  // Runs the exchange with each turn cut at the given points; what it shows.
+  auto run = [&](const Exchange &x, const std::vector<std::vector<size_t>> &cuts) {
+    log.clear();
+    handoffs.clear();
+    g_deliveries.clear();
+    pipelining = x.pipelining;
+    oru::Conn *conn = Connect(&store);
+    for (size_t t = 0; t < x.turns.size(); ++t) {
+      const std::string &text = x.turns[t].second;
+      size_t from = 0;
+      for (size_t cut : cuts[t]) {
+        Classify(conn, x.turns[t].first, text.substr(from, cut - from));
+        from = cut;
       }
-      messages.emplace_back(1, response);
+      Classify(conn, x.turns[t].first, text.substr(from));
     }
-    Log outcome[2];
-    for (int split = 0; split < 2; ++split) {
-      log.clear();
-      g_deliveries.clear();
-      oru::Conn *conn = Connect();
-      for (const auto &[side, text] : messages) {
-        for (size_t at = 0; at < text.size();) {
-          const size_t n =
-              split == 0 ? text.size() : std::min<size_t>(1 + random() % 9, text.size() - at);
-          Classify(conn, side, text.substr(at, n));
-          at += n;
+    // Values joined piece by piece; bodies as one run of bytes each, since
+    // where a chunked body's pieces end depends on the packets.
+    Log out = log;
+    out.push_back("handoffs " + std::to_string(handoffs.size()));
+    std::map<int, std::string> body_bytes;
+    std::string value;
+    for (const kest_test::Delivery &d : g_deliveries) {
+      if (d.key == bodies[0] || d.key == bodies[1]) {
+        body_bytes[d.key] += d.value;
+        continue;
+      }
+      value += d.value;
+      if ((d.packed & 1) == 0) {
+        out.push_back(std::to_string(d.key) + "=" + value);
+        value.clear();
+      }
+    }
+    for (const auto &[key, bytes] : body_bytes) {
+      out.push_back(std::to_string(key) + "=" + bytes);
+    }
+    out.push_back("open " + std::to_string(web->m_transactions[0].size()) + "/" +
+                  std::to_string(web->m_transactions[1].size()) + " result " +
+                  std::to_string(web->m_result));
+    kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+    return out;
+  };
+  std::mt19937 random(21);
+  for (const Exchange &x : Exchanges()) {
+    SCOPED_TRACE(x.name);
+    const std::vector<std::vector<size_t>> whole(x.turns.size());
+    const Log expected = run(x, whole);
+    // Every single cut point of every turn.
+    for (size_t t = 0; t < x.turns.size(); ++t) {
+      const std::string &text = x.turns[t].second;
+      for (size_t cut = 1; cut < text.size(); ++cut) {
+        if (FoldStart(text, cut)) {
+          continue;
+        }
+        std::vector<std::vector<size_t>> cuts(x.turns.size());
+        cuts[t] = {cut};
+        ASSERT_EQ(run(x, cuts), expected) << "turn " << t << " cut at " << cut;
+      }
+    }
+    // Random cuts everywhere.
+    for (int round = 0; round < 300; ++round) {
+      std::vector<std::vector<size_t>> cuts(x.turns.size());
+      for (size_t t = 0; t < x.turns.size(); ++t) {
+        const std::string &text = x.turns[t].second;
+        for (size_t at = 1 + random() % 8; at < text.size(); at += 1 + random() % 8) {
+          if (!FoldStart(text, at)) {
+            cuts[t].push_back(at);
+          }
         }
       }
-      // Body bytes by attribute; where a value's pieces end is not part of
-      // the property (a chunk's closing notice depends on the packet its
-      // size line came in).
-      outcome[split] = log;
-      std::map<int, std::string> bodies;
-      for (const kest_test::Delivery &d : g_deliveries) {
-        bodies[d.key] += d.value;
-      }
-      for (const auto &[key, bytes] : bodies) {
-        outcome[split].push_back(std::to_string(key) + "=" + bytes);
-      }
-      kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+      ASSERT_EQ(run(x, cuts), expected) << "round " << round;
     }
-    ASSERT_EQ(outcome[1], outcome[0]) << "round " << round;
-    EXPECT_EQ(std::count(outcome[0].begin(), outcome[0].end(), "done"), 3);
+    EXPECT_GT(expected.size(), 4u); // messages, hand-offs, values and the end state
   }
+}
+
+// Any allocation while messages are inspected may fail: no crash, nothing
+// kept, and the message inspector gives the connection up or goes on.
+TEST_F(WebDpiTest, FailingAllocations) {
+  Subscribe("t.request.header.Host");
+  const Exchange x = Exchanges()[0];
+  bool completed = false;
+  for (long n = 1; !completed && n < 2000; ++n) {
+    SCOPED_TRACE(n);
+    log.clear();
+    pipelining = x.pipelining;
+    const long live = kest_test::LiveBlocks(kest_test::Heap::Local);
+    oru::Conn *conn = Connect();
+    kest_test::ResetCounts();
+    kest_test::FailNthAllocation(n);
+    for (const auto &[side, text] : x.turns) {
+      for (size_t at = 0; at < text.size(); at += 40) {
+        Classify(conn, side, text.substr(at, 40));
+      }
+    }
+    kest_test::FailNthAllocation(0);
+    // Done once the run made fewer allocations than the one to fail.
+    completed = kest_test::AllocationCount() < n;
+    kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
+    web.reset();
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), live);
+  }
+  EXPECT_EQ(std::count(log.begin(), log.end(), "done"), 2);
+  EXPECT_TRUE(completed);
 }
 
 } // namespace
