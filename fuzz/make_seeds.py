@@ -76,6 +76,26 @@ SEEDS = {
         "key_value": b"  Host = example.com  ",
         "empty_value": b"key=   ",
     },
+    # Web inputs: a leading option byte, then (side byte and) length-prefixed
+    # pieces.
+    "key_value_header": {
+        "folded": b"\x01" + run("a: b\r\n c\r\nHost: x") + run("\r\n\r\n"),
+        "bare_newlines": b"\x00" + run("k=v\nno separator\n"),
+    },
+    "web_line": {
+        "request": b"\x00" + run("GET / HT") + run("TP/1.1\r\n"),
+        "response": b"\x01" + run("\r\nHTTP/1.1 200 OK\r\n"),
+        "prefix_method": b"\x00" + run("GETX /a HTTP/1.1\n"),
+    },
+    "web_dpi": {
+        "exchange": b"\x00" + b"\x00" + run("SAY /hi CHAT/1.0\r\nNick: bob\r\n\r\n")
+        + b"\x01" + run("CHAT/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5;x\r\nhello\r\n")
+        + b"\x01" + run("0\r\nT: 1\r\n\r\n"),
+        "interim_and_close": b"\x00" + b"\x00" + run("ASK /q CHAT/1.0\r\nContent-Length: 2\r\n\r\nab")
+        + b"\x01" + run("CHAT/1.0 100 Wait\r\n\r\nCHAT/1.0 200 OK\r\n\r\nto the close"),
+        "failing": b"\xf5\x07" + b"\x00" + run("SAY /x CHAT/1.0\r\nNick: a\r\n\r\n")
+        + b"\x01" + run("CHAT/1.0 204 None\r\n\r\n"),
+    },
 }
 
 for target, seeds in SEEDS.items():

@@ -19,7 +19,7 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$root/build-fuzz" -G Ninja -DCMAKE_BUI
   -DKEST_BUILD_BENCH=OFF >/dev/null
 cmake --build "$root/build-fuzz" -j "$(nproc 2>/dev/null || echo 2)"
 cd "$root/build-fuzz"
-for target in host_api rule_strings; do
+for target in host_api rule_strings key_value_header web_line web_dpi; do
   mkdir -p "corpus/$target"
   echo "fuzzing $target for ${seconds}s"
   "./fuzz/${target}_fuzz" -max_total_time="$seconds" -print_final_stats=1 \
