@@ -1,9 +1,12 @@
-// An instance on the build's decoder plug-ins (tcp.plg and udp.plg, which
+// Shared by the benchmarks. An instance on the build's decoder plug-ins (tcp.plg and udp.plg, which
 // every thread start-up requires), with the calling thread started in it.
 #ifndef KEST_BENCH_BENCHINSTANCE_H
 #define KEST_BENCH_BENCHINSTANCE_H
 
 #include <kest.h>
+#include <kest/Conn.h>
+#include <kest/Inspector.h>
+#include <stdint.h>
 
 namespace kest_bench {
 
@@ -25,6 +28,38 @@ inline void CloseInstance(kest_handle_t h) {
   kest_fini(h);
   kest_close(h);
 }
+
+// Counts the calls of kest_malloc_local while it lives.
+class LocalAllocations {
+public:
+  LocalAllocations() : m_saved(kest_malloc_local) {
+    s_real = kest_malloc_local;
+    s_count = 0;
+    kest_malloc_local = Counting;
+  }
+  ~LocalAllocations() { kest_malloc_local = m_saved; }
+  LocalAllocations(const LocalAllocations &) = delete;
+  LocalAllocations &operator=(const LocalAllocations &) = delete;
+  uint64_t Count() const { return s_count; }
+
+private:
+  static void *Counting(size_t size) {
+    ++s_count;
+    return s_real(size);
+  }
+  void *(*m_saved)(size_t);
+  static inline void *(*s_real)(size_t) = nullptr;
+  static inline uint64_t s_count = 0;
+};
+
+// An inspector that stays on every chain it is put on.
+class Staying : public oru::Inspector {
+public:
+  unsigned int Inspect(oru::ParentDpi *, oru::PktInfo &, oru::Tuple &,
+                       oru::fdt::intrusive_ptr<oru::Conn> &) override {
+    return oru::INSPECT_STAY;
+  }
+};
 
 } // namespace kest_bench
 

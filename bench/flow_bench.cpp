@@ -89,14 +89,6 @@ void BM_FlowCaseCompareHeaderName(benchmark::State &state) {
 }
 BENCHMARK(BM_FlowCaseCompareHeaderName);
 
-class Staying : public oru::Inspector {
-public:
-  unsigned int Inspect(oru::ParentDpi *, oru::PktInfo &, oru::Tuple &,
-                       oru::fdt::intrusive_ptr<oru::Conn> &) override {
-    return oru::INSPECT_STAY;
-  }
-};
-
 // 1,000 rules over 100 header names (exact, prefix and suffix patterns); the
 // look-up of one header line held in a flow, key and value both read there.
 void BM_KeyValueSetupRuleFromFlow(benchmark::State &state) {
@@ -109,10 +101,10 @@ void BM_KeyValueSetupRuleFromFlow(benchmark::State &state) {
   oru::Runtime::l_instance_id = h;
   {
     oru::KeyValueRuleStore store("bench");
-    std::vector<oru::fdt::intrusive_ptr<Staying>> inspectors;
+    std::vector<oru::fdt::intrusive_ptr<kest_bench::Staying>> inspectors;
     bool added = true;
     for (int i = 0; i < 1000; ++i) {
-      inspectors.push_back(oru::fdt::CreateObject<Staying>(oru::fdt::OBJECT_LOCAL));
+      inspectors.push_back(oru::fdt::CreateObject<kest_bench::Staying>(oru::fdt::OBJECT_LOCAL));
       const std::string key = "X-Header-" + std::to_string(i % 100);
       std::string value = "value-" + std::to_string(i);
       value = i % 3 == 0 ? value + "*" : i % 3 == 1 ? "*" + value : value;

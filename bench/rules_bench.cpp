@@ -18,14 +18,6 @@
 
 namespace {
 
-class Staying : public oru::Inspector {
-public:
-  unsigned int Inspect(oru::ParentDpi *, oru::PktInfo &, oru::Tuple &,
-                       oru::fdt::intrusive_ptr<oru::Conn> &) override {
-    return oru::INSPECT_STAY;
-  }
-};
-
 class Parent : public oru::ParentDpi {
 public:
   unsigned int HandoffCallback(oru::PktInfo &, oru::Tuple &,
@@ -41,15 +33,8 @@ public:
   uint32_t GetProtocol() override { return 0; }
 };
 
-uint64_t g_allocations = 0;
-void *(*g_real_local)(size_t) = nullptr;
-void *CountingLocal(size_t size) {
-  ++g_allocations;
-  return g_real_local(size);
-}
-
-oru::fdt::intrusive_ptr<Staying> MakeStaying() {
-  return oru::fdt::CreateObject<Staying>(oru::fdt::OBJECT_LOCAL);
+oru::fdt::intrusive_ptr<kest_bench::Staying> MakeStaying() {
+  return oru::fdt::CreateObject<kest_bench::Staying>(oru::fdt::OBJECT_LOCAL);
 }
 
 // 1,000 port rules (ports 1 to 1000) and 1,000 address ranges without a port
@@ -66,7 +51,7 @@ void BM_SetupInspection(benchmark::State &state) {
   oru::Runtime::l_instance_id = h;
   {
     oru::IpPortRuleStore store("bench");
-    std::vector<oru::fdt::intrusive_ptr<Staying>> inspectors;
+    std::vector<oru::fdt::intrusive_ptr<kest_bench::Staying>> inspectors;
     bool added = true;
     for (uint32_t i = 0; i < 1000; ++i) {
       inspectors.push_back(MakeStaying());
@@ -102,7 +87,7 @@ BENCHMARK(BM_SetupInspection)->Arg(0)->Arg(1);
 void BM_ProcessChainOneStaying(benchmark::State &state) {
   kest_host_use_libc();
   oru::IpPortRuleStore store("bench");
-  oru::fdt::intrusive_ptr<Staying> inspector = MakeStaying();
+  oru::fdt::intrusive_ptr<kest_bench::Staying> inspector = MakeStaying();
   store.AddRule(6, oru::InspectorCallback(inspector.get()), 80, {}, {}, 0,
                 oru::IpPortRuleStore::EXPIRY_LOCAL, false);
   oru::InspectorChain chain;
@@ -111,14 +96,15 @@ void BM_ProcessChainOneStaying(benchmark::State &state) {
   oru::PktInfo pkt{};
   oru::Tuple tuple{};
   oru::fdt::intrusive_ptr<oru::Conn> conn;
-  g_real_local = kest_malloc_local;
-  kest_malloc_local = CountingLocal;
-  g_allocations = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(parent.ProcessChain(chain, pkt, tuple, conn));
+  uint64_t allocations;
+  {
+    kest_bench::LocalAllocations counter;
+    for (auto _ : state) {
+      benchmark::DoNotOptimize(parent.ProcessChain(chain, pkt, tuple, conn));
+    }
+    allocations = counter.Count();
   }
-  kest_malloc_local = g_real_local;
-  if (g_allocations != 0 || chain.size() != 1) {
+  if (allocations != 0 || chain.size() != 1) {
     state.SkipWithError("the chain allocated or lost its entry");
   }
   chain.Clear(conn);
@@ -140,7 +126,7 @@ void BM_ClassifyPayloadWithInspector(benchmark::State &state) {
     return;
   }
   oru::Runtime::l_instance_id = h;
-  oru::fdt::intrusive_ptr<Staying> inspector = MakeStaying();
+  oru::fdt::intrusive_ptr<kest_bench::Staying> inspector = MakeStaying();
   auto *rules = static_cast<oru::IpPortRuleStore *>(oru::InterfaceBroker::Instance()->GetInterface(
       oru::MODULE_TCP, oru::INTERFACE_IPPORT_RULE_STORE));
   const bool added =
@@ -157,17 +143,18 @@ void BM_ClassifyPayloadWithInspector(benchmark::State &state) {
   }
   static const char kPayload[] = "GET / HTTP/1.1\r\nHost: example.com\r\n\r\n";
   kest_classify(h, KEST_SELECTOR_CONN, kPayload, sizeof kPayload - 1, conn, 0, Ignore, nullptr);
-  g_real_local = kest_malloc_local;
-  kest_malloc_local = CountingLocal;
-  g_allocations = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(kest_classify(h, KEST_SELECTOR_CONN, kPayload, sizeof kPayload - 1,
-                                           conn, 0, Ignore, nullptr));
+  uint64_t allocations;
+  {
+    kest_bench::LocalAllocations counter;
+    for (auto _ : state) {
+      benchmark::DoNotOptimize(kest_classify(h, KEST_SELECTOR_CONN, kPayload, sizeof kPayload - 1,
+                                             conn, 0, Ignore, nullptr));
+    }
+    allocations = counter.Count();
   }
-  kest_malloc_local = g_real_local;
   state.SetItemsProcessed(state.iterations());
   state.counters["allocs_per_packet"] =
-      static_cast<double>(g_allocations) / static_cast<double>(state.iterations());
+      static_cast<double>(allocations) / static_cast<double>(state.iterations());
   kest_conn_destroy(h, conn);
   inspector.reset();
   kest_bench::CloseInstance(h);

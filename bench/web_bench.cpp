@@ -57,13 +57,6 @@ int NoResult(kest_handle_t, kest_result_t *, int, kest_conn_id_t, void *, int) {
   return 0;
 }
 
-uint64_t g_allocations = 0;
-void *(*g_real_local)(size_t) = nullptr;
-void *CountingLocal(size_t size) {
-  ++g_allocations;
-  return g_real_local(size);
-}
-
 std::string Request(int i) {
   std::string r = "GET /index/" + std::to_string(i) + ".html HTTP/1.1\r\nHost: www.example.com\r\n";
   const char *names[] = {"User-Agent",      "Accept",        "Accept-Language",
@@ -145,22 +138,22 @@ void BM_WebDpiRequests(benchmark::State &state) {
     kest_classify(h, KEST_SELECTOR_CONN, p.data(), static_cast<uint16_t>(p.size()), conn, 0,
                   NoResult, nullptr);
   }
-  g_real_local = kest_malloc_local;
-  kest_malloc_local = CountingLocal;
-  g_allocations = 0;
-  uint64_t bytes = 0, count = 0;
-  for (auto _ : state) {
-    for (const std::string &p : packets) {
-      kest_classify(h, KEST_SELECTOR_CONN, p.data(), static_cast<uint16_t>(p.size()), conn, 0,
-                    NoResult, nullptr);
-      bytes += p.size();
-      ++count;
+  uint64_t bytes = 0, count = 0, allocations;
+  {
+    kest_bench::LocalAllocations counter;
+    for (auto _ : state) {
+      for (const std::string &p : packets) {
+        kest_classify(h, KEST_SELECTOR_CONN, p.data(), static_cast<uint16_t>(p.size()), conn, 0,
+                      NoResult, nullptr);
+        bytes += p.size();
+        ++count;
+      }
     }
+    allocations = counter.Count();
   }
-  kest_malloc_local = g_real_local;
   state.SetBytesProcessed(static_cast<int64_t>(bytes));
   state.counters["allocs_per_packet"] =
-      static_cast<double>(g_allocations) / static_cast<double>(count ? count : 1);
+      static_cast<double>(allocations) / static_cast<double>(count ? count : 1);
   kest_conn_destroy(h, conn);
   oru::Runtime::l_instance_id = h;
   rules->RemoveRuleFast(6, oru::InspectorCallback(launcher.get()), 80, {}, {});

@@ -232,16 +232,7 @@ IpPortRuleStore::Rule *IpPortRuleStore::FindRule(RangeMap &map, IpPortSpec &spec
 
 IpPortRuleStore::Rule *IpPortRuleStore::FindRule(RuleList &list, IpPortSpec & /*spec*/,
                                                  InspectorMethod method) {
-  const InspectorMethodWords wanted = SplitMethod(method);
-  for (auto it = list.begin(); it != list.end(); ++it) {
-    const InspectorMethodWords words = SplitMethod(it->callback.method);
-    if (wanted.function != 0
-            ? words.function == wanted.function && words.adjustment == wanted.adjustment
-            : words.function == 0) {
-      return &*it;
-    }
-  }
-  return nullptr;
+  return FindInList(list, method);
 }
 
 bool IpPortRuleStore::IsPortRegistered(unsigned char proto, unsigned short port) {

@@ -312,16 +312,7 @@ KeyValueRuleStore::Rule *KeyValueRuleStore::FindExact(KeyValueSpec &spec, Inspec
     node = &found->second;
     level = &node->children;
   }
-  const InspectorMethodWords wanted = SplitMethod(method);
-  for (RuleList::iterator it = node->rules.begin(); it != node->rules.end(); ++it) {
-    const InspectorMethodWords words = SplitMethod(it->callback.method);
-    if (wanted.function != 0
-            ? words.function == wanted.function && words.adjustment == wanted.adjustment
-            : words.function == 0) {
-      return &*it;
-    }
-  }
-  return nullptr;
+  return FindInList(node->rules, method);
 }
 
 void KeyValueRuleStore::RemoveExpired(Rule *rule) {

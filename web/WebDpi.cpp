@@ -176,6 +176,15 @@ unsigned int WebDpi::ProcessRules(ParentDpi *parent, PktInfo &pkt, Tuple &tuple,
   return m_result;
 }
 
+void WebDpi::ReportBody(Conn &conn, FlowBuffer &flow, uint64_t from, uint64_t to, bool more) {
+  if ((conn.m_policy & POLICY_ATTRIBUTES) == 0 || m_attributes == nullptr) {
+    return;
+  }
+  const uint32_t length = from < to ? static_cast<uint32_t>(to - from) : 0;
+  m_attributes->ProcessBodyData(m_response[SideOf(conn)] == 0, FlowString(&flow, from, length),
+                                more);
+}
+
 unsigned int WebDpi::AbandonConnection(ParentDpi *parent, fdt::intrusive_ptr<Conn> &conn) {
   parent->RegisterCallback(conn, static_cast<unsigned char>(1 - SideOf(*conn)), InspectorCallback(),
                            EVENT_NONE);
@@ -412,11 +421,8 @@ unsigned int WebDpi::InspectData(ParentDpi *parent, PktInfo &pkt, Tuple &tuple,
     stop = end;
     done = false;
   }
-  if ((conn->m_policy & POLICY_ATTRIBUTES) != 0 && m_attributes != nullptr &&
-      (start < stop || done)) {
-    m_attributes->ProcessBodyData(
-        m_response[side] == 0,
-        FlowString(&flow, start, stop > start ? static_cast<uint32_t>(stop - start) : 0), !done);
+  if (start < stop || done) {
+    ReportBody(*conn, flow, start, stop, !done);
   }
   ProcessRules(parent, pkt, tuple, conn);
   if (m_result == INSPECT_ABANDON) {
@@ -474,11 +480,8 @@ unsigned int WebDpi::InspectChunk(ParentDpi *parent, PktInfo &pkt, Tuple &tuple,
     if (to > end) {
       to = end;
     }
-    if ((conn->m_policy & POLICY_ATTRIBUTES) != 0 && m_attributes != nullptr &&
-        (from < to || from - c.line_length == flow.m_last_start)) {
-      m_attributes->ProcessBodyData(
-          m_response[side] == 0,
-          FlowString(&flow, from, from < to ? static_cast<uint32_t>(to - from) : 0), more);
+    if (from < to || from - c.line_length == flow.m_last_start) {
+      ReportBody(*conn, flow, from, to, more);
     }
     if (!has_data) {
       // The last chunk: the trailer ends at an empty line.
@@ -521,12 +524,9 @@ unsigned int WebDpi::InspectUntilClose(ParentDpi *parent, PktInfo &pkt, Tuple &t
   if (flow.End() > kLimit32) {
     return AbandonConnection(parent, conn);
   }
-  if ((conn->m_policy & POLICY_ATTRIBUTES) != 0 && m_attributes != nullptr) {
-    const uint32_t from = static_cast<uint32_t>(flow.m_read_pos);
-    m_attributes->ProcessBodyData(m_response[side] == 0,
-                                  FlowString(&flow, from, static_cast<uint32_t>(flow.End()) - from),
-                                  false);
-  }
+  // 32-bit positions, as everywhere in a message.
+  ReportBody(*conn, flow, static_cast<uint32_t>(flow.m_read_pos),
+             static_cast<uint32_t>(flow.End()), false);
   ProcessRules(parent, pkt, tuple, conn);
   if (m_result == INSPECT_ABANDON) {
     return m_result;

@@ -252,6 +252,22 @@ protected:
     }
   }
 
+  // The first rule of the list whose method is `method` (function word and
+  // adjustment), or with function word 0 the first whose function word is 0;
+  // null if none.
+  static Rule *FindInList(RuleList &list, InspectorMethod method) {
+    const InspectorMethodWords wanted = SplitMethod(method);
+    for (typename RuleList::iterator it = list.begin(); it != list.end(); ++it) {
+      const InspectorMethodWords words = SplitMethod(it->callback.method);
+      if (wanted.function != 0
+              ? words.function == wanted.function && words.adjustment == wanted.adjustment
+              : words.function == 0) {
+        return &*it;
+      }
+    }
+    return nullptr;
+  }
+
   // Takes the first rule with this callback out of the list: disarmed,
   // unlinked, its reference dropped, freed. A rule that is not there is no
   // error.

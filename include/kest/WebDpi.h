@@ -201,6 +201,9 @@ private:
   // The next message on the side, through the virtual Inspect.
   unsigned int Next(ParentDpi *parent, PktInfo &pkt, Tuple &tuple, fdt::intrusive_ptr<Conn> &conn);
   void Normalise(uint32_t old);
+  // Reports body bytes [from, to) of the side's message as an attribute,
+  // when the connection's policy asks for attributes.
+  void ReportBody(Conn &conn, FlowBuffer &flow, uint64_t from, uint64_t to, bool more);
 };
 
 } // namespace oru

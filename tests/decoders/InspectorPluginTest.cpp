@@ -1,8 +1,8 @@
 // A plug-in attaches an inspector to a TCP port through the decoder's rule
 // store, and the host sees its verdicts and its protocol on the stack.
+#include "PluginFolder.h"
 #include "tests/decoders/DecoderTestSupport.h"
 
-#include <filesystem>
 #include <mutex>
 
 namespace {
@@ -20,30 +20,14 @@ extern "C" __attribute__((visibility("default"))) void kest_test_probe_record(co
 
 namespace {
 
-namespace fs = std::filesystem;
-
 int Record(kest_handle_t h, kest_result_t *result, int code, kest_conn_id_t, void *user, int) {
   static_cast<std::vector<std::string> *>(user)->push_back(kest_test::StackNames(h, *result) + " " +
                                                            std::to_string(code));
   return 0;
 }
 
-class InspectorPluginTest : public kest_test::InstanceFixture {
+class InspectorPluginTest : public kest_test::PluginFolderFixture {
 protected:
-  void SetUp() override {
-    InstanceFixture::SetUp();
-    kest_test::SetTransportRegistration(false);
-    char pattern[] = "/tmp/kest-probe-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir = pattern;
-    for (const char *plg : {KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PROBE_PLG}) {
-      fs::copy_file(plg, dir / fs::path(plg).filename());
-    }
-  }
-  void TearDown() override {
-    InstanceFixture::TearDown();
-    fs::remove_all(dir);
-  }
   kest_conn_t Connect(kest_handle_t h, uint16_t port) {
     kest_endpoint_t src{KEST_FAMILY_IPV4, htons(40000), {10, 0, 0, 1}};
     kest_endpoint_t dst{KEST_FAMILY_IPV4, htons(port), {10, 0, 0, 2}};
@@ -58,11 +42,11 @@ protected:
               0);
     return results.size() == 1 ? results[0] : "?";
   }
-  fs::path dir;
 };
 
 TEST_F(InspectorPluginTest, InspectorOnAPortSeesItsConnectionsOnly) {
-  const kest_handle_t h = kest_open(dir.c_str());
+  const kest_handle_t h =
+      kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PROBE_PLG}).c_str());
   ASSERT_GT(h, 0);
   ASSERT_EQ(kest_init(h), 0);
   g_seen.clear();

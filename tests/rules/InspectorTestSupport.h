@@ -5,10 +5,16 @@
 #ifndef KEST_TESTS_INSPECTORTESTSUPPORT_H
 #define KEST_TESTS_INSPECTORTESTSUPPORT_H
 
+#include "InstanceFixture.h"
+#include "TestHooks.h"
+
+#include <kest/Conn.h>
 #include <kest/IpPortRuleStore.h>
 #include <kest/ParentDpi.h>
 #include <kest/fdt/ObjectPrefix.h>
 
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -120,6 +126,41 @@ inline std::vector<std::string> ChainNames(const oru::InspectorChain &chain) {
   }
   return out;
 }
+
+// A store of type Store on a thread of an open instance, with named
+// inspectors made on demand and one chain; after the test every local block
+// taken during it has gone back.
+template <class Store> class StoreFixture : public ThreadedFixture {
+protected:
+  void SetUp() override {
+    ThreadedFixture::SetUp();
+    Enter();
+    m_local = LiveBlocks(Heap::Local);
+  }
+  void TearDown() override {
+    Enter();
+    chain.Clear(conn);
+    store.reset();
+    pool.clear();
+    EXPECT_EQ(LiveBlocks(Heap::Local), m_local);
+    ThreadedFixture::TearDown();
+  }
+  // The inspector of this name.
+  ScriptedInspector &X(const std::string &name) {
+    auto &x = pool[name];
+    if (!x) {
+      x = ScriptedInspector::Make(name, &log);
+    }
+    return *x;
+  }
+
+  Log log;
+  std::unique_ptr<Store> store = std::make_unique<Store>("test");
+  std::map<std::string, oru::fdt::intrusive_ptr<ScriptedInspector>> pool;
+  oru::InspectorChain chain;
+  oru::fdt::intrusive_ptr<oru::Conn> conn;
+  long m_local = 0;
+};
 
 } // namespace kest_test
 

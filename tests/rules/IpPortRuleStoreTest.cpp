@@ -23,28 +23,8 @@ oru::IpAddr V4(uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
   return oru::IpAddr::FromV4(a << 24 | b << 16 | c << 8 | d);
 }
 
-class IpPortRuleStoreTest : public kest_test::ThreadedFixture {
+class IpPortRuleStoreTest : public kest_test::StoreFixture<Store> {
 protected:
-  void SetUp() override {
-    ThreadedFixture::SetUp();
-    Enter();
-    m_local = kest_test::LiveBlocks(kest_test::Heap::Local);
-  }
-  void TearDown() override {
-    Enter();
-    chain.Clear(conn);
-    store.reset();
-    pool.clear();
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), m_local);
-    ThreadedFixture::TearDown();
-  }
-  ScriptedInspector &X(const std::string &name) {
-    auto &x = pool[name];
-    if (!x) {
-      x = ScriptedInspector::Make(name, &log);
-    }
-    return *x;
-  }
   bool Add(const std::string &name, uint8_t proto, uint16_t port, oru::IpAddr low = {},
            oru::IpAddr high = {}, bool first = false, uint32_t timeout = 0) {
     return store->AddRule(proto, X(name).Callback(), port, low, high, timeout, Store::EXPIRY_LOCAL,
@@ -59,13 +39,6 @@ protected:
     store->SetupInspection(a, b, port_a, port_b, proto, chain);
     return ChainNames(chain);
   }
-
-  Log log;
-  std::unique_ptr<Store> store = std::make_unique<Store>("test");
-  std::map<std::string, oru::fdt::intrusive_ptr<ScriptedInspector>> pool;
-  oru::InspectorChain chain;
-  oru::fdt::intrusive_ptr<oru::Conn> conn;
-  long m_local = 0;
 };
 
 // Every matching rule goes on the chain: priority 0 first, then the more

@@ -22,31 +22,13 @@ using Names = std::vector<std::string>;
 using Store = oru::KeyValueRuleStore;
 using String = Store::string;
 
-class KeyValueRuleStoreTest : public kest_test::ThreadedFixture {
+class KeyValueRuleStoreTest : public kest_test::StoreFixture<Store> {
 protected:
   void SetUp() override {
-    ThreadedFixture::SetUp();
-    Enter();
+    StoreFixture::SetUp();
     kest_clock_set_mode(h, 1);
     kest_clock_set(h, 100000);
     Enter();
-    m_local = kest_test::LiveBlocks(kest_test::Heap::Local);
-  }
-  void TearDown() override {
-    Enter();
-    chain.Clear(conn);
-    store.reset();
-    pool.clear();
-    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), m_local);
-    ThreadedFixture::TearDown();
-  }
-  // One inspector per pattern, named by it.
-  ScriptedInspector &X(const std::string &name) {
-    auto &x = pool[name];
-    if (!x) {
-      x = ScriptedInspector::Make(name, &log);
-    }
-    return *x;
   }
   bool Add(const std::string &key, const std::string &pattern, bool first = false,
            uint32_t timeout = 0, const std::string &name = "") {
@@ -63,13 +45,6 @@ protected:
     store->SetupRule(key.c_str(), value.data(), static_cast<unsigned>(value.size()), chain);
     return ChainNames(chain);
   }
-
-  Log log;
-  std::unique_ptr<Store> store = std::make_unique<Store>("test");
-  std::map<std::string, oru::fdt::intrusive_ptr<ScriptedInspector>> pool;
-  oru::InspectorChain chain;
-  oru::fdt::intrusive_ptr<oru::Conn> conn;
-  long m_local = 0;
 };
 
 TEST_F(KeyValueRuleStoreTest, PatternsLongestFirstThenByKind) {

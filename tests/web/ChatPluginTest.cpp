@@ -1,12 +1,9 @@
 // A plug-in derived from WebDpi inspects its protocol end to end through
 // kest_classify, and its attributes reach the host's listener.
+#include "PluginFolder.h"
 #include "tests/decoders/DecoderTestSupport.h"
 
-#include <filesystem>
-
 namespace {
-
-namespace fs = std::filesystem;
 
 std::vector<std::string> g_values;
 
@@ -21,27 +18,11 @@ int Record(kest_handle_t h, kest_result_t *result, int code, kest_conn_id_t, voi
   return 0;
 }
 
-class ChatPluginTest : public kest_test::InstanceFixture {
-protected:
-  void SetUp() override {
-    InstanceFixture::SetUp();
-    kest_test::SetTransportRegistration(false);
-    char pattern[] = "/tmp/kest-chat-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir = pattern;
-    for (const char *plg : {KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_CHAT_PLG}) {
-      fs::copy_file(plg, dir / fs::path(plg).filename());
-    }
-  }
-  void TearDown() override {
-    InstanceFixture::TearDown();
-    fs::remove_all(dir);
-  }
-  fs::path dir;
-};
+class ChatPluginTest : public kest_test::PluginFolderFixture {};
 
 TEST_F(ChatPluginTest, MessagesAndAttributesThroughClassify) {
-  const kest_handle_t h = kest_open(dir.c_str());
+  const kest_handle_t h =
+      kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_CHAT_PLG}).c_str());
   ASSERT_GT(h, 0);
   ASSERT_EQ(kest_init(h), 0);
   for (const char *name : {"chat.request.uri", "chat.request.header.Nick", "chat.response.code",
