@@ -375,7 +375,7 @@ std::vector<Exchange> Exchanges() {
   };
 }
 
-// The one split that the contract lets matter: a folded line's continuation
+// The one split that changes the outcome by design: a folded line's continuation
 // that starts a packet of its own is a line of its own.
 bool FoldStart(const std::string &text, size_t cut) {
   return cut > 0 && cut < text.size() && text[cut - 1] == '\n' &&
