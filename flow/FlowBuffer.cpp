@@ -328,7 +328,12 @@ int FlowBuffer::CaseCompare(unsigned long long pos, const char *text, unsigned i
       run = left < len - i ? static_cast<unsigned int>(left) : len - i;
     }
     for (unsigned int k = 0; k < run; ++k, ++i) {
-      const char a = FoldCase(block != nullptr ? block->data[pos + i - start] : DUMMY_VAL);
+      const char raw = block != nullptr ? block->data[pos + i - start] : DUMMY_VAL;
+      // Equal bytes fold alike: only a difference needs the case hooks.
+      if (raw == text[i]) {
+        continue;
+      }
+      const char a = FoldCase(raw);
       const char b = FoldCase(text[i]);
       if (a != b) {
         return ByteDifference(a, b);
