@@ -41,6 +41,12 @@ TEST_F(AttributeMgrTest, CreateAndRegisterKeepTheFirst) {
 
   EXPECT_TRUE(AttributeMgr::Create(Name("f."), RefuseX));
   EXPECT_FALSE(AttributeMgr::Create(Name("f.y"))) << "covered by f.";
+  // A family covers what it is a prefix of, not the names beside it under a
+  // shorter dotted prefix (which the maps' order counts as equal to it).
+  EXPECT_TRUE(AttributeMgr::Create(Name("p.request.header."), RefuseX));
+  EXPECT_TRUE(AttributeMgr::Create(Name("p.request.idx")));
+  EXPECT_FALSE(AttributeMgr::Create(Name("p.request.header.y")));
+  EXPECT_EQ(SetListener("p.request.idx"), 0) << "the family's validator is not asked";
   // The family's validator decides for its members.
   EXPECT_EQ(kest_config_set(h, "attribute.f.x", "1"), -1);
   EXPECT_EQ(SetListener("f.x"), -1);
