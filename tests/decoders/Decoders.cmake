@@ -36,3 +36,11 @@ if(TARGET tcp AND TARGET udp)
                COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
                KEST_TEST_PROBE_PLG="${_probe_plg}")
 endif()
+
+# The shared captures lie beside the project; a machine without them skips.
+find_library(KEST_PCAP_LIBRARY pcap)
+if(KEST_PCAP_LIBRARY)
+  target_link_libraries(kest_tests PRIVATE ${KEST_PCAP_LIBRARY})
+  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/packet/PacketParserTest.cpp APPEND PROPERTY
+               COMPILE_DEFINITIONS KEST_TEST_PCAP_DIR="${CMAKE_SOURCE_DIR}/../shared/pcaps")
+endif()

@@ -1,0 +1,214 @@
+#include "packet/PacketParser.h"
+
+namespace kest_decoders {
+
+namespace {
+
+constexpr uint16_t kEtherIpv4 = 0x0800;
+constexpr uint16_t kEtherIpv6 = 0x86DD;
+constexpr uint16_t kEtherVlan = 0x8100;
+constexpr uint16_t kEtherQinQ = 0x88A8;
+constexpr uint16_t kEtherQinQOld = 0x9100;
+constexpr uint16_t kEtherPppoe = 0x8864;
+constexpr uint16_t kPppIpv4 = 0x0021;
+constexpr uint16_t kPppIpv6 = 0x0057;
+
+uint16_t Be16(const uint8_t *p) {
+  return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+uint32_t Be32(const uint8_t *p) {
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+         static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
+// The offset of the IP header behind the link layer, or a result that ends
+// the parse.
+ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uint32_t &at) {
+  uint16_t type;
+  switch (form) {
+  case PacketForm::kIp:
+    at = 0;
+    return ParseResult::kOk;
+  case PacketForm::kLinuxSll:
+    if (length < 16) {
+      return ParseResult::kMalformed;
+    }
+    type = Be16(data + 14);
+    at = 16;
+    break;
+  case PacketForm::kEthernet:
+    if (length < 14) {
+      return ParseResult::kMalformed;
+    }
+    type = Be16(data + 12);
+    at = 14;
+    break;
+  default:
+    return ParseResult::kNotIp;
+  }
+  // Tags, as many as there are.
+  while (type == kEtherVlan || type == kEtherQinQ || type == kEtherQinQOld) {
+    if (length < at + 4) {
+      return ParseResult::kMalformed;
+    }
+    type = Be16(data + at + 2);
+    at += 4;
+  }
+  if (type == kEtherPppoe) {
+    // Version/type, code, session, length, then the PPP protocol.
+    if (length < at + 8) {
+      return ParseResult::kMalformed;
+    }
+    const uint16_t ppp = Be16(data + at + 6);
+    at += 8;
+    if (ppp == kPppIpv4) {
+      type = kEtherIpv4;
+    } else if (ppp == kPppIpv6) {
+      type = kEtherIpv6;
+    } else {
+      return ParseResult::kNotIp;
+    }
+  }
+  return type == kEtherIpv4 || type == kEtherIpv6 ? ParseResult::kOk : ParseResult::kNotIp;
+}
+
+ParseResult Transport(const uint8_t *data, uint32_t at, uint32_t end, ParsedPacket &out) {
+  out.l4_offset = static_cast<uint16_t>(at);
+  if (out.protocol == 6) {
+    if (end < at + 20) {
+      return ParseResult::kMalformed;
+    }
+    const uint32_t header = (data[at + 12] >> 4) * 4u;
+    if (header < 20 || end < at + header) {
+      return ParseResult::kMalformed;
+    }
+    out.src_port = Be16(data + at);
+    out.dst_port = Be16(data + at + 2);
+    out.seq = Be32(data + at + 4);
+    out.ack = Be32(data + at + 8);
+    out.tcp_flags = data[at + 13];
+    out.payload = data + at + header;
+    out.payload_length = end - at - header;
+    return ParseResult::kOk;
+  }
+  if (out.protocol == 17) {
+    if (end < at + 8) {
+      return ParseResult::kMalformed;
+    }
+    const uint32_t udp_length = Be16(data + at + 4);
+    if (udp_length < 8 || end < at + udp_length) {
+      return ParseResult::kMalformed;
+    }
+    out.src_port = Be16(data + at);
+    out.dst_port = Be16(data + at + 2);
+    out.payload = data + at + 8;
+    out.payload_length = udp_length - 8;
+    return ParseResult::kOk;
+  }
+  out.payload = data + at;
+  out.payload_length = end - at;
+  return ParseResult::kOk;
+}
+
+ParseResult Ipv4(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket &out) {
+  if (length < at + 20) {
+    return ParseResult::kMalformed;
+  }
+  const uint8_t *ip = data + at;
+  const uint32_t header = (ip[0] & 0x0F) * 4u;
+  const uint32_t total = Be16(ip + 2);
+  if (header < 20 || total < header || length < at + total) {
+    return ParseResult::kMalformed;
+  }
+  out.ip_version = 4;
+  out.protocol = ip[9];
+  out.src = oru::IpAddr::FromV4(Be32(ip + 12));
+  out.dst = oru::IpAddr::FromV4(Be32(ip + 16));
+  const uint16_t fragment = Be16(ip + 6);
+  if ((fragment & 0x3FFF) != 0) { // more fragments, or an offset
+    return ParseResult::kFragment;
+  }
+  return Transport(data, at + header, at + total, out);
+}
+
+ParseResult Ipv6(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket &out) {
+  if (length < at + 40) {
+    return ParseResult::kMalformed;
+  }
+  const uint8_t *ip = data + at;
+  const uint32_t end = at + 40 + Be16(ip + 4);
+  if (length < end) {
+    return ParseResult::kMalformed;
+  }
+  out.ip_version = 6;
+  out.src = oru::IpAddr::FromV6(ip + 8);
+  out.dst = oru::IpAddr::FromV6(ip + 24);
+  uint8_t next = ip[6];
+  uint32_t p = at + 40;
+  // Extension headers, each bounded by the payload length.
+  for (int hops = 0; hops < 16; ++hops) {
+    switch (next) {
+    case 0:  // hop-by-hop options
+    case 43: // routing
+    case 60: // destination options
+      if (end < p + 8 || end < p + (data[p + 1] + 1u) * 8u) {
+        return ParseResult::kMalformed;
+      }
+      next = data[p];
+      p += (data[p + 1] + 1u) * 8u;
+      continue;
+    case 51: // authentication header
+      if (end < p + 8 || end < p + (data[p + 1] + 2u) * 4u) {
+        return ParseResult::kMalformed;
+      }
+      next = data[p];
+      p += (data[p + 1] + 2u) * 4u;
+      continue;
+    case 44: // fragment
+      if (end < p + 8) {
+        return ParseResult::kMalformed;
+      }
+      out.protocol = data[p];
+      if ((Be16(data + p + 2) & 0xFFF9) == 0) {
+        // An atomic fragment: offset 0 and no more to come.
+        next = data[p];
+        p += 8;
+        continue;
+      }
+      return ParseResult::kFragment;
+    default:
+      out.protocol = next;
+      return Transport(data, p, end, out);
+    }
+  }
+  return ParseResult::kMalformed;
+}
+
+} // namespace
+
+ParseResult ParsePacket(PacketForm form, const uint8_t *data, uint32_t length, ParsedPacket &out) {
+  out = ParsedPacket();
+  if (data == nullptr || length > 0xFFFF) {
+    return ParseResult::kMalformed;
+  }
+  uint32_t at = 0;
+  const ParseResult link = LinkLayer(form, data, length, at);
+  if (link != ParseResult::kOk) {
+    return link;
+  }
+  if (length < at + 1) {
+    return ParseResult::kMalformed;
+  }
+  out.l3_offset = static_cast<uint16_t>(at);
+  switch (data[at] >> 4) {
+  case 4:
+    return Ipv4(data, at, length, out);
+  case 6:
+    return Ipv6(data, at, length, out);
+  default:
+    return form == PacketForm::kIp ? ParseResult::kMalformed : ParseResult::kNotIp;
+  }
+}
+
+} // namespace kest_decoders

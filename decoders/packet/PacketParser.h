@@ -1,0 +1,73 @@
+// The link, network and transport layers of a whole packet, read without
+// copying: where the IP header and the transport header start, the two end
+// points, the TCP fields, and the payload.
+//
+// Three forms come in (the host's selectors 1 to 3): an IP packet from its
+// first byte (IPv4 or IPv6 by the version nibble), an Ethernet II frame with
+// any number of 802.1Q / 802.1ad tags and PPPoE session frames, and a Linux
+// cooked-capture (SLL) frame. Nothing is trusted: every length is checked
+// against the bytes at hand before anything is read, and a packet that does
+// not add up is reported malformed.
+#ifndef KEST_DECODERS_PACKETPARSER_H
+#define KEST_DECODERS_PACKETPARSER_H
+
+#include <kest/IpAddr.h>
+#include <stdint.h>
+
+namespace kest_decoders {
+
+enum class PacketForm : int {
+  kIp = 1,
+  kEthernet = 2,
+  kLinuxSll = 3,
+};
+
+enum class ParseResult {
+  // A TCP or UDP segment, or another IP protocol (`protocol` says which).
+  kOk,
+  // Not IP at all (ARP, LLDP, ...): nothing for a decoder.
+  kNotIp,
+  // A fragment of an IP datagram: `protocol` and the addresses are set, the
+  // transport layer is not read.
+  kFragment,
+  // Headers that do not fit the bytes, or lengths that contradict them.
+  kMalformed,
+};
+
+struct ParsedPacket {
+  // Offsets from the start of the frame; the IP header's and the transport
+  // header's.
+  uint16_t l3_offset = 0;
+  uint16_t l4_offset = 0;
+  uint8_t ip_version = 0;
+  // The transport protocol (after IPv6 extension headers).
+  uint8_t protocol = 0;
+  oru::IpAddr src;
+  oru::IpAddr dst;
+  // Host byte order; 0 for protocols without ports.
+  uint16_t src_port = 0;
+  uint16_t dst_port = 0;
+  // TCP only.
+  uint8_t tcp_flags = 0;
+  uint32_t seq = 0;
+  uint32_t ack = 0;
+  // The transport payload: within the frame, trailing link padding cut off
+  // by the IP length.
+  const uint8_t *payload = nullptr;
+  uint32_t payload_length = 0;
+};
+
+// TCP flag bits.
+enum : uint8_t {
+  TCP_FIN = 0x01,
+  TCP_SYN = 0x02,
+  TCP_RST = 0x04,
+  TCP_PSH = 0x08,
+  TCP_ACK = 0x10,
+};
+
+ParseResult ParsePacket(PacketForm form, const uint8_t *data, uint32_t length, ParsedPacket &out);
+
+} // namespace kest_decoders
+
+#endif
