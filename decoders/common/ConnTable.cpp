@@ -7,7 +7,7 @@ namespace kest_decoders {
 
 ConnTable::ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context, const char *name)
     : m_ip_protocol(ip_protocol), m_context(context), m_rules(name), m_classify(proto, context),
-      m_head(nullptr), m_count(0) {}
+      m_head(nullptr), m_count(0), m_index(RandomSipKey()) {}
 
 ConnTable::~ConnTable() {
   Clear();
@@ -37,6 +37,7 @@ oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {
   }
   m_head = conn;
   ++m_count;
+  m_index.Insert(conn);
   return conn;
 }
 
@@ -84,6 +85,7 @@ void ConnTable::Drop(TransportConn *conn) {
 }
 
 void ConnTable::Unlink(TransportConn *conn) {
+  m_index.Remove(conn);
   if (conn->m_prev != nullptr) {
     conn->m_prev->m_next = conn->m_next;
   } else {

@@ -13,6 +13,7 @@
 #ifndef KEST_DECODERS_CONNTABLE_H
 #define KEST_DECODERS_CONNTABLE_H
 
+#include "common/ConnIndex.h"
 #include "common/PayloadClassifier.h"
 #include "common/TransportConn.h"
 
@@ -45,6 +46,12 @@ public:
 
   // Expires and drops every connection, newest first.
   void Clear();
+  // The connection of these end points, in either direction, or null.
+  TransportConn *Find(const oru::IpAddr &src, uint16_t src_port, const oru::IpAddr &dst,
+                      uint16_t dst_port) const {
+    return m_index.Find(src, src_port, dst, dst_port);
+  }
+  const ConnIndex &Index() const { return m_index; }
   size_t Count() const { return m_count; }
   PayloadClassifier &Classifier() { return m_classify; }
   oru::IpPortRuleStore &Rules() { return m_rules; }
@@ -64,6 +71,7 @@ private:
   PayloadClassifier m_classify;
   TransportConn *m_head;
   size_t m_count;
+  ConnIndex m_index;
 };
 
 } // namespace kest_decoders

@@ -57,6 +57,8 @@ public:
   // Links of the owning table's list; null while the connection is in none.
   TransportConn *m_prev;
   TransportConn *m_next;
+  // The next connection of the same index bucket.
+  TransportConn *m_index_next;
 
   oru::InspectorChain m_chain;
   oru::InspectorCallback m_callback[2];
