@@ -53,6 +53,7 @@ public:
   }
   const ConnIndex &Index() const { return m_index; }
   size_t Count() const { return m_count; }
+  uint8_t IpProtocol() const { return m_ip_protocol; }
   PayloadClassifier &Classifier() { return m_classify; }
   oru::IpPortRuleStore &Rules() { return m_rules; }
 

@@ -1,5 +1,7 @@
 #include "common/PayloadClassifier.h"
 
+#include "common/ConnTable.h"
+#include "common/TcpStream.h"
 #include "common/TransportConn.h"
 
 #include <kest/Clock.h>
@@ -51,24 +53,112 @@ unsigned PayloadClassifier::Classify(oru::ClassifyPacket *packet,
   flow.UpdateStats(size);
   target->Touch();
   conn = target;
+  return Inspect(*own, flow, pos, size, nullptr, conn);
+}
 
-  oru::PktInfo pkt{static_cast<const uint8_t *>(packet->data),
-                   size,
-                   side,
-                   0,
-                   oru::PktInfo::kNoOffset,
-                   oru::PktInfo::kNoOffset,
-                   0,
-                   pos,
-                   oru::now(),
-                   nullptr,
-                   0};
-  const unsigned result = Handoff(own->m_chain, pkt, target->m_tuple, conn);
-
-  // The block borrows the packet: unless an inspector made it outlive the
-  // packet (Sync), everything up to the end of the stream goes now.
+unsigned PayloadClassifier::Inspect(TransportConn &own, oru::FlowBuffer &flow, uint64_t pos,
+                                    uint32_t length, const oru::TransportSegment *segment,
+                                    oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  unsigned result = oru::INSPECT_NOTHING;
+  if (length != 0) {
+    unsigned long long start = 0;
+    const oru::FlowBuffer::Block *block = flow.GetBlock(pos, start);
+    // The packet's own bytes: the new bytes of the block at `pos`; blocks
+    // that waited for them follow in the flow up to End().
+    const uint64_t in_block = block != nullptr ? start + block->size - pos : 0;
+    oru::PktInfo pkt{
+        block != nullptr ? reinterpret_cast<const uint8_t *>(block->data + (pos - start)) : nullptr,
+        in_block < length ? static_cast<uint32_t>(in_block) : length,
+        SideOf(own),
+        segment != nullptr ? segment->tcp_flags : uint8_t{0},
+        segment != nullptr ? segment->l3_offset : oru::PktInfo::kNoOffset,
+        segment != nullptr ? segment->l4_offset : oru::PktInfo::kNoOffset,
+        0,
+        pos,
+        oru::now(),
+        segment != nullptr ? segment->frame : nullptr,
+        segment != nullptr ? segment->frame_length : 0};
+    result = Handoff(own.m_chain, pkt, own.m_tuple, conn);
+  }
+  // The blocks borrow the packet: unless an inspector made the newest one
+  // outlive it (Sync), everything up to the end of the stream goes now.
   if (!KeptByInspection(flow)) {
     flow.Flush();
+  }
+  return result;
+}
+
+unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
+                                    oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  if (m_table == nullptr) {
+    return 0;
+  }
+  oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
+  const bool tcp = m_table->IpProtocol() == 6;
+  TransportConn *own = m_table->Find(segment.src, segment.src_port, segment.dst, segment.dst_port);
+  if (own == nullptr) {
+    // The client: the sender of a SYN without ACK; the receiver of a SYN with
+    // ACK; otherwise whoever spoke first.
+    const bool answer = tcp && (segment.tcp_flags & 0x12) == 0x12;
+    oru::Tuple tuple;
+    tuple.src = answer ? segment.dst : segment.src;
+    tuple.dst = answer ? segment.src : segment.dst;
+    tuple.src_port = answer ? segment.dst_port : segment.src_port;
+    tuple.dst_port = answer ? segment.src_port : segment.dst_port;
+    own = static_cast<TransportConn *>(m_table->Create(tuple));
+    if (own == nullptr) {
+      oru::ThrowError(oru::ERR_NOMEM);
+      return 0;
+    }
+  }
+  const oru::Tuple &t = own->m_tuple;
+  const unsigned char side = segment.src == t.src && segment.src_port == t.src_port ? 0 : 1;
+  own->SetSide(side);
+  conn = own;
+  if (!ReportTransport(*own->GetAppStack())) {
+    oru::ThrowError(oru::ERR_NOMEM);
+    return 0;
+  }
+  oru::FlowBuffer &flow = own->m_flow[side];
+  own->Touch();
+  flow.UpdateStats(segment.payload_length);
+  uint64_t from = flow.m_next_pos;
+  uint32_t grown = 0;
+  if (!tcp) {
+    if (segment.payload_length != 0 && segment.payload_length <= kMaxBlock &&
+        flow.AddBlock(from, segment.payload, static_cast<uint16_t>(segment.payload_length),
+                      false) != nullptr) {
+      flow.m_last_start = from;
+      flow.m_next_pos = from + segment.payload_length;
+      grown = segment.payload_length;
+    }
+  } else {
+    uint8_t flags = segment.tcp_flags;
+    if ((flags & 0x02) != 0) {
+      // SYN: position 0 is the byte after it.
+      flow.m_base_pos = segment.seq + 1u;
+      own->m_seq_known[side] = 1;
+    } else if (own->m_seq_known[side] == 0 && segment.payload_length != 0) {
+      // Picked up without a SYN: the first byte seen is position 0.
+      flow.m_base_pos = segment.seq;
+      own->m_seq_known[side] = 1;
+    }
+    if (own->m_seq_known[side] != 0 && segment.payload_length != 0) {
+      const uint32_t seq = (flags & 0x02) != 0 ? segment.seq + 1u : segment.seq;
+      const uint64_t pos =
+          TcpStream::Position(seq, static_cast<uint32_t>(flow.m_base_pos), flow.m_next_pos);
+      grown = TcpStream::Insert(flow, pos, segment.payload, segment.payload_length,
+                                oru::ThreadWord(oru::FlowBuffer::l_reorder_window), from);
+    }
+    if ((flags & 0x01) != 0) {
+      own->m_fin[side] = 1;
+    }
+  }
+  const unsigned result = Inspect(*own, flow, from, grown, &segment, conn);
+  if (tcp && ((segment.tcp_flags & 0x04) != 0 || (own->m_fin[0] != 0 && own->m_fin[1] != 0))) {
+    // The connection is over: the table lets it go (the caller's reference
+    // keeps it for the result).
+    m_table->Destroy(own);
   }
   return result;
 }

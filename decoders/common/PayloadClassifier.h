@@ -17,16 +17,24 @@
 #include <kest/Conn.h>
 #include <kest/FlowBuffer.h>
 #include <kest/IClassify.h>
+#include <kest/ITransportSegment.h>
 #include <kest/ParentDpi.h>
 #include <stdint.h>
 
 namespace kest_decoders {
 
-class PayloadClassifier : public oru::IClassify, public oru::ParentDpi {
+class ConnTable;
+class TransportConn;
+
+class PayloadClassifier : public oru::IClassify,
+                          public oru::ParentDpi,
+                          public oru::ITransportSegment {
 public:
   // `proto` is the protocol index of the transport on this thread; `context`
-  // the memory context its allocations are counted under.
-  PayloadClassifier(uint32_t proto, uint16_t context) : m_proto(proto), m_context(context) {}
+  // the memory context its allocations are counted under; `table` the
+  // thread's connections, where segments find theirs (null: payload only).
+  PayloadClassifier(uint32_t proto, uint16_t context, ConnTable *table = nullptr)
+      : m_proto(proto), m_context(context), m_table(table) {}
   virtual ~PayloadClassifier() = default;
   PayloadClassifier(const PayloadClassifier &) = delete;
   PayloadClassifier &operator=(const PayloadClassifier &) = delete;
@@ -46,15 +54,28 @@ public:
                         oru::InspectorCallback callback, oru::Inspector::Event event) override;
   uint32_t GetProtocol() override { return m_proto; }
 
+  // A segment of a whole packet: its connection found or made by its end
+  // points (the client is the sender of a SYN without ACK, else the first
+  // sender), its payload entered in stream order (TCP) or as it comes
+  // (UDP), and the chain run when the stream grew. A RST, or a FIN from
+  // both sides, ends the connection after the packet.
+  unsigned Segment(oru::TransportSegment &segment,
+                   oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
+
   uint32_t Proto() const { return m_proto; }
 
 private:
+  // Runs the chain over `length` new bytes at `pos` of the side's stream and
+  // flushes what no inspector kept.
+  unsigned Inspect(TransportConn &own, oru::FlowBuffer &flow, uint64_t pos, uint32_t length,
+                   const oru::TransportSegment *segment, oru::fdt::intrusive_ptr<oru::Conn> &conn);
   // Puts the transport at the bottom of an empty stack and makes it the
   // application until something above names another. False without memory.
   bool ReportTransport(oru::AppStack &stack);
 
   uint32_t m_proto;
   uint16_t m_context;
+  ConnTable *m_table;
 };
 
 } // namespace kest_decoders

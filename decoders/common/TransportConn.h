@@ -63,6 +63,10 @@ public:
   oru::InspectorChain m_chain;
   oru::InspectorCallback m_callback[2];
   uint32_t m_event[2];
+  // TCP, by side: whether the sequence number of position 0 is known (kept
+  // in the flow's m_base_pos), and whether a FIN came.
+  uint8_t m_seq_known[2];
+  uint8_t m_fin[2];
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

@@ -60,7 +60,15 @@ bool TransportPlugin::InitThread() const {
     oru::fdt::DestroyObject(table);
     return false;
   }
+  oru::ITransportSegment *segments = &table->Classifier();
+  if (!broker->RegisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, segments)) {
+    broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
+    queue->InstallHandler(event, nullptr, nullptr);
+    oru::fdt::DestroyObject(table);
+    return false;
+  }
   if (!broker->RegisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, factory)) {
+    broker->UnregisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, segments);
     broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
     queue->InstallHandler(event, nullptr, nullptr);
     oru::fdt::DestroyObject(table);
@@ -77,6 +85,7 @@ void TransportPlugin::ExitThread() const {
   oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
   broker->UnregisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, table);
   broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, &table->Rules());
+  broker->UnregisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, &table->Classifier());
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Peek();
   if (queue != nullptr && table->Rules().m_event != 0) {
     queue->InstallHandler(table->Rules().m_event, nullptr, nullptr);

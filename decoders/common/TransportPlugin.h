@@ -3,9 +3,10 @@
 //
 // Instance start-up names the protocol and the module; thread start-up makes
 // the thread's connection table, offers it to the library as the module's
-// connection factory and its rule store to other plug-ins
-// (INTERFACE_IPPORT_RULE_STORE), and installs the handler of the store's
-// rule-use event. The broker keeps the table for the thread, so thread exit
+// connection factory, its rule store to other plug-ins
+// (INTERFACE_IPPORT_RULE_STORE) and its segment entry to the whole-packet
+// decoder (INTERFACE_TRANSPORT_SEGMENT), and installs the handler of the
+// store's rule-use event. The broker keeps the table for the thread, so thread exit
 // finds it there again.
 #ifndef KEST_DECODERS_TRANSPORTPLUGIN_H
 #define KEST_DECODERS_TRANSPORTPLUGIN_H

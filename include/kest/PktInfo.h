@@ -31,7 +31,9 @@ struct PktInfo {
   uint16_t l3_offset;
   uint16_t l4_offset;
   uint16_t reserved;
-  // Stream position of data[0] in the side's FlowBuffer.
+  // Stream position of data[0] in the side's FlowBuffer. Bytes new to the
+  // stream run from here to the flow's End(): a segment that fills a hole
+  // brings the bytes that waited behind it.
   uint64_t stream_pos;
   // Time of the packet, in milliseconds of oru::now().
   uint64_t time;

@@ -1,0 +1,146 @@
+// TCP segments into a side's stream, as tables of steps: what the inspectors
+// of the connection are handed, side by side, after each segment.
+#include "tests/decoders/DecoderTestSupport.h"
+#include "tests/rules/InspectorTestSupport.h"
+
+#include "common/TcpStream.h"
+
+#include <kest/ITransportSegment.h>
+
+namespace {
+
+using kest_decoders::TcpStream;
+
+TEST(TcpStreamTest, PositionsFollowTheStreamAcrossTheWrap) {
+  struct Row {
+    uint32_t seq, base;
+    uint64_t next, pos;
+  } rows[] = {
+      {1000, 1000, 0, 0},
+      {1010, 1000, 5, 10},
+      {5, 0xFFFFFFF0u, 0x10, 0x15}, // the sequence wrapped
+      {0xFFFFFFF8u, 0xFFFFFFF0u, 0x100000010ull, 0x100000008ull - 0x100000000ull + 0x100000000ull},
+      {10, 0, 0x1FFFFFFF0ull, 0x20000000Aull},          // the next lap of the stream
+      {0xFFFFFFF0u, 0, 0x200000005ull, 0x1FFFFFFF0ull}, // a byte of the lap before
+  };
+  for (const Row &row : rows) {
+    EXPECT_EQ(TcpStream::Position(row.seq, row.base, row.next), row.pos) << row.seq;
+  }
+}
+
+// A connection whose chain holds one recording inspector; segments come as
+// a whole-packet decoder hands them over.
+class SegmentTest : public kest_test::DecoderFixture {
+protected:
+  struct Recorder : oru::Inspector {
+    // Everything new to the stream: from the packet's position to the end.
+    unsigned int Inspect(oru::ParentDpi *, oru::PktInfo &pkt, oru::Tuple &,
+                         oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+      const oru::FlowBuffer &flow = conn->m_flow[pkt.side];
+      for (uint64_t p = pkt.stream_pos; p < flow.End(); ++p) {
+        seen[pkt.side] += flow.At(p);
+      }
+      return oru::INSPECT_STAY;
+    }
+    std::string seen[2];
+  };
+  void SetUp() override {
+    DecoderFixture::SetUp();
+    recorder = oru::fdt::CreateObject<Recorder>(oru::fdt::OBJECT_LOCAL);
+    ASSERT_TRUE(kTcp.Table()->Rules().AddRule(6, oru::InspectorCallback(recorder.get()), 0, {}, {},
+                                              0, oru::IpPortRuleStore::EXPIRY_LOCAL, false));
+  }
+  void TearDown() override {
+    Enter();
+    kTcp.Table()->Clear();
+    kTcp.Table()->Rules().RemoveRuleFast(6, oru::InspectorCallback(recorder.get()), 0, {}, {});
+    recorder.reset();
+    DecoderFixture::TearDown();
+  }
+  // Side 0 is 10.0.0.1:40000, side 1 10.0.0.2:80.
+  unsigned Send(int side, uint8_t flags, uint32_t seq, const std::string &payload) {
+    oru::TransportSegment s{};
+    const oru::IpAddr a = oru::IpAddr::FromV4(0x0A000001), b = oru::IpAddr::FromV4(0x0A000002);
+    s.src = side == 0 ? a : b;
+    s.dst = side == 0 ? b : a;
+    s.src_port = side == 0 ? 40000 : 80;
+    s.dst_port = side == 0 ? 80 : 40000;
+    s.tcp_flags = flags;
+    s.seq = seq;
+    s.payload = reinterpret_cast<const uint8_t *>(payload.data());
+    s.payload_length = static_cast<uint32_t>(payload.size());
+    Enter();
+    oru::fdt::intrusive_ptr<oru::Conn> conn;
+    const unsigned r = kTcp.Table()->Classifier().Segment(s, conn);
+    last = conn.get();
+    return r;
+  }
+  oru::fdt::intrusive_ptr<Recorder> recorder;
+  oru::Conn *last = nullptr;
+};
+
+TEST_F(SegmentTest, ReassemblyTables) {
+  constexpr uint8_t SYN = 0x02, ACK = 0x10, FIN = 0x01, RST = 0x04, SA = 0x12;
+  struct Step {
+    int side;
+    uint8_t flags;
+    uint32_t seq;
+    std::string bytes;
+    std::string seen0, seen1; // what inspection has been handed so far
+  };
+  struct Table {
+    const char *name;
+    std::vector<Step> steps;
+    size_t open; // connections left in the table
+  } tables[] = {
+      {"in order, both sides, then FIN from both",
+       {{0, SYN, 100, "", "", ""},
+        {1, SA, 500, "", "", ""},
+        {0, ACK, 101, "GET", "GET", ""},
+        {1, ACK, 501, "OK", "GET", "OK"},
+        {0, FIN | ACK, 104, "", "GET", "OK"},
+        {1, FIN | ACK, 503, "", "GET", "OK"}},
+       0},
+      {"reordered within the window, a retransmission, an overlap",
+       {{0, SYN, 0, "", "", ""},
+        {0, ACK, 5, "efg", "", ""},
+        {0, ACK, 1, "abcd", "abcdefg", ""},
+        {0, ACK, 1, "abcd", "abcdefg", ""},
+        {0, ACK, 6, "fghij", "abcdefghij", ""}},
+       1},
+      {"picked up without a SYN, across the wrap",
+       {{0, ACK, 0xFFFFFFFEu, "ab", "ab", ""}, {0, ACK, 0, "cd", "abcd", ""}},
+       1},
+      {"a hole beyond the window is given up",
+       {{0, SYN, 0, "", "", ""},
+        {0, ACK, 1 + 20000, "far", "far", ""},
+        {0, ACK, 1, "near", "far", ""}},
+       1},
+      {"a RST ends it", {{0, SYN, 7, "", "", ""}, {0, RST, 8, "", "", ""}}, 0},
+  };
+  for (const Table &table : tables) {
+    SCOPED_TRACE(table.name);
+    for (const Step &step : table.steps) {
+      SCOPED_TRACE(step.seq);
+      Send(step.side, step.flags, step.seq, step.bytes);
+      EXPECT_EQ(recorder->seen[0], step.seen0);
+      EXPECT_EQ(recorder->seen[1], step.seen1);
+    }
+    EXPECT_EQ(kTcp.Table()->Count(), table.open);
+    kTcp.Table()->Clear();
+    recorder->seen[0].clear();
+    recorder->seen[1].clear();
+  }
+}
+
+// The SYN's sender is the client, whichever side speaks first after it; a
+// UDP flow's first sender is.
+TEST_F(SegmentTest, ClientSide) {
+  Send(1, 0x12, 9, "");
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->m_tuple.src_port, 40000);
+  EXPECT_EQ(last->m_tuple.dst_port, 80);
+  EXPECT_EQ(kTcp.Table()->Count(), 1u);
+}
+
+} // namespace
