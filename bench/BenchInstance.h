@@ -3,10 +3,13 @@
 #ifndef KEST_BENCH_BENCHINSTANCE_H
 #define KEST_BENCH_BENCHINSTANCE_H
 
+#include <filesystem>
 #include <kest.h>
 #include <kest/Conn.h>
 #include <kest/Inspector.h>
 #include <stdint.h>
+#include <stdlib.h>
+#include <string>
 
 namespace kest_bench {
 
@@ -14,6 +17,42 @@ namespace kest_bench {
 // hooks must be filled (kest_host_use_libc).
 inline kest_handle_t OpenInstance() {
   const kest_handle_t h = kest_open(KEST_BENCH_PLUGIN_DIR);
+  if (h < 0) {
+    return -1;
+  }
+  if (kest_init(h) != 0) {
+    kest_close(h);
+    return -1;
+  }
+  return h;
+}
+
+// The same on the transports alone, without the whole-packet decoder, for
+// benchmarks that put their own handler on a packet form. The folder is made
+// once, in the temporary directory.
+inline kest_handle_t OpenTransportInstance() {
+  // Removed again when the program ends.
+  struct Folder {
+    std::string path;
+    ~Folder() {
+      if (!path.empty()) {
+        std::filesystem::remove_all(path);
+      }
+    }
+  };
+  static const Folder made = [] {
+    char pattern[] = "/tmp/kest-bench-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+      return Folder{};
+    }
+    for (const char *name : {"tcp.plg", "udp.plg"}) {
+      std::filesystem::copy_file(std::filesystem::path(KEST_BENCH_PLUGIN_DIR) / name,
+                                 std::filesystem::path(pattern) / name);
+    }
+    return Folder{pattern};
+  }();
+  const std::string &folder = made.path;
+  const kest_handle_t h = folder.empty() ? -1 : kest_open(folder.c_str());
   if (h < 0) {
     return -1;
   }

@@ -59,7 +59,7 @@ void BM_ClassifyRoundTrip(benchmark::State &state) {
   g_real_shared = kest_malloc_shared;
   kest_malloc_local = CountingLocal;
   kest_malloc_shared = CountingShared;
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::OpenTransportInstance();
   if (h < 0) {
     state.SkipWithError("instance did not start");
     return;

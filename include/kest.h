@@ -268,12 +268,26 @@ KEST_EXPORT int kest_error_get(kest_handle_t handle);
 /* ------------------------------------------------------------------------ */
 
 /** Packet forms that kest_classify() accepts. KEST_SELECTOR_CONN means that
- * the bytes are payload of one side of an existing connection. The meaning of
- * the other three belongs to the plug-ins that register them. */
+ * the bytes are payload of one side of an existing connection. The other
+ * three are whole packets, taken by the packet decoder plug-in (packet.plg),
+ * which finds or makes the connection itself:
+ *   KEST_SELECTOR_IP          an IP packet from its first header byte, IPv4
+ *                             or IPv6 by the version nibble (the form of
+ *                             kest_classify_simple(), netfilter queues, TUN
+ *                             devices and raw captures);
+ *   KEST_SELECTOR_ETHERNET    an Ethernet II frame, with any number of
+ *                             802.1Q / 802.1ad tags, and PPPoE session frames;
+ *   KEST_SELECTOR_LINUX_SLL   a Linux cooked-capture frame (16-byte header).
+ * A frame of another kind (ARP, an IP protocol other than TCP and UDP, a
+ * fragment, a malformed packet) gets result code 0, "not classified", with
+ * connection number 0 and error 0. */
 #define KEST_SELECTOR_CONN 0
-#define KEST_SELECTOR_FORM_1 1
-#define KEST_SELECTOR_FORM_2 2
-#define KEST_SELECTOR_FORM_3 3
+#define KEST_SELECTOR_IP 1
+#define KEST_SELECTOR_ETHERNET 2
+#define KEST_SELECTOR_LINUX_SLL 3
+#define KEST_SELECTOR_FORM_1 KEST_SELECTOR_IP
+#define KEST_SELECTOR_FORM_2 KEST_SELECTOR_ETHERNET
+#define KEST_SELECTOR_FORM_3 KEST_SELECTOR_LINUX_SLL
 
 /**
  * Classifies one packet. Runs the idle pass first, then the plug-in

@@ -1,0 +1,6 @@
+// The entry point of packet.plg.
+#include "packet/PacketPlugin.h"
+
+KEST_PLUGIN_QUERY {
+  return kest_decoders::PacketPlugin::EntryTable();
+}
