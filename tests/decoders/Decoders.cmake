@@ -41,6 +41,14 @@ endif()
 find_library(KEST_PCAP_LIBRARY pcap)
 if(KEST_PCAP_LIBRARY)
   target_link_libraries(kest_tests PRIVATE ${KEST_PCAP_LIBRARY})
-  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/packet/PacketParserTest.cpp APPEND PROPERTY
+  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/packet/PacketParserTest.cpp
+                      ${CMAKE_CURRENT_LIST_DIR}/PacketPluginTest.cpp APPEND PROPERTY
                COMPILE_DEFINITIONS KEST_TEST_PCAP_DIR="${CMAKE_SOURCE_DIR}/../shared/pcaps")
+endif()
+if(TARGET packet)
+  add_dependencies(kest_tests packet)
+  get_target_property(_packet_plg packet KEST_PLUGIN_FILE)
+  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/PacketPluginTest.cpp APPEND PROPERTY
+               COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
+               KEST_TEST_PACKET_PLG="${_packet_plg}" KEST_TEST_PROBE_PLG="${_probe_plg}")
 endif()

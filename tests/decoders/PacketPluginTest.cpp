@@ -1,0 +1,227 @@
+// Whole packets through packet.plg and the transports: one conversation in
+// the three forms, both directions on one connection, inspectors fed the
+// reassembled stream; every packet of the shared captures answered once.
+#include "tests/decoders/DecoderTestSupport.h"
+
+#include "PluginFolder.h"
+
+#include <filesystem>
+#include <map>
+#include <pcap/pcap.h>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Result {
+  int code;
+  kest_conn_id_t id;
+  std::string stack;
+};
+
+int Record(kest_handle_t h, kest_result_t *result, int code, kest_conn_id_t id, void *user, int) {
+  static_cast<std::vector<Result> *>(user)->push_back(
+      {code, id, kest_test::StackNames(h, *result)});
+  return 0;
+}
+
+uint16_t Sum(const Bytes &b, size_t from, size_t to) {
+  uint32_t sum = 0;
+  for (size_t i = from; i + 1 < to; i += 2) {
+    sum += static_cast<uint32_t>(b[i] << 8 | b[i + 1]);
+  }
+  while (sum >> 16) {
+    sum = (sum & 0xFFFF) + (sum >> 16);
+  }
+  return static_cast<uint16_t>(~sum);
+}
+
+// An IPv4 TCP packet from 10.0.0.1:40000 (side 0) or 10.0.0.2:8080.
+Bytes TcpPacket(int side, uint8_t flags, uint32_t seq, const std::string &payload) {
+  const uint16_t total = static_cast<uint16_t>(40 + payload.size());
+  Bytes p = {0x45,
+             0,
+             static_cast<uint8_t>(total >> 8),
+             static_cast<uint8_t>(total),
+             0,
+             0,
+             0x40,
+             0,
+             64,
+             6,
+             0,
+             0,
+             10,
+             0,
+             0,
+             static_cast<uint8_t>(side == 0 ? 1 : 2),
+             10,
+             0,
+             0,
+             static_cast<uint8_t>(side == 0 ? 2 : 1)};
+  const uint16_t sport = side == 0 ? 40000 : 8080, dport = side == 0 ? 8080 : 40000;
+  Bytes tcp = {static_cast<uint8_t>(sport >> 8),
+               static_cast<uint8_t>(sport),
+               static_cast<uint8_t>(dport >> 8),
+               static_cast<uint8_t>(dport),
+               static_cast<uint8_t>(seq >> 24),
+               static_cast<uint8_t>(seq >> 16),
+               static_cast<uint8_t>(seq >> 8),
+               static_cast<uint8_t>(seq),
+               0,
+               0,
+               0,
+               0,
+               0x50,
+               flags,
+               0xFF,
+               0xFF,
+               0,
+               0,
+               0,
+               0};
+  const uint16_t check = Sum(p, 0, 20);
+  p[10] = static_cast<uint8_t>(check >> 8);
+  p[11] = static_cast<uint8_t>(check);
+  p.insert(p.end(), tcp.begin(), tcp.end());
+  p.insert(p.end(), payload.begin(), payload.end());
+  return p;
+}
+
+Bytes Framed(int selector, const Bytes &ip) {
+  Bytes out;
+  if (selector == KEST_SELECTOR_ETHERNET) {
+    out.assign(12, 0x02);
+    out.insert(out.end(), {0x81, 0x00, 0x00, 0x07, 0x08, 0x00}); // one VLAN tag
+  } else if (selector == KEST_SELECTOR_LINUX_SLL) {
+    out.assign(14, 0);
+    out.insert(out.end(), {0x08, 0x00});
+  }
+  out.insert(out.end(), ip.begin(), ip.end());
+  return out;
+}
+
+class PacketPluginTest : public kest_test::PluginFolderFixture {
+protected:
+  kest_handle_t OpenAll() {
+    const kest_handle_t h = kest_open(
+        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_PROBE_PLG})
+            .c_str());
+    EXPECT_GT(h, 0);
+    EXPECT_EQ(kest_init(h), 0);
+    return h;
+  }
+};
+
+TEST_F(PacketPluginTest, OneConversationInEveryForm) {
+  const kest_handle_t h = OpenAll();
+  std::map<int, std::vector<std::string>> outcome;
+  for (int selector : {KEST_SELECTOR_IP, KEST_SELECTOR_ETHERNET, KEST_SELECTOR_LINUX_SLL}) {
+    SCOPED_TRACE(selector);
+    const Bytes packets[] = {TcpPacket(0, 0x02, 100, ""),      TcpPacket(1, 0x12, 900, ""),
+                             TcpPacket(0, 0x10, 101, "hel"),   TcpPacket(0, 0x10, 104, "lo"),
+                             TcpPacket(1, 0x10, 901, "world"), TcpPacket(0, 0x11, 106, ""),
+                             TcpPacket(1, 0x11, 906, "")};
+    std::vector<Result> results;
+    for (const Bytes &ip : packets) {
+      const Bytes frame = Framed(selector, ip);
+      EXPECT_EQ(kest_classify(h, selector, frame.data(), static_cast<uint16_t>(frame.size()),
+                              nullptr, 0, Record, &results),
+                0);
+    }
+    ASSERT_EQ(results.size(), 7u);
+    for (const Result &r : results) {
+      EXPECT_EQ(r.id, results[0].id) << "both directions, one connection";
+      outcome[selector].push_back(r.stack + " " + std::to_string(r.code));
+    }
+  }
+  EXPECT_EQ(outcome[KEST_SELECTOR_IP],
+            (std::vector<std::string>{"TCP 1", "TCP 1", "TCP/PROBE 1", "TCP/PROBE 1", "TCP/PROBE 1",
+                                      "TCP/PROBE 1", "TCP/PROBE 1"}));
+  EXPECT_EQ(outcome[KEST_SELECTOR_ETHERNET], outcome[KEST_SELECTOR_IP]);
+  EXPECT_EQ(outcome[KEST_SELECTOR_LINUX_SLL], outcome[KEST_SELECTOR_IP]);
+
+  // Not IP: code 0 on connection 0, no error.
+  std::vector<Result> results;
+  const Bytes arp = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 2, 2, 2, 2, 2, 2, 0x08, 0x06, 0, 1};
+  EXPECT_EQ(kest_classify(h, KEST_SELECTOR_ETHERNET, arp.data(), static_cast<uint16_t>(arp.size()),
+                          nullptr, 0, Record, &results),
+            0);
+  ASSERT_EQ(results.size(), 1u);
+  EXPECT_EQ(results[0].code, 0);
+  EXPECT_EQ(results[0].id, 0u);
+  // The simple call takes raw IP.
+  const Bytes syn = TcpPacket(0, 0x02, 7, "");
+  int app = -1;
+  EXPECT_EQ(kest_classify_simple(h, syn.data(), static_cast<uint16_t>(syn.size()), &app), 0);
+  EXPECT_EQ(app, kest_proto_find_index(h, "TCP"));
+  EXPECT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_close(h), 0);
+  EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+}
+
+// Every packet of every shared capture gets exactly one answer, and closing
+// gives every block back.
+TEST_F(PacketPluginTest, SharedCapturesReplay) {
+  const std::filesystem::path folder = KEST_TEST_PCAP_DIR;
+  if (!std::filesystem::is_directory(folder)) {
+    GTEST_SKIP() << "no shared captures at " << folder;
+  }
+  const kest_handle_t h = OpenAll();
+  long packets = 0, answers = 0, classified = 0;
+  for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+    char error[PCAP_ERRBUF_SIZE];
+    pcap_t *pcap = pcap_open_offline(entry.path().c_str(), error);
+    if (pcap == nullptr) {
+      continue;
+    }
+    int selector = KEST_SELECTOR_IP;
+    size_t skip = 0;
+    switch (pcap_datalink(pcap)) {
+    case DLT_EN10MB:
+      selector = KEST_SELECTOR_ETHERNET;
+      break;
+    case DLT_LINUX_SLL:
+      selector = KEST_SELECTOR_LINUX_SLL;
+      break;
+    case DLT_RAW:
+    case DLT_IPV4:
+    case DLT_IPV6:
+      break;
+    case DLT_NULL:
+    case DLT_LOOP:
+      skip = 4;
+      break;
+    default:
+      pcap_close(pcap);
+      continue;
+    }
+    pcap_pkthdr *header;
+    const u_char *data;
+    while (pcap_next_ex(pcap, &header, &data) == 1) {
+      if (header->caplen <= skip || header->caplen - skip > 0xFFFF) {
+        continue;
+      }
+      // A copy of its own, so a read past the packet is caught.
+      const size_t n = header->caplen - skip;
+      std::unique_ptr<uint8_t[]> copy(new uint8_t[n]);
+      std::copy(data + skip, data + header->caplen, copy.get());
+      std::vector<Result> results;
+      ++packets;
+      if (kest_classify(h, selector, copy.get(), static_cast<uint16_t>(n), nullptr, 0, Record,
+                        &results) == 0) {
+        answers += static_cast<long>(results.size());
+        classified += !results.empty() && results[0].code != 0;
+      }
+    }
+    pcap_close(pcap);
+  }
+  EXPECT_GT(packets, 1000);
+  EXPECT_EQ(answers, packets);
+  EXPECT_GT(classified, packets / 2);
+  EXPECT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_close(h), 0);
+  EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+}
+
+} // namespace
