@@ -31,14 +31,70 @@ oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {
                             conn->m_chain);
   }
   conn->add_ref();
-  conn->m_next = m_head;
-  if (m_head != nullptr) {
-    m_head->m_prev = conn;
-  }
-  m_head = conn;
+  LinkFirst(conn);
   ++m_count;
   m_index.Insert(conn);
   return conn;
+}
+
+void ConnTable::LinkFirst(TransportConn *conn) {
+  conn->m_prev = nullptr;
+  conn->m_next = m_head;
+  if (m_head != nullptr) {
+    m_head->m_prev = conn;
+  } else {
+    m_tail = conn;
+  }
+  m_head = conn;
+}
+
+void ConnTable::UnlinkList(TransportConn *conn) {
+  if (conn->m_prev != nullptr) {
+    conn->m_prev->m_next = conn->m_next;
+  } else {
+    m_head = conn->m_next;
+  }
+  if (conn->m_next != nullptr) {
+    conn->m_next->m_prev = conn->m_prev;
+  } else {
+    m_tail = conn->m_prev;
+  }
+  conn->m_prev = nullptr;
+  conn->m_next = nullptr;
+}
+
+void ConnTable::Used(TransportConn *conn) {
+  if (m_head != conn && conn->m_table == this) {
+    UnlinkList(conn);
+    LinkFirst(conn);
+  }
+}
+
+uint64_t ConnTable::Timeout(const TransportConn &conn) const {
+  if (m_ip_protocol != 6) {
+    return m_limits.established_ms;
+  }
+  if (conn.m_fin[0] != 0 || conn.m_fin[1] != 0) {
+    return m_limits.closing_ms;
+  }
+  return conn.m_seen[0] != 0 && conn.m_seen[1] != 0 ? m_limits.established_ms : m_limits.opening_ms;
+}
+
+void ConnTable::Sweep(uint64_t now, int budget) {
+  TransportConn *conn = m_tail;
+  while (conn != nullptr && budget-- > 0) {
+    TransportConn *newer = conn->m_prev;
+    if (now - conn->Touched() > Timeout(*conn)) {
+      Destroy(conn);
+    }
+    conn = newer;
+  }
+}
+
+void ConnTable::MakeRoom() {
+  while (m_count >= m_limits.max_connections && m_tail != nullptr) {
+    Destroy(m_tail);
+  }
 }
 
 void ConnTable::Destroy(oru::Conn *conn) {
@@ -86,16 +142,7 @@ void ConnTable::Drop(TransportConn *conn) {
 
 void ConnTable::Unlink(TransportConn *conn) {
   m_index.Remove(conn);
-  if (conn->m_prev != nullptr) {
-    conn->m_prev->m_next = conn->m_next;
-  } else {
-    m_head = conn->m_next;
-  }
-  if (conn->m_next != nullptr) {
-    conn->m_next->m_prev = conn->m_prev;
-  }
-  conn->m_prev = nullptr;
-  conn->m_next = nullptr;
+  UnlinkList(conn);
   conn->m_table = nullptr;
   --m_count;
 }

@@ -27,6 +27,15 @@ namespace kest_decoders {
 
 class ConnTable final : public oru::IConnFactory, public oru::EventTarget {
 public:
+  // How long a connection may stay silent, by its state, in milliseconds,
+  // and how many connections the table holds at most.
+  struct Limits {
+    uint64_t opening_ms = 30000;      // TCP before both sides spoke
+    uint64_t established_ms = 600000; // TCP after, and UDP
+    uint64_t closing_ms = 30000;      // TCP after a FIN
+    size_t max_connections = 1000000;
+  };
+
   // `ip_protocol` is 6 or 17, `proto` the transport's protocol index on this
   // thread, `context` the memory context of the transport, `name` the
   // store's name (kept as a pointer).
@@ -57,12 +66,27 @@ public:
   PayloadClassifier &Classifier() { return m_classify; }
   oru::IpPortRuleStore &Rules() { return m_rules; }
 
+  void SetLimits(const Limits &limits) { m_limits = limits; }
+  const Limits &GetLimits() const { return m_limits; }
+  // The connection was used now: it goes to the front, away from ageing.
+  void Used(TransportConn *conn);
+  // Ends up to `budget` connections from the least recently used end whose
+  // time is up at `now`; each reports "conn.expired".
+  void Sweep(uint64_t now, int budget);
+  // Makes room for one more connection: at the limit, the least recently
+  // used goes.
+  void MakeRoom();
+
   // The handler of the store's event: another thread (or this one) used a
   // synced rule.
   void OnRuleUsed(const void *data, uint32_t length);
 
 private:
   void Unlink(TransportConn *conn);
+  // Takes the connection out of the list (not the index) and puts it first.
+  void LinkFirst(TransportConn *conn);
+  void UnlinkList(TransportConn *conn);
+  uint64_t Timeout(const TransportConn &conn) const;
   // Reports the connection expired and drops the table's reference.
   void Drop(TransportConn *conn);
 
@@ -71,7 +95,9 @@ private:
   oru::IpPortRuleStore m_rules;
   PayloadClassifier m_classify;
   TransportConn *m_head;
+  TransportConn *m_tail = nullptr;
   size_t m_count;
+  Limits m_limits;
   ConnIndex m_index;
 };
 

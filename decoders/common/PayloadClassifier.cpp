@@ -15,6 +15,9 @@ namespace {
 // A block holds at most this many bytes.
 constexpr uint32_t kMaxBlock = 0xFFFF;
 
+// Connections looked at for ageing per segment.
+constexpr int kSweepBudget = 4;
+
 unsigned char SideOf(const oru::Conn &conn) {
   return conn.m_side != 0 ? 1 : 0;
 }
@@ -95,6 +98,8 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   }
   oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
   const bool tcp = m_table->IpProtocol() == 6;
+  // Ageing rides on the packets: a few of the least recently used at a time.
+  m_table->Sweep(oru::now(), kSweepBudget);
   TransportConn *own = m_table->Find(segment.src, segment.src_port, segment.dst, segment.dst_port);
   if (own == nullptr) {
     // The client: the sender of a SYN without ACK; the receiver of a SYN with
@@ -105,6 +110,7 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
     tuple.dst = answer ? segment.src : segment.dst;
     tuple.src_port = answer ? segment.dst_port : segment.src_port;
     tuple.dst_port = answer ? segment.src_port : segment.dst_port;
+    m_table->MakeRoom();
     own = static_cast<TransportConn *>(m_table->Create(tuple));
     if (own == nullptr) {
       oru::ThrowError(oru::ERR_NOMEM);
@@ -114,6 +120,8 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   const oru::Tuple &t = own->m_tuple;
   const unsigned char side = segment.src == t.src && segment.src_port == t.src_port ? 0 : 1;
   own->SetSide(side);
+  own->m_seen[side] = 1;
+  m_table->Used(own);
   conn = own;
   if (!ReportTransport(*own->GetAppStack())) {
     oru::ThrowError(oru::ERR_NOMEM);

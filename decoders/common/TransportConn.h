@@ -67,6 +67,8 @@ public:
   // in the flow's m_base_pos), and whether a FIN came.
   uint8_t m_seq_known[2];
   uint8_t m_fin[2];
+  // Whether each side has sent a packet.
+  uint8_t m_seen[2];
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

@@ -1,6 +1,7 @@
 #include "common/TransportPlugin.h"
 
 #include <kest.h>
+#include <kest/Configuration.h>
 #include <kest/MemTag.h>
 #include <kest/ProtocolRegistry.h>
 #include <kest/SyncEventQueue.h>
@@ -21,7 +22,38 @@ bool TransportPlugin::GetVersion(const oru::VersionRecord *library, oru::Version
   return library != nullptr && library->major == kMajor;
 }
 
+namespace {
+
+// The settings of a transport, under its name: "<name>.timeout.<state>" in
+// seconds and "<name>.max_connections". Read when a thread starts.
+struct Setting {
+  const char *suffix;
+  const char *value;
+  uint64_t ConnTable::Limits::*ms;
+};
+
+const Setting kSettings[] = {
+    {".timeout.opening", "30", &ConnTable::Limits::opening_ms},
+    {".timeout.established", "600", &ConnTable::Limits::established_ms},
+    {".timeout.closing", "30", &ConnTable::Limits::closing_ms},
+    {".max_connections", "1000000", nullptr},
+};
+
+void KeyOf(const char *name, const char *suffix, char (&key)[64]) {
+  kest_snprintf(key, sizeof key, "%s%s", name, suffix);
+}
+
+} // namespace
+
 bool TransportPlugin::InitInstance() const {
+  for (const Setting &setting : kSettings) {
+    char key[64];
+    KeyOf(m_name, setting.suffix, key);
+    if (oru::Configuration::GetItem(key).empty() &&
+        !oru::Configuration::SetItem(key, setting.value)) {
+      return false;
+    }
+  }
   oru::RegisterProtocol(m_protocol);
   if (oru::GetProtocolId(m_protocol) == 0) {
     return false;
@@ -45,6 +77,20 @@ bool TransportPlugin::InitThread() const {
   if (table == nullptr) {
     return false;
   }
+  ConnTable::Limits limits;
+  for (const Setting &setting : kSettings) {
+    char key[64];
+    KeyOf(m_name, setting.suffix, key);
+    const long value = kest_atoi(oru::Configuration::GetItem(key).c_str());
+    if (value > 0) {
+      if (setting.ms != nullptr) {
+        limits.*setting.ms = static_cast<uint64_t>(value) * 1000u;
+      } else {
+        limits.max_connections = static_cast<size_t>(value);
+      }
+    }
+  }
+  table->SetLimits(limits);
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Instance();
   const uint32_t event = oru::SyncEventQueue::RegisterEvent(m_event);
   table->Rules().m_event = event;

@@ -1,11 +1,14 @@
 // TCP segments into a side's stream, as tables of steps: what the inspectors
 // of the connection are handed, side by side, after each segment.
+#include "tests/attributes/AttributeTestSupport.h"
 #include "tests/decoders/DecoderTestSupport.h"
 #include "tests/rules/InspectorTestSupport.h"
 
 #include "common/TcpStream.h"
 
 #include <kest/ITransportSegment.h>
+
+#include <cstring>
 
 namespace {
 
@@ -141,6 +144,67 @@ TEST_F(SegmentTest, ClientSide) {
   EXPECT_EQ(last->m_tuple.src_port, 40000);
   EXPECT_EQ(last->m_tuple.dst_port, 80);
   EXPECT_EQ(kTcp.Table()->Count(), 1u);
+}
+
+} // namespace
+
+namespace {
+
+// Connections end by time-out by their state, by eviction at the limit, or
+// with the table; each is reported expired exactly once.
+TEST_F(SegmentTest, AgeingAndEviction) {
+  kest_test::g_deliveries.clear();
+  ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", kest_test::RecordingListener), 0);
+  kest_clock_set_mode(h, 1);
+  kest_clock_set(h, 100000);
+  kest_idle(h);
+  kest_decoders::ConnTable::Limits limits;
+  limits.opening_ms = 1000;
+  limits.established_ms = 10000;
+  limits.max_connections = 3;
+  kTcp.Table()->SetLimits(limits);
+  auto flow = [&](uint16_t port, int side, uint8_t flags) {
+    oru::TransportSegment s{};
+    s.src = oru::IpAddr::FromV4(side == 0 ? 0x0A000001 : 0x0A000002);
+    s.dst = oru::IpAddr::FromV4(side == 0 ? 0x0A000002 : 0x0A000001);
+    s.src_port = side == 0 ? port : 80;
+    s.dst_port = side == 0 ? 80 : port;
+    s.tcp_flags = flags;
+    Enter();
+    oru::fdt::intrusive_ptr<oru::Conn> conn;
+    kTcp.Table()->Classifier().Segment(s, conn);
+    return conn->m_number;
+  };
+  auto at = [&](uint64_t ms) {
+    kest_clock_set(h, ms);
+    Enter();
+  };
+  std::vector<uint64_t> expired;
+  auto take = [&] {
+    for (const auto &d : kest_test::g_deliveries) {
+      uint64_t number = 0;
+      std::memcpy(&number, d.value.data(), 8);
+      expired.push_back(number);
+    }
+    kest_test::g_deliveries.clear();
+  };
+  const uint64_t half_open = flow(1, 0, 0x02);
+  const uint64_t open = flow(2, 0, 0x02);
+  flow(2, 1, 0x12);
+  at(101500); // the half-open one is past its second; the other spoke both ways
+  const uint64_t third = flow(3, 0, 0x02);
+  take();
+  EXPECT_EQ(expired, std::vector<uint64_t>{half_open});
+  const uint64_t fourth = flow(4, 0, 0x02);
+  const uint64_t fifth = flow(5, 0, 0x02); // at the limit: the least recently used goes
+  take();
+  EXPECT_EQ(expired, (std::vector<uint64_t>{half_open, open}));
+  EXPECT_EQ(kTcp.Table()->Count(), 3u);
+  // The rest with the table, the most recently used first.
+  kTcp.Table()->Clear();
+  take();
+  EXPECT_EQ(expired, (std::vector<uint64_t>{half_open, open, fifth, fourth, third}));
+  ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", nullptr), 0);
 }
 
 } // namespace
