@@ -6,7 +6,7 @@
 namespace kest_decoders {
 
 ConnTable::ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context, const char *name)
-    : m_ip_protocol(ip_protocol), m_context(context), m_rules(name),
+    : m_ip_protocol(ip_protocol), m_context(context), m_rules(name), m_custom(m_rules, ip_protocol),
       m_classify(proto, context, this), m_head(nullptr), m_count(0), m_index(RandomSipKey()) {}
 
 ConnTable::~ConnTable() {

@@ -14,6 +14,7 @@
 #define KEST_DECODERS_CONNTABLE_H
 
 #include "common/ConnIndex.h"
+#include "common/CustomRules.h"
 #include "common/PayloadClassifier.h"
 #include "common/TransportConn.h"
 
@@ -65,6 +66,7 @@ public:
   uint8_t IpProtocol() const { return m_ip_protocol; }
   PayloadClassifier &Classifier() { return m_classify; }
   oru::IpPortRuleStore &Rules() { return m_rules; }
+  CustomRules &Custom() { return m_custom; }
 
   void SetLimits(const Limits &limits) { m_limits = limits; }
   const Limits &GetLimits() const { return m_limits; }
@@ -93,6 +95,7 @@ private:
   uint8_t m_ip_protocol;
   uint16_t m_context;
   oru::IpPortRuleStore m_rules;
+  CustomRules m_custom;
   PayloadClassifier m_classify;
   TransportConn *m_head;
   TransportConn *m_tail = nullptr;

@@ -107,7 +107,15 @@ bool TransportPlugin::InitThread() const {
     return false;
   }
   oru::ITransportSegment *segments = &table->Classifier();
+  oru::ICustomRule *custom = &table->Custom();
+  if (!broker->RegisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, custom)) {
+    broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
+    queue->InstallHandler(event, nullptr, nullptr);
+    oru::fdt::DestroyObject(table);
+    return false;
+  }
   if (!broker->RegisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, segments)) {
+    broker->UnregisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, custom);
     broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
     queue->InstallHandler(event, nullptr, nullptr);
     oru::fdt::DestroyObject(table);
@@ -115,6 +123,7 @@ bool TransportPlugin::InitThread() const {
   }
   if (!broker->RegisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, factory)) {
     broker->UnregisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, segments);
+    broker->UnregisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, custom);
     broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
     queue->InstallHandler(event, nullptr, nullptr);
     oru::fdt::DestroyObject(table);
@@ -132,6 +141,7 @@ void TransportPlugin::ExitThread() const {
   broker->UnregisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, table);
   broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, &table->Rules());
   broker->UnregisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, &table->Classifier());
+  broker->UnregisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, &table->Custom());
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Peek();
   if (queue != nullptr && table->Rules().m_event != 0) {
     queue->InstallHandler(table->Rules().m_event, nullptr, nullptr);

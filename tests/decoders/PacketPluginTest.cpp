@@ -160,6 +160,42 @@ TEST_F(PacketPluginTest, OneConversationInEveryForm) {
   EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
 }
 
+// A host's custom rule on the TCP module names its connections: here the
+// server 10.0.0.2 on port 8080.
+TEST_F(PacketPluginTest, CustomRulesNameConnections) {
+  const kest_handle_t h =
+      kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG}).c_str());
+  ASSERT_GT(h, 0);
+  const int myapp = kest_proto_add(h, "MYAPP", 0);
+  ASSERT_GT(myapp, 0);
+  ASSERT_EQ(kest_rule_add(h, myapp, "TCP", "10.0.0.2:8080"), 0);
+  EXPECT_EQ(kest_rule_add(h, myapp, "TCP", ":70000"), 0); // written, refused by each thread
+  ASSERT_EQ(kest_init(h), 0);
+  std::vector<Result> results;
+  for (const Bytes &p : {TcpPacket(0, 0x02, 1, ""), TcpPacket(0, 0x10, 2, "x")}) {
+    ASSERT_EQ(kest_classify(h, KEST_SELECTOR_IP, p.data(), static_cast<uint16_t>(p.size()), nullptr,
+                            0, Record, &results),
+              0);
+  }
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[1].stack, "TCP/MYAPP");
+  // Once removed, new connections are plain TCP again.
+  ASSERT_EQ(kest_rule_remove(h, myapp, "TCP", "10.0.0.2:8080"), 0);
+  kest_idle(h);
+  const Bytes rst = TcpPacket(0, 0x04, 3, "");
+  kest_classify(h, KEST_SELECTOR_IP, rst.data(), static_cast<uint16_t>(rst.size()), nullptr, 0,
+                Record, &results);
+  results.clear();
+  for (const Bytes &p : {TcpPacket(0, 0x02, 1, ""), TcpPacket(0, 0x10, 2, "x")}) {
+    kest_classify(h, KEST_SELECTOR_IP, p.data(), static_cast<uint16_t>(p.size()), nullptr, 0,
+                  Record, &results);
+  }
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[1].stack, "TCP");
+  EXPECT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_close(h), 0);
+}
+
 // Every packet of every shared capture gets exactly one answer, and closing
 // gives every block back.
 TEST_F(PacketPluginTest, SharedCapturesReplay) {
