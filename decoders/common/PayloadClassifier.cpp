@@ -15,6 +15,9 @@ namespace {
 // A block holds at most this many bytes.
 constexpr uint32_t kMaxBlock = 0xFFFF;
 
+// Bytes of a side that inspectors may keep across packets.
+constexpr uint32_t kMaxKept = 256 * 1024;
+
 // Connections looked at for ageing per segment.
 constexpr int kSweepBudget = 4;
 
@@ -84,8 +87,9 @@ unsigned PayloadClassifier::Inspect(TransportConn &own, oru::FlowBuffer &flow, u
     result = Handoff(own.m_chain, pkt, own.m_tuple, conn);
   }
   // The blocks borrow the packet: unless an inspector made the newest one
-  // outlive it (Sync), everything up to the end of the stream goes now.
-  if (!KeptByInspection(flow)) {
+  // outlive it (Sync), everything up to the end of the stream goes now. No
+  // inspector keeps more than kMaxKept bytes of a side.
+  if (!KeptByInspection(flow) || flow.Size() > kMaxKept) {
     flow.Flush();
   }
   return result;
