@@ -127,6 +127,11 @@ ParseResult Ipv4(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket
   out.dst = oru::IpAddr::FromV4(Be32(ip + 16));
   const uint16_t fragment = Be16(ip + 6);
   if ((fragment & 0x3FFF) != 0) { // more fragments, or an offset
+    out.frag_id = Be16(ip + 4);
+    out.frag_offset = (fragment & 0x1FFFu) * 8u;
+    out.frag_more = (fragment & 0x2000) != 0;
+    out.payload = ip + header;
+    out.payload_length = total - header;
     return ParseResult::kFragment;
   }
   return Transport(data, at + header, at + total, out);
@@ -176,6 +181,11 @@ ParseResult Ipv6(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket
         p += 8;
         continue;
       }
+      out.frag_id = Be32(data + p + 4);
+      out.frag_offset = Be16(data + p + 2) & 0xFFF8u;
+      out.frag_more = (data[p + 3] & 1) != 0;
+      out.payload = data + p + 8;
+      out.payload_length = end - p - 8;
       return ParseResult::kFragment;
     default:
       out.protocol = next;

@@ -52,9 +52,14 @@ struct ParsedPacket {
   uint32_t seq = 0;
   uint32_t ack = 0;
   // The transport payload: within the frame, trailing link padding cut off
-  // by the IP length.
+  // by the IP length. For a fragment: its share of the datagram's payload.
   const uint8_t *payload = nullptr;
   uint32_t payload_length = 0;
+  // Fragments: the datagram's identification, this fragment's offset in
+  // bytes, and whether more follow.
+  uint32_t frag_id = 0;
+  uint32_t frag_offset = 0;
+  bool frag_more = false;
 };
 
 // TCP flag bits.

@@ -1,10 +1,12 @@
 #include "packet/PacketPlugin.h"
 
 #include "common/TransportPlugin.h"
+#include "packet/Defragmenter.h"
 #include "packet/PacketParser.h"
 
 #include <kest.h>
 #include <kest/Classification.h>
+#include <kest/Clock.h>
 #include <kest/ITransportSegment.h>
 #include <kest/fdt/ObjectPrefix.h>
 #include <new>
@@ -52,19 +54,44 @@ public:
                     oru::fdt::intrusive_ptr<oru::Conn> &conn) {
     ParsedPacket p;
     const ParseResult r = ParsePacket(form, packet->data, packet->length, p);
-    oru::ITransportSegment *transport = p.protocol == 6    ? m_tcp
-                                        : p.protocol == 17 ? m_udp
-                                                           : nullptr;
-    if (r == ParseResult::kOk && transport != nullptr) {
-      oru::TransportSegment segment{packet->data,    packet->length, p.l3_offset, p.l4_offset,
-                                    p.src,           p.dst,          p.src_port,  p.dst_port,
-                                    p.tcp_flags,     p.seq,          p.ack,       p.payload,
-                                    p.payload_length};
-      return transport->Segment(segment, conn);
+    if (r == ParseResult::kFragment) {
+      // The last fragment of a datagram brings the whole of it.
+      uint32_t length = 0;
+      uint8_t *whole = m_defrag.Add(p, oru::now(), length);
+      if (whole != nullptr) {
+        ParsedPacket q;
+        const unsigned result = ParsePacket(PacketForm::kIp, whole, length, q) == ParseResult::kOk
+                                    ? ToTransport(q, whole, length, conn)
+                                    : NotClassified(conn);
+        kest_free_local(whole);
+        return result;
+      }
+      return NotClassified(conn);
+    }
+    if (r == ParseResult::kOk) {
+      return ToTransport(p, packet->data, packet->length, conn);
     }
     if (r == ParseResult::kMalformed) {
       ++m_malformed;
     }
+    return NotClassified(conn);
+  }
+
+  unsigned ToTransport(const ParsedPacket &p, const uint8_t *frame, uint32_t length,
+                       oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+    oru::ITransportSegment *transport = p.protocol == 6    ? m_tcp
+                                        : p.protocol == 17 ? m_udp
+                                                           : nullptr;
+    if (transport == nullptr) {
+      return NotClassified(conn);
+    }
+    oru::TransportSegment segment{frame, length,     p.l3_offset,     p.l4_offset, p.src,
+                                  p.dst, p.src_port, p.dst_port,      p.tcp_flags, p.seq,
+                                  p.ack, p.payload,  p.payload_length};
+    return transport->Segment(segment, conn);
+  }
+
+  unsigned NotClassified(oru::fdt::intrusive_ptr<oru::Conn> &conn) {
     conn = m_none;
     return kNotClassified;
   }
@@ -124,6 +151,7 @@ private:
   oru::ITransportSegment *m_tcp = nullptr;
   oru::ITransportSegment *m_udp = nullptr;
   uint64_t m_malformed = 0;
+  Defragmenter m_defrag;
 };
 
 // This thread's decoder, with the reference the plug-in holds.

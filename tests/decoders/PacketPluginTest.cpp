@@ -160,6 +160,54 @@ TEST_F(PacketPluginTest, OneConversationInEveryForm) {
   EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
 }
 
+// An IPv4 UDP datagram in two fragments, the second first: the first to
+// arrive waits (code 0); the datagram is classified with the last.
+TEST_F(PacketPluginTest, FragmentsMakeOneDatagram) {
+  const kest_handle_t h = OpenAll();
+  const std::string data = "0123456789abcdef0123456789abcdef";
+  Bytes udp = {0x13, 0x88, 0x00, 0x35, 0, static_cast<uint8_t>(8 + data.size()), 0, 0};
+  udp.insert(udp.end(), data.begin(), data.end());
+  auto fragment = [&](size_t from, size_t to, bool more) {
+    const uint16_t total = static_cast<uint16_t>(20 + to - from);
+    const uint16_t field = static_cast<uint16_t>((more ? 0x2000 : 0) | (from / 8));
+    Bytes ip = {0x45,
+                0,
+                static_cast<uint8_t>(total >> 8),
+                static_cast<uint8_t>(total),
+                0x12,
+                0x34,
+                static_cast<uint8_t>(field >> 8),
+                static_cast<uint8_t>(field),
+                64,
+                17,
+                0,
+                0,
+                10,
+                0,
+                0,
+                1,
+                10,
+                0,
+                0,
+                2};
+    ip.insert(ip.end(), udp.begin() + static_cast<long>(from), udp.begin() + static_cast<long>(to));
+    return ip;
+  };
+  std::vector<Result> results;
+  for (const Bytes &p : {fragment(16, udp.size(), false), fragment(0, 16, true)}) {
+    ASSERT_EQ(kest_classify(h, KEST_SELECTOR_IP, p.data(), static_cast<uint16_t>(p.size()), nullptr,
+                            0, Record, &results),
+              0);
+  }
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[0].code, 0);
+  EXPECT_EQ(results[1].stack, "UDP");
+  EXPECT_NE(results[1].id, 0u);
+  EXPECT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_close(h), 0);
+  EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+}
+
 // A host's custom rule on the TCP module names its connections: here the
 // server 10.0.0.2 on port 8080.
 TEST_F(PacketPluginTest, CustomRulesNameConnections) {

@@ -1,0 +1,149 @@
+#include "packet/Defragmenter.h"
+
+#include <kest.h>
+
+namespace kest_decoders {
+
+Defragmenter::~Defragmenter() {
+  while (!m_datagrams.empty()) {
+    Drop(m_datagrams.begin());
+  }
+}
+
+void Defragmenter::Drop(DatagramList::iterator it) {
+  for (Piece &piece : it->pieces) {
+    m_bytes -= piece.length;
+    kest_free_local(piece.data);
+  }
+  m_datagrams.erase(it);
+}
+
+uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length) {
+  length = 0;
+  // Time-outs first, then room for this fragment under the cap.
+  while (!m_datagrams.empty() && now - m_datagrams.front().first_ms > kTimeoutMs) {
+    Drop(m_datagrams.begin());
+  }
+  if (f.payload_length == 0 || f.payload_length > kMaxBytes ||
+      f.frag_offset + f.payload_length > 0xFFFF) {
+    return nullptr;
+  }
+  while (!m_datagrams.empty() && m_bytes + f.payload_length > kMaxBytes) {
+    Drop(m_datagrams.begin());
+  }
+  DatagramList::iterator d = m_datagrams.begin();
+  for (; d != m_datagrams.end(); ++d) {
+    if (d->id == f.frag_id && d->protocol == f.protocol && d->ip_version == f.ip_version &&
+        d->src == f.src && d->dst == f.dst) {
+      break;
+    }
+  }
+  if (d == m_datagrams.end()) {
+    d = m_datagrams.emplace_back();
+    if (d == m_datagrams.end()) {
+      return nullptr;
+    }
+    d->ip_version = f.ip_version;
+    d->protocol = f.protocol;
+    d->src = f.src;
+    d->dst = f.dst;
+    d->id = f.frag_id;
+    d->first_ms = now;
+    d->total = 0;
+  }
+  uint32_t offset = f.frag_offset;
+  uint32_t end = offset + f.payload_length;
+  const uint8_t *bytes = f.payload;
+  if (!f.frag_more) {
+    d->total = end;
+  }
+  // First come, first kept: cut this fragment around what is held.
+  oru::List<Piece>::iterator at = d->pieces.begin();
+  while (at != d->pieces.end() && at->offset + at->length <= offset) {
+    ++at;
+  }
+  while (offset < end) {
+    if (at != d->pieces.end() && at->offset <= offset) {
+      // Held already from here on: skip past that piece.
+      const uint32_t held_end = at->offset + at->length;
+      bytes += (held_end < end ? held_end : end) - offset;
+      offset = held_end < end ? held_end : end;
+      ++at;
+      continue;
+    }
+    const uint32_t stop = at != d->pieces.end() && at->offset < end ? at->offset : end;
+    uint8_t *copy = static_cast<uint8_t *>(kest_malloc_local(stop - offset));
+    if (copy == nullptr) {
+      return nullptr;
+    }
+    kest_memcpy(copy, bytes, stop - offset);
+    if (d->pieces.insert(at, Piece{offset, stop - offset, copy}) == d->pieces.end()) {
+      kest_free_local(copy);
+      return nullptr;
+    }
+    m_bytes += stop - offset;
+    bytes += stop - offset;
+    offset = stop;
+  }
+  if (d->total == 0) {
+    return nullptr;
+  }
+  // Whole when the pieces run without a hole from 0 to the end.
+  uint32_t covered = 0;
+  for (const Piece &piece : d->pieces) {
+    if (piece.offset != covered) {
+      return nullptr;
+    }
+    covered += piece.length;
+  }
+  if (covered < d->total) {
+    return nullptr;
+  }
+  uint8_t *packet = Complete(*d, length);
+  Drop(d);
+  return packet;
+}
+
+uint8_t *Defragmenter::Complete(Datagram &d, uint32_t &length) {
+  const uint32_t header = d.ip_version == 4 ? 20 : 40;
+  length = header + d.total;
+  uint8_t *p = static_cast<uint8_t *>(kest_malloc_local(length));
+  if (p == nullptr) {
+    length = 0;
+    return nullptr;
+  }
+  kest_memset(p, 0, header);
+  if (d.ip_version == 4) {
+    p[0] = 0x45;
+    p[2] = static_cast<uint8_t>(length >> 8);
+    p[3] = static_cast<uint8_t>(length);
+    p[8] = 64;
+    p[9] = d.protocol;
+    const uint32_t src = d.src.v4(), dst = d.dst.v4();
+    for (int i = 0; i < 4; ++i) {
+      p[12 + i] = static_cast<uint8_t>(src >> (24 - 8 * i));
+      p[16 + i] = static_cast<uint8_t>(dst >> (24 - 8 * i));
+    }
+  } else {
+    p[0] = 0x60;
+    p[4] = static_cast<uint8_t>(d.total >> 8);
+    p[5] = static_cast<uint8_t>(d.total);
+    p[6] = d.protocol;
+    p[7] = 64;
+    d.src.ToV6(p + 8);
+    d.dst.ToV6(p + 24);
+  }
+  uint32_t at = header;
+  for (const Piece &piece : d.pieces) {
+    if (piece.offset >= d.total) {
+      break; // beyond the last fragment's end
+    }
+    const uint32_t n =
+        piece.offset + piece.length > d.total ? d.total - piece.offset : piece.length;
+    kest_memcpy(p + at, piece.data, n);
+    at += n;
+  }
+  return p;
+}
+
+} // namespace kest_decoders
