@@ -84,7 +84,9 @@ void ConnTable::Sweep(uint64_t now, int budget) {
   TransportConn *conn = m_tail;
   while (conn != nullptr && budget-- > 0) {
     TransportConn *newer = conn->m_prev;
-    if (now - conn->Touched() > Timeout(*conn)) {
+    // Connections the host made are the host's to end: it holds them by a
+    // plain pointer.
+    if (conn->m_aged != 0 && now - conn->Touched() > Timeout(*conn)) {
       Destroy(conn);
     }
     conn = newer;
@@ -92,8 +94,13 @@ void ConnTable::Sweep(uint64_t now, int budget) {
 }
 
 void ConnTable::MakeRoom() {
-  while (m_count >= m_limits.max_connections && m_tail != nullptr) {
-    Destroy(m_tail);
+  TransportConn *conn = m_tail;
+  while (m_count >= m_limits.max_connections && conn != nullptr) {
+    TransportConn *newer = conn->m_prev;
+    if (conn->m_aged != 0) {
+      Destroy(conn);
+    }
+    conn = newer;
   }
 }
 

@@ -120,6 +120,7 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
       oru::ThrowError(oru::ERR_NOMEM);
       return 0;
     }
+    own->m_aged = 1;
   }
   const oru::Tuple &t = own->m_tuple;
   const unsigned char side = segment.src == t.src && segment.src_port == t.src_port ? 0 : 1;
@@ -167,7 +168,8 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
     }
   }
   const unsigned result = Inspect(*own, flow, from, grown, &segment, conn);
-  if (tcp && ((segment.tcp_flags & 0x04) != 0 || (own->m_fin[0] != 0 && own->m_fin[1] != 0))) {
+  if (tcp && own->m_aged != 0 &&
+      ((segment.tcp_flags & 0x04) != 0 || (own->m_fin[0] != 0 && own->m_fin[1] != 0))) {
     // The connection is over: the table lets it go (the caller's reference
     // keeps it for the result).
     m_table->Destroy(own);

@@ -58,7 +58,8 @@ public:
   // points (the client is the sender of a SYN without ACK, else the first
   // sender), its payload entered in stream order (TCP) or as it comes
   // (UDP), and the chain run when the stream grew. A RST, or a FIN from
-  // both sides, ends the connection after the packet.
+  // both sides, ends the connection after the packet, unless the host made
+  // it (kest_conn_create): the host ends its own.
   unsigned Segment(oru::TransportSegment &segment,
                    oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
 

@@ -69,6 +69,9 @@ public:
   uint8_t m_fin[2];
   // Whether each side has sent a packet.
   uint8_t m_seen[2];
+  // Made for whole packets, so the table ages it; the host's own
+  // connections (kest_conn_create) are never ended behind its back.
+  uint8_t m_aged;
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

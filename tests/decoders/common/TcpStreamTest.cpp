@@ -207,4 +207,31 @@ TEST_F(SegmentTest, AgeingAndEviction) {
   ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", nullptr), 0);
 }
 
+// A connection the host made is the host's: no time-out, eviction or RST
+// ends it behind its back.
+TEST_F(SegmentTest, HostConnectionsAreNotAged) {
+  kest_decoders::ConnTable::Limits limits;
+  limits.opening_ms = 1;
+  limits.max_connections = 1;
+  kTcp.Table()->SetLimits(limits);
+  kest_clock_set_mode(h, 1);
+  kest_clock_set(h, 1000);
+  Enter();
+  oru::Conn *host = Create(6); // 192.0.0.0:40000 to 198.0.0.0:80
+  kest_clock_set(h, 9000);
+  Send(0, 0x02, 1, ""); // another flow: sweeps and makes room
+  oru::TransportSegment rst{};
+  rst.src = host->m_tuple.src;
+  rst.dst = host->m_tuple.dst;
+  rst.src_port = host->m_tuple.src_port;
+  rst.dst_port = host->m_tuple.dst_port;
+  rst.tcp_flags = 0x04;
+  oru::fdt::intrusive_ptr<oru::Conn> conn;
+  Enter();
+  kTcp.Table()->Classifier().Segment(rst, conn);
+  EXPECT_EQ(conn.get(), host);
+  EXPECT_EQ(kTcp.Table()->Find(rst.src, rst.src_port, rst.dst, rst.dst_port), host);
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(host)), 0);
+}
+
 } // namespace
