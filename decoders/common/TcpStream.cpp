@@ -85,16 +85,18 @@ uint32_t TcpStream::Insert(oru::FlowBuffer &flow, uint64_t pos, const uint8_t *d
   if (length == 0) {
     return 0;
   }
-  if (pos == next) {
+  if (pos == next && flow.m_blocks.find(pos + length) == flow.m_blocks.end()) {
+    // The newest block of the stream: borrowed from the packet, and saved
+    // by the inspectors' Sync if they need it later.
     if (flow.AddBlock(pos, data, static_cast<uint16_t>(length), false) == nullptr) {
       return 0;
     }
     flow.m_last_start = pos;
     flow.m_next_pos = pos + length;
-    Absorb(flow);
-    return static_cast<uint32_t>(flow.m_next_pos - from);
+    return length;
   }
-  // Ahead within the window: an owned copy waits for the hole to fill.
+  // A block that waits, or one that blocks held beyond it will follow: only
+  // the newest block is ever saved by Sync, so these own a copy.
   void *copy;
   {
     oru::ScopedMemTag tag(oru::ScopedMemTag::OBJECT, oru::MemTag::OBJ_FLOWBUFFER_DATA);
@@ -106,8 +108,15 @@ uint32_t TcpStream::Insert(oru::FlowBuffer &flow, uint64_t pos, const uint8_t *d
   kest_memcpy(copy, data, length);
   if (flow.AddBlock(pos, copy, static_cast<uint16_t>(length), true) == nullptr) {
     kest_free_local(copy);
+    return 0;
   }
-  return 0;
+  if (pos != next) {
+    return 0;
+  }
+  flow.m_last_start = pos;
+  flow.m_next_pos = pos + length;
+  Absorb(flow);
+  return static_cast<uint32_t>(flow.m_next_pos - from);
 }
 
 } // namespace kest_decoders

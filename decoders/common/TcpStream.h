@@ -7,8 +7,9 @@
 // on across the wrap at 2^32.
 //
 //  - In order: the bytes become a block borrowed from the packet (the
-//    inspectors' Sync keeps it), and blocks held beyond it that now follow
-//    without a hole join the stream.
+//    inspectors' Sync keeps it). When blocks held beyond it now follow
+//    without a hole, they join the stream, and the new block owns a copy:
+//    Sync saves only the newest block.
 //  - Ahead of the stream, within the reorder window: an owned copy waits.
 //  - Ahead beyond the window: the hole is given up; the stream goes on from
 //    the segment, and inspection with it.
