@@ -1,29 +1,18 @@
 // Whole packets through packet.plg and the transports: one conversation in
 // the three forms, both directions on one connection, inspectors fed the
-// reassembled stream; every packet of the shared captures answered once.
+// reassembled stream; fragments; custom rules.
 #include "tests/decoders/DecoderTestSupport.h"
 
-#include "PluginFolder.h"
+#include "tests/decoders/PacketTestSupport.h"
 
-#include <filesystem>
 #include <map>
-#include <pcap/pcap.h>
 
 namespace {
 
+using kest_test::PacketPluginTest;
+using kest_test::Record;
+using kest_test::Result;
 using Bytes = std::vector<uint8_t>;
-
-struct Result {
-  int code;
-  kest_conn_id_t id;
-  std::string stack;
-};
-
-int Record(kest_handle_t h, kest_result_t *result, int code, kest_conn_id_t id, void *user, int) {
-  static_cast<std::vector<Result> *>(user)->push_back(
-      {code, id, kest_test::StackNames(h, *result)});
-  return 0;
-}
 
 uint16_t Sum(const Bytes &b, size_t from, size_t to) {
   uint32_t sum = 0;
@@ -100,18 +89,6 @@ Bytes Framed(int selector, const Bytes &ip) {
   out.insert(out.end(), ip.begin(), ip.end());
   return out;
 }
-
-class PacketPluginTest : public kest_test::PluginFolderFixture {
-protected:
-  kest_handle_t OpenAll() {
-    const kest_handle_t h = kest_open(
-        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_PROBE_PLG})
-            .c_str());
-    EXPECT_GT(h, 0);
-    EXPECT_EQ(kest_init(h), 0);
-    return h;
-  }
-};
 
 TEST_F(PacketPluginTest, OneConversationInEveryForm) {
   const kest_handle_t h = OpenAll();
@@ -242,70 +219,6 @@ TEST_F(PacketPluginTest, CustomRulesNameConnections) {
   EXPECT_EQ(results[1].stack, "TCP");
   EXPECT_EQ(kest_fini(h), 0);
   EXPECT_EQ(kest_close(h), 0);
-}
-
-// Every packet of every shared capture gets exactly one answer, and closing
-// gives every block back.
-TEST_F(PacketPluginTest, SharedCapturesReplay) {
-  const std::filesystem::path folder = KEST_TEST_PCAP_DIR;
-  if (!std::filesystem::is_directory(folder)) {
-    GTEST_SKIP() << "no shared captures at " << folder;
-  }
-  const kest_handle_t h = OpenAll();
-  long packets = 0, answers = 0, classified = 0;
-  for (const auto &entry : std::filesystem::directory_iterator(folder)) {
-    char error[PCAP_ERRBUF_SIZE];
-    pcap_t *pcap = pcap_open_offline(entry.path().c_str(), error);
-    if (pcap == nullptr) {
-      continue;
-    }
-    int selector = KEST_SELECTOR_IP;
-    size_t skip = 0;
-    switch (pcap_datalink(pcap)) {
-    case DLT_EN10MB:
-      selector = KEST_SELECTOR_ETHERNET;
-      break;
-    case DLT_LINUX_SLL:
-      selector = KEST_SELECTOR_LINUX_SLL;
-      break;
-    case DLT_RAW:
-    case DLT_IPV4:
-    case DLT_IPV6:
-      break;
-    case DLT_NULL:
-    case DLT_LOOP:
-      skip = 4;
-      break;
-    default:
-      pcap_close(pcap);
-      continue;
-    }
-    pcap_pkthdr *header;
-    const u_char *data;
-    while (pcap_next_ex(pcap, &header, &data) == 1) {
-      if (header->caplen <= skip || header->caplen - skip > 0xFFFF) {
-        continue;
-      }
-      // A copy of its own, so a read past the packet is caught.
-      const size_t n = header->caplen - skip;
-      std::unique_ptr<uint8_t[]> copy(new uint8_t[n]);
-      std::copy(data + skip, data + header->caplen, copy.get());
-      std::vector<Result> results;
-      ++packets;
-      if (kest_classify(h, selector, copy.get(), static_cast<uint16_t>(n), nullptr, 0, Record,
-                        &results) == 0) {
-        answers += static_cast<long>(results.size());
-        classified += !results.empty() && results[0].code != 0;
-      }
-    }
-    pcap_close(pcap);
-  }
-  EXPECT_GT(packets, 1000);
-  EXPECT_EQ(answers, packets);
-  EXPECT_GT(classified, packets / 2);
-  EXPECT_EQ(kest_fini(h), 0);
-  EXPECT_EQ(kest_close(h), 0);
-  EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
 }
 
 } // namespace
