@@ -3,10 +3,12 @@
 #ifndef KEST_BENCH_BENCHINSTANCE_H
 #define KEST_BENCH_BENCHINSTANCE_H
 
+#include <benchmark/benchmark.h>
 #include <filesystem>
 #include <kest.h>
 #include <kest/Conn.h>
 #include <kest/Inspector.h>
+#include <kest_host.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string>
@@ -59,6 +61,17 @@ inline kest_handle_t OpenTransportInstance() {
   if (kest_init(h) != 0) {
     kest_close(h);
     return -1;
+  }
+  return h;
+}
+
+// The whole start of a benchmark: the C library's hooks and an instance on
+// the build's plug-ins, or -1 after marking the benchmark failed.
+inline kest_handle_t Start(benchmark::State &state) {
+  kest_host_use_libc();
+  const kest_handle_t h = OpenInstance();
+  if (h < 0) {
+    state.SkipWithError("instance did not start");
   }
   return h;
 }

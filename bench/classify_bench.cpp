@@ -116,10 +116,8 @@ public:
 };
 
 void BM_SyncEventPostDrain(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   oru::Runtime::l_instance_id = h;

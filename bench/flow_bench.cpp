@@ -92,10 +92,8 @@ BENCHMARK(BM_FlowCaseCompareHeaderName);
 // 1,000 rules over 100 header names (exact, prefix and suffix patterns); the
 // look-up of one header line held in a flow, key and value both read there.
 void BM_KeyValueSetupRuleFromFlow(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   oru::Runtime::l_instance_id = h;

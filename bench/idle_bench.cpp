@@ -9,10 +9,8 @@
 namespace {
 
 void BM_IdleEmptyQueue(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   for (auto _ : state) {
@@ -24,10 +22,8 @@ BENCHMARK(BM_IdleEmptyQueue);
 
 // The same with the host setting the clock: no gettimeofday, no garbage pass.
 void BM_IdleHostClock(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   kest_clock_set_mode(h, 1);

@@ -61,10 +61,8 @@ Bytes Frame(uint8_t protocol, uint32_t flow, bool reply, uint32_t seq, size_t pa
 // Argument: 6 for TCP, 17 for UDP. 1,000 flows, each packet 200 bytes of
 // data, the two directions in turn; TCP sequence numbers move on every lap.
 void BM_WholeRoadEthernet(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   const uint8_t protocol = static_cast<uint8_t>(state.range(0));
@@ -103,10 +101,8 @@ BENCHMARK(BM_WholeRoadEthernet)->Arg(6)->Arg(17);
 // Look-ups in an index of `count` connections whose addresses differ in the
 // low bytes (argument 0) or only in the two high bytes of an IPv6 address (1).
 void BM_ConnIndexFind(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   oru::Runtime::l_instance_id = h;

@@ -42,10 +42,8 @@ oru::fdt::intrusive_ptr<kest_bench::Staying> MakeStaying() {
 // a client to port 80 matches one port rule; with argument 0 its addresses
 // lie below every range, with 1 above them all, the walk's worst case.
 void BM_SetupInspection(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   oru::Runtime::l_instance_id = h;
@@ -119,10 +117,8 @@ int Ignore(kest_handle_t, kest_result_t *, int, kest_conn_id_t, void *, int) {
 // connection whose chain holds one staying inspector. Reports allocations per
 // packet (the flow buffer's block node, freed again by the flush).
 void BM_ClassifyPayloadWithInspector(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   oru::Runtime::l_instance_id = h;

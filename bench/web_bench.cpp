@@ -71,10 +71,8 @@ std::string Request(int i) {
 // Argument 0: one packet per request; 1: 1,460-byte packets. Argument 1:
 // attributes off (0) or on (1).
 void BM_WebDpiRequests(benchmark::State &state) {
-  kest_host_use_libc();
-  const kest_handle_t h = kest_bench::OpenInstance();
+  const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
-    state.SkipWithError("instance did not start");
     return;
   }
   const bool segments = state.range(0) == 1;
