@@ -1,5 +1,5 @@
 // The whole road for whole packets: Ethernet frames in, the host's callback
-// out, through packet.plg and the transports, with no application inspector
+// out, through wire.plg and the transports, with no application inspector
 // attached; and the transports' connection look-up at large table sizes.
 #include <benchmark/benchmark.h>
 #include <kest.h>

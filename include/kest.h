@@ -269,7 +269,7 @@ KEST_EXPORT int kest_error_get(kest_handle_t handle);
 
 /** Packet forms that kest_classify() accepts. KEST_SELECTOR_CONN means that
  * the bytes are payload of one side of an existing connection. The other
- * three are whole packets, taken by the packet decoder plug-in (packet.plg),
+ * three are whole packets, taken by the packet decoder plug-in (wire.plg),
  * which finds or makes the connection itself:
  *   KEST_SELECTOR_IP          an IP packet from its first header byte, IPv4
  *                             or IPv6 by the version nibble (the form of

@@ -221,4 +221,112 @@ ParseResult ParsePacket(PacketForm form, const uint8_t *data, uint32_t length, P
   }
 }
 
+namespace {
+
+bool Gre(const uint8_t *p, uint32_t n, InnerPacket &inner) {
+  if (n < 4) {
+    return false;
+  }
+  const uint16_t flags = Be16(p);
+  if ((flags & 0x0007) != 0) { // version 0 only
+    return false;
+  }
+  uint32_t header = 4;
+  header += (flags & 0x8000) != 0 ? 4 : 0; // checksum
+  header += (flags & 0x2000) != 0 ? 4 : 0; // key
+  header += (flags & 0x1000) != 0 ? 4 : 0; // sequence
+  if (n < header) {
+    return false;
+  }
+  const uint16_t type = Be16(p + 2);
+  if (type == kEtherIpv4 || type == kEtherIpv6) {
+    inner.form = PacketForm::kIp;
+  } else if (type == 0x6558) {
+    inner.form = PacketForm::kEthernet;
+  } else {
+    return false;
+  }
+  inner.kind = TunnelKind::kGre;
+  inner.data = p + header;
+  inner.length = n - header;
+  return true;
+}
+
+bool GtpU(const uint8_t *p, uint32_t n, InnerPacket &inner) {
+  // Version 1, protocol type GTP, message G-PDU.
+  if (n < 8 || (p[0] & 0xF0) != 0x30 || p[1] != 0xFF) {
+    return false;
+  }
+  uint32_t header = 8;
+  if ((p[0] & 0x07) != 0) {
+    if (n < 12) {
+      return false;
+    }
+    header = 12;
+    uint8_t next = (p[0] & 0x04) != 0 ? p[11] : 0;
+    // Extension headers: a length in units of 4 bytes, the next type last.
+    for (int hops = 0; next != 0 && hops < 8; ++hops) {
+      if (n < header + 1 || p[header] == 0 || n < header + p[header] * 4u) {
+        return false;
+      }
+      const uint32_t size = p[header] * 4u;
+      next = p[header + size - 1];
+      header += size;
+    }
+    if (next != 0) {
+      return false;
+    }
+  }
+  if (n <= header || ((p[header] >> 4) != 4 && (p[header] >> 4) != 6)) {
+    return false;
+  }
+  inner.kind = TunnelKind::kGtpU;
+  inner.form = PacketForm::kIp;
+  inner.data = p + header;
+  inner.length = n - header;
+  return true;
+}
+
+bool Vxlan(const uint8_t *p, uint32_t n, InnerPacket &inner) {
+  if (n < 8 + 14 || (p[0] & 0x08) == 0) {
+    return false;
+  }
+  inner.kind = TunnelKind::kVxlan;
+  inner.form = PacketForm::kEthernet;
+  inner.data = p + 8;
+  inner.length = n - 8;
+  return true;
+}
+
+} // namespace
+
+bool Decapsulate(const ParsedPacket &outer, InnerPacket &inner) {
+  inner = InnerPacket();
+  const uint8_t *p = outer.payload;
+  const uint32_t n = outer.payload_length;
+  if (p == nullptr) {
+    return false;
+  }
+  switch (outer.protocol) {
+  case 4:
+  case 41:
+    inner.kind = TunnelKind::kIpInIp;
+    inner.data = p;
+    inner.length = n;
+    return n != 0;
+  case 47:
+    return Gre(p, n, inner);
+  case 17:
+    if (outer.dst_port == 2152 || outer.src_port == 2152) {
+      return GtpU(p, n, inner);
+    }
+    if (outer.dst_port == 4789) {
+      return Vxlan(p, n, inner);
+    }
+    return false;
+  default:
+    return false;
+  }
+}
+
 } // namespace kest_decoders

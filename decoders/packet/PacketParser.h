@@ -73,6 +73,26 @@ enum : uint8_t {
 
 ParseResult ParsePacket(PacketForm form, const uint8_t *data, uint32_t length, ParsedPacket &out);
 
+// Tunnels whose inner packets are classified in their own right.
+enum class TunnelKind : uint8_t {
+  kNone,
+  kIpInIp, // IP protocol 4 or 41
+  kGre,    // IP protocol 47, carrying IPv4, IPv6 or Ethernet
+  kGtpU,   // UDP port 2152, G-PDU carrying IP
+  kVxlan,  // UDP port 4789, carrying Ethernet
+};
+
+struct InnerPacket {
+  TunnelKind kind = TunnelKind::kNone;
+  PacketForm form = PacketForm::kIp;
+  const uint8_t *data = nullptr;
+  uint32_t length = 0;
+};
+
+// The packet inside `outer` (a kOk parse) when it is a tunnel this parser
+// opens; false otherwise, also for a tunnel header that does not fit.
+bool Decapsulate(const ParsedPacket &outer, InnerPacket &inner);
+
 } // namespace kest_decoders
 
 #endif

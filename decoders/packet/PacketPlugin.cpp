@@ -8,6 +8,9 @@
 #include <kest/Classification.h>
 #include <kest/Clock.h>
 #include <kest/ITransportSegment.h>
+#include <kest/MemTag.h>
+#include <kest/ProtocolRegistry.h>
+#include <kest/Runtime.h>
 #include <kest/fdt/ObjectPrefix.h>
 #include <new>
 
@@ -53,28 +56,73 @@ public:
   unsigned Classify(PacketForm form, oru::ClassifyPacket *packet,
                     oru::fdt::intrusive_ptr<oru::Conn> &conn) {
     ParsedPacket p;
-    const ParseResult r = ParsePacket(form, packet->data, packet->length, p);
+    ParseResult r = ParsePacket(form, packet->data, packet->length, p);
+    const uint8_t *frame = packet->data;
+    uint32_t frame_length = packet->length;
+    // Tunnels: the innermost packet is the one classified, with the tunnels
+    // it came through below its transport on the stack.
+    TunnelKind layers[kMaxTunnels];
+    int depth = 0;
+    if ((oru::ThreadWord(oru::Conn::l_default_policy) & oru::POLICY_TUNNELS) != 0) {
+      InnerPacket inner;
+      while (r == ParseResult::kOk && depth < kMaxTunnels && Decapsulate(p, inner)) {
+        ParsedPacket q;
+        const ParseResult r2 = ParsePacket(inner.form, inner.data, inner.length, q);
+        if (r2 != ParseResult::kOk && r2 != ParseResult::kFragment) {
+          break;
+        }
+        layers[depth++] = inner.kind;
+        p = q;
+        r = r2;
+        frame = inner.data;
+        frame_length = inner.length;
+      }
+    }
+    unsigned result;
     if (r == ParseResult::kFragment) {
       // The last fragment of a datagram brings the whole of it.
       uint32_t length = 0;
       uint8_t *whole = m_defrag.Add(p, oru::now(), length);
-      if (whole != nullptr) {
-        ParsedPacket q;
-        const unsigned result = ParsePacket(PacketForm::kIp, whole, length, q) == ParseResult::kOk
-                                    ? ToTransport(q, whole, length, conn)
-                                    : NotClassified(conn);
-        kest_free_local(whole);
-        return result;
+      if (whole == nullptr) {
+        return NotClassified(conn);
+      }
+      ParsedPacket q;
+      result = ParsePacket(PacketForm::kIp, whole, length, q) == ParseResult::kOk
+                   ? ToTransport(q, whole, length, conn)
+                   : NotClassified(conn);
+      kest_free_local(whole);
+    } else if (r == ParseResult::kOk) {
+      result = ToTransport(p, frame, frame_length, conn);
+    } else {
+      if (r == ParseResult::kMalformed) {
+        ++m_malformed;
       }
       return NotClassified(conn);
     }
-    if (r == ParseResult::kOk) {
-      return ToTransport(p, packet->data, packet->length, conn);
+    if (depth != 0 && conn && conn.get() != m_none) {
+      PushTunnels(*conn->GetAppStack(), layers, depth);
     }
-    if (r == ParseResult::kMalformed) {
-      ++m_malformed;
+    return result;
+  }
+
+  // Puts the tunnels under the transport, once per connection.
+  void PushTunnels(oru::AppStack &stack, const TunnelKind *layers, int depth) {
+    if (stack.entries.empty()) {
+      return;
     }
-    return NotClassified(conn);
+    const uint32_t bottom = stack.entries.front().proto;
+    for (uint32_t proto : m_tunnel_proto) {
+      if (proto != 0 && proto == bottom) {
+        return;
+      }
+    }
+    oru::ScopedMemTag tag(oru::ScopedMemTag::OBJECT, oru::MemTag::OBJ_APPSTACK_APPPROTO);
+    for (int i = depth - 1; i >= 0; --i) {
+      const uint32_t proto = m_tunnel_proto[static_cast<int>(layers[i])];
+      if (proto != 0) {
+        stack.entries.push_front(oru::AppEntry{proto});
+      }
+    }
   }
 
   unsigned ToTransport(const ParsedPacket &p, const uint8_t *frame, uint32_t length,
@@ -128,6 +176,14 @@ public:
                                  oru::fdt::intrusive_ptr<oru::fdt::refcnt>(this));
     }
   }
+  // The protocol indices of the tunnels on this thread.
+  void NameTunnels() {
+    for (int i = 1; i < kTunnelKinds; ++i) {
+      const int id = oru::GetProtocolId(kTunnelNames[i]);
+      m_tunnel_proto[i] = id > 0 ? static_cast<uint32_t>(id) : 0;
+    }
+  }
+
   void Link() {
     oru::InterfaceBroker *broker = oru::InterfaceBroker::Peek();
     if (broker != nullptr) {
@@ -144,6 +200,12 @@ public:
 
   // Result flag of "not classified" (code 0).
   static constexpr unsigned kNotClassified = 0x100;
+  // Tunnels opened within one another, at most.
+  static constexpr int kMaxTunnels = 4;
+  static constexpr int kTunnelKinds = 5;
+  // By TunnelKind.
+  static constexpr const char *kTunnelNames[kTunnelKinds] = {nullptr, "IPIP", "GRE", "GTP",
+                                                             "VXLAN"};
 
 private:
   Form m_forms[3];
@@ -152,13 +214,14 @@ private:
   oru::ITransportSegment *m_udp = nullptr;
   uint64_t m_malformed = 0;
   Defragmenter m_defrag;
+  uint32_t m_tunnel_proto[kTunnelKinds] = {};
 };
 
 // This thread's decoder, with the reference the plug-in holds.
 thread_local PacketDecoder *t_decoder = nullptr;
 
 const char *GetName() {
-  return "packet";
+  return "wire";
 }
 bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
   if (own != nullptr) {
@@ -167,6 +230,9 @@ bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
   return library != nullptr && library->major == TransportPlugin::kMajor;
 }
 bool InitInstance() {
+  for (int i = 1; i < PacketDecoder::kTunnelKinds; ++i) {
+    oru::RegisterProtocol(PacketDecoder::kTunnelNames[i]);
+  }
   return true;
 }
 bool InitThread() {
@@ -175,6 +241,7 @@ bool InitThread() {
     return false;
   }
   t_decoder->add_ref();
+  t_decoder->NameTunnels();
   if (!t_decoder->Start()) {
     t_decoder->release();
     t_decoder = nullptr;

@@ -1,4 +1,4 @@
-// The entry point of packet.plg.
+// The entry point of wire.plg.
 #include "packet/PacketPlugin.h"
 
 KEST_PLUGIN_QUERY {

@@ -37,9 +37,9 @@ if(TARGET tcp AND TARGET udp)
                KEST_TEST_PROBE_PLG="${_probe_plg}")
 endif()
 
-if(TARGET packet)
-  add_dependencies(kest_tests packet)
-  get_target_property(_packet_plg packet KEST_PLUGIN_FILE)
+if(TARGET wire)
+  add_dependencies(kest_tests wire)
+  get_target_property(_packet_plg wire KEST_PLUGIN_FILE)
   set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/PacketPluginTest.cpp APPEND PROPERTY
                COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
                KEST_TEST_PACKET_PLG="${_packet_plg}" KEST_TEST_PROBE_PLG="${_probe_plg}")
@@ -48,14 +48,14 @@ endif()
 # The tests on the shared captures need libpcap: a program of their own, so
 # that the others run without it.
 find_library(KEST_PCAP_LIBRARY pcap)
-if(KEST_PCAP_LIBRARY AND TARGET packet)
+if(KEST_PCAP_LIBRARY AND TARGET wire)
   add_executable(kest_capture_tests ${CMAKE_CURRENT_LIST_DIR}/captures/Captures.cpp
                                     ${KEST_DECODER_CLASS_SOURCES})
   target_include_directories(kest_capture_tests PRIVATE ${CMAKE_SOURCE_DIR} ${KEST_DECODER_INCLUDE_DIR})
   target_link_libraries(kest_capture_tests PRIVATE kest kest_test_support ${KEST_PCAP_LIBRARY}
                                                    GTest::gtest_main)
   set_target_properties(kest_capture_tests PROPERTIES ENABLE_EXPORTS ON)
-  add_dependencies(kest_capture_tests tcp udp packet probe)
+  add_dependencies(kest_capture_tests tcp udp wire probe)
   target_compile_definitions(kest_capture_tests PRIVATE
     KEST_TEST_PCAP_DIR="${CMAKE_SOURCE_DIR}/../shared/pcaps" KEST_TEST_TCP_PLG="${_tcp_plg}"
     KEST_TEST_UDP_PLG="${_udp_plg}" KEST_TEST_PACKET_PLG="${_packet_plg}"

@@ -1,4 +1,4 @@
-// Whole packets through packet.plg and the transports: one conversation in
+// Whole packets through wire.plg and the transports: one conversation in
 // the three forms, both directions on one connection, inspectors fed the
 // reassembled stream; fragments; custom rules.
 #include "tests/decoders/DecoderTestSupport.h"
@@ -183,6 +183,90 @@ TEST_F(PacketPluginTest, FragmentsMakeOneDatagram) {
   EXPECT_EQ(kest_fini(h), 0);
   EXPECT_EQ(kest_close(h), 0);
   EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+}
+
+// Wraps an IPv4 packet in an outer IPv4 header (protocol 4) or in GTP-U over
+// UDP port 2152.
+Bytes Wrap(const Bytes &inner, bool gtp) {
+  Bytes payload;
+  if (gtp) {
+    const uint16_t udp_length = static_cast<uint16_t>(8 + 8 + inner.size());
+    payload = {0x08,
+               0x68,
+               0x08,
+               0x68,
+               static_cast<uint8_t>(udp_length >> 8),
+               static_cast<uint8_t>(udp_length),
+               0,
+               0,
+               0x30,
+               0xFF,
+               static_cast<uint8_t>(inner.size() >> 8),
+               static_cast<uint8_t>(inner.size()),
+               0,
+               0,
+               0,
+               1};
+  }
+  payload.insert(payload.end(), inner.begin(), inner.end());
+  const uint16_t total = static_cast<uint16_t>(20 + payload.size());
+  Bytes outer = {0x45,
+                 0,
+                 static_cast<uint8_t>(total >> 8),
+                 static_cast<uint8_t>(total),
+                 0,
+                 0,
+                 0x40,
+                 0,
+                 64,
+                 static_cast<uint8_t>(gtp ? 17 : 4),
+                 0,
+                 0,
+                 192,
+                 168,
+                 0,
+                 1,
+                 192,
+                 168,
+                 0,
+                 2};
+  outer.insert(outer.end(), payload.begin(), payload.end());
+  return outer;
+}
+
+// Tunnels: the inner connection is classified, the tunnel under its
+// transport; with the tunnel policy off, the outer packet is what it is.
+TEST_F(PacketPluginTest, TunnelsOpenWithTheirPolicy) {
+  for (bool tunnels : {true, false}) {
+    SCOPED_TRACE(tunnels);
+    const kest_handle_t h = kest_open(
+        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_PROBE_PLG})
+            .c_str());
+    ASSERT_GT(h, 0);
+    ASSERT_EQ(kest_config_set(h, "conn.default_policy.tunnels", tunnels ? "1" : "0"), 0);
+    ASSERT_EQ(kest_init(h), 0);
+    std::vector<std::string> stacks;
+    for (bool gtp : {false, true}) {
+      std::vector<Result> results;
+      for (const Bytes &p : {TcpPacket(0, 0x02, 1, ""), TcpPacket(0, 0x10, 2, "data")}) {
+        const Bytes outer = Wrap(p, gtp);
+        ASSERT_EQ(kest_classify(h, KEST_SELECTOR_IP, outer.data(),
+                                static_cast<uint16_t>(outer.size()), nullptr, 0, Record, &results),
+                  0);
+      }
+      ASSERT_EQ(results.size(), 2u);
+      stacks.push_back(results[1].stack + " " + std::to_string(results[1].code));
+      // The same inner flow comes next through the other tunnel: end it.
+      const Bytes rst = Wrap(TcpPacket(0, 0x04, 6, ""), gtp);
+      kest_classify(h, KEST_SELECTOR_IP, rst.data(), static_cast<uint16_t>(rst.size()), nullptr, 0,
+                    Record, &results);
+    }
+    EXPECT_EQ(stacks, tunnels ? (std::vector<std::string>{"IPIP/TCP/PROBE 1", "GTP/TCP/PROBE 1"})
+                              : (std::vector<std::string>{" 0", "UDP 1"}));
+    EXPECT_EQ(kest_fini(h), 0);
+    EXPECT_EQ(kest_close(h), 0);
+    dir.clear();
+  }
 }
 
 // A host's custom rule on the TCP module names its connections: here the
