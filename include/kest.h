@@ -278,10 +278,12 @@ KEST_EXPORT int kest_error_get(kest_handle_t handle);
  *   KEST_SELECTOR_ETHERNET    an Ethernet II frame, with any number of
  *                             802.1Q / 802.1ad tags, and PPPoE session frames;
  *   KEST_SELECTOR_LINUX_SLL   a Linux cooked-capture frame (16-byte header).
- * A frame of another kind (ARP, an IP protocol other than TCP and UDP, a
- * malformed packet) gets result code 0, "not classified", with connection
- * number 0 and error 0; so does a fragment, until the last one of its
- * datagram brings the whole datagram in. */
+ * Tunnels (IP-in-IP, GRE, GTP-U, VXLAN) are opened while the thread's
+ * default policy has the tunnel bit ("conn.default_policy.tunnels"). A frame
+ * of another kind (ARP, an IP protocol other than TCP and UDP, a malformed
+ * packet) gets result code 0, "not classified", with connection number 0 and
+ * error 0; so does a fragment, until the last one of its datagram brings the
+ * whole datagram in. */
 #define KEST_SELECTOR_CONN 0
 #define KEST_SELECTOR_IP 1
 #define KEST_SELECTOR_ETHERNET 2
