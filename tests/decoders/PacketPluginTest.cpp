@@ -77,6 +77,21 @@ Bytes TcpPacket(int side, uint8_t flags, uint32_t seq, const std::string &payloa
   return p;
 }
 
+// The same over IPv6: 2001:db8::1 and 2001:db8::2.
+Bytes Tcp6Packet(int side, uint8_t flags, uint32_t seq, const std::string &payload) {
+  const Bytes v4 = TcpPacket(side, flags, seq, payload);
+  const Bytes tcp(v4.begin() + 20, v4.end());
+  Bytes p = {0x60, 0, 0, 0, static_cast<uint8_t>(tcp.size() >> 8), static_cast<uint8_t>(tcp.size()),
+             6,    64};
+  for (int end = 0; end < 2; ++end) {
+    const uint8_t last = static_cast<uint8_t>((end == 0) == (side == 0) ? 1 : 2);
+    const Bytes addr = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, last};
+    p.insert(p.end(), addr.begin(), addr.end());
+  }
+  p.insert(p.end(), tcp.begin(), tcp.end());
+  return p;
+}
+
 Bytes Framed(int selector, const Bytes &ip) {
   Bytes out;
   if (selector == KEST_SELECTOR_ETHERNET) {
@@ -86,6 +101,10 @@ Bytes Framed(int selector, const Bytes &ip) {
     out.assign(14, 0);
     out.insert(out.end(), {0x08, 0x00});
   }
+  if (!ip.empty() && (ip[0] >> 4) == 6 && selector != KEST_SELECTOR_IP) {
+    out[out.size() - 2] = 0x86; // the IPv6 ether type
+    out[out.size() - 1] = 0xDD;
+  }
   out.insert(out.end(), ip.begin(), ip.end());
   return out;
 }
@@ -93,12 +112,14 @@ Bytes Framed(int selector, const Bytes &ip) {
 TEST_F(PacketPluginTest, OneConversationInEveryForm) {
   const kest_handle_t h = OpenAll();
   std::map<int, std::vector<std::string>> outcome;
-  for (int selector : {KEST_SELECTOR_IP, KEST_SELECTOR_ETHERNET, KEST_SELECTOR_LINUX_SLL}) {
-    SCOPED_TRACE(selector);
-    const Bytes packets[] = {TcpPacket(0, 0x02, 100, ""),      TcpPacket(1, 0x12, 900, ""),
-                             TcpPacket(0, 0x10, 101, "hel"),   TcpPacket(0, 0x10, 104, "lo"),
-                             TcpPacket(1, 0x10, 901, "world"), TcpPacket(0, 0x11, 106, ""),
-                             TcpPacket(1, 0x11, 906, "")};
+  for (int run = 0; run < 6; ++run) {
+    const int selector = KEST_SELECTOR_IP + run % 3;
+    const auto make = run < 3 ? TcpPacket : Tcp6Packet;
+    SCOPED_TRACE(run);
+    const Bytes packets[] = {make(0, 0x02, 100, ""),      make(1, 0x12, 900, ""),
+                             make(0, 0x10, 101, "hel"),   make(0, 0x10, 104, "lo"),
+                             make(1, 0x10, 901, "world"), make(0, 0x11, 106, ""),
+                             make(1, 0x11, 906, "")};
     std::vector<Result> results;
     for (const Bytes &ip : packets) {
       const Bytes frame = Framed(selector, ip);
@@ -109,14 +130,14 @@ TEST_F(PacketPluginTest, OneConversationInEveryForm) {
     ASSERT_EQ(results.size(), 7u);
     for (const Result &r : results) {
       EXPECT_EQ(r.id, results[0].id) << "both directions, one connection";
-      outcome[selector].push_back(r.stack + " " + std::to_string(r.code));
+      outcome[run].push_back(r.stack + " " + std::to_string(r.code));
     }
   }
-  EXPECT_EQ(outcome[KEST_SELECTOR_IP],
-            (std::vector<std::string>{"TCP 1", "TCP 1", "TCP/PROBE 1", "TCP/PROBE 1", "TCP/PROBE 1",
-                                      "TCP/PROBE 1", "TCP/PROBE 1"}));
-  EXPECT_EQ(outcome[KEST_SELECTOR_ETHERNET], outcome[KEST_SELECTOR_IP]);
-  EXPECT_EQ(outcome[KEST_SELECTOR_LINUX_SLL], outcome[KEST_SELECTOR_IP]);
+  EXPECT_EQ(outcome[0], (std::vector<std::string>{"TCP 1", "TCP 1", "TCP/PROBE 1", "TCP/PROBE 1",
+                                                  "TCP/PROBE 1", "TCP/PROBE 1", "TCP/PROBE 1"}));
+  for (int run = 1; run < 6; ++run) {
+    EXPECT_EQ(outcome[run], outcome[0]) << "IPv" << (run < 3 ? 4 : 6) << " run " << run;
+  }
 
   // Not IP: code 0 on connection 0, no error.
   std::vector<Result> results;
