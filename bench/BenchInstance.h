@@ -1,5 +1,6 @@
-// Shared by the benchmarks. An instance on the build's decoder plug-ins (tcp.plg and udp.plg, which
-// every thread start-up requires), with the calling thread started in it.
+// Shared by the benchmarks: instances on the build's decoder plug-ins (tcp.plg
+// and udp.plg, which every thread start-up requires), an allocation counter
+// and an inspector that stays.
 #ifndef KEST_BENCH_BENCHINSTANCE_H
 #define KEST_BENCH_BENCHINSTANCE_H
 
@@ -15,10 +16,10 @@
 
 namespace kest_bench {
 
-// The handle, or -1 when the instance or the thread did not start. The
-// hooks must be filled (kest_host_use_libc).
-inline kest_handle_t OpenInstance() {
-  const kest_handle_t h = kest_open(KEST_BENCH_PLUGIN_DIR);
+// An instance on `folder` with the calling thread started in it; -1 when
+// either did not start. The hooks must be filled (kest_host_use_libc).
+inline kest_handle_t OpenOn(const char *folder) {
+  const kest_handle_t h = folder != nullptr ? kest_open(folder) : -1;
   if (h < 0) {
     return -1;
   }
@@ -29,11 +30,15 @@ inline kest_handle_t OpenInstance() {
   return h;
 }
 
-// The same on the transports alone, without the whole-packet decoder, for
-// benchmarks that put their own handler on a packet form. The folder is made
-// once, in the temporary directory.
+// On the build's plug-ins.
+inline kest_handle_t OpenInstance() {
+  return OpenOn(KEST_BENCH_PLUGIN_DIR);
+}
+
+// On the transports alone, without the whole-packet decoder, for benchmarks
+// that put their own handler on a packet form. The folder is made once, in
+// the temporary directory, and removed again when the program ends.
 inline kest_handle_t OpenTransportInstance() {
-  // Removed again when the program ends.
   struct Folder {
     std::string path;
     ~Folder() {
@@ -53,16 +58,7 @@ inline kest_handle_t OpenTransportInstance() {
     }
     return Folder{pattern};
   }();
-  const std::string &folder = made.path;
-  const kest_handle_t h = folder.empty() ? -1 : kest_open(folder.c_str());
-  if (h < 0) {
-    return -1;
-  }
-  if (kest_init(h) != 0) {
-    kest_close(h);
-    return -1;
-  }
-  return h;
+  return OpenOn(made.path.empty() ? nullptr : made.path.c_str());
 }
 
 // The whole start of a benchmark: the C library's hooks and an instance on

@@ -39,6 +39,23 @@ const Setting kSettings[] = {
     {".max_connections", "1000000", nullptr},
 };
 
+// What a thread's table offers through the broker, each as the interface it
+// is looked up as. The connection factory comes last: through it the library
+// (and Table()) find the table again.
+struct Offer {
+  oru::InterfaceId id;
+  void *object;
+};
+constexpr int kOffers = 4;
+
+void OffersOf(ConnTable &table, Offer (&out)[kOffers]) {
+  out[0] = {oru::INTERFACE_IPPORT_RULE_STORE, static_cast<oru::IpPortRuleStore *>(&table.Rules())};
+  out[1] = {oru::INTERFACE_CUSTOM_RULE, static_cast<oru::ICustomRule *>(&table.Custom())};
+  out[2] = {oru::INTERFACE_TRANSPORT_SEGMENT,
+            static_cast<oru::ITransportSegment *>(&table.Classifier())};
+  out[3] = {oru::INTERFACE_CONN_FACTORY, static_cast<oru::IConnFactory *>(&table)};
+}
+
 void KeyOf(const char *name, const char *suffix, char (&key)[64]) {
   kest_snprintf(key, sizeof key, "%s%s", name, suffix);
 }
@@ -94,42 +111,27 @@ bool TransportPlugin::InitThread() const {
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Instance();
   const uint32_t event = oru::SyncEventQueue::RegisterEvent(m_event);
   table->Rules().m_event = event;
-  oru::IConnFactory *factory = table;
-  oru::IpPortRuleStore *rules = &table->Rules();
   if (queue == nullptr || event == 0 ||
       !queue->InstallHandler(event, table, oru::MakeEventMethod(&ConnTable::OnRuleUsed))) {
     oru::fdt::DestroyObject(table);
     return false;
   }
-  if (!broker->RegisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules)) {
-    queue->InstallHandler(event, nullptr, nullptr);
-    oru::fdt::DestroyObject(table);
-    return false;
+  Offer offers[kOffers];
+  OffersOf(*table, offers);
+  int made = 0;
+  while (made < kOffers &&
+         broker->RegisterInterface(m_module, offers[made].id, offers[made].object)) {
+    ++made;
   }
-  oru::ITransportSegment *segments = &table->Classifier();
-  oru::ICustomRule *custom = &table->Custom();
-  if (!broker->RegisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, custom)) {
-    broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
-    queue->InstallHandler(event, nullptr, nullptr);
-    oru::fdt::DestroyObject(table);
-    return false;
+  if (made == kOffers) {
+    return true;
   }
-  if (!broker->RegisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, segments)) {
-    broker->UnregisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, custom);
-    broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
-    queue->InstallHandler(event, nullptr, nullptr);
-    oru::fdt::DestroyObject(table);
-    return false;
+  while (made-- > 0) {
+    broker->UnregisterInterface(m_module, offers[made].id, offers[made].object);
   }
-  if (!broker->RegisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, factory)) {
-    broker->UnregisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, segments);
-    broker->UnregisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, custom);
-    broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, rules);
-    queue->InstallHandler(event, nullptr, nullptr);
-    oru::fdt::DestroyObject(table);
-    return false;
-  }
-  return true;
+  queue->InstallHandler(event, nullptr, nullptr);
+  oru::fdt::DestroyObject(table);
+  return false;
 }
 
 void TransportPlugin::ExitThread() const {
@@ -138,10 +140,11 @@ void TransportPlugin::ExitThread() const {
     return;
   }
   oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
-  broker->UnregisterInterface(m_module, oru::INTERFACE_CONN_FACTORY, table);
-  broker->UnregisterInterface(m_module, oru::INTERFACE_IPPORT_RULE_STORE, &table->Rules());
-  broker->UnregisterInterface(m_module, oru::INTERFACE_TRANSPORT_SEGMENT, &table->Classifier());
-  broker->UnregisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE, &table->Custom());
+  Offer offers[kOffers];
+  OffersOf(*table, offers);
+  for (const Offer &offer : offers) {
+    broker->UnregisterInterface(m_module, offer.id, offer.object);
+  }
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Peek();
   if (queue != nullptr && table->Rules().m_event != 0) {
     queue->InstallHandler(table->Rules().m_event, nullptr, nullptr);

@@ -32,7 +32,7 @@ kest_add_plugin(NAME probe SOURCES ${CMAKE_CURRENT_LIST_DIR}/fixtures/probe_plug
 if(TARGET tcp AND TARGET udp)
   add_dependencies(kest_tests probe)
   get_target_property(_probe_plg probe KEST_PLUGIN_FILE)
-  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/InspectorPluginTest.cpp APPEND PROPERTY
+  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/ProbePluginTest.cpp APPEND PROPERTY
                COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
                KEST_TEST_PROBE_PLG="${_probe_plg}")
 endif()

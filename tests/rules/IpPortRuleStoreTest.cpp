@@ -1,6 +1,6 @@
 // The IP/port rule store: what a connection matches and in which order, against
 // a brute-force model; removal, expiry on the look-up path and failing memory.
-#include "InspectorTestSupport.h"
+#include "ChainTestSupport.h"
 #include "InstanceFixture.h"
 #include "LeakCheck.h"
 #include "TestHooks.h"

@@ -1,7 +1,7 @@
 // The key/value rule store: which patterns a value matches, removal with its
 // stated quirks, look-ups straight from a flow against look-ups from strings,
 // expiry and failing memory.
-#include "InspectorTestSupport.h"
+#include "ChainTestSupport.h"
 #include "InstanceFixture.h"
 #include "TestHooks.h"
 

@@ -1,6 +1,6 @@
 // The rule store core: merge order, duplicate removal, expiry by second and
 // the announcement of used rules to other threads.
-#include "InspectorTestSupport.h"
+#include "ChainTestSupport.h"
 #include "InstanceFixture.h"
 #include "LeakCheck.h"
 

@@ -23,6 +23,28 @@ inline oru::IpPortRuleStore *TcpRules() {
                                  oru::MODULE_TCP, oru::INTERFACE_IPPORT_RULE_STORE));
 }
 
+// Puts `inspector` on every new TCP connection to or from `port`.
+inline void AttachToTcpPort(oru::Inspector *inspector, unsigned short port) {
+  oru::IpPortRuleStore *rules = TcpRules();
+  if (rules != nullptr && inspector != nullptr) {
+    rules->AddRule(6, oru::InspectorCallback(inspector), port, {}, {}, 0,
+                   oru::IpPortRuleStore::EXPIRY_LOCAL, false);
+  }
+}
+
+// Takes the rule back, if the decoder's store is still there, and drops the
+// plug-in's reference on the inspector.
+template <class T> void DetachFromTcpPort(T *&inspector, unsigned short port) {
+  oru::IpPortRuleStore *rules = TcpRules();
+  if (rules != nullptr && inspector != nullptr) {
+    rules->RemoveRuleFast(6, oru::InspectorCallback(inspector), port, {}, {});
+  }
+  if (inspector != nullptr) {
+    inspector->release();
+    inspector = nullptr;
+  }
+}
+
 } // namespace kest_test_plugin
 
 #endif

@@ -3,7 +3,7 @@
 // attributes, and the same events whatever the packet boundaries.
 #include "tests/attributes/AttributeTestSupport.h"
 #include "tests/decoders/DecoderTestSupport.h"
-#include "tests/rules/InspectorTestSupport.h"
+#include "tests/rules/ChainTestSupport.h"
 
 #include <kest/WebDpi.h>
 #include <kest/WebDpiLauncher.h>

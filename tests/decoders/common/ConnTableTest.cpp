@@ -2,7 +2,7 @@
 
 #include "common/ConnTable.h"
 #include "tests/attributes/AttributeTestSupport.h"
-#include "tests/rules/InspectorTestSupport.h"
+#include "tests/rules/ChainTestSupport.h"
 
 #include <cstring>
 

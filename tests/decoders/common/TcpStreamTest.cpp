@@ -2,7 +2,7 @@
 // of the connection are handed, side by side, after each segment.
 #include "tests/attributes/AttributeTestSupport.h"
 #include "tests/decoders/DecoderTestSupport.h"
-#include "tests/rules/InspectorTestSupport.h"
+#include "tests/rules/ChainTestSupport.h"
 
 #include "common/TcpStream.h"
 

@@ -26,7 +26,7 @@ int Record(kest_handle_t h, kest_result_t *result, int code, kest_conn_id_t, voi
   return 0;
 }
 
-class InspectorPluginTest : public kest_test::PluginFolderFixture {
+class ProbePluginTest : public kest_test::PluginFolderFixture {
 protected:
   kest_conn_t Connect(kest_handle_t h, uint16_t port) {
     kest_endpoint_t src{KEST_FAMILY_IPV4, htons(40000), {10, 0, 0, 1}};
@@ -44,7 +44,7 @@ protected:
   }
 };
 
-TEST_F(InspectorPluginTest, InspectorOnAPortSeesItsConnectionsOnly) {
+TEST_F(ProbePluginTest, InspectorOnAPortSeesItsConnectionsOnly) {
   const kest_handle_t h =
       kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PROBE_PLG}).c_str());
   ASSERT_GT(h, 0);
