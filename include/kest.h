@@ -249,7 +249,10 @@ KEST_EXPORT int kest_fini(kest_handle_t handle);
  * The idle pass: refreshes the thread's clock, delivers pending configuration
  * changes and other events to this thread, and on the collector thread frees
  * queue nodes that every thread has passed. Call it on a timer on every thread
- * that has a context; kest_classify() runs the same pass.
+ * that has a context; kest_classify() runs the same pass. kest_idle() then
+ * lets the plug-ins do their upkeep: the bundled decoders end connections
+ * whose time-out has passed (a bounded number per call, each reported to
+ * "conn.expired" listeners) and drop stale IP fragments.
  * Thread context required; failure (KEST_EINVAL) shows only in kest_errno,
  * and an older kest_errno is left standing.
  */

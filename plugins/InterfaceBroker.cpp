@@ -1,3 +1,4 @@
+#include <kest/IIdle.h>
 #include <kest/InterfaceBroker.h>
 #include <kest/ThreadSingleton.h>
 #include <kest/fdt/TextSearch.h>
@@ -92,6 +93,32 @@ bool InterfaceBroker::IsModuleRegistered(ModuleId module) const {
     }
   }
   return false;
+}
+
+void *InterfaceBroker::NextInterface(InterfaceId iface, ModuleId *module) const {
+  if (*module == MODULE_UNKNOWN) {
+    return nullptr;
+  }
+  for (auto it = m_interfaces.lower_bound(Key{*module + 1, 0}); it != m_interfaces.end(); ++it) {
+    if (it->first.iface == iface && it->second != nullptr) {
+      *module = it->first.module;
+      return it->second;
+    }
+  }
+  return nullptr;
+}
+
+void RunIdleInterfaces() {
+  // Looked up again after each call: an Idle may change the table.
+  ModuleId module = 0;
+  for (;;) {
+    InterfaceBroker *broker = InterfaceBroker::Peek();
+    void *object = broker == nullptr ? nullptr : broker->NextInterface(INTERFACE_IDLE, &module);
+    if (object == nullptr) {
+      return;
+    }
+    static_cast<IIdle *>(object)->Idle();
+  }
 }
 
 } // namespace oru

@@ -8,6 +8,7 @@
 #include <kest/Configuration.h>
 #include <kest/Conn.h>
 #include <kest/Error.h>
+#include <kest/IIdle.h>
 #include <kest/InterfaceBroker.h>
 #include <kest/MemTag.h>
 #include <kest/PluginManager.h>
@@ -357,6 +358,9 @@ extern "C" KEST_EXPORT void kest_idle(kest_handle_t handle) {
   ApiFrame frame(handle, ApiFrame::THREAD_CONTEXT_FIRST);
   if (frame.ok()) {
     IdlePass();
+    // Then the plug-ins' own upkeep (connection ageing): only here, as the
+    // packet path does its share per packet.
+    RunIdleInterfaces();
   }
 }
 

@@ -1,5 +1,7 @@
 #include "common/ConnTable.h"
 
+#include "common/LimitSettings.h"
+
 #include <kest/MemTag.h>
 #include <kest/Runtime.h>
 
@@ -10,6 +12,9 @@ ConnTable::ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context, cons
       m_classify(proto, context, this), m_head(nullptr), m_count(0), m_index(RandomSipKey()) {}
 
 ConnTable::~ConnTable() {
+  if (m_settings != nullptr) {
+    m_settings->Unwatch();
+  }
   Clear();
 }
 
@@ -91,6 +96,10 @@ void ConnTable::Sweep(uint64_t now, int budget) {
     }
     conn = newer;
   }
+}
+
+void ConnTable::Idle() {
+  Sweep(oru::now(), kIdleBudget);
 }
 
 void ConnTable::MakeRoom() {

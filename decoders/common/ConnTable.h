@@ -8,8 +8,9 @@
 //
 // The table holds one reference on every connection it made, from Create
 // until Destroy or until the thread ends; the host's kest_conn_t is a plain
-// pointer to such a connection. Whole-packet forms will look connections up
-// here by their tuple, and ageing (Conn::Idle) will sweep this list.
+// pointer to such a connection. Whole-packet forms look connections up here
+// by their tuple. Ageing sweeps the list from its least recently used end,
+// a few connections per packet and more in kest_idle (INTERFACE_IDLE).
 #ifndef KEST_DECODERS_CONNTABLE_H
 #define KEST_DECODERS_CONNTABLE_H
 
@@ -19,6 +20,7 @@
 #include "common/TransportConn.h"
 
 #include <kest/IConnFactory.h>
+#include <kest/IIdle.h>
 #include <kest/IpPortRuleStore.h>
 #include <kest/SyncEventQueue.h>
 #include <stddef.h>
@@ -26,8 +28,13 @@
 
 namespace kest_decoders {
 
-class ConnTable final : public oru::IConnFactory, public oru::EventTarget {
+class LimitSettings;
+
+class ConnTable final : public oru::IConnFactory, public oru::EventTarget, public oru::IIdle {
 public:
+  // Connections looked at per kest_idle, at most.
+  static constexpr int kIdleBudget = 1024;
+
   // How long a connection may stay silent, by its state, in milliseconds,
   // and how many connections the table holds at most.
   struct Limits {
@@ -78,10 +85,16 @@ public:
   // Makes room for one more connection: at the limit, the least recently
   // used goes.
   void MakeRoom();
+  // kest_idle's share of the sweep.
+  void Idle() override;
 
   // The handler of the store's event: another thread (or this one) used a
   // synced rule.
   void OnRuleUsed(const void *data, uint32_t length);
+
+  // The watcher that keeps the limits in step with the configuration, held
+  // for the thread by the plug-in's thread start-up.
+  LimitSettings *m_settings = nullptr;
 
 private:
   void Unlink(TransportConn *conn);

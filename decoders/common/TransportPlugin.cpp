@@ -1,5 +1,7 @@
 #include "common/TransportPlugin.h"
 
+#include "common/LimitSettings.h"
+
 #include <kest.h>
 #include <kest/Configuration.h>
 #include <kest/MemTag.h>
@@ -24,21 +26,6 @@ bool TransportPlugin::GetVersion(const oru::VersionRecord *library, oru::Version
 
 namespace {
 
-// The settings of a transport, under its name: "<name>.timeout.<state>" in
-// seconds and "<name>.max_connections". Read when a thread starts.
-struct Setting {
-  const char *suffix;
-  const char *value;
-  uint64_t ConnTable::Limits::*ms;
-};
-
-const Setting kSettings[] = {
-    {".timeout.opening", "30", &ConnTable::Limits::opening_ms},
-    {".timeout.established", "600", &ConnTable::Limits::established_ms},
-    {".timeout.closing", "30", &ConnTable::Limits::closing_ms},
-    {".max_connections", "1000000", nullptr},
-};
-
 // What a thread's table offers through the broker, each as the interface it
 // is looked up as. The connection factory comes last: through it the library
 // (and Table()) find the table again.
@@ -46,30 +33,22 @@ struct Offer {
   oru::InterfaceId id;
   void *object;
 };
-constexpr int kOffers = 4;
+constexpr int kOffers = 5;
 
 void OffersOf(ConnTable &table, Offer (&out)[kOffers]) {
   out[0] = {oru::INTERFACE_IPPORT_RULE_STORE, static_cast<oru::IpPortRuleStore *>(&table.Rules())};
   out[1] = {oru::INTERFACE_CUSTOM_RULE, static_cast<oru::ICustomRule *>(&table.Custom())};
   out[2] = {oru::INTERFACE_TRANSPORT_SEGMENT,
             static_cast<oru::ITransportSegment *>(&table.Classifier())};
-  out[3] = {oru::INTERFACE_CONN_FACTORY, static_cast<oru::IConnFactory *>(&table)};
-}
-
-void KeyOf(const char *name, const char *suffix, char (&key)[64]) {
-  kest_snprintf(key, sizeof key, "%s%s", name, suffix);
+  out[3] = {oru::INTERFACE_IDLE, static_cast<oru::IIdle *>(&table)};
+  out[4] = {oru::INTERFACE_CONN_FACTORY, static_cast<oru::IConnFactory *>(&table)};
 }
 
 } // namespace
 
 bool TransportPlugin::InitInstance() const {
-  for (const Setting &setting : kSettings) {
-    char key[64];
-    KeyOf(m_name, setting.suffix, key);
-    if (oru::Configuration::GetItem(key).empty() &&
-        !oru::Configuration::SetItem(key, setting.value)) {
-      return false;
-    }
+  if (!LimitSettings::SetDefaults(m_name)) {
+    return false;
   }
   oru::RegisterProtocol(m_protocol);
   if (oru::GetProtocolId(m_protocol) == 0) {
@@ -94,20 +73,11 @@ bool TransportPlugin::InitThread() const {
   if (table == nullptr) {
     return false;
   }
-  ConnTable::Limits limits;
-  for (const Setting &setting : kSettings) {
-    char key[64];
-    KeyOf(m_name, setting.suffix, key);
-    const long value = kest_atoi(oru::Configuration::GetItem(key).c_str());
-    if (value > 0) {
-      if (setting.ms != nullptr) {
-        limits.*setting.ms = static_cast<uint64_t>(value) * 1000u;
-      } else {
-        limits.max_connections = static_cast<size_t>(value);
-      }
-    }
+  table->m_settings = LimitSettings::Watch(table, m_name);
+  if (table->m_settings == nullptr) {
+    oru::fdt::DestroyObject(table);
+    return false;
   }
-  table->SetLimits(limits);
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Instance();
   const uint32_t event = oru::SyncEventQueue::RegisterEvent(m_event);
   table->Rules().m_event = event;

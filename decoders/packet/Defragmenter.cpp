@@ -18,12 +18,16 @@ void Defragmenter::Drop(DatagramList::iterator it) {
   m_datagrams.erase(it);
 }
 
-uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length) {
-  length = 0;
-  // Time-outs first, then room for this fragment under the cap.
+void Defragmenter::Expire(uint64_t now) {
   while (!m_datagrams.empty() && now - m_datagrams.front().first_ms > kTimeoutMs) {
     Drop(m_datagrams.begin());
   }
+}
+
+uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length) {
+  length = 0;
+  // Time-outs first, then room for this fragment under the cap.
+  Expire(now);
   if (f.payload_length == 0 || f.payload_length > kMaxBytes ||
       f.frag_offset + f.payload_length > 0xFFFF) {
     return nullptr;

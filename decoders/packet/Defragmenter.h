@@ -30,6 +30,9 @@ public:
   // kest_free_local, and its length. Null otherwise, also without memory.
   uint8_t *Add(const ParsedPacket &fragment, uint64_t now, uint32_t &length);
 
+  // Drops the datagrams whose time is up at `now`.
+  void Expire(uint64_t now);
+
   uint32_t Bytes() const { return m_bytes; }
   size_t Datagrams() const { return m_datagrams.size(); }
 

@@ -7,6 +7,7 @@
 #include <kest.h>
 #include <kest/Classification.h>
 #include <kest/Clock.h>
+#include <kest/IIdle.h>
 #include <kest/ITransportSegment.h>
 #include <kest/MemTag.h>
 #include <kest/ProtocolRegistry.h>
@@ -27,9 +28,13 @@ public:
 
 // One thread's decoder: a handler per packet form, the placeholder
 // connection, and the transports' segment entries.
-class PacketDecoder final : public oru::fdt::refcnt {
+class PacketDecoder final : public oru::fdt::refcnt, public oru::IIdle {
 public:
   KEST_DELETE_BY_PREFIX
+
+  // The module under which the decoder offers its upkeep (INTERFACE_IDLE).
+  static constexpr oru::ModuleId kModule = 261;
+  static constexpr const char *kModuleName = "WIRE";
 
   class Form final : public oru::IClassify {
   public:
@@ -52,6 +57,9 @@ public:
       m_none->release();
     }
   }
+
+  // Fragments of datagrams that never complete go on a quiet link too.
+  void Idle() override { m_defrag.Expire(oru::now()); }
 
   unsigned Classify(PacketForm form, oru::ClassifyPacket *packet,
                     oru::fdt::intrusive_ptr<oru::Conn> &conn) {
@@ -154,7 +162,9 @@ public:
     m_none = ::new (block) NoConn;
     m_none->add_ref();
     oru::Classification *classification = oru::Classification::Instance();
-    if (classification == nullptr) {
+    oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+    if (classification == nullptr || broker == nullptr ||
+        !broker->RegisterInterface(kModule, oru::INTERFACE_IDLE, static_cast<oru::IIdle *>(this))) {
       return false;
     }
     for (int i = 0; i < 3; ++i) {
@@ -167,6 +177,9 @@ public:
     return true;
   }
   void Stop() {
+    if (oru::InterfaceBroker *broker = oru::InterfaceBroker::Peek()) {
+      broker->UnregisterInterface(kModule, oru::INTERFACE_IDLE, static_cast<oru::IIdle *>(this));
+    }
     oru::Classification *classification = oru::Classification::Peek();
     if (classification == nullptr) {
       return;
@@ -233,7 +246,7 @@ bool InitInstance() {
   for (int i = 1; i < PacketDecoder::kTunnelKinds; ++i) {
     oru::RegisterProtocol(PacketDecoder::kTunnelNames[i]);
   }
-  return true;
+  return oru::InterfaceBroker::RegisterModule(PacketDecoder::kModule, PacketDecoder::kModuleName);
 }
 bool InitThread() {
   t_decoder = oru::fdt::CreateObject<PacketDecoder>(oru::fdt::OBJECT_LOCAL);
@@ -263,7 +276,9 @@ void ExitThread() {
     t_decoder = nullptr;
   }
 }
-void ExitInstance() {}
+void ExitInstance() {
+  oru::InterfaceBroker::UnregisterModule(PacketDecoder::kModule, PacketDecoder::kModuleName);
+}
 
 constexpr oru::PluginEntryTable kTable = {GetName,    GetVersion,  InitInstance, InitThread,
                                           LinkThread, StartThread, ExitThread,   ExitInstance};

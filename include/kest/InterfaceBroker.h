@@ -80,6 +80,10 @@ public:
   void *GetInterface(ModuleId module, InterfaceId iface) const;
   // True if this thread's table has a non-null interface of the module.
   bool IsModuleRegistered(ModuleId module) const;
+  // Walks one interface over all modules: the first non-null `iface` of a
+  // module above `*module`, with `*module` set to that module; null after the
+  // last. Start from *module = 0.
+  void *NextInterface(InterfaceId iface, ModuleId *module) const;
 
   static ThreadLocalKey l_instance;
 

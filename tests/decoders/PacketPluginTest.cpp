@@ -201,6 +201,21 @@ TEST_F(PacketPluginTest, FragmentsMakeOneDatagram) {
   EXPECT_EQ(results[0].code, 0);
   EXPECT_EQ(results[1].stack, "UDP");
   EXPECT_NE(results[1].id, 0u);
+  // A datagram that never completes goes after its time, on a quiet thread
+  // too.
+  kest_clock_set_mode(h, 1);
+  kest_clock_set(h, 1000);
+  kest_idle(h);
+  const long before = kest_test::LiveBlocks(kest_test::Heap::Local);
+  const Bytes lone = fragment(0, 16, true);
+  kest_classify(h, KEST_SELECTOR_IP, lone.data(), static_cast<uint16_t>(lone.size()), nullptr, 0,
+                Record, &results);
+  EXPECT_GT(kest_test::LiveBlocks(kest_test::Heap::Local), before);
+  for (const uint64_t at : {31000, 31001}) {
+    kest_clock_set(h, at);
+    kest_idle(h);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local) == before, at == 31001) << at;
+  }
   EXPECT_EQ(kest_fini(h), 0);
   EXPECT_EQ(kest_close(h), 0);
   EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);

@@ -150,19 +150,21 @@ TEST_F(SegmentTest, ClientSide) {
 
 namespace {
 
-// Connections end by time-out by their state, by eviction at the limit, or
-// with the table; each is reported expired exactly once.
+// Connections end by time-out by their state (swept by kest_idle on a quiet
+// thread), by eviction at the limit, or with the table; each is reported
+// expired exactly once. The limits come from the configuration, changed
+// while the thread runs.
 TEST_F(SegmentTest, AgeingAndEviction) {
   kest_test::g_deliveries.clear();
   ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", kest_test::RecordingListener), 0);
+  ASSERT_EQ(kest_config_set(h, "tcp.timeout.opening", "1"), 0);
+  ASSERT_EQ(kest_config_set(h, "tcp.timeout.established", "10"), 0);
+  ASSERT_EQ(kest_config_set(h, "tcp.max_connections", "3"), 0);
   kest_clock_set_mode(h, 1);
   kest_clock_set(h, 100000);
   kest_idle(h);
-  kest_decoders::ConnTable::Limits limits;
-  limits.opening_ms = 1000;
-  limits.established_ms = 10000;
-  limits.max_connections = 3;
-  kTcp.Table()->SetLimits(limits);
+  EXPECT_EQ(kTcp.Table()->GetLimits().opening_ms, 1000u);
+  EXPECT_EQ(kTcp.Table()->GetLimits().max_connections, 3u);
   auto flow = [&](uint16_t port, int side, uint8_t flags) {
     oru::TransportSegment s{};
     s.src = oru::IpAddr::FromV4(side == 0 ? 0x0A000001 : 0x0A000002);
@@ -192,9 +194,10 @@ TEST_F(SegmentTest, AgeingAndEviction) {
   const uint64_t open = flow(2, 0, 0x02);
   flow(2, 1, 0x12);
   at(101500); // the half-open one is past its second; the other spoke both ways
-  const uint64_t third = flow(3, 0, 0x02);
+  kest_idle(h);
   take();
   EXPECT_EQ(expired, std::vector<uint64_t>{half_open});
+  const uint64_t third = flow(3, 0, 0x02);
   const uint64_t fourth = flow(4, 0, 0x02);
   const uint64_t fifth = flow(5, 0, 0x02); // at the limit: the least recently used goes
   take();
