@@ -121,8 +121,13 @@ TEST_F(SegmentTest, ReassemblyTables) {
        1},
       {"a RST ends it", {{0, SYN, 7, "", "", ""}, {0, RST, 8, "", "", ""}}, 0},
   };
+  // However it ends (FIN, RST, or with the table), a connection is reported
+  // expired once.
+  ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", kest_test::RecordingListener), 0);
+  kest_idle(h);
   for (const Table &table : tables) {
     SCOPED_TRACE(table.name);
+    kest_test::g_deliveries.clear();
     for (const Step &step : table.steps) {
       SCOPED_TRACE(step.seq);
       Send(step.side, step.flags, step.seq, step.bytes);
@@ -130,10 +135,13 @@ TEST_F(SegmentTest, ReassemblyTables) {
       EXPECT_EQ(recorder->seen[1], step.seen1);
     }
     EXPECT_EQ(kTcp.Table()->Count(), table.open);
+    EXPECT_EQ(kest_test::g_deliveries.size(), 1 - table.open);
     kTcp.Table()->Clear();
+    EXPECT_EQ(kest_test::g_deliveries.size(), 1u);
     recorder->seen[0].clear();
     recorder->seen[1].clear();
   }
+  ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", nullptr), 0);
 }
 
 // The SYN's sender is the client, whichever side speaks first after it; a
