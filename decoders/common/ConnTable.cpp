@@ -9,7 +9,7 @@ namespace kest_decoders {
 
 ConnTable::ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context, const char *name)
     : m_ip_protocol(ip_protocol), m_context(context), m_rules(name), m_custom(m_rules, ip_protocol),
-      m_classify(proto, context, this), m_head(nullptr), m_count(0), m_index(RandomSipKey()) {}
+      m_classify(proto, context, this), m_count(0), m_index(RandomSipKey()) {}
 
 ConnTable::~ConnTable() {
   if (m_settings != nullptr) {
@@ -36,81 +36,112 @@ oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {
                             conn->m_chain);
   }
   conn->add_ref();
-  LinkFirst(conn);
+  LinkFirst(conn, kHost);
   ++m_count;
   m_index.Insert(conn);
   return conn;
 }
 
-void ConnTable::LinkFirst(TransportConn *conn) {
+void ConnTable::LinkFirst(TransportConn *conn, AgeClass age) {
+  conn->m_age = age;
   conn->m_prev = nullptr;
-  conn->m_next = m_head;
-  if (m_head != nullptr) {
-    m_head->m_prev = conn;
+  conn->m_next = m_head[age];
+  if (m_head[age] != nullptr) {
+    m_head[age]->m_prev = conn;
   } else {
-    m_tail = conn;
+    m_tail[age] = conn;
   }
-  m_head = conn;
+  m_head[age] = conn;
 }
 
 void ConnTable::UnlinkList(TransportConn *conn) {
+  const uint8_t age = conn->m_age;
   if (conn->m_prev != nullptr) {
     conn->m_prev->m_next = conn->m_next;
   } else {
-    m_head = conn->m_next;
+    m_head[age] = conn->m_next;
   }
   if (conn->m_next != nullptr) {
     conn->m_next->m_prev = conn->m_prev;
   } else {
-    m_tail = conn->m_prev;
+    m_tail[age] = conn->m_prev;
   }
   conn->m_prev = nullptr;
   conn->m_next = nullptr;
 }
 
-void ConnTable::Used(TransportConn *conn) {
-  if (m_head != conn && conn->m_table == this) {
-    UnlinkList(conn);
-    LinkFirst(conn);
+ConnTable::AgeClass ConnTable::ClassOf(const TransportConn &conn) const {
+  if (conn.m_aged == 0) {
+    return kHost;
+  }
+  if (conn.m_closed != 0) {
+    return kClosed;
+  }
+  if (conn.m_fin[0] != 0 || conn.m_fin[1] != 0) {
+    return kClosing;
+  }
+  return conn.m_seen[0] != 0 && conn.m_seen[1] != 0 ? kEstablished : kOpening;
+}
+
+uint64_t ConnTable::Timeout(AgeClass age) const {
+  switch (age) {
+  case kOpening:
+    return m_limits.opening_ms;
+  case kEstablished:
+    return m_limits.established_ms;
+  case kClosing:
+    return m_limits.closing_ms;
+  default:
+    return m_limits.closed_ms;
   }
 }
 
-uint64_t ConnTable::Timeout(const TransportConn &conn) const {
-  if (m_ip_protocol != 6) {
-    return m_limits.established_ms;
+void ConnTable::Used(TransportConn *conn) {
+  if (conn->m_table != this) {
+    return;
   }
-  if (conn.m_fin[0] != 0 || conn.m_fin[1] != 0) {
-    return m_limits.closing_ms;
+  const AgeClass age = ClassOf(*conn);
+  if (m_head[age] != conn) {
+    UnlinkList(conn);
+    LinkFirst(conn, age);
   }
-  return conn.m_seen[0] != 0 && conn.m_seen[1] != 0 ? m_limits.established_ms : m_limits.opening_ms;
 }
 
 void ConnTable::Sweep(uint64_t now, int budget) {
-  TransportConn *conn = m_tail;
-  while (conn != nullptr && budget-- > 0) {
-    TransportConn *newer = conn->m_prev;
-    // Connections the host made are the host's to end: it holds them by a
-    // plain pointer.
-    if (conn->m_aged != 0 && now - conn->Touched() > Timeout(*conn)) {
-      Destroy(conn);
+  for (int age = kOpening; age < kHost && budget > 0; ++age) {
+    const uint64_t timeout = Timeout(static_cast<AgeClass>(age));
+    while (budget > 0 && m_tail[age] != nullptr && now - m_tail[age]->Touched() > timeout) {
+      Destroy(m_tail[age]);
+      --budget;
     }
-    conn = newer;
+  }
+}
+
+TransportConn *ConnTable::Oldest() const {
+  TransportConn *oldest = nullptr;
+  for (int age = kOpening; age < kHost; ++age) {
+    TransportConn *last = m_tail[age];
+    if (last != nullptr && (oldest == nullptr || last->Touched() < oldest->Touched())) {
+      oldest = last;
+    }
+  }
+  return oldest;
+}
+
+void ConnTable::MakeRoom() {
+  // Connections the host made are the host's to end: it holds them by a
+  // plain pointer.
+  while (m_count >= m_limits.max_connections) {
+    TransportConn *oldest = Oldest();
+    if (oldest == nullptr) {
+      return;
+    }
+    Destroy(oldest);
   }
 }
 
 void ConnTable::Idle() {
   Sweep(oru::now(), kIdleBudget);
-}
-
-void ConnTable::MakeRoom() {
-  TransportConn *conn = m_tail;
-  while (m_count >= m_limits.max_connections && conn != nullptr) {
-    TransportConn *newer = conn->m_prev;
-    if (conn->m_aged != 0) {
-      Destroy(conn);
-    }
-    conn = newer;
-  }
 }
 
 void ConnTable::Destroy(oru::Conn *conn) {
@@ -123,8 +154,17 @@ void ConnTable::Destroy(oru::Conn *conn) {
 }
 
 void ConnTable::Clear() {
-  while (m_head != nullptr) {
-    TransportConn *conn = m_head;
+  for (;;) {
+    // The most recently used of all lists first.
+    TransportConn *conn = nullptr;
+    for (TransportConn *first : m_head) {
+      if (first != nullptr && (conn == nullptr || first->Touched() > conn->Touched())) {
+        conn = first;
+      }
+    }
+    if (conn == nullptr) {
+      return;
+    }
     Unlink(conn);
     // No packet is under way when the thread ends, and the connection the
     // thread touched last may be gone already: the expiry report reads the

@@ -38,11 +38,17 @@ public:
   // How long a connection may stay silent, by its state, in milliseconds,
   // and how many connections the table holds at most.
   struct Limits {
-    uint64_t opening_ms = 30000;      // TCP before both sides spoke
-    uint64_t established_ms = 600000; // TCP after, and UDP
+    uint64_t opening_ms = 30000;      // before both sides spoke
+    uint64_t established_ms = 600000; // after
     uint64_t closing_ms = 30000;      // TCP after a FIN
+    uint64_t closed_ms = 5000;        // TCP after FINs both ways or a RST
     size_t max_connections = 1000000;
   };
+
+  // A connection's list: one per time-out, each ordered from the most to the
+  // least recently used, so that a sweep stops at the first connection whose
+  // time is not up. The host's own connections are never aged.
+  enum AgeClass : uint8_t { kOpening, kEstablished, kClosing, kClosed, kHost, kClasses };
 
   // `ip_protocol` is 6 or 17, `proto` the transport's protocol index on this
   // thread, `context` the memory context of the transport, `name` the
@@ -77,13 +83,14 @@ public:
 
   void SetLimits(const Limits &limits) { m_limits = limits; }
   const Limits &GetLimits() const { return m_limits; }
-  // The connection was used now: it goes to the front, away from ageing.
+  // The connection was used now, or changed its state: it goes to the front
+  // of the list of its state, away from ageing.
   void Used(TransportConn *conn);
-  // Ends up to `budget` connections from the least recently used end whose
-  // time is up at `now`; each reports "conn.expired".
+  // Ends the connections whose time is up at `now`, least recently used
+  // first, looking at `budget` of them at most; each reports "conn.expired".
   void Sweep(uint64_t now, int budget);
   // Makes room for one more connection: at the limit, the least recently
-  // used goes.
+  // used of all goes.
   void MakeRoom();
   // kest_idle's share of the sweep.
   void Idle() override;
@@ -98,10 +105,14 @@ public:
 
 private:
   void Unlink(TransportConn *conn);
-  // Takes the connection out of the list (not the index) and puts it first.
-  void LinkFirst(TransportConn *conn);
+  // Puts the connection first in the list of `age`.
+  void LinkFirst(TransportConn *conn, AgeClass age);
+  // Takes the connection out of its list (not the index).
   void UnlinkList(TransportConn *conn);
-  uint64_t Timeout(const TransportConn &conn) const;
+  AgeClass ClassOf(const TransportConn &conn) const;
+  uint64_t Timeout(AgeClass age) const;
+  // The least recently used of the aged lists' last connections, or null.
+  TransportConn *Oldest() const;
   // Reports the connection expired and drops the table's reference.
   void Drop(TransportConn *conn);
 
@@ -110,8 +121,8 @@ private:
   oru::IpPortRuleStore m_rules;
   CustomRules m_custom;
   PayloadClassifier m_classify;
-  TransportConn *m_head;
-  TransportConn *m_tail = nullptr;
+  TransportConn *m_head[kClasses] = {};
+  TransportConn *m_tail[kClasses] = {};
   size_t m_count;
   Limits m_limits;
   ConnIndex m_index;

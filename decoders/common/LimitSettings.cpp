@@ -18,6 +18,7 @@ const Setting kSettings[] = {
     {".timeout.opening", "30", &ConnTable::Limits::opening_ms},
     {".timeout.established", "600", &ConnTable::Limits::established_ms},
     {".timeout.closing", "30", &ConnTable::Limits::closing_ms},
+    {".timeout.closed", "5", &ConnTable::Limits::closed_ms},
     {".max_connections", "1000000", nullptr},
 };
 
@@ -34,12 +35,15 @@ oru::ConfigMethod ChangeMethod() {
 
 } // namespace
 
-bool LimitSettings::SetDefaults(const char *name) {
+bool LimitSettings::SetDefaults(const char *name, bool tcp) {
   for (const Setting &setting : kSettings) {
     char key[64];
     KeyOf(name, setting.suffix, key);
-    if (oru::Configuration::GetItem(key).empty() &&
-        !oru::Configuration::SetItem(key, setting.value)) {
+    // A datagram flow that both sides use is done sooner than a TCP
+    // connection that has not closed.
+    const char *value =
+        !tcp && setting.ms == &ConnTable::Limits::established_ms ? "120" : setting.value;
+    if (oru::Configuration::GetItem(key).empty() && !oru::Configuration::SetItem(key, value)) {
       return false;
     }
   }

@@ -1,6 +1,7 @@
-// A transport's settings, under its name: "<name>.timeout.opening",
-// "<name>.timeout.established", "<name>.timeout.closing" in seconds and
-// "<name>.max_connections". Each thread's watcher applies them to its
+// A transport's settings, under its name: "<name>.timeout.opening" (before
+// both sides spoke), "<name>.timeout.established", "<name>.timeout.closing"
+// (TCP after a FIN), "<name>.timeout.closed" (TCP after FINs both ways or a
+// RST) in seconds, and "<name>.max_connections". Each thread's watcher applies them to its
 // connection table when the thread starts and again whenever one changes
 // (from the thread's next idle pass on). A value that is not a positive
 // number stands for the default.
@@ -19,8 +20,9 @@ public:
   KEST_DELETE_BY_PREFIX
 
   // Instance start-up: each key absent from the configuration gets its
-  // default. False without memory.
-  static bool SetDefaults(const char *name);
+  // default (for UDP, when `tcp` is false, 120 s once both sides spoke).
+  // False without memory.
+  static bool SetDefaults(const char *name, bool tcp);
   // The limits the configuration gives now.
   static ConnTable::Limits Read(const char *name);
 

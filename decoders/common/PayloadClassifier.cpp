@@ -105,6 +105,11 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   // Ageing rides on the packets: a few of the least recently used at a time.
   m_table->Sweep(oru::now(), kSweepBudget);
   TransportConn *own = m_table->Find(segment.src, segment.src_port, segment.dst, segment.dst_port);
+  if (own != nullptr && own->m_closed != 0 && (segment.tcp_flags & 0x12) == 0x02) {
+    // A new SYN on the end points of a finished connection: a new one.
+    m_table->Destroy(own);
+    own = nullptr;
+  }
   if (own == nullptr) {
     // The client: the sender of a SYN without ACK; the receiver of a SYN with
     // ACK; otherwise whoever spoke first.
@@ -168,12 +173,11 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
     }
   }
   const unsigned result = Inspect(*own, flow, from, grown, &segment, conn);
-  if (tcp && own->m_aged != 0 &&
-      ((segment.tcp_flags & 0x04) != 0 || (own->m_fin[0] != 0 && own->m_fin[1] != 0))) {
-    // The connection is over: the table lets it go (the caller's reference
-    // keeps it for the result).
-    m_table->Destroy(own);
+  if (tcp && ((segment.tcp_flags & 0x04) != 0 || (own->m_fin[0] != 0 && own->m_fin[1] != 0))) {
+    own->m_closed = 1;
   }
+  // To the front of the list of its (new) state.
+  m_table->Used(own);
   return result;
 }
 

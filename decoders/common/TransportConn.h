@@ -72,6 +72,11 @@ public:
   // Made for whole packets, so the table ages it; the host's own
   // connections (kest_conn_create) are never ended behind its back.
   uint8_t m_aged;
+  // TCP: over (FINs both ways, or a RST). It stays a short while, so that
+  // the last acknowledgements and retransmissions find it.
+  uint8_t m_closed;
+  // The table's list it is in (ConnTable::AgeClass).
+  uint8_t m_age;
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

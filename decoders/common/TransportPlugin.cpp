@@ -47,7 +47,7 @@ void OffersOf(ConnTable &table, Offer (&out)[kOffers]) {
 } // namespace
 
 bool TransportPlugin::InitInstance() const {
-  if (!LimitSettings::SetDefaults(m_name)) {
+  if (!LimitSettings::SetDefaults(m_name, m_ip_protocol == 6)) {
     return false;
   }
   oru::RegisterProtocol(m_protocol);
