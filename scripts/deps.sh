@@ -2,7 +2,8 @@
 # Installs the build and test dependencies on a Debian machine, if missing.
 set -eu
 need=""
-for pkg in cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libpcap-dev; do
+for pkg in cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libpcap-dev \
+  jq tcpdump; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
 if [ -n "$need" ]; then

@@ -1,0 +1,10 @@
+# kestcap end to end, when it was built (it needs libpcap) and jq is there to
+# read its JSON.
+find_program(KEST_JQ jq)
+if(TARGET kestcap AND KEST_JQ)
+  add_test(NAME kestcap_end_to_end
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/kestcap_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/examples/loopback.pcap
+                   ${CMAKE_SOURCE_DIR}/../shared/pcaps)
+  set_tests_properties(kestcap_end_to_end PROPERTIES TIMEOUT 300)
+endif()

@@ -1,0 +1,157 @@
+#include "FlowLog.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+
+namespace kestcap {
+
+namespace {
+
+void AppendJsonString(std::string &out, const std::string &text) {
+  out += '"';
+  for (unsigned char c : text) {
+    switch (c) {
+    case '"':
+      out += "\\\"";
+      break;
+    case '\\':
+      out += "\\\\";
+      break;
+    case '\n':
+      out += "\\n";
+      break;
+    case '\r':
+      out += "\\r";
+      break;
+    case '\t':
+      out += "\\t";
+      break;
+    default:
+      // Control bytes and bytes beyond ASCII are escaped one by one, so that
+      // any value makes valid JSON, whatever its encoding.
+      if (c < 0x20 || c >= 0x7F) {
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+        out += escaped;
+      } else {
+        out += static_cast<char>(c);
+      }
+    }
+  }
+  out += '"';
+}
+
+std::string Address(const kest_endpoint_t &end) {
+  char text[INET6_ADDRSTRLEN] = "";
+  inet_ntop(end.family == KEST_FAMILY_IPV6 ? AF_INET6 : AF_INET, end.address, text, sizeof text);
+  return text;
+}
+
+void AppendNumber(std::string &out, const char *key, uint64_t value) {
+  out += ",\"";
+  out += key;
+  out += "\":";
+  out += std::to_string(value);
+}
+
+std::string Seconds(uint64_t us) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%llu.%06llu", static_cast<unsigned long long>(us / 1000000),
+                static_cast<unsigned long long>(us % 1000000));
+  return text;
+}
+
+} // namespace
+
+void FlowRecord::AddAttr(const std::string &name, std::string value) {
+  for (auto &attr : attrs) {
+    if (attr.first == name) {
+      attr.second.push_back(std::move(value));
+      return;
+    }
+  }
+  attrs.emplace_back(name, std::vector<std::string>{std::move(value)});
+}
+
+void Totals::Add(const Totals &other) {
+  packets += other.packets;
+  classified += other.classified;
+  not_classified += other.not_classified;
+  malformed += other.malformed;
+  connections += other.connections;
+}
+
+std::string JsonLine(const FlowRecord &r, const std::string &app,
+                     const std::vector<std::string> &stack) {
+  std::string out = "{\"ts\":" + Seconds(r.first_us);
+  out += ",\"duration\":" + Seconds(r.last_us - r.first_us);
+  out += ",\"id.orig_h\":\"" + Address(r.client) + "\"";
+  AppendNumber(out, "id.orig_p", ntohs(r.client.port));
+  out += ",\"id.resp_h\":\"" + Address(r.server) + "\"";
+  AppendNumber(out, "id.resp_p", ntohs(r.server.port));
+  out += ",\"proto\":";
+  AppendJsonString(out, r.protocol == 6    ? "tcp"
+                        : r.protocol == 17 ? "udp"
+                                           : std::to_string(r.protocol));
+  out += ",\"app\":";
+  AppendJsonString(out, app);
+  out += ",\"stack\":[";
+  for (size_t i = 0; i < stack.size(); ++i) {
+    out += i != 0 ? "," : "";
+    AppendJsonString(out, stack[i]);
+  }
+  out += "]";
+  AppendNumber(out, "orig_pkts", r.packets[0]);
+  AppendNumber(out, "resp_pkts", r.packets[1]);
+  AppendNumber(out, "orig_bytes", r.bytes[0]);
+  AppendNumber(out, "resp_bytes", r.bytes[1]);
+  out += ",\"attrs\":{";
+  for (size_t i = 0; i < r.attrs.size(); ++i) {
+    out += i != 0 ? "," : "";
+    AppendJsonString(out, r.attrs[i].first);
+    out += ':';
+    const std::vector<std::string> &values = r.attrs[i].second;
+    if (values.size() == 1) {
+      AppendJsonString(out, values[0]);
+      continue;
+    }
+    out += '[';
+    for (size_t j = 0; j < values.size(); ++j) {
+      out += j != 0 ? "," : "";
+      AppendJsonString(out, values[j]);
+    }
+    out += ']';
+  }
+  out += "}}";
+  return out;
+}
+
+void PrintTable(FILE *out, const AppTable &apps, const Totals &totals, double seconds) {
+  std::vector<std::pair<std::string, AppRow>> rows(apps.begin(), apps.end());
+  std::stable_sort(rows.begin(), rows.end(),
+                   [](const auto &a, const auto &b) { return a.second.bytes > b.second.bytes; });
+  std::fprintf(out, "%-20s %12s %12s %14s\n", "application", "connections", "packets", "bytes");
+  for (const auto &row : rows) {
+    std::fprintf(out, "%-20s %12llu %12llu %14llu\n", row.first.c_str(),
+                 static_cast<unsigned long long>(row.second.connections),
+                 static_cast<unsigned long long>(row.second.packets),
+                 static_cast<unsigned long long>(row.second.bytes));
+  }
+  const double rate = seconds > 0 ? static_cast<double>(totals.packets) / seconds : 0;
+  std::fprintf(out,
+               "%llu packets read, %llu classified, %llu not classified, %llu malformed, "
+               "%llu connections, %.3f s, %.0f packets/s\n",
+               static_cast<unsigned long long>(totals.packets),
+               static_cast<unsigned long long>(totals.classified),
+               static_cast<unsigned long long>(totals.not_classified),
+               static_cast<unsigned long long>(totals.malformed),
+               static_cast<unsigned long long>(totals.connections), seconds, rate);
+}
+
+void LineOutput::Write(const std::string &line) {
+  std::lock_guard<std::mutex> hold(m_lock);
+  std::fwrite(line.data(), 1, line.size(), m_out);
+  std::fputc('\n', m_out);
+}
+
+} // namespace kestcap

@@ -1,0 +1,74 @@
+// What kestcap keeps of a connection while it lives, and how it is written
+// out: one JSON object per line (field names as in the per-connection logs
+// network analysts read) and the table of applications at the end.
+#ifndef KESTCAP_FLOWLOG_H
+#define KESTCAP_FLOWLOG_H
+
+#include <kest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kestcap {
+
+struct FlowRecord {
+  static constexpr int kMaxStack = 16;
+
+  uint64_t first_us = 0;
+  uint64_t last_us = 0;
+  kest_endpoint_t client{};
+  kest_endpoint_t server{};
+  uint8_t protocol = 0; // 6 or 17
+  int stack[kMaxStack] = {};
+  int depth = 0;
+  uint64_t packets[2] = {}; // from the client, from the server
+  uint64_t bytes[2] = {};   // transport payload bytes
+  std::vector<std::pair<std::string, std::vector<std::string>>> attrs;
+
+  void AddAttr(const std::string &name, std::string value);
+};
+
+// Counts per application: the table's rows.
+struct AppRow {
+  uint64_t connections = 0;
+  uint64_t packets = 0;
+  uint64_t bytes = 0;
+};
+using AppTable = std::map<std::string, AppRow>;
+
+struct Totals {
+  uint64_t packets = 0;
+  uint64_t classified = 0;
+  uint64_t not_classified = 0;
+  uint64_t malformed = 0;
+  uint64_t connections = 0;
+  void Add(const Totals &other);
+};
+
+// The JSON object of a finished connection, without the newline. `app` is
+// the application's name, `stack` the stack's names bottom first.
+std::string JsonLine(const FlowRecord &record, const std::string &app,
+                     const std::vector<std::string> &stack);
+
+// The table, sorted by bytes, then the line of totals.
+void PrintTable(FILE *out, const AppTable &apps, const Totals &totals, double seconds);
+
+// Lines from several threads, each written whole.
+class LineOutput {
+public:
+  explicit LineOutput(FILE *out) : m_out(out) {}
+  void Write(const std::string &line);
+
+private:
+  std::mutex m_lock;
+  FILE *m_out;
+};
+
+} // namespace kestcap
+
+#endif

@@ -1,0 +1,125 @@
+#include "Options.h"
+
+#include <cstdlib>
+#include <getopt.h>
+
+namespace kestcap {
+
+namespace {
+
+enum LongOnly { kPlugins = 256, kRule, kProtoAdd, kConfig, kAttr, kJson };
+
+const option kLong[] = {
+    {"interface", required_argument, nullptr, 'i'},
+    {"threads", required_argument, nullptr, 't'},
+    {"help", no_argument, nullptr, 'h'},
+    {"plugins", required_argument, nullptr, kPlugins},
+    {"rule", required_argument, nullptr, kRule},
+    {"proto-add", required_argument, nullptr, kProtoAdd},
+    {"config", required_argument, nullptr, kConfig},
+    {"attr", required_argument, nullptr, kAttr},
+    {"json", no_argument, nullptr, kJson},
+    {nullptr, 0, nullptr, 0},
+};
+
+} // namespace
+
+const char *UsageText() {
+  return "usage: kestcap [options] FILE [FILTER]\n"
+         "       kestcap [options] -i IFACE [FILTER]\n"
+         "\n"
+         "Classifies the connections of a capture file (pcap or pcapng; \"-\" reads\n"
+         "standard input) or of a live interface with libkest and its plug-ins.\n"
+         "FILTER is a BPF expression applied before classification.\n"
+         "\n"
+         "  -i, --interface IFACE  capture live from IFACE until interrupted\n"
+         "  -t, --threads N        classify on N threads (default 1); packets are\n"
+         "                         spread by their outer IP addresses, so both\n"
+         "                         directions, fragments and tunnelled flows stay on\n"
+         "                         one thread\n"
+         "      --plugins DIR      plug-in folder (default: the installed one, then\n"
+         "                         the build's)\n"
+         "      --json             one JSON object per connection on standard output\n"
+         "                         when it ends, instead of the table\n"
+         "      --attr NAME        also report attribute NAME (repeatable)\n"
+         "      --proto-add NAME   register the custom protocol NAME (repeatable)\n"
+         "      --rule 'PROTO MODULE TEXT'\n"
+         "                         add a custom rule: connections matching TEXT in\n"
+         "                         MODULE (TCP, UDP, ...) are named PROTO (repeatable)\n"
+         "      --config KEY=VALUE set a library setting (repeatable)\n"
+         "  -h, --help             this text\n"
+         "\n"
+         "Exit codes: 0 done (also for a capture cut short, with a warning);\n"
+         "1 bad option or argument; 2 the input could not be opened or read, or\n"
+         "its link type is not supported; 3 no plug-ins found, or the library\n"
+         "refused a setting or did not start.\n";
+}
+
+bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
+  optind = 1;
+  opterr = 0;
+  int c;
+  while ((c = getopt_long(argc, argv, ":i:t:h", kLong, nullptr)) != -1) {
+    switch (c) {
+    case 'i':
+      out.interface = optarg;
+      break;
+    case 't': {
+      char *end = nullptr;
+      const long n = std::strtol(optarg, &end, 10);
+      if (*optarg == '\0' || *end != '\0' || n < 1 || n > 64) {
+        error = std::string("--threads wants a number from 1 to 64, not \"") + optarg + "\"";
+        return false;
+      }
+      out.threads = static_cast<int>(n);
+      break;
+    }
+    case 'h':
+      out.help = true;
+      return true;
+    case kPlugins:
+      out.plugins = optarg;
+      break;
+    case kRule:
+      out.rules.emplace_back(optarg);
+      break;
+    case kProtoAdd:
+      out.protos.emplace_back(optarg);
+      break;
+    case kConfig:
+      if (std::string(optarg).find('=') == std::string::npos) {
+        error = std::string("--config wants KEY=VALUE, not \"") + optarg + "\"";
+        return false;
+      }
+      out.configs.emplace_back(optarg);
+      break;
+    case kAttr:
+      out.attrs.emplace_back(optarg);
+      break;
+    case kJson:
+      out.json = true;
+      break;
+    case ':':
+      error = std::string("option ") + argv[optind - 1] + " needs an argument";
+      return false;
+    default:
+      error = std::string("unknown option ") + argv[optind - 1];
+      return false;
+    }
+  }
+  std::vector<std::string> rest(argv + optind, argv + argc);
+  if (out.interface.empty()) {
+    if (rest.empty()) {
+      error = "no capture file given (try --help)";
+      return false;
+    }
+    out.input = rest.front();
+    rest.erase(rest.begin());
+  }
+  for (const std::string &word : rest) {
+    out.filter += (out.filter.empty() ? "" : " ") + word;
+  }
+  return true;
+}
+
+} // namespace kestcap

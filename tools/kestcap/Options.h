@@ -1,0 +1,39 @@
+// kestcap's command line.
+#ifndef KESTCAP_OPTIONS_H
+#define KESTCAP_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+namespace kestcap {
+
+// Exit codes, as --help lists them.
+enum ExitCode {
+  kExitOk = 0,
+  kExitUsage = 1,   // a bad option or argument
+  kExitInput = 2,   // the capture or interface could not be read
+  kExitLibrary = 3, // no plug-ins, or the library refused to start
+};
+
+struct Options {
+  std::string input;     // file name, "-" for standard input
+  std::string interface; // -i: a live interface instead of a file
+  std::string filter;    // BPF filter (live or file)
+  std::string plugins;   // empty: the installed folder, then the build's
+  int threads = 1;
+  bool json = false;
+  bool help = false;
+  std::vector<std::string> attrs; // added to the default set
+  std::vector<std::string> rules; // "PROTO MODULE RULE-TEXT"
+  std::vector<std::string> protos;
+  std::vector<std::string> configs; // "KEY=VALUE"
+};
+
+// Fills `out` from argv. On a usage error: false with `error` set to one line.
+bool ParseOptions(int argc, char **argv, Options &out, std::string &error);
+// The --help text.
+const char *UsageText();
+
+} // namespace kestcap
+
+#endif

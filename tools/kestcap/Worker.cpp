@@ -1,0 +1,249 @@
+#include "Worker.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+
+namespace kestcap {
+
+namespace {
+
+// The worker of the calling thread: attribute listeners are instance-wide
+// functions, and during kest_idle and kest_fini no user word of ours runs.
+thread_local Worker *t_worker = nullptr;
+
+constexpr int kMaxTunnels = 4;
+
+} // namespace
+
+bool Worker::Start(std::string &error) {
+  m_h = m_setup.handle;
+  if (kest_init(m_h) != 0) {
+    error = "kest_init failed with error " + std::to_string(kest_errno);
+    return false;
+  }
+  m_started = true;
+  t_worker = this;
+  if (kest_attr_callback_set(m_h, "conn.expired", OnAttr) != 0) {
+    error = "no connection expiry reports (error " + std::to_string(kest_errno) + ")";
+    return false;
+  }
+  for (const std::string &name : m_setup.attrs) {
+    if (kest_attr_callback_set(m_h, name.c_str(), OnAttr) != 0) {
+      m_unknown.push_back(name);
+    }
+  }
+  // Listeners and identifiers reach the thread in its idle pass.
+  kest_idle(m_h);
+  m_expired_key = kest_attr_key_get(m_h, "conn.expired");
+  for (const std::string &name : m_setup.attrs) {
+    const int key = kest_attr_key_get(m_h, name.c_str());
+    if (key > 0) {
+      m_key_names[key] = name;
+    }
+  }
+  return true;
+}
+
+void Worker::Handle(const Frame &frame) {
+  ++m_totals.packets;
+  if (frame.form == 0 || frame.length == 0 || frame.length > 0xFFFF) {
+    // Nothing the library takes: not IP behind a stripped link header, or
+    // larger than a packet can be.
+    ++m_totals.not_classified;
+    return;
+  }
+  using kest_decoders::ParseResult;
+  m_now.ts_us = frame.ts_us;
+  m_now.counted = 0;
+  m_now.parse = kest_decoders::ParsePacket(static_cast<kest_decoders::PacketForm>(frame.form),
+                                           frame.data, frame.length, m_now.packet);
+  // The innermost packet decides the direction, as the library classifies
+  // that one.
+  for (int depth = 0; m_setup.tunnels && m_now.parse == ParseResult::kOk && depth < kMaxTunnels;
+       ++depth) {
+    kest_decoders::InnerPacket inner;
+    kest_decoders::ParsedPacket q;
+    if (!kest_decoders::Decapsulate(m_now.packet, inner)) {
+      break;
+    }
+    const ParseResult r = kest_decoders::ParsePacket(inner.form, inner.data, inner.length, q);
+    if (r != ParseResult::kOk && r != ParseResult::kFragment) {
+      break;
+    }
+    m_now.packet = q;
+    m_now.parse = r;
+  }
+  if (m_setup.capture_clock) {
+    const uint64_t ms = frame.ts_us / 1000;
+    if (ms != m_clock_ms) {
+      kest_clock_set(m_h, ms);
+      m_clock_ms = ms;
+    }
+  }
+  kest_classify(m_h, frame.form, frame.data, static_cast<uint16_t>(frame.length), nullptr, 0,
+                OnResult, this);
+  if (m_now.counted != 0) {
+    ++m_totals.classified;
+  } else if (m_now.parse == ParseResult::kMalformed) {
+    ++m_totals.malformed;
+  } else {
+    ++m_totals.not_classified;
+  }
+}
+
+void Worker::Idle() {
+  kest_idle(m_h);
+}
+
+void Worker::Finish() {
+  if (!m_started) {
+    return;
+  }
+  t_worker = this;
+  kest_fini(m_h);
+  m_started = false;
+  // Whatever the library did not report (a thread that failed half-way)
+  // is written out as well.
+  while (!m_records.empty()) {
+    Expired(m_records.begin()->first);
+  }
+}
+
+int Worker::OnResult(kest_handle_t, kest_result_t *result, int, kest_conn_id_t id, void *user,
+                     int) {
+  if (id != 0) {
+    static_cast<Worker *>(user)->Result(result, id);
+  }
+  return 0;
+}
+
+int Worker::OnAttr(kest_handle_t, kest_conn_id_t id, int key, int length, const void *value,
+                   int packed, void *) {
+  Worker *worker = t_worker;
+  if (worker == nullptr || length < 0) {
+    return 0;
+  }
+  if (key == worker->m_expired_key && length == 8) {
+    kest_conn_id_t dying;
+    std::memcpy(&dying, value, sizeof dying);
+    worker->Expired(dying);
+    return 0;
+  }
+  worker->Attr(id, key, static_cast<const char *>(value), length, (packed & 0xFFFF) != 0);
+  return 0;
+}
+
+FlowRecord &Worker::Record(kest_conn_id_t id) {
+  if (id == m_cached_id && m_cached != nullptr) {
+    return *m_cached;
+  }
+  auto [it, made] = m_records.try_emplace(id);
+  FlowRecord &record = it->second;
+  if (made) {
+    ++m_totals.connections;
+    record.first_us = record.last_us = m_now.ts_us;
+    // The connection is the active one here: its end points, client first.
+    kest_endpoint_get(m_h, id, &record.client, &record.server);
+    record.protocol = m_now.packet.protocol;
+  }
+  m_cached_id = id;
+  m_cached = &record;
+  return record;
+}
+
+bool Worker::FromClient(const FlowRecord &record) const {
+  const kest_decoders::ParsedPacket &p = m_now.packet;
+  const oru::IpAddr client = oru::IpAddr::FromEndpoint(record.client.family, record.client.address);
+  if (p.src != client) {
+    return false;
+  }
+  // A reassembled datagram's last fragment carries no ports.
+  return m_now.parse == kest_decoders::ParseResult::kFragment ||
+         p.src_port == ntohs(record.client.port);
+}
+
+void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
+  FlowRecord &record = Record(id);
+  // The stack, bottom first, as it stands now.
+  kest_result_t cursor = *result;
+  int depth = 0;
+  for (kest_proto_first(m_h, &cursor);
+       kest_proto_valid(m_h, &cursor) != 0 && depth < FlowRecord::kMaxStack;
+       kest_proto_next(m_h, &cursor)) {
+    record.stack[depth++] = kest_proto_get_index(m_h, &cursor);
+  }
+  record.depth = depth;
+  if (m_now.counted == id) {
+    return; // a deferred result of the same packet
+  }
+  m_now.counted = id;
+  const int side = FromClient(record) ? 0 : 1;
+  const kest_decoders::ParsedPacket &p = m_now.packet;
+  uint64_t bytes = p.payload_length;
+  if (m_now.parse == kest_decoders::ParseResult::kFragment) {
+    // The whole datagram came in with its last fragment: its payload is
+    // everything before this piece and the piece, less the transport header.
+    const uint64_t whole = p.frag_offset + p.payload_length;
+    const uint64_t header = p.protocol == 17 ? 8 : 20;
+    bytes = whole > header ? whole - header : 0;
+  }
+  ++record.packets[side];
+  record.bytes[side] += bytes;
+  record.last_us = m_now.ts_us;
+}
+
+void Worker::Attr(kest_conn_id_t id, int key, const char *value, int length, bool more) {
+  auto name = m_key_names.find(key);
+  if (name == m_key_names.end() || id == 0) {
+    return;
+  }
+  std::string &partial = m_partial[key];
+  partial.append(value, static_cast<size_t>(length));
+  if (more) {
+    return;
+  }
+  Record(id).AddAttr(name->second, std::move(partial));
+  partial.clear();
+}
+
+const std::string &Worker::ProtoName(int index) {
+  auto it = m_proto_names.find(index);
+  if (it != m_proto_names.end()) {
+    return it->second;
+  }
+  char name[64];
+  const char *got = kest_proto_get_name(m_h, index, name, sizeof name);
+  return m_proto_names[index] = got != nullptr ? got : std::to_string(index);
+}
+
+void Worker::Expired(kest_conn_id_t id) {
+  auto it = m_records.find(id);
+  if (it == m_records.end()) {
+    return;
+  }
+  const FlowRecord &record = it->second;
+  std::vector<std::string> stack;
+  for (int i = 0; i < record.depth; ++i) {
+    stack.push_back(ProtoName(record.stack[i]));
+  }
+  // The application is the top of the stack, unless only the transport
+  // was found.
+  std::string app = "unknown";
+  if (!stack.empty() && stack.back() != "TCP" && stack.back() != "UDP") {
+    app = stack.back();
+  }
+  AppRow &row = m_apps[app];
+  ++row.connections;
+  row.packets += record.packets[0] + record.packets[1];
+  row.bytes += record.bytes[0] + record.bytes[1];
+  if (m_setup.json != nullptr) {
+    m_setup.json->Write(JsonLine(record, app, stack));
+  }
+  if (m_cached == &it->second) {
+    m_cached = nullptr;
+    m_cached_id = 0;
+  }
+  m_records.erase(it);
+}
+
+} // namespace kestcap

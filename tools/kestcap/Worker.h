@@ -1,0 +1,96 @@
+// One classifying thread of kestcap: a kest thread of the shared instance
+// (kest_init on the thread that runs it), with its own connection records.
+// It hands each frame to kest_classify, follows the results to the
+// connection records, listens to the attributes asked for, and writes a
+// connection out when the library reports it expired (at its time-out, its
+// end, or at kest_fini).
+#ifndef KESTCAP_WORKER_H
+#define KESTCAP_WORKER_H
+
+#include "CaptureInput.h"
+#include "FlowLog.h"
+
+#include "packet/PacketParser.h"
+
+#include <kest.h>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kestcap {
+
+struct WorkerSetup {
+  kest_handle_t handle = -1;
+  // Attribute names to listen to.
+  std::vector<std::string> attrs;
+  // JSON lines go here; null for the table only.
+  LineOutput *json = nullptr;
+  // The clock follows the packets' time stamps (captures from files).
+  bool capture_clock = true;
+  // Tunnels are opened (the library's default policy says so).
+  bool tunnels = true;
+};
+
+class Worker {
+public:
+  explicit Worker(const WorkerSetup &setup) : m_setup(setup) {}
+  Worker(const Worker &) = delete;
+  Worker &operator=(const Worker &) = delete;
+
+  // On the worker's own thread, before its first frame: kest_init and the
+  // listeners. False with `error` set when the library refuses.
+  bool Start(std::string &error);
+  void Handle(const Frame &frame);
+  // Lets the library age connections while no packets come.
+  void Idle();
+  // Ends the thread's kest context: the connections still open are
+  // reported expired and written out.
+  void Finish();
+
+  // Attribute names the library knew no plug-in for.
+  const std::vector<std::string> &Unknown() const { return m_unknown; }
+  const Totals &Counts() const { return m_totals; }
+  const AppTable &Apps() const { return m_apps; }
+
+private:
+  static int OnResult(kest_handle_t handle, kest_result_t *result, int code, kest_conn_id_t id,
+                      void *user, int error);
+  static int OnAttr(kest_handle_t handle, kest_conn_id_t id, int key, int length,
+                    const void *value, int packed, void *user);
+
+  FlowRecord &Record(kest_conn_id_t id);
+  void Result(kest_result_t *result, kest_conn_id_t id);
+  void Attr(kest_conn_id_t id, int key, const char *value, int length, bool more);
+  void Expired(kest_conn_id_t id);
+  const std::string &ProtoName(int index);
+  // Whether the packet at hand goes from the connection's client.
+  bool FromClient(const FlowRecord &record) const;
+
+  WorkerSetup m_setup;
+  kest_handle_t m_h = -1;
+  bool m_started = false;
+  std::unordered_map<kest_conn_id_t, FlowRecord> m_records;
+  kest_conn_id_t m_cached_id = 0;
+  FlowRecord *m_cached = nullptr;
+  int m_expired_key = 0;
+  std::unordered_map<int, std::string> m_key_names;
+  std::unordered_map<int, std::string> m_partial; // pieces of a value, by key
+  std::unordered_map<int, std::string> m_proto_names;
+  std::vector<std::string> m_unknown;
+  uint64_t m_clock_ms = ~0ull;
+
+  // The frame being classified.
+  struct Current {
+    uint64_t ts_us = 0;
+    kest_decoders::ParseResult parse = kest_decoders::ParseResult::kNotIp;
+    kest_decoders::ParsedPacket packet;
+    kest_conn_id_t counted = 0;
+  } m_now;
+
+  Totals m_totals;
+  AppTable m_apps;
+};
+
+} // namespace kestcap
+
+#endif

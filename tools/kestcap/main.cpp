@@ -1,0 +1,375 @@
+// kestcap: classifies the connections of a capture file or a live interface
+// with libkest and prints what runs over them.
+#include "CaptureInput.h"
+#include "FlowLog.h"
+#include "Options.h"
+#include "SpscRing.h"
+#include "Worker.h"
+
+#include "packet/PacketParser.h"
+
+#include <kest.h>
+#include <kest_host.h>
+
+#include <atomic>
+#include <barrier>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+
+namespace kestcap {
+
+namespace {
+
+// What a user wants to see without asking: the attributes the bundled
+// decoders publish.
+const char *const kDefaultAttrs[] = {
+    "http.request.header.host",       "http.request.uri", "http.request.method",
+    "http.request.header.user-agent", "http.response.code", "tls.server_name",
+    "dns.query",
+};
+
+constexpr size_t kRingBytes = 8u << 20;
+
+std::atomic<CaptureInput *> g_live{nullptr};
+
+void OnSignal(int) {
+  if (CaptureInput *input = g_live.load()) {
+    input->Stop();
+  }
+}
+
+int Fail(ExitCode code, const std::string &text) {
+  std::fprintf(stderr, "kestcap: %s\n", text.c_str());
+  return code;
+}
+
+bool HasPlugins(const std::filesystem::path &dir) {
+  std::error_code error;
+  for (const auto &entry : std::filesystem::directory_iterator(dir, error)) {
+    if (entry.path().extension() == ".plg") {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The plug-in folder: the one asked for, else the installed one, else the
+// build's.
+std::string PluginFolder(const Options &options) {
+  if (!options.plugins.empty()) {
+    return options.plugins;
+  }
+  for (const char *dir : {KESTCAP_INSTALLED_PLUGIN_DIR, KESTCAP_BUILD_PLUGIN_DIR}) {
+    if (HasPlugins(dir)) {
+      return dir;
+    }
+  }
+  return KESTCAP_INSTALLED_PLUGIN_DIR;
+}
+
+// Settings, custom protocols and rules, in that order, before any packet.
+bool Configure(kest_handle_t h, const Options &options, std::string &error) {
+  for (const std::string &name : options.protos) {
+    if (kest_proto_add(h, name.c_str(), 0) < 0) {
+      error = "--proto-add " + name + ": refused (error " + std::to_string(kest_errno) + ")";
+      return false;
+    }
+  }
+  for (const std::string &item : options.configs) {
+    const size_t eq = item.find('=');
+    const std::string key = item.substr(0, eq);
+    if (kest_config_set(h, key.c_str(), item.c_str() + eq + 1) != 0) {
+      error = "--config " + item + ": refused (error " + std::to_string(kest_errno) + ")";
+      return false;
+    }
+  }
+  for (const std::string &rule : options.rules) {
+    const size_t a = rule.find(' ');
+    const size_t b = a == std::string::npos ? a : rule.find(' ', a + 1);
+    if (b == std::string::npos) {
+      error = "--rule wants 'PROTO MODULE TEXT', not '" + rule + "'";
+      return false;
+    }
+    const std::string proto = rule.substr(0, a);
+    const std::string module = rule.substr(a + 1, b - a - 1);
+    const int index = kest_proto_find_index(h, proto.c_str());
+    if (index <= 0 || kest_rule_add(h, index, module.c_str(), rule.c_str() + b + 1) != 0) {
+      error = "--rule " + rule + ": refused (" +
+              (index <= 0 ? "no protocol " + proto : "error " + std::to_string(kest_errno)) + ")";
+      return false;
+    }
+  }
+  return true;
+}
+
+// The worker of a frame: both directions, all fragments and everything
+// inside a tunnel share the outermost IP addresses.
+size_t ShardOf(const Frame &frame, size_t workers) {
+  if (workers == 1 || frame.form == 0) {
+    return 0;
+  }
+  kest_decoders::ParsedPacket p;
+  const kest_decoders::ParseResult r = kest_decoders::ParsePacket(
+      static_cast<kest_decoders::PacketForm>(frame.form), frame.data, frame.length, p);
+  if (r != kest_decoders::ParseResult::kOk && r != kest_decoders::ParseResult::kFragment) {
+    return 0;
+  }
+  const oru::IpAddr &a = p.src < p.dst ? p.src : p.dst;
+  const oru::IpAddr &b = p.src < p.dst ? p.dst : p.src;
+  uint64_t h = (uint64_t{a.w0()} << 32 | a.w1()) * 0x9E3779B97F4A7C15ull;
+  h = (h ^ (uint64_t{a.w2()} << 32 | a.w3())) * 0xC2B2AE3D27D4EB4Full;
+  h = (h ^ (uint64_t{b.w0()} << 32 | b.w1())) * 0x9E3779B97F4A7C15ull;
+  h = (h ^ (uint64_t{b.w2()} << 32 | b.w3())) * 0xC2B2AE3D27D4EB4Full;
+  return static_cast<size_t>((h ^ (h >> 29)) % workers);
+}
+
+// A progress line on a terminal, for files of known size.
+class Progress {
+public:
+  explicit Progress(const CaptureInput &input)
+      : m_input(input), m_on(!input.Live() && input.Size() != 0 && isatty(2) != 0) {}
+  void Tick(uint64_t packets) {
+    if (!m_on || (packets & 0xFFFF) != 0) {
+      return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_last < std::chrono::milliseconds(500)) {
+      return;
+    }
+    m_last = now;
+    const double seconds = std::chrono::duration<double>(now - m_start).count();
+    std::fprintf(stderr, "\rkestcap: %3.0f%% of %.1f MB, %.0f packets/s ",
+                 100.0 * static_cast<double>(m_input.Offset()) / static_cast<double>(m_input.Size()),
+                 static_cast<double>(m_input.Size()) / 1e6,
+                 seconds > 0 ? static_cast<double>(packets) / seconds : 0.0);
+  }
+  void Done() {
+    if (m_on) {
+      std::fprintf(stderr, "\r\033[K");
+    }
+  }
+
+private:
+  const CaptureInput &m_input;
+  const bool m_on;
+  const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point m_last = m_start;
+};
+
+// Reads every frame and has the workers classify it. The result is the
+// exit code.
+int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &totals,
+        AppTable &apps, LineOutput *json) {
+  WorkerSetup setup;
+  setup.handle = h;
+  setup.json = json;
+  setup.capture_clock = !input.Live();
+  char tunnels[8] = "1";
+  kest_config_get(h, "conn.default_policy.tunnels", tunnels, sizeof tunnels);
+  setup.tunnels = tunnels[0] == '1';
+  for (const char *name : kDefaultAttrs) {
+    setup.attrs.emplace_back(name);
+  }
+  for (const std::string &name : options.attrs) {
+    setup.attrs.push_back(name);
+  }
+  const size_t n = static_cast<size_t>(options.threads);
+  std::vector<std::unique_ptr<Worker>> workers;
+  std::vector<std::unique_ptr<SpscRing>> rings;
+  for (size_t i = 0; i < n; ++i) {
+    workers.push_back(std::make_unique<Worker>(setup));
+    rings.push_back(std::make_unique<SpscRing>(n == 1 ? 0 : kRingBytes));
+  }
+  std::string error;
+  bool cut_short = false;
+  Progress progress(input);
+  uint64_t read = 0;
+  auto read_all = [&](auto &&deliver, auto &&idle) {
+    Frame frame;
+    for (;;) {
+      const CaptureInput::Next next = input.Read(frame);
+      if (next == CaptureInput::Next::kTimeout) {
+        idle();
+        continue;
+      }
+      if (next == CaptureInput::Next::kCutShort) {
+        cut_short = true;
+      }
+      if (next != CaptureInput::Next::kFrame) {
+        return;
+      }
+      deliver(frame);
+      progress.Tick(++read);
+    }
+  };
+  if (n == 1) {
+    // One thread: the reading thread classifies, and nothing is copied.
+    Worker &worker = *workers[0];
+    if (!worker.Start(error)) {
+      worker.Finish();
+      return Fail(kExitLibrary, error);
+    }
+    read_all([&](const Frame &frame) { worker.Handle(frame); }, [&] { worker.Idle(); });
+  } else {
+    // Every worker is a kest thread before the first packet, and all of
+    // them end together: a thread that ended early would keep changes from
+    // reaching the others.
+    std::barrier started(static_cast<std::ptrdiff_t>(n + 1));
+    std::barrier ending(static_cast<std::ptrdiff_t>(n));
+    std::atomic<bool> done{false};
+    std::atomic<bool> failed{false};
+    std::vector<std::string> errors(n);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < n; ++i) {
+      threads.emplace_back([&, i] {
+        Worker &worker = *workers[i];
+        SpscRing &ring = *rings[i];
+        if (!worker.Start(errors[i])) {
+          failed = true;
+        }
+        started.arrive_and_wait();
+        int quiet = 0;
+        for (;;) {
+          const uint8_t *bytes;
+          const SpscRing::Header *header = ring.Peek(bytes);
+          if (header != nullptr) {
+            worker.Handle(Frame{header->ts_us, header->form, bytes, header->length});
+            ring.Pop(*header);
+            quiet = 0;
+            continue;
+          }
+          if (done.load(std::memory_order_acquire) && ring.Peek(bytes) == nullptr) {
+            break;
+          }
+          if (++quiet == 1000) {
+            worker.Idle();
+            quiet = 0;
+          }
+          std::this_thread::yield();
+        }
+        ending.arrive_and_wait();
+        worker.Finish();
+      });
+    }
+    started.arrive_and_wait();
+    if (!failed) {
+      read_all(
+          [&](const Frame &frame) {
+            SpscRing &ring = *rings[ShardOf(frame, n)];
+            const SpscRing::Header header{frame.length, frame.form, frame.ts_us};
+            while (!ring.Push(header, frame.data)) {
+              std::this_thread::yield();
+            }
+          },
+          [] {});
+    }
+    done.store(true, std::memory_order_release);
+    for (std::thread &thread : threads) {
+      thread.join();
+    }
+    for (const std::string &e : errors) {
+      if (!e.empty()) {
+        return Fail(kExitLibrary, e);
+      }
+    }
+  }
+  if (n == 1) {
+    workers[0]->Finish();
+  }
+  progress.Done();
+  for (const auto &worker : workers) {
+    totals.Add(worker->Counts());
+    for (const auto &[app, row] : worker->Apps()) {
+      AppRow &sum = apps[app];
+      sum.connections += row.connections;
+      sum.packets += row.packets;
+      sum.bytes += row.bytes;
+    }
+  }
+  for (const std::string &name : workers[0]->Unknown()) {
+    bool asked = false;
+    for (const std::string &wanted : options.attrs) {
+      asked = asked || wanted == name;
+    }
+    if (asked) {
+      std::fprintf(stderr, "kestcap: warning: no plug-in publishes attribute \"%s\"\n",
+                   name.c_str());
+    }
+  }
+  if (cut_short) {
+    std::fprintf(stderr, "kestcap: warning: %s: capture cut short (%s); read up to the damage\n",
+                 options.input.c_str(), input.Error().c_str());
+  }
+  return kExitOk;
+}
+
+} // namespace
+
+int Main(int argc, char **argv) {
+  Options options;
+  std::string error;
+  if (!ParseOptions(argc, argv, options, error)) {
+    return Fail(kExitUsage, error);
+  }
+  if (options.help) {
+    std::fputs(UsageText(), stdout);
+    return kExitOk;
+  }
+  CaptureInput input;
+  const bool opened = options.interface.empty()
+                          ? input.OpenFile(options.input, options.filter, error)
+                          : input.OpenLive(options.interface, options.filter, error);
+  if (!opened) {
+    return Fail(kExitInput, error);
+  }
+  const std::string plugins = PluginFolder(options);
+  if (!HasPlugins(plugins)) {
+    return Fail(kExitLibrary, "no plug-ins found in " + plugins + " (see --plugins)");
+  }
+  kest_host_use_libc();
+  const kest_handle_t h = kest_open(plugins.c_str());
+  if (h < 0) {
+    return Fail(kExitLibrary, "the library did not open " + plugins + " (error " +
+                                  std::to_string(kest_errno) + ")");
+  }
+  int code = kExitOk;
+  if (!Configure(h, options, error)) {
+    code = Fail(kExitLibrary, error);
+  } else {
+    // Captures from files age by their own time stamps.
+    kest_clock_set_mode(h, input.Live() ? 0 : 1);
+    if (input.Live()) {
+      g_live = &input;
+      std::signal(SIGINT, OnSignal);
+      std::signal(SIGTERM, OnSignal);
+    }
+    std::unique_ptr<LineOutput> json;
+    if (options.json) {
+      json = std::make_unique<LineOutput>(stdout);
+    }
+    Totals totals;
+    AppTable apps;
+    const auto start = std::chrono::steady_clock::now();
+    code = Run(options, input, h, totals, apps, json.get());
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    g_live = nullptr;
+    if (code == kExitOk && !options.json) {
+      PrintTable(stdout, apps, totals, seconds);
+    }
+  }
+  kest_close(h);
+  std::fflush(stdout);
+  return code;
+}
+
+} // namespace kestcap
+
+int main(int argc, char **argv) {
+  return kestcap::Main(argc, argv);
+}
