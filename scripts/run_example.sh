@@ -1,9 +1,12 @@
 #!/bin/sh
-# Builds kest with its decoders and runs the example host on them: it
-# classifies a short TCP exchange and prints what the library reports.
+# Builds kest, its decoders and kestcap, then classifies the bundled capture
+# (examples/loopback.pcap: real clients and servers on loopback) and prints
+# the table of what runs over its connections. Extra arguments go to
+# kestcap, e.g. --json.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/deps.sh"
 cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$root/build" -j "$(nproc 2>/dev/null || echo 2)"
-exec "$root/build/examples/classify_host" "$root/build/plugins"
+exec "$root/build/tools/kestcap/kestcap" --plugins "$root/build/plugins" "$@" \
+  "$root/examples/loopback.pcap"

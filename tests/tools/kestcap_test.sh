@@ -67,6 +67,9 @@ if [ -d "$shared" ]; then
   done
 fi
 
+# Standard input reads as the file does.
+[ "$(totals - <"$bundled")" = "$(totals "$bundled")" ] || fail "standard input reads differently"
+
 # A custom protocol named by a rule shows as the application.
 "$kestcap" --plugins "$plugins" --json --proto-add MYAPP \
   --rule 'MYAPP TCP 127.0.0.0-127.255.255.255:8080' "$bundled" >"$work/rule" 2>"$work/err" ||
