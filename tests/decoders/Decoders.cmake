@@ -62,3 +62,9 @@ if(KEST_PCAP_LIBRARY AND TARGET wire)
     KEST_TEST_PROBE_PLG="${_probe_plg}")
   gtest_discover_tests(kest_capture_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endif()
+
+# The application decoders' tests: tests/decoders/<decoder>/Tests.cmake each.
+file(GLOB _decoder_tests CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/*/Tests.cmake)
+foreach(file ${_decoder_tests})
+  include(${file})
+endforeach()
