@@ -1,0 +1,343 @@
+#include "tls/TlsHello.h"
+
+#include <kest.h>
+#include <string.h>
+
+namespace kest_tls {
+
+namespace {
+
+// A bounded reader: every read checks what is left and a failed read leaves
+// the reader spent, so that a chain of reads needs one test at its end.
+class Reader {
+public:
+  Reader(const uint8_t *data, size_t length) : m_p(data), m_left(length) {}
+
+  bool Ok() const { return m_ok; }
+  size_t Left() const { return m_left; }
+  const uint8_t *Here() const { return m_p; }
+
+  uint32_t U8() { return Take(1) ? m_p[-1] : 0; }
+  uint32_t U16() { return Take(2) ? (static_cast<uint32_t>(m_p[-2]) << 8 | m_p[-1]) : 0; }
+  uint32_t U24() {
+    return Take(3) ? (static_cast<uint32_t>(m_p[-3]) << 16 | static_cast<uint32_t>(m_p[-2]) << 8 |
+                      m_p[-1])
+                   : 0;
+  }
+  bool Skip(size_t n) { return Take(n); }
+  // A sub-reader over the next `n` bytes, which this reader passes.
+  Reader Sub(size_t n) {
+    const uint8_t *at = m_p;
+    return Take(n) ? Reader(at, n) : Reader(nullptr, 0, false);
+  }
+
+private:
+  Reader(const uint8_t *data, size_t length, bool ok) : m_p(data), m_left(length), m_ok(ok) {}
+  bool Take(size_t n) {
+    if (!m_ok || n > m_left) {
+      m_ok = false;
+      m_left = 0;
+      return false;
+    }
+    m_p += n;
+    m_left -= n;
+    return true;
+  }
+
+  const uint8_t *m_p;
+  size_t m_left;
+  bool m_ok = true;
+};
+
+char Printable(uint8_t c) {
+  return c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '?';
+}
+
+void ReadServerName(Reader r, HelloInfo &out) {
+  Reader list = r.Sub(r.U16());
+  while (list.Ok() && list.Left() != 0) {
+    const uint32_t name_type = list.U8();
+    Reader name = list.Sub(list.U16());
+    if (!list.Ok()) {
+      return;
+    }
+    if (name_type != 0 || name.Left() == 0) {
+      continue;
+    }
+    // A name longer than any DNS name is not one: leave it out.
+    if (name.Left() > HelloInfo::kMaxName) {
+      return;
+    }
+    const size_t n = name.Left();
+    for (size_t i = 0; i < n; ++i) {
+      out.server_name[i] = Printable(name.Here()[i]);
+    }
+    out.server_name[n] = '\0';
+    out.server_name_length = static_cast<uint16_t>(n);
+    out.has_server_name = true;
+    return;
+  }
+}
+
+void ReadAlpn(Reader r, HelloInfo &out) {
+  Reader list = r.Sub(r.U16());
+  size_t used = 0;
+  bool first = true;
+  while (list.Ok() && list.Left() != 0) {
+    Reader name = list.Sub(list.U8());
+    if (!list.Ok()) {
+      break;
+    }
+    const size_t n = name.Left();
+    if (first) {
+      out.alpn_first_present = n != 0;
+      out.alpn_first_first = n != 0 ? name.Here()[0] : 0;
+      out.alpn_first_last = n != 0 ? name.Here()[n - 1] : 0;
+      first = false;
+    }
+    const size_t need = n + (used != 0 ? 1 : 0);
+    if (used + need > HelloInfo::kMaxAlpnText) {
+      out.lists_cut = true;
+      break;
+    }
+    if (used != 0) {
+      out.alpn[used++] = ',';
+    }
+    for (size_t i = 0; i < n; ++i) {
+      out.alpn[used++] = Printable(name.Here()[i]);
+    }
+  }
+  out.alpn[used] = '\0';
+  out.alpn_length = static_cast<uint16_t>(used);
+  out.has_alpn = !first;
+}
+
+void ReadSigAlgs(Reader r, HelloInfo &out) {
+  Reader list = r.Sub(r.U16());
+  while (list.Ok() && list.Left() >= 2) {
+    const uint16_t v = static_cast<uint16_t>(list.U16());
+    if (out.sig_alg_count == HelloInfo::kMaxSigAlgs) {
+      out.lists_cut = true;
+      return;
+    }
+    out.sig_algs[out.sig_alg_count++] = v;
+  }
+}
+
+void ReadSupportedVersions(Reader r, bool client, HelloInfo &out) {
+  if (!client) {
+    const uint16_t v = static_cast<uint16_t>(r.U16());
+    if (r.Ok()) {
+      out.supported_version = v;
+    }
+    return;
+  }
+  Reader list = r.Sub(r.U8());
+  while (list.Ok() && list.Left() >= 2) {
+    const uint16_t v = static_cast<uint16_t>(list.U16());
+    if (!IsGrease(v) && v > out.supported_version) {
+      out.supported_version = v;
+    }
+  }
+}
+
+bool ReadExtensions(Reader &body, bool client, HelloInfo &out) {
+  // Hellos of old versions may end before the extensions.
+  if (body.Left() == 0) {
+    return true;
+  }
+  Reader all = body.Sub(body.U16());
+  if (!body.Ok() || body.Left() != 0) {
+    return false;
+  }
+  while (all.Left() != 0) {
+    const uint16_t type = static_cast<uint16_t>(all.U16());
+    Reader data = all.Sub(all.U16());
+    if (!all.Ok()) {
+      return false;
+    }
+    if (out.extension_count < HelloInfo::kMaxExtensions) {
+      out.extensions[out.extension_count++] = type;
+    } else {
+      out.lists_cut = true;
+    }
+    // The contents of one extension are read leniently: a broken inner list
+    // loses that extension's value, not the hello.
+    switch (type) {
+    case kExtServerName:
+      if (client) {
+        ReadServerName(data, out);
+      }
+      break;
+    case kExtAlpn:
+      ReadAlpn(data, out);
+      break;
+    case kExtSignatureAlgorithms:
+      ReadSigAlgs(data, out);
+      break;
+    case kExtSupportedVersions:
+      ReadSupportedVersions(data, client, out);
+      break;
+    default:
+      break;
+    }
+  }
+  return true;
+}
+
+} // namespace
+
+ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out) {
+  memset(&out, 0, sizeof out);
+  if (data == nullptr) {
+    return ParseStatus::kMalformed;
+  }
+  Reader message(data, length);
+  const uint32_t type = message.U8();
+  const uint32_t body_length = message.U24();
+  if (!message.Ok() || (type != kClientHello && type != kServerHello) ||
+      body_length != message.Left()) {
+    return ParseStatus::kMalformed;
+  }
+  const bool client = type == kClientHello;
+  out.type = static_cast<uint8_t>(type);
+  Reader body = message.Sub(body_length);
+  out.legacy_version = static_cast<uint16_t>(body.U16());
+  body.Skip(32); // random
+  const uint32_t session_id = body.U8();
+  if (!body.Ok() || (out.legacy_version >> 8) != 3 || session_id > 32) {
+    return ParseStatus::kMalformed;
+  }
+  body.Skip(session_id);
+  if (client) {
+    const uint32_t cipher_bytes = body.U16();
+    Reader ciphers = body.Sub(cipher_bytes);
+    if (!body.Ok() || cipher_bytes < 2 || cipher_bytes % 2 != 0) {
+      return ParseStatus::kMalformed;
+    }
+    while (ciphers.Left() != 0) {
+      const uint16_t v = static_cast<uint16_t>(ciphers.U16());
+      if (out.cipher_count < HelloInfo::kMaxCiphers) {
+        out.ciphers[out.cipher_count++] = v;
+      } else {
+        out.lists_cut = true;
+      }
+    }
+    const uint32_t compression = body.U8();
+    if (!body.Ok() || compression < 1 || !body.Skip(compression)) {
+      return ParseStatus::kMalformed;
+    }
+  } else {
+    out.ciphers[0] = static_cast<uint16_t>(body.U16());
+    out.cipher_count = 1;
+    body.U8(); // compression method
+    if (!body.Ok()) {
+      return ParseStatus::kMalformed;
+    }
+  }
+  return ReadExtensions(body, client, out) ? ParseStatus::kOk : ParseStatus::kMalformed;
+}
+
+const char *VersionText(uint16_t version) {
+  switch (version) {
+  case 0x0301:
+    return "1.0";
+  case 0x0302:
+    return "1.1";
+  case 0x0303:
+    return "1.2";
+  case 0x0304:
+    return "1.3";
+  default:
+    return (version >> 8) == 0x7f ? "1.3" : nullptr;
+  }
+}
+
+HelloAssembler::~HelloAssembler() {
+  if (m_message != nullptr) {
+    kest_free_local(m_message);
+  }
+}
+
+HelloAssembler::State HelloAssembler::Fail() {
+  if (m_message != nullptr) {
+    kest_free_local(m_message);
+    m_message = nullptr;
+  }
+  m_state = State::kFailed;
+  return m_state;
+}
+
+bool HelloAssembler::CheckRecordHeader() {
+  const uint32_t version = static_cast<uint32_t>(m_header[1]) << 8 | m_header[2];
+  const uint32_t length = static_cast<uint32_t>(m_header[3]) << 8 | m_header[4];
+  return m_header[0] == 22 && version >= 0x0301 && version <= 0x0304 && length != 0 &&
+         length <= kMaxRecord;
+}
+
+HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
+  while (m_state == State::kNeedMore && length != 0) {
+    if (m_record_left == 0) {
+      // A record header, possibly in pieces. The first byte alone already
+      // tells most other protocols apart.
+      m_header[m_header_have++] = *data++;
+      --length;
+      if (m_header[0] != 22) {
+        return Fail();
+      }
+      if (m_header_have < sizeof m_header) {
+        continue;
+      }
+      m_header_have = 0;
+      if (!CheckRecordHeader()) {
+        return Fail();
+      }
+      m_header_checked = true;
+      m_record_left = static_cast<uint32_t>(m_header[3]) << 8 | m_header[4];
+      continue;
+    }
+    size_t n = length < m_record_left ? length : m_record_left;
+    if (m_hs_have < sizeof m_hs_header) {
+      m_hs_header[m_hs_have++] = *data++;
+      --length;
+      --m_record_left;
+      if (m_hs_header[0] != kClientHello && m_hs_header[0] != kServerHello) {
+        return Fail();
+      }
+      m_type_checked = true;
+      if (m_hs_have < sizeof m_hs_header) {
+        continue;
+      }
+      const uint32_t body = static_cast<uint32_t>(m_hs_header[1]) << 16 |
+                            static_cast<uint32_t>(m_hs_header[2]) << 8 | m_hs_header[3];
+      // 38 bytes: the smallest ServerHello body (version, random, empty
+      // session id, suite, compression).
+      if (body < 38 || body > kMaxHandshake - sizeof m_hs_header) {
+        return Fail();
+      }
+      m_message_length = body + static_cast<uint32_t>(sizeof m_hs_header);
+      m_message = static_cast<uint8_t *>(kest_malloc_local(m_message_length));
+      if (m_message == nullptr) {
+        return Fail();
+      }
+      memcpy(m_message, m_hs_header, sizeof m_hs_header);
+      m_message_have = sizeof m_hs_header;
+      continue;
+    }
+    const uint32_t want = m_message_length - m_message_have;
+    if (n > want) {
+      n = want;
+    }
+    memcpy(m_message + m_message_have, data, n);
+    m_message_have += static_cast<uint32_t>(n);
+    data += n;
+    length -= n;
+    m_record_left -= static_cast<uint32_t>(n);
+    if (m_message_have == m_message_length) {
+      m_state = State::kDone;
+    }
+  }
+  return m_state;
+}
+
+} // namespace kest_tls
