@@ -1,0 +1,90 @@
+// One DNS message (RFC 1035 layout, also mDNS and LLMNR) read into the few
+// facts the decoder reports: the first question, the response code and the
+// answers worth naming. A pure function of the bytes: no host hooks, no
+// allocation, so that tests and the fuzz target call it as it is.
+//
+// The same walk decides whether bytes are DNS at all, which is why it checks
+// more than it reports: header counts that fit the length, known opcodes,
+// labels of legal length and kind, compression pointers that go backwards
+// inside the message, plausible types and classes.
+#ifndef KEST_DECODERS_DNS_DNSMESSAGE_H
+#define KEST_DECODERS_DNS_DNSMESSAGE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace kest_dns {
+
+// The fixed header in front of every message.
+constexpr size_t kHeaderSize = 12;
+
+// A name as text: at most 255 bytes on the wire, each byte at most four
+// characters once escaped ("\DDD"), and the terminating zero.
+constexpr size_t kNameText = 1024;
+// The answers as one comma-separated text; a list that would not fit stops
+// at the last whole entry.
+constexpr size_t kAnswersText = 1024;
+// Resource records walked per message; the rest are left unread.
+constexpr unsigned kMaxRecords = 64;
+// Questions a message may carry (mDNS asks several at once).
+constexpr unsigned kMaxQuestions = 32;
+
+enum class Verdict : uint8_t {
+  // Not a DNS message: header, question section or counts do not hold.
+  kNotDns,
+  // Header and questions hold, but a resource record does not: what came
+  // before it is reported.
+  kDnsDamaged,
+  // Every section read as far as the walk goes.
+  kDns,
+};
+
+struct Summary {
+  bool response = false;
+  bool truncated = false;
+  uint8_t opcode = 0;
+  // With an EDNS record, the twelve-bit extended code.
+  uint16_t rcode = 0;
+  uint16_t qdcount = 0;
+  uint16_t ancount = 0;
+  uint16_t nscount = 0;
+  uint16_t arcount = 0;
+  // The first question; has_question false when the message has none.
+  bool has_question = false;
+  uint16_t qtype = 0;
+  uint16_t qclass = 0;
+  char query[kNameText] = {};
+  size_t query_length = 0;
+  char answers[kAnswersText] = {};
+  size_t answers_length = 0;
+};
+
+// Reads `length` bytes at `data` as one message (without the TCP length
+// prefix) into `out`.
+Verdict Parse(const uint8_t *data, size_t length, Summary &out);
+
+// Whether the first `available` bytes of a message that will be `length`
+// bytes long can still be DNS: for a TCP stream that waits for the rest of
+// its first message. Looks at the header only, once it is there.
+bool PlausibleStart(const uint8_t *data, size_t available, size_t length);
+
+// The type's mnemonic, or null for a number without one.
+const char *TypeName(uint16_t type);
+// The response code's mnemonic, or null.
+const char *RcodeName(uint16_t rcode);
+
+// Writes the mnemonic or, without one, the decimal number, with a
+// terminating zero; returns the length. `size` of 16 always suffices for
+// either.
+size_t FormatType(uint16_t type, char *out, size_t size);
+size_t FormatRcode(uint16_t rcode, char *out, size_t size);
+
+// Address text: dotted IPv4, and IPv6 with the longest run of zero groups
+// shortened (RFC 5952). Both write a terminating zero and return the length;
+// `size` of 46 suffices.
+size_t FormatIpv4(const uint8_t *address, char *out, size_t size);
+size_t FormatIpv6(const uint8_t *address, char *out, size_t size);
+
+} // namespace kest_dns
+
+#endif
