@@ -134,8 +134,14 @@ void ReadSupportedVersions(Reader r, bool client, HelloInfo &out) {
   }
   Reader list = r.Sub(r.U8());
   while (list.Ok() && list.Left() >= 2) {
-    const uint16_t v = static_cast<uint16_t>(list.U16());
-    if (!IsGrease(v) && v > out.supported_version) {
+    uint16_t v = static_cast<uint16_t>(list.U16());
+    if (VersionText(v) == nullptr) {
+      continue;
+    }
+    if (v > 0x0304) {
+      v = 0x0304;
+    }
+    if (v > out.supported_version) {
       out.supported_version = v;
     }
   }
@@ -249,7 +255,7 @@ const char *VersionText(uint16_t version) {
   case 0x0304:
     return "1.3";
   default:
-    return (version >> 8) == 0x7f ? "1.3" : nullptr;
+    return (version >> 8) == 0x7f || (version >> 8) == 0xfb ? "1.3" : nullptr;
   }
 }
 
@@ -282,13 +288,20 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
       // tells most other protocols apart.
       m_header[m_header_have++] = *data++;
       --length;
-      if (m_header[0] != 22) {
+      const bool first_record = !m_header_checked;
+      if (m_header[0] != 22 && !(first_record && (m_header[0] & 0x80) != 0)) {
         return Fail();
       }
       if (m_header_have < sizeof m_header) {
         continue;
       }
       m_header_have = 0;
+      if (m_header[0] != 22) {
+        // Two-byte length (top bit set), type 1, version 3.0 to 3.3.
+        const bool legacy = m_header[2] == kClientHello && m_header[3] == 3 && m_header[4] <= 3;
+        m_state = legacy ? State::kLegacyHello : State::kFailed;
+        return m_state;
+      }
       if (!CheckRecordHeader()) {
         return Fail();
       }

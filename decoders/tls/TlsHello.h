@@ -56,7 +56,8 @@ struct HelloInfo {
   uint8_t type;
   // The version field of the hello body.
   uint16_t legacy_version;
-  // ClientHello: the highest non-GREASE entry of supported_versions.
+  // ClientHello: the highest entry of supported_versions that VersionText
+  // knows (GREASE and unknown values left out; 1.3 drafts count as 0x0304).
   // ServerHello: the version it selected there. 0 without the extension.
   uint16_t supported_version;
   bool lists_cut;
@@ -97,8 +98,9 @@ enum class ParseStatus {
 // message must be whole: its length field must equal length - 4.
 ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out);
 
-// "1.0" .. "1.3" for a negotiated version (TLS 1.3 drafts 0x7fxx read as
-// "1.3"), or null for anything else.
+// "1.0" .. "1.3" for a negotiated version, or null for anything else. TLS 1.3
+// drafts (0x7fxx) and the experimental 1.3 variants some large sites run
+// (0xfbxx) read as "1.3".
 const char *VersionText(uint16_t version);
 
 // The version a ServerHello settles on: supported_versions if present, else
@@ -121,6 +123,10 @@ public:
     kDone,
     // Not TLS, a first message that is not a hello, or out of memory.
     kFailed,
+    // An SSL 2.0-style ClientHello (a two-byte header with the top bit set,
+    // type 1, version 3.x), which old clients still sent to reach TLS
+    // servers: the side is TLS, but there is no hello to read.
+    kLegacyHello,
   };
 
   HelloAssembler() = default;

@@ -198,15 +198,20 @@ unsigned int TlsInspector::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pk
       }
       break;
     }
+    case HelloAssembler::State::kLegacyHello:
+      side.done = true;
+      side.legacy = true;
+      break;
     case HelloAssembler::State::kNeedMore:
       break;
     }
   }
   // Leave at the first side that is not TLS (whatever the other said), when
   // both hellos are in, or when the other side stays silent too long.
-  const bool failed = (side.done && !side.parsed) || (other.done && !other.parsed);
-  const bool both = side.parsed && other.parsed;
-  const bool waited = side.parsed && !other.started && side.later > kPatience;
+  const bool failed = (side.done && !side.parsed && !side.legacy) ||
+                      (other.done && !other.parsed && !other.legacy);
+  const bool both = (side.parsed || side.legacy) && (other.parsed || other.legacy);
+  const bool waited = side.done && !other.started && side.later > kPatience;
   if (failed || both || waited) {
     Finish(*session, *c);
     return oru::INSPECT_FINISHED;

@@ -54,6 +54,8 @@ private:
     bool started = false;
     bool done = false;
     bool parsed = false;
+    // An SSL 2.0-style ClientHello: TLS, with nothing to read.
+    bool legacy = false;
     uint16_t later = 0;
   };
   struct Session {
