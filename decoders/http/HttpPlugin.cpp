@@ -1,0 +1,107 @@
+// The HTTP/1.x decoder plug-in: protocol "HTTP" (and "WebSocket" after an
+// upgrade), attributes under the prefix "http", module 264, and one
+// inspector per thread on every TCP port, tried first on HTTP's usual ports.
+#include "common/AppAttach.h"
+#include "common/TransportPlugin.h"
+#include "http/HttpDpi.h"
+#include "http/HttpSniff.h"
+
+#include <kest/InterfaceBroker.h>
+#include <kest/Plugin.h>
+#include <kest/ProtocolRegistry.h>
+#include <kest/fdt/ObjectPrefix.h>
+
+namespace {
+
+using kest_http::HttpLauncher;
+using kest_http::HttpThread;
+
+constexpr oru::ModuleId kModule = 264;
+constexpr const char *kModuleName = "HTTP";
+constexpr const char *kPrefix = "http";
+
+constexpr uint16_t kPorts[] = {80, 8080, 8000, 8008, 8888, 3128};
+constexpr kest_decoders::AppPorts kWhere{6, kPorts, sizeof kPorts / sizeof kPorts[0]};
+
+// Plain pointers: a thread-local with a destructor may be gone before the
+// thread's kest_fini runs.
+thread_local HttpThread *t_thread = nullptr;
+thread_local HttpLauncher *t_launcher = nullptr;
+
+const char *GetName() {
+  return "http";
+}
+
+bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
+  if (own != nullptr) {
+    *own = oru::VersionRecord{kest_decoders::TransportPlugin::kMajor, 0, 0, 1, "decoders"};
+  }
+  return library != nullptr && library->major == kest_decoders::TransportPlugin::kMajor;
+}
+
+bool InitInstance() {
+  oru::RegisterProtocol("HTTP");
+  oru::RegisterProtocol("WebSocket");
+  return oru::WebAttributes::InitInstance(kPrefix) &&
+         oru::InterfaceBroker::RegisterModule(kModule, kModuleName);
+}
+
+bool InitThread() {
+  t_thread = oru::fdt::CreateObject<HttpThread>(oru::fdt::OBJECT_LOCAL);
+  if (t_thread == nullptr) {
+    return false;
+  }
+  for (size_t i = 0; i < kest_http::kMethodCount; ++i) {
+    const kest_http::MethodName &m = kest_http::kMethods[i];
+    if (!t_thread->methods.push_back(oru::WebMethod{m.name, m.length})) {
+      return false;
+    }
+  }
+  const int http = oru::GetProtocolId("HTTP");
+  const int websocket = oru::GetProtocolId("WebSocket");
+  if (http <= 0 || websocket <= 0) {
+    return false;
+  }
+  t_thread->http = static_cast<uint32_t>(http);
+  t_thread->websocket = static_cast<uint32_t>(websocket);
+  t_thread->attributes.Initialize(kPrefix);
+  t_launcher = oru::fdt::CreateObject<HttpLauncher>(oru::fdt::OBJECT_LOCAL, t_thread);
+  if (t_launcher == nullptr) {
+    return false;
+  }
+  t_launcher->add_ref();
+  return true;
+}
+
+void LinkThread() {
+  kest_decoders::Attach(t_launcher, kWhere);
+}
+
+void StartThread() {}
+
+void ExitThread() {
+  // The transport's thread may have ended first, and its store with it.
+  kest_decoders::Detach(t_launcher, kWhere);
+  if (t_launcher != nullptr) {
+    t_launcher->release();
+    t_launcher = nullptr;
+  }
+  if (t_thread != nullptr) {
+    t_thread->attributes.ExitThread(kPrefix);
+    oru::fdt::DestroyObject(t_thread);
+    t_thread = nullptr;
+  }
+}
+
+void ExitInstance() {
+  oru::InterfaceBroker::UnregisterModule(kModule, kModuleName);
+}
+
+const oru::PluginEntryTable kTable = {GetName,    GetVersion,  InitInstance, InitThread,
+                                      LinkThread, StartThread, ExitThread,   ExitInstance};
+
+} // namespace
+
+KEST_PLUGIN_QUERY {
+  return &kTable;
+}

@@ -1,0 +1,236 @@
+#include "http/HttpSniff.h"
+
+namespace kest_http {
+
+#define KEST_HTTP_METHOD(text) {text, sizeof(text) - 1}
+const MethodName kMethods[] = {
+    KEST_HTTP_METHOD("GET"),         KEST_HTTP_METHOD("HEAD"),
+    KEST_HTTP_METHOD("POST"),        KEST_HTTP_METHOD("PUT"),
+    KEST_HTTP_METHOD("DELETE"),      KEST_HTTP_METHOD("CONNECT"),
+    KEST_HTTP_METHOD("OPTIONS"),     KEST_HTTP_METHOD("TRACE"),
+    KEST_HTTP_METHOD("PATCH"),       KEST_HTTP_METHOD("PROPFIND"),
+    KEST_HTTP_METHOD("PROPPATCH"),   KEST_HTTP_METHOD("MKCOL"),
+    KEST_HTTP_METHOD("COPY"),        KEST_HTTP_METHOD("MOVE"),
+    KEST_HTTP_METHOD("LOCK"),        KEST_HTTP_METHOD("UNLOCK"),
+    KEST_HTTP_METHOD("SEARCH"),      KEST_HTTP_METHOD("REPORT"),
+    KEST_HTTP_METHOD("MKACTIVITY"),  KEST_HTTP_METHOD("CHECKOUT"),
+    KEST_HTTP_METHOD("CHECKIN"),     KEST_HTTP_METHOD("UNCHECKOUT"),
+    KEST_HTTP_METHOD("MERGE"),       KEST_HTTP_METHOD("NOTIFY"),
+    KEST_HTTP_METHOD("SUBSCRIBE"),   KEST_HTTP_METHOD("UNSUBSCRIBE"),
+    KEST_HTTP_METHOD("PURGE"),       KEST_HTTP_METHOD("ACL"),
+    KEST_HTTP_METHOD("MKCALENDAR"),  KEST_HTTP_METHOD("LINK"),
+    KEST_HTTP_METHOD("UNLINK"),      KEST_HTTP_METHOD("BIND"),
+    KEST_HTTP_METHOD("UNBIND"),      KEST_HTTP_METHOD("REBIND"),
+    KEST_HTTP_METHOD("LABEL"),       KEST_HTTP_METHOD("UPDATE"),
+    KEST_HTTP_METHOD("MKWORKSPACE"), KEST_HTTP_METHOD("ORDERPATCH"),
+    KEST_HTTP_METHOD("VERSION-CONTROL"), KEST_HTTP_METHOD("BASELINE-CONTROL"),
+};
+#undef KEST_HTTP_METHOD
+const size_t kMethodCount = sizeof kMethods / sizeof kMethods[0];
+
+namespace {
+
+// How one reading of the line went.
+enum class Match { kMore, kYes, kNo };
+
+// Reads the bytes of the line in order, up to the data's end or the length
+// limit, whichever comes first.
+class Cursor {
+public:
+  Cursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t limit)
+      : m_flow(flow), m_pos(from), m_end(flow.End() < limit ? flow.End() : limit),
+        m_limited(flow.End() >= limit) {}
+
+  bool AtEnd() const { return m_pos >= m_end; }
+  unsigned char Peek() const { return static_cast<unsigned char>(m_flow.At(m_pos)); }
+  void Skip() { ++m_pos; }
+  // What running out of bytes means: more may come, unless the limit cut
+  // the line.
+  Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
+
+  // The next bytes against `text`: kYes when all were equal, kMore when the
+  // data ended first with all equal so far.
+  Match Literal(const char *text, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() != static_cast<unsigned char>(text[i])) {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  // "HTTP/1." and one digit.
+  Match Version() {
+    Match m = Literal("HTTP/1.", 7);
+    if (m != Match::kYes) {
+      return m;
+    }
+    return Digits(1);
+  }
+
+  Match Digits(int n) {
+    for (int i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() < '0' || Peek() > '9') {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  // The line's end: "\r\n" or a bare "\n".
+  Match LineEnd() {
+    if (AtEnd()) {
+      return OutOfBytes();
+    }
+    if (Peek() == '\n') {
+      Skip();
+      return Match::kYes;
+    }
+    return Literal("\r\n", 2);
+  }
+
+private:
+  const oru::FlowBuffer &m_flow;
+  uint64_t m_pos;
+  uint64_t m_end;
+  bool m_limited;
+};
+
+// "HTTP/1.x NNN reason": the reason may be empty, but the blank before it
+// is required; only horizontal tabs among the control bytes.
+Match StatusLine(Cursor c) {
+  Match m = c.Version();
+  if (m == Match::kYes) {
+    m = c.Literal(" ", 1);
+  }
+  if (m == Match::kYes) {
+    m = c.Digits(3);
+  }
+  if (m == Match::kYes) {
+    m = c.Literal(" ", 1);
+  }
+  if (m != Match::kYes) {
+    return m;
+  }
+  while (!c.AtEnd()) {
+    const unsigned char b = c.Peek();
+    if (b == '\r' || b == '\n') {
+      return c.LineEnd();
+    }
+    if ((b < 0x20 && b != '\t') || b == 0x7f) {
+      return Match::kNo;
+    }
+    c.Skip();
+  }
+  return c.OutOfBytes();
+}
+
+// Whether `token` (n bytes) is a known method (kYes) or the beginning of
+// one (kMore).
+Match Method(const char *token, size_t n) {
+  Match best = Match::kNo;
+  for (size_t i = 0; i < kMethodCount; ++i) {
+    const MethodName &m = kMethods[i];
+    if (n > m.length) {
+      continue;
+    }
+    size_t k = 0;
+    while (k < n && token[k] == m.name[k]) {
+      ++k;
+    }
+    if (k == n) {
+      if (n == m.length) {
+        return Match::kYes;
+      }
+      best = Match::kMore;
+    }
+  }
+  return best;
+}
+
+// "METHOD target HTTP/1.x": one blank each side of a target of visible
+// bytes (above 0x7f allowed: some clients send raw UTF-8).
+Match RequestLine(Cursor c) {
+  char token[20];
+  size_t n = 0;
+  while (true) {
+    if (c.AtEnd()) {
+      // A token that can still grow into a method waits for more.
+      return Method(token, n) == Match::kNo ? Match::kNo : c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == ' ') {
+      break;
+    }
+    if (n == sizeof token) {
+      return Match::kNo;
+    }
+    token[n++] = static_cast<char>(b);
+    if (Method(token, n) == Match::kNo) {
+      return Match::kNo;
+    }
+    c.Skip();
+  }
+  if (Method(token, n) != Match::kYes) {
+    return Match::kNo;
+  }
+  c.Skip();
+  size_t target = 0;
+  while (true) {
+    if (c.AtEnd()) {
+      return c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == ' ') {
+      break;
+    }
+    if (b <= 0x20 || b == 0x7f) {
+      return Match::kNo;
+    }
+    ++target;
+    c.Skip();
+  }
+  if (target == 0) {
+    return Match::kNo;
+  }
+  c.Skip();
+  const Match m = c.Version();
+  return m != Match::kYes ? m : c.LineEnd();
+}
+
+} // namespace
+
+FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from) {
+  const uint64_t end = flow.End();
+  const uint64_t limit = from + kMaxFirstLine;
+  uint64_t p = from;
+  while (p < end && p < limit && (flow.At(p) == '\r' || flow.At(p) == '\n')) {
+    ++p;
+  }
+  if (p >= limit) {
+    return FirstLine::kNotHttp;
+  }
+  if (p >= end) {
+    return FirstLine::kNeedMore;
+  }
+  const Match response = StatusLine(Cursor(flow, p, limit));
+  if (response == Match::kYes) {
+    return FirstLine::kResponse;
+  }
+  const Match request = RequestLine(Cursor(flow, p, limit));
+  if (request == Match::kYes) {
+    return FirstLine::kRequest;
+  }
+  return response == Match::kMore || request == Match::kMore ? FirstLine::kNeedMore
+                                                             : FirstLine::kNotHttp;
+}
+
+} // namespace kest_http
