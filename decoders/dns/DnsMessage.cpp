@@ -51,9 +51,40 @@ struct Text {
   }
 };
 
+// The length of the well-formed UTF-8 sequence at `p` (before `end`), or 0.
+// Names of the local link (mDNS, LLMNR) are often UTF-8, and are best shown
+// as such.
+size_t Utf8Length(const uint8_t *p, const uint8_t *end) {
+  const uint8_t lead = p[0];
+  size_t n = 0;
+  uint8_t low = 0x80, high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    n = 2;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    n = 3;
+    low = lead == 0xE0 ? 0xA0 : 0x80;  // no overlong forms
+    high = lead == 0xED ? 0x9F : 0xBF; // no surrogates
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    n = 4;
+    low = lead == 0xF0 ? 0x90 : 0x80;
+    high = lead == 0xF4 ? 0x8F : 0xBF; // nothing beyond U+10FFFF
+  } else {
+    return 0;
+  }
+  if (static_cast<size_t>(end - p) < n || p[1] < low || p[1] > high) {
+    return 0;
+  }
+  for (size_t i = 2; i < n; ++i) {
+    if (p[i] < 0x80 || p[i] > 0xBF) {
+      return 0;
+    }
+  }
+  return n;
+}
+
 // A label byte as text: printable ASCII as it is, the separator and the
 // escape character escaped, anything else as "\DDD", so that the text stays
-// one unambiguous line of ASCII whatever the label holds.
+// one unambiguous line whatever the label holds.
 bool PutLabelByte(Text &text, uint8_t b) {
   if (b == '.' || b == '\\') {
     return text.Put('\\') && text.Put(static_cast<char>(b));
@@ -120,11 +151,23 @@ bool ReadName(const uint8_t *msg, size_t length, size_t pos, size_t limit, bool 
     if (text != nullptr && !empty && !text->Put('.')) {
       return false;
     }
+    const uint8_t *label_end = msg + cur + 1 + c;
     for (size_t i = cur + 1; i <= cur + c; ++i) {
       if (strict && (msg[i] < 0x20 || msg[i] == 0x7F)) {
         return false;
       }
-      if (text != nullptr && !PutLabelByte(*text, msg[i])) {
+      if (text == nullptr) {
+        continue;
+      }
+      const size_t utf8 = msg[i] >= 0x80 ? Utf8Length(msg + i, label_end) : 0;
+      for (size_t k = 0; k < utf8; ++k) {
+        if (!text->Put(static_cast<char>(msg[i + k]))) {
+          return false;
+        }
+      }
+      if (utf8 != 0) {
+        i += utf8 - 1;
+      } else if (!PutLabelByte(*text, msg[i])) {
         return false;
       }
     }
@@ -146,6 +189,14 @@ bool PlausibleType(uint16_t type) {
 bool PlausibleClass(uint16_t qclass) {
   const uint16_t c = qclass & 0x7FFF;
   return c == 1 || c == 3 || c == 4 || c == 254 || c == 255;
+}
+
+// NetBIOS name service speaks in DNS messages too, but it is not DNS: its
+// names are one label of 32 encoding letters and its types NB and NBSTAT
+// (32 and 33, NIMLOC and SRV to DNS). A DNS name with a first label of just
+// that length asked with just those types is not worth the confusion.
+bool NetbiosName(const uint8_t *data, size_t name, uint16_t type) {
+  return data[name] == 32 && (type == 32 || type == 33);
 }
 
 bool HeaderHolds(const uint8_t *data, size_t available, size_t length) {
@@ -256,6 +307,10 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
       return Verdict::kDnsDamaged;
     }
     if (i == 0) {
+      if (NetbiosName(data, pos, qtype)) {
+        out.query[0] = 0;
+        return Verdict::kNotDns;
+      }
       out.has_question = true;
       out.query_length = text.length;
       out.qtype = qtype;
@@ -280,7 +335,7 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
     const size_t rdata = next + 10;
     // OPT puts the sender's payload size where the class goes.
     if (!PlausibleType(type) || (type != kTypeOpt && !PlausibleClass(rclass)) ||
-        rdata + rdlength > length) {
+        rdata + rdlength > length || (out.qdcount == 0 && i == 0 && NetbiosName(data, pos, type))) {
       return out.qdcount == 0 ? Verdict::kNotDns : Verdict::kDnsDamaged;
     }
     if (i < out.ancount) {

@@ -49,7 +49,10 @@ struct Summary {
   uint16_t ancount = 0;
   uint16_t nscount = 0;
   uint16_t arcount = 0;
-  // The first question; has_question false when the message has none.
+  // The first question; has_question false when the message has none. Names
+  // are dotted without the final dot ("." for the root); printable ASCII and
+  // well-formed UTF-8 stand as they are, a dot or backslash inside a label
+  // and any other byte are escaped ("\.", "\\", "\DDD").
   bool has_question = false;
   uint16_t qtype = 0;
   uint16_t qclass = 0;
