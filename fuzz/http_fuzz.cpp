@@ -1,0 +1,60 @@
+// The HTTP decoder's first-line judgement on bytes fed in pieces the input
+// chooses: no read outside the data, the same answer as for the same bytes
+// in one block, and a decided line that the message inspector's line reader
+// reads the same way.
+#include "FuzzFlow.h"
+
+#include "http/HttpSniff.h"
+
+#include <kest/WebLine.h>
+#include <kest_host.h>
+#include <stdlib.h>
+#include <string.h>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const bool hooks = (kest_host_use_libc(), true);
+  (void)hooks;
+  static oru::WebMethodTable *methods = [] {
+    auto *table = new oru::WebMethodTable;
+    for (size_t i = 0; i < kest_http::kMethodCount; ++i) {
+      table->push_back(oru::WebMethod{kest_http::kMethods[i].name, kest_http::kMethods[i].length});
+    }
+    return table;
+  }();
+  kest_fuzz::FuzzInput in(data, size);
+  kest_fuzz::FuzzFlow pieces;
+  while (pieces.Feed(in, 64)) {
+  }
+  const uint64_t end = pieces.flow.End();
+  if (end == 0) {
+    return 0;
+  }
+  const kest_http::FirstLine got = kest_http::SniffFirstLine(pieces.flow, 0);
+
+  char *whole_bytes = static_cast<char *>(malloc(end));
+  for (uint64_t p = 0; p < end; ++p) {
+    whole_bytes[p] = pieces.flow.At(p);
+  }
+  {
+    oru::FlowBuffer whole;
+    whole.AddBlock(0, whole_bytes, static_cast<uint16_t>(end), false);
+    whole.m_last_start = 0;
+    whole.m_next_pos = end;
+    if (kest_http::SniffFirstLine(whole, 0) != got) {
+      abort();
+    }
+    whole.Reset();
+  }
+  free(whole_bytes);
+
+  if (got == kest_http::FirstLine::kRequest || got == kest_http::FirstLine::kResponse) {
+    oru::WebLine line(methods, "HTTP");
+    unsigned long long pos = 0;
+    const int32_t want = got == kest_http::FirstLine::kRequest ? oru::WebLine::LINE_REQUEST
+                                                              : oru::WebLine::LINE_RESPONSE;
+    if (!line.Parse(pieces.flow, pos, true) || line.m_type != want) {
+      abort();
+    }
+  }
+  return 0;
+}
