@@ -30,7 +30,8 @@
 //      "_" and those algorithms in the order of the hello, four hex digits
 //      joined by ",". "000000000000" when no extension is left.
 //
-// Example: "t13d1516h2_8daaf6152771_e5627efa2ab1".
+// Example, a browser offering TLS 1.3 (tests/decoders/tls/HelloSamples.h):
+// "t13d1517h2_8daaf6152771_b1ff8ab2d16f".
 //
 // Lists longer than the parser keeps (HelloInfo's bounds) are fingerprinted
 // as kept; no real client comes near them.
