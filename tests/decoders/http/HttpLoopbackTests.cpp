@@ -107,3 +107,88 @@ TEST_F(HttpLoopbackTest, StackAndAttributes) {
 }
 
 } // namespace
+
+namespace {
+
+int OnStack(kest_handle_t h, kest_result_t *result, int, kest_conn_id_t, void *user, int) {
+  *static_cast<std::string *>(user) = kest_test::StackNames(h, *result);
+  return 0;
+}
+
+// Host-made connections on ports HTTP is not known on: the bytes decide.
+class HttpConnTest : public kest_test::PluginFolderFixture {
+protected:
+  void SetUp() override {
+    PluginFolderFixture::SetUp();
+    h = kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_HTTP_PLG}).c_str());
+    ASSERT_GT(h, 0);
+    ASSERT_EQ(kest_init(h), 0);
+  }
+  void TearDown() override {
+    EXPECT_EQ(kest_fini(h), 0);
+    EXPECT_EQ(kest_close(h), 0);
+    PluginFolderFixture::TearDown();
+  }
+  // The stack after each payload, side by side.
+  std::vector<std::string> Run(uint16_t port, const std::vector<std::pair<int, std::string>> &talk,
+                               bool chameleon = false) {
+    kest_endpoint_t src{KEST_FAMILY_IPV4, htons(40000), {10, 0, 0, 1}};
+    kest_endpoint_t dst{KEST_FAMILY_IPV4, htons(port), {10, 0, 0, 2}};
+    kest_conn_t conn = nullptr;
+    EXPECT_EQ(kest_conn_create(h, &src, &dst, 6, &conn), 0);
+    if (chameleon) {
+      static_cast<oru::Conn *>(static_cast<oru::IConn *>(conn))->m_policy |= oru::POLICY_CHAMELEON;
+    }
+    std::vector<std::string> stacks;
+    for (const auto &[side, bytes] : talk) {
+      std::string stack;
+      kest_classify(h, KEST_SELECTOR_CONN, bytes.data(), static_cast<uint16_t>(bytes.size()), conn,
+                    side, OnStack, &stack);
+      stacks.push_back(stack);
+    }
+    kest_conn_destroy(h, conn);
+    return stacks;
+  }
+  kest_handle_t h = -1;
+};
+
+TEST_F(HttpConnTest, AnyPortEitherSideFirst) {
+  // A request line split over three segments, on 8081.
+  EXPECT_EQ(Run(8081, {{0, "GE"}, {0, "T /x HT"}, {0, "TP/1.1\r\n\r\n"}}),
+            (std::vector<std::string>{"TCP", "TCP", "TCP/HTTP"}));
+  // The response first, then the next request on the same connection.
+  EXPECT_EQ(Run(5555, {{1, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"},
+                       {0, "GET /next HTTP/1.1\r\n\r\n"}}),
+            (std::vector<std::string>{"TCP/HTTP", "TCP/HTTP"}));
+  // A malformed request that the server answers with a status line.
+  EXPECT_EQ(Run(5555, {{0, "GET/ HTTP/1.1\r\n\r\n"}, {1, "HTTP/1.0 400 Bad Request\r\n\r\n"}}),
+            (std::vector<std::string>{"TCP", "TCP/HTTP"}));
+  // Neither side speaks HTTP.
+  EXPECT_EQ(Run(80, {{0, "GETX / HTTP/1.1\r\n"}, {1, "SSH-2.0-x\r\n"}, {0, "more"}}),
+            (std::vector<std::string>{"TCP", "TCP", "TCP"}));
+  EXPECT_EQ(Run(8080, {{0, std::string("\x16\x03\x01\x00\x05hello", 10)}}),
+            (std::vector<std::string>{"TCP"}));
+}
+
+TEST_F(HttpConnTest, UpgradeAndConnect) {
+  EXPECT_EQ(Run(9000, {{0, "GET /chat HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n"},
+                       {1, "HTTP/1.1 101 Switching Protocols\r\nUpgrade: WebSocket\r\n\r\n"},
+                       {1, std::string("\x81\x02hi", 4)}}),
+            (std::vector<std::string>{"TCP/HTTP", "TCP/HTTP/WebSocket", "TCP/HTTP/WebSocket"}));
+  // Behind a CONNECT the connection is no longer read as HTTP; with the
+  // chameleon policy the transport's other inspectors get the bytes (here
+  // none is loaded, so the tunnel ends at once).
+  for (bool chameleon : {false, true}) {
+    const std::vector<std::string> stacks =
+        Run(3128,
+            {{0, "CONNECT example.test:443 HTTP/1.1\r\nHost: example.test:443\r\n\r\n"},
+             {1, "HTTP/1.1 200 Connection established\r\n\r\n"},
+             {0, std::string("\x16\x03\x01\x00\x05hello", 10)},
+             {0, "GET / HTTP/1.1\r\n\r\n"}},
+            chameleon);
+    EXPECT_EQ(stacks[0], "TCP/HTTP");
+    EXPECT_EQ(stacks[1], "TCP/HTTP");
+  }
+}
+
+} // namespace
