@@ -7,8 +7,20 @@
 #
 # Plug-ins are built like the library: no exceptions, no RTTI, hidden symbols
 # (only the "query" entry point is exported, see KEST_PLUGIN_QUERY).
+#
+# The same file serves this tree and projects built against an installed kest
+# (find_package(kest)): KEST_PLUGIN_LIBRARY names the library target that
+# plug-ins link and KEST_PLUGIN_PACKER the packing tool's target. Both default
+# to this tree's targets; the installed package sets them to kest::kest and
+# kest::plg before it includes this file.
 if(NOT DEFINED KEST_PLUGIN_OUTPUT_DIR)
   set(KEST_PLUGIN_OUTPUT_DIR "${CMAKE_BINARY_DIR}/plugins")
+endif()
+if(NOT DEFINED KEST_PLUGIN_LIBRARY)
+  set(KEST_PLUGIN_LIBRARY kest)
+endif()
+if(NOT DEFINED KEST_PLUGIN_PACKER)
+  set(KEST_PLUGIN_PACKER kest-plg)
 endif()
 
 function(kest_add_plugin)
@@ -22,7 +34,9 @@ function(kest_add_plugin)
 
   set(so_target ${PLG_NAME}_so)
   add_library(${so_target} MODULE ${PLG_SOURCES})
-  target_link_libraries(${so_target} PRIVATE kest ${PLG_LIBRARIES})
+  target_link_libraries(${so_target} PRIVATE ${KEST_PLUGIN_LIBRARY} ${PLG_LIBRARIES})
+  # The SDK headers are C++20; a project of its own may ask for less.
+  target_compile_features(${so_target} PRIVATE cxx_std_20)
   target_compile_options(${so_target} PRIVATE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>
     -fvisibility=hidden)
@@ -38,10 +52,12 @@ function(kest_add_plugin)
   add_custom_command(
     OUTPUT "${plg_file}"
     COMMAND ${CMAKE_COMMAND} -E make_directory "${PLG_OUTPUT_DIRECTORY}"
-    COMMAND kest-plg pack $<TARGET_FILE:${so_target}> "${plg_file}"
-    DEPENDS ${so_target} kest-plg
+    COMMAND ${KEST_PLUGIN_PACKER} pack $<TARGET_FILE:${so_target}> "${plg_file}"
+    DEPENDS ${so_target} ${KEST_PLUGIN_PACKER}
     COMMENT "Packing plug-in ${PLG_NAME}.plg"
     VERBATIM)
   add_custom_target(${PLG_NAME} ALL DEPENDS "${plg_file}")
   set_target_properties(${PLG_NAME} PROPERTIES KEST_PLUGIN_FILE "${plg_file}")
+  # Every plug-in of the project, for the install rules to pick from.
+  set_property(GLOBAL APPEND PROPERTY KEST_PLUGIN_TARGETS ${PLG_NAME})
 endfunction()
