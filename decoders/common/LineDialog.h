@@ -1,0 +1,297 @@
+// The shape shared by the decoders of line-oriented dialogues (SSH banners,
+// SMTP, POP3, IMAP, FTP): read each side's lines as they complete, hand
+// them to the protocol's rules, name the protocol when the rules are sure,
+// publish what they noted, and leave the connection as soon as the bytes
+// rule the protocol out.
+//
+// Leaving is INSPECT_FINISHED, never INSPECT_ABANDON: these inspectors sit
+// on every TCP connection, and an abandon would end the whole chain for the
+// other decoders too. They also leave early on foreign bytes (the first
+// bytes of a side must be able to open one of the protocol's lines), so
+// that message decoders, whose callbacks wait for an empty chain, are not
+// held up.
+//
+// A protocol's rules are a class with:
+//   kPlugin, kProtocol, kModule   plug-in name, protocol name, module id
+//   kPorts, kPortCount            well-known ports, tried first
+//   kAttributes, kNotes           attribute names, one per note
+//   kMaxLine                      the longest line (bytes before LF)
+//   kMaxLines                     lines per side looked at, at most
+//   State                         per-connection state, zero to begin with
+//   Opening(state, side, bytes, n)    false when a side's first line cannot
+//                                     begin with these bytes
+//   Line(state, notes, side, text, length, full)   a bit set of LINE_* below
+#ifndef KEST_DECODERS_LINEDIALOG_H
+#define KEST_DECODERS_LINEDIALOG_H
+
+#include "common/AppAttach.h"
+#include "common/TextLine.h"
+#include "common/TransportPlugin.h"
+
+#include <kest/AttributeMgr.h>
+#include <kest/Conn.h>
+#include <kest/Inspector.h>
+#include <kest/InterfaceBroker.h>
+#include <kest/Plugin.h>
+#include <kest/ProtocolRegistry.h>
+#include <kest/fdt/ObjectPrefix.h>
+#include <kest/fdt/map.h>
+
+namespace kest_decoders {
+
+// What the rules say about one line.
+enum : unsigned {
+  LINE_GO_ON = 0,
+  // The protocol is certain.
+  LINE_MINE = 1,
+  // Nothing more to read on this side.
+  LINE_SIDE_DONE = 2,
+  // Nothing more to learn on this connection.
+  LINE_DONE = 4,
+  // Not this protocol (after LINE_MINE: nothing more to learn).
+  LINE_NOT_MINE = 8,
+};
+
+// Values the rules take from lines, to publish once the protocol is named.
+constexpr uint32_t kNoteCapacity = 256;
+
+template <int N> struct Notes {
+  static constexpr int kRows = N > 0 ? N : 1;
+  char value[kRows][kNoteCapacity] = {};
+  uint16_t length[kRows] = {};
+  uint8_t filled[kRows] = {};
+  uint8_t published[kRows] = {};
+
+  // Keeps the first value of note `i`, cut to the capacity.
+  void Set(int i, const char *text, uint32_t n) {
+    if (i < 0 || i >= N || filled[i] != 0) {
+      return;
+    }
+    const uint32_t take = n < kNoteCapacity ? n : kNoteCapacity;
+    for (uint32_t k = 0; k < take; ++k) {
+      value[i][k] = text[k];
+    }
+    length[i] = static_cast<uint16_t>(take);
+    filled[i] = 1;
+  }
+  void Set(int i, const TextSpan &span) { Set(i, span.text, span.length); }
+};
+
+// One connection's reading, free of the library's connection objects so
+// that tests and the fuzz target drive it on flows of their own.
+template <class Rules> struct Dialog {
+  enum Outcome { WAIT, LEAVE };
+
+  struct Side {
+    uint64_t pos = 0;
+    uint32_t lines = 0;
+    uint8_t started = 0;
+    uint8_t done = 0;
+  };
+
+  Side side[2];
+  typename Rules::State state = {};
+  Notes<Rules::kNotes> notes;
+  uint8_t mine = 0;
+
+  // Reads the side's complete lines; LEAVE when nothing more is to be
+  // learnt (the protocol named or not).
+  Outcome Read(const oru::FlowBuffer &flow, unsigned s) {
+    Side &me = side[s & 1];
+    if (me.started == 0) {
+      me.pos = flow.Begin();
+      me.started = 1;
+    }
+    while (me.done == 0) {
+      TextLine line;
+      const LineRead read = ReadLine(flow, me.pos, Rules::kMaxLine, line);
+      if (read == LINE_WAIT) {
+        if (me.lines == 0 && !OpeningAgrees(flow, s & 1)) {
+          return Fail(me);
+        }
+        break;
+      }
+      if (read != LINE_READY || ++me.lines > Rules::kMaxLines) {
+        return Fail(me);
+      }
+      const unsigned say = Rules::Line(state, notes, s & 1, line.text, line.length, line.full);
+      if ((say & LINE_MINE) != 0) {
+        mine = 1;
+      }
+      if ((say & LINE_NOT_MINE) != 0) {
+        return LEAVE;
+      }
+      if ((say & LINE_DONE) != 0) {
+        return LEAVE;
+      }
+      if ((say & LINE_SIDE_DONE) != 0) {
+        me.done = 1;
+      }
+    }
+    return side[0].done != 0 && side[1].done != 0 ? LEAVE : WAIT;
+  }
+
+  // Whether the side holds bytes not yet read as a line.
+  bool Pending(const oru::FlowBuffer &flow, unsigned s) const {
+    const Side &me = side[s & 1];
+    return me.done == 0 && me.pos < flow.End();
+  }
+
+private:
+  // A side that goes wrong: the end of the connection before the protocol
+  // is named, only the end of that side after.
+  Outcome Fail(Side &me) {
+    me.done = 1;
+    if (mine == 0) {
+      return LEAVE;
+    }
+    return side[0].done != 0 && side[1].done != 0 ? LEAVE : WAIT;
+  }
+
+  bool OpeningAgrees(const oru::FlowBuffer &flow, unsigned s) {
+    char bytes[16];
+    const uint32_t n = CopyFlow(flow, side[s].pos, bytes, sizeof bytes);
+    return n == 0 || Rules::Opening(state, s, bytes, n);
+  }
+};
+
+// The thread's inspector: one Dialog per connection, by connection number,
+// dropped when the inspector leaves the connection's chain.
+template <class Rules> class DialogInspector final : public oru::Inspector {
+public:
+  unsigned int Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt, oru::Tuple & /*tuple*/,
+                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+    oru::Conn *c = conn.get();
+    if (c == nullptr) {
+      return oru::INSPECT_FINISHED;
+    }
+    typename DialogMap::iterator it = m_dialogs.find(c->m_number);
+    if (it == m_dialogs.end()) {
+      it = m_dialogs.try_emplace(c->m_number);
+      if (it == m_dialogs.end()) {
+        return oru::INSPECT_FINISHED;
+      }
+    }
+    Dialog<Rules> &dialog = it->second;
+    const unsigned s = pkt.side != 0 ? 1 : 0;
+    const bool known = dialog.mine != 0;
+    const typename Dialog<Rules>::Outcome outcome = dialog.Read(c->m_flow[s], s);
+    if (dialog.mine != 0) {
+      if (!known && !c->PushProtocol(m_proto)) {
+        return oru::INSPECT_FINISHED;
+      }
+      Publish(*c, dialog.notes);
+    }
+    if (outcome == Dialog<Rules>::LEAVE) {
+      return oru::INSPECT_FINISHED;
+    }
+    // The unread rest of the line must outlive the packet.
+    if (dialog.Pending(c->m_flow[s], s) && !c->m_flow[s].Sync()) {
+      return oru::INSPECT_FINISHED;
+    }
+    return oru::INSPECT_STAY;
+  }
+
+  void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+    if (conn.get() != nullptr) {
+      m_dialogs.erase(conn->m_number);
+    }
+  }
+
+  bool Start() {
+    m_proto = static_cast<uint32_t>(oru::GetProtocolId(Rules::kProtocol));
+    oru::AttributeMgr *manager = oru::AttributeMgr::Instance();
+    if (manager == nullptr) {
+      return false;
+    }
+    for (int i = 0; i < Rules::kNotes; ++i) {
+      manager->Register(oru::fdt::string(Rules::kAttributes[i]), &m_ids[i]);
+    }
+    return true;
+  }
+
+  void Stop() {
+    oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
+    for (int i = 0; manager != nullptr && i < Rules::kNotes; ++i) {
+      manager->Unregister(oru::fdt::string(Rules::kAttributes[i]));
+    }
+  }
+
+private:
+  using DialogMap = oru::Map<uint64_t, Dialog<Rules>>;
+
+  // Each note once, to whoever listens, when the connection allows it.
+  void Publish(const oru::Conn &conn, Notes<Rules::kNotes> &notes) {
+    oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
+    for (int i = 0; i < Rules::kNotes; ++i) {
+      if (notes.filled[i] == 0 || notes.published[i] != 0) {
+        continue;
+      }
+      notes.published[i] = 1;
+      if (m_ids[i] > 0 && manager != nullptr && (conn.m_policy & oru::POLICY_ATTRIBUTES) != 0) {
+        manager->DispatchAttribute(m_ids[i], reinterpret_cast<const uint8_t *>(notes.value[i]),
+                                   notes.length[i], 0, 0);
+      }
+    }
+  }
+
+  DialogMap m_dialogs;
+  uint32_t m_proto = 0;
+  int m_ids[Rules::kNotes > 0 ? Rules::kNotes : 1] = {};
+};
+
+// The plug-in's entry table for a protocol's rules.
+template <class Rules> struct DialogPlugin {
+  // A plain pointer: a thread-local with a destructor may be gone before
+  // the thread's kest_fini runs.
+  static inline thread_local DialogInspector<Rules> *t_inspector = nullptr;
+
+  static AppPorts Ports() { return AppPorts{6, Rules::kPorts, Rules::kPortCount}; }
+
+  static const char *GetName() { return Rules::kPlugin; }
+  static bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
+    if (own != nullptr) {
+      *own = oru::VersionRecord{TransportPlugin::kMajor, 0, 0, 1, "decoders"};
+    }
+    return library != nullptr && library->major == TransportPlugin::kMajor;
+  }
+  static bool InitInstance() {
+    oru::RegisterProtocol(Rules::kProtocol);
+    for (int i = 0; i < Rules::kNotes; ++i) {
+      if (!oru::AttributeMgr::Create(oru::fdt::string(Rules::kAttributes[i]))) {
+        return false;
+      }
+    }
+    return oru::InterfaceBroker::RegisterModule(Rules::kModule, Rules::kProtocol);
+  }
+  static bool InitThread() {
+    t_inspector = oru::fdt::CreateObject<DialogInspector<Rules>>(oru::fdt::OBJECT_LOCAL);
+    if (t_inspector == nullptr) {
+      return false;
+    }
+    t_inspector->add_ref();
+    return t_inspector->Start();
+  }
+  static void LinkThread() { Attach(t_inspector, Ports()); }
+  static void StartThread() {}
+  static void ExitThread() {
+    if (t_inspector == nullptr) {
+      return;
+    }
+    Detach(t_inspector, Ports());
+    t_inspector->Stop();
+    t_inspector->release();
+    t_inspector = nullptr;
+  }
+  static void ExitInstance() {
+    oru::InterfaceBroker::UnregisterModule(Rules::kModule, Rules::kProtocol);
+  }
+
+  static constexpr oru::PluginEntryTable kTable = {GetName,    GetVersion,  InitInstance,
+                                                   InitThread, LinkThread,  StartThread,
+                                                   ExitThread, ExitInstance};
+};
+
+} // namespace kest_decoders
+
+#endif

@@ -1,0 +1,157 @@
+// FTP's control connection: a "220" greeting, commands such as USER, AUTH,
+// FEAT or SYST, and three-digit replies to them. The greeting alone names
+// FTP only when it says FTP (and not SMTP); otherwise a command has to be
+// answered. SMTP's commands end the reading at once. With only the client's
+// side in view, two commands, one of them FTP's own (not shared with POP3),
+// are enough.
+#ifndef KEST_DECODERS_FTPRULES_H
+#define KEST_DECODERS_FTPRULES_H
+
+#include "common/LineDialog.h"
+
+namespace kest_decoders {
+
+struct FtpRules {
+  static constexpr const char *kPlugin = "ftp";
+  static constexpr const char *kProtocol = "FTP";
+  static constexpr oru::ModuleId kModule = 269;
+  static constexpr uint16_t kPorts[] = {21};
+  static constexpr size_t kPortCount = 1;
+  static constexpr int kNotes = 1;
+  static constexpr const char *kAttributes[kNotes] = {"ftp.user"};
+  static constexpr uint32_t kMaxLine = 1024;
+  // Welcome texts run long.
+  static constexpr uint32_t kMaxLines = 128;
+
+  enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
+
+  // Commands shared with other protocols first, FTP's own from kOwn on.
+  static constexpr int kUser = 0;
+  static constexpr int kOwn = 9;
+  static constexpr int kAuth = kOwn;
+
+  struct State {
+    uint8_t role[2];
+    uint8_t server_lines;
+    // Code of a multi-line reply still going on, 0 for none.
+    uint16_t open_reply;
+    uint8_t in_greeting;
+    uint8_t greeted;
+    uint8_t asked;
+    uint8_t answered;
+    uint8_t commands;
+    uint8_t own;
+    uint8_t tls;
+    uint8_t mine;
+  };
+
+  static constexpr const char *kCommands[] = {
+        "USER", "PASS", "LIST", "RETR", "DELE", "NOOP", "QUIT", "STAT", "HELP", "AUTH",
+        "SYST", "FEAT", "PWD",  "XPWD", "CWD",  "CDUP", "TYPE", "PASV", "EPSV", "PORT",
+        "EPRT", "MLSD", "MLST", "NLST", "STOR", "STOU", "APPE", "MKD",  "RMD",  "RNFR",
+        "RNTO", "SIZE", "MDTM", "OPTS", "PBSZ", "PROT", "MODE", "STRU", "SITE", "REST",
+        "ABOR", "ACCT", "ALLO", "CLNT", "HOST", "LANG", nullptr};
+
+  static int CommandOf(const char *text, uint32_t length) {
+    return CommandIndex(text, length, kCommands);
+  }
+
+  static bool Opening(State &, unsigned, const char *bytes, uint32_t n) {
+    if (MayOpenReply(bytes, n)) {
+      return true;
+    }
+    for (int i = 0; kCommands[i] != nullptr; ++i) {
+      if (MayOpenWith(bytes, n, kCommands[i])) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  static unsigned Mine(State &state, const Notes<kNotes> &notes) {
+    state.mine = 1;
+    return notes.filled[0] != 0 ? LINE_MINE | LINE_DONE : LINE_MINE;
+  }
+
+  static unsigned ServerLine(State &state, const Notes<kNotes> &notes, const char *text,
+                             uint32_t length) {
+    const int code = ReplyCode(text, length);
+    const bool greeting = state.server_lines++ == 0 || state.in_greeting != 0;
+    if (state.open_reply != 0) {
+      // Inside a multi-line reply any text may come; the same code with a
+      // space ends it.
+      if (code == state.open_reply && length > 3 && text[3] == ' ') {
+        state.open_reply = 0;
+        state.in_greeting = 0;
+      }
+    } else if (code < 0) {
+      return state.mine != 0 ? LINE_GO_ON : LINE_NOT_MINE;
+    } else if (length > 3 && text[3] == '-') {
+      state.open_reply = static_cast<uint16_t>(code);
+      state.in_greeting = greeting ? 1 : 0;
+    }
+    if (greeting) {
+      if (code == 220) {
+        state.greeted = 1;
+      }
+      if (Contains(text, length, "SMTP")) {
+        return state.mine != 0 ? LINE_GO_ON : LINE_NOT_MINE;
+      }
+      if (state.greeted != 0 && Contains(text, length, "FTP")) {
+        return Mine(state, notes);
+      }
+      return LINE_GO_ON;
+    }
+    if (state.asked != 0 && state.open_reply == 0) {
+      state.asked = 0;
+      state.answered = 1;
+      if (state.tls != 0 && code == 234) {
+        // TLS from here on.
+        return state.mine != 0 || state.greeted != 0 ? LINE_MINE | LINE_DONE : LINE_DONE;
+      }
+      if (state.greeted != 0 || state.own != 0) {
+        return Mine(state, notes);
+      }
+    }
+    return LINE_GO_ON;
+  }
+
+  static unsigned ClientLine(State &state, Notes<kNotes> &notes, const char *text,
+                             uint32_t length) {
+    const int command = CommandOf(text, length);
+    if (command < 0) {
+      return state.mine != 0 ? LINE_GO_ON : LINE_NOT_MINE;
+    }
+    ++state.commands;
+    state.asked = 1;
+    if (command >= kOwn) {
+      state.own = 1;
+    }
+    if (command == kAuth) {
+      state.tls = 1;
+    }
+    if (command == kUser) {
+      notes.Set(0, Rest(text, length, 4));
+    }
+    if (state.mine != 0) {
+      return notes.filled[0] != 0 ? LINE_DONE : LINE_GO_ON;
+    }
+    if (state.server_lines == 0 && state.commands >= 2 && state.own != 0) {
+      return Mine(state, notes);
+    }
+    return LINE_GO_ON;
+  }
+
+  static unsigned Line(State &state, Notes<kNotes> &notes, unsigned side, const char *text,
+                       uint32_t length, uint32_t /*full*/) {
+    if (state.role[side] == ROLE_NONE) {
+      state.role[side] = ReplyCode(text, length) >= 0 ? ROLE_SERVER : ROLE_CLIENT;
+    }
+    return state.role[side] == ROLE_SERVER ? ServerLine(state, notes, text, length)
+                                           : ClientLine(state, notes, text, length);
+  }
+};
+
+} // namespace kest_decoders
+
+#endif

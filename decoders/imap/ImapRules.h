@@ -1,0 +1,138 @@
+// IMAP: a server greeting "* OK" (or PREAUTH or BYE) that names IMAP, a
+// greeting followed by a tagged command, or tagged commands alone: one that
+// opens a session (CAPABILITY, LOGIN, AUTHENTICATE, STARTTLS) answered by
+// the server, or two in a row. A tag is a run of atom characters other
+// than "+".
+#ifndef KEST_DECODERS_IMAPRULES_H
+#define KEST_DECODERS_IMAPRULES_H
+
+#include "common/LineDialog.h"
+
+#include <initializer_list>
+
+namespace kest_decoders {
+
+struct ImapRules {
+  static constexpr const char *kPlugin = "imap";
+  static constexpr const char *kProtocol = "IMAP";
+  static constexpr oru::ModuleId kModule = 268;
+  static constexpr uint16_t kPorts[] = {143};
+  static constexpr size_t kPortCount = 1;
+  static constexpr int kNotes = 0;
+  static constexpr const char *kAttributes[1] = {nullptr};
+  // Capability lists make long greetings.
+  static constexpr uint32_t kMaxLine = 8192;
+  static constexpr uint32_t kMaxLines = 64;
+  static constexpr uint32_t kMaxTag = 64;
+
+  enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
+
+  // Commands that open a session first, from kOpeners on the rest.
+  static constexpr int kOpeners = 4;
+  static constexpr const char *kCommands[] = {
+      "CAPABILITY", "LOGIN",     "AUTHENTICATE", "STARTTLS", "NOOP",     "LOGOUT",
+      "SELECT",     "EXAMINE",   "CREATE",       "DELETE",   "RENAME",   "SUBSCRIBE",
+      "UNSUBSCRIBE", "LIST",     "LSUB",         "STATUS",   "APPEND",   "CHECK",
+      "CLOSE",      "EXPUNGE",   "SEARCH",       "FETCH",    "STORE",    "COPY",
+      "MOVE",       "UID",       "IDLE",         "ID",       "ENABLE",   "NAMESPACE",
+      "GETQUOTA",   "GETQUOTAROOT", "UNSELECT",  "COMPRESS", nullptr};
+  static constexpr const char *kStatuses[] = {"OK", "NO", "BAD", "PREAUTH", "BYE", nullptr};
+
+  struct State {
+    uint8_t role[2];
+    uint8_t server_lines;
+    uint8_t greeted;
+    uint8_t tagged;
+    uint8_t opener;
+  };
+
+  static bool IsTagChar(char c) {
+    return c > 0x20 && c < 0x7F && c != '(' && c != ')' && c != '{' && c != '%' && c != '*' &&
+           c != '"' && c != '\\' && c != '+';
+  }
+
+  // The length of the tag that opens the text, 0 for none (no tag, or no
+  // space behind it).
+  static uint32_t TagLength(const char *text, uint32_t length) {
+    uint32_t n = 0;
+    while (n < length && n < kMaxTag && IsTagChar(text[n])) {
+      ++n;
+    }
+    return n != 0 && n < length && text[n] == ' ' ? n : 0;
+  }
+
+  static bool Opening(State &, unsigned, const char *bytes, uint32_t n) {
+    if (bytes[0] == '*' || bytes[0] == '+') {
+      return n == 1 || bytes[1] == ' ';
+    }
+    uint32_t tag = 0;
+    while (tag < n && IsTagChar(bytes[tag])) {
+      ++tag;
+    }
+    if (tag == n) {
+      return true;
+    }
+    if (tag == 0 || bytes[tag] != ' ') {
+      return false;
+    }
+    for (const char *const *words : {kCommands, kStatuses}) {
+      for (int i = 0; words[i] != nullptr; ++i) {
+        if (MayOpenWith(bytes + tag + 1, n - tag - 1, words[i])) {
+          return true;
+        }
+      }
+    }
+    return false;
+  }
+
+  static unsigned ServerLine(State &state, const char *text, uint32_t length) {
+    const bool first = state.server_lines++ == 0;
+    if (StartsWith(text, length, "* ")) {
+      if (first && CommandIndex(text + 2, length - 2, kStatuses) >= 0) {
+        state.greeted = 1;
+        if (Contains(text, length, "IMAP")) {
+          return LINE_MINE | LINE_DONE;
+        }
+      }
+      return state.tagged != 0 && state.opener != 0 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+    }
+    if (IsCommand(text, length, "+")) {
+      return state.tagged != 0 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+    }
+    const uint32_t tag = TagLength(text, length);
+    if (tag != 0 && CommandIndex(text + tag + 1, length - tag - 1, kStatuses) >= 0) {
+      return state.tagged != 0 && state.opener != 0 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+    }
+    return LINE_NOT_MINE;
+  }
+
+  static unsigned ClientLine(State &state, const char *text, uint32_t length) {
+    const uint32_t tag = TagLength(text, length);
+    const int command = tag != 0 ? CommandIndex(text + tag + 1, length - tag - 1, kCommands) : -1;
+    if (command < 0) {
+      return LINE_NOT_MINE;
+    }
+    ++state.tagged;
+    if (command < kOpeners) {
+      state.opener = 1;
+    }
+    return state.greeted != 0 || state.tagged >= 2 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+  }
+
+  static unsigned Line(State &state, Notes<kNotes> &, unsigned side, const char *text, uint32_t length,
+                       uint32_t /*full*/) {
+    if (state.role[side] == ROLE_NONE) {
+      const bool untagged = StartsWith(text, length, "* ") || IsCommand(text, length, "+");
+      const uint32_t tag = TagLength(text, length);
+      const bool status =
+          tag != 0 && CommandIndex(text + tag + 1, length - tag - 1, kStatuses) >= 0;
+      state.role[side] = untagged || status ? ROLE_SERVER : ROLE_CLIENT;
+    }
+    return state.role[side] == ROLE_SERVER ? ServerLine(state, text, length)
+                                           : ClientLine(state, text, length);
+  }
+};
+
+} // namespace kest_decoders
+
+#endif
