@@ -172,6 +172,13 @@ bool HttpDpi::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHea
       header.m_protocol = kConnectMark;
     }
   }
+  // Once named, HTTP stays where it is: a custom protocol a rule put above
+  // it keeps the top of the stack for the connection's later messages.
+  for (const oru::AppEntry &entry : conn->GetAppStack()->entries) {
+    if (entry.proto == m_thread->http) {
+      return true;
+    }
+  }
   return conn->PushProtocol(m_thread->http);
 }
 

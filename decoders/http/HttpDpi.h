@@ -14,14 +14,17 @@
 
 namespace kest_http {
 
+class HttpCustomRules;
+
 // What the connections' inspectors of one thread borrow.
 struct HttpThread {
   oru::WebMethodTable methods;
   oru::WebAttributes attributes;
   uint32_t http = 0;
   uint32_t websocket = 0;
-  // The key/value rules hosts give to this module (may be null).
+  // The key/value rules hosts give to this module, and their front.
   oru::KeyValueRuleStore *rules = nullptr;
+  HttpCustomRules *custom = nullptr;
 };
 
 // One connection's messages. Beyond the shared machinery it answers

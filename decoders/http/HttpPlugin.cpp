@@ -4,6 +4,7 @@
 #include "common/AppAttach.h"
 #include "common/TransportPlugin.h"
 #include "http/HttpDpi.h"
+#include "http/HttpRules.h"
 #include "http/HttpSniff.h"
 
 #include <kest/InterfaceBroker.h>
@@ -65,6 +66,20 @@ bool InitThread() {
   t_thread->http = static_cast<uint32_t>(http);
   t_thread->websocket = static_cast<uint32_t>(websocket);
   t_thread->attributes.Initialize(kPrefix);
+  t_thread->rules = oru::fdt::CreateObject<oru::KeyValueRuleStore>(oru::fdt::OBJECT_LOCAL, "http");
+  if (t_thread->rules == nullptr) {
+    return false;
+  }
+  t_thread->custom =
+      oru::fdt::CreateObject<kest_http::HttpCustomRules>(oru::fdt::OBJECT_LOCAL, *t_thread->rules);
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+  if (t_thread->custom == nullptr || broker == nullptr ||
+      !broker->RegisterInterface(kModule, oru::INTERFACE_CUSTOM_RULE,
+                                 static_cast<oru::ICustomRule *>(t_thread->custom))) {
+    oru::fdt::DestroyObject(t_thread->custom);
+    t_thread->custom = nullptr;
+    return false;
+  }
   t_launcher = oru::fdt::CreateObject<HttpLauncher>(oru::fdt::OBJECT_LOCAL, t_thread);
   if (t_launcher == nullptr) {
     return false;
@@ -87,6 +102,13 @@ void ExitThread() {
     t_launcher = nullptr;
   }
   if (t_thread != nullptr) {
+    oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+    if (t_thread->custom != nullptr && broker != nullptr) {
+      broker->UnregisterInterface(kModule, oru::INTERFACE_CUSTOM_RULE,
+                                  static_cast<oru::ICustomRule *>(t_thread->custom));
+    }
+    oru::fdt::DestroyObject(t_thread->custom);
+    oru::fdt::DestroyObject(t_thread->rules);
     t_thread->attributes.ExitThread(kPrefix);
     oru::fdt::DestroyObject(t_thread);
     t_thread = nullptr;

@@ -192,3 +192,22 @@ TEST_F(HttpConnTest, UpgradeAndConnect) {
 }
 
 } // namespace
+
+namespace {
+
+// A host's rule on the HTTP module names a custom protocol by a header.
+TEST_F(HttpConnTest, CustomRuleByHeader) {
+  const int app = kest_proto_add(h, "EXAPP", 0);
+  ASSERT_GT(app, 0);
+  ASSERT_EQ(kest_rule_add(h, app, "HTTP", "Host = *.example.com"), 0);
+  kest_idle(h);
+  EXPECT_EQ(Run(8000, {{0, "GET / HTTP/1.1\r\nHost: api.example.com\r\n\r\n"},
+                       {1, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"},
+                       {0, "GET /2 HTTP/1.1\r\nHost: api.example.com\r\n\r\n"}}),
+            (std::vector<std::string>{"TCP/HTTP/EXAPP", "TCP/HTTP/EXAPP",
+                                      "TCP/HTTP/EXAPP"}));
+  EXPECT_EQ(Run(8000, {{0, "GET / HTTP/1.1\r\nHost: example.org\r\n\r\n"}}),
+            (std::vector<std::string>{"TCP/HTTP"}));
+}
+
+} // namespace
