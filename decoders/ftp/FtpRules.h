@@ -46,11 +46,11 @@ struct FtpRules {
   };
 
   static constexpr const char *kCommands[] = {
-        "USER", "PASS", "LIST", "RETR", "DELE", "NOOP", "QUIT", "STAT", "HELP", "AUTH",
-        "SYST", "FEAT", "PWD",  "XPWD", "CWD",  "CDUP", "TYPE", "PASV", "EPSV", "PORT",
-        "EPRT", "MLSD", "MLST", "NLST", "STOR", "STOU", "APPE", "MKD",  "RMD",  "RNFR",
-        "RNTO", "SIZE", "MDTM", "OPTS", "PBSZ", "PROT", "MODE", "STRU", "SITE", "REST",
-        "ABOR", "ACCT", "ALLO", "CLNT", "HOST", "LANG", nullptr};
+      "USER", "PASS", "LIST", "RETR", "DELE", "NOOP", "QUIT", "STAT", "HELP", "AUTH",
+      "SYST", "FEAT", "PWD",  "XPWD", "CWD",  "CDUP", "TYPE", "PASV", "EPSV", "PORT",
+      "EPRT", "MLSD", "MLST", "NLST", "STOR", "STOU", "APPE", "MKD",  "RMD",  "RNFR",
+      "RNTO", "SIZE", "MDTM", "OPTS", "PBSZ", "PROT", "MODE", "STRU", "SITE", "REST",
+      "ABOR", "ACCT", "ALLO", "CLNT", "HOST", "LANG", nullptr};
 
   static int CommandOf(const char *text, uint32_t length) {
     return CommandIndex(text, length, kCommands);

@@ -30,12 +30,12 @@ struct ImapRules {
   // Commands that open a session first, from kOpeners on the rest.
   static constexpr int kOpeners = 4;
   static constexpr const char *kCommands[] = {
-      "CAPABILITY", "LOGIN",     "AUTHENTICATE", "STARTTLS", "NOOP",     "LOGOUT",
-      "SELECT",     "EXAMINE",   "CREATE",       "DELETE",   "RENAME",   "SUBSCRIBE",
-      "UNSUBSCRIBE", "LIST",     "LSUB",         "STATUS",   "APPEND",   "CHECK",
-      "CLOSE",      "EXPUNGE",   "SEARCH",       "FETCH",    "STORE",    "COPY",
-      "MOVE",       "UID",       "IDLE",         "ID",       "ENABLE",   "NAMESPACE",
-      "GETQUOTA",   "GETQUOTAROOT", "UNSELECT",  "COMPRESS", nullptr};
+      "CAPABILITY",  "LOGIN",        "AUTHENTICATE", "STARTTLS", "NOOP",   "LOGOUT",
+      "SELECT",      "EXAMINE",      "CREATE",       "DELETE",   "RENAME", "SUBSCRIBE",
+      "UNSUBSCRIBE", "LIST",         "LSUB",         "STATUS",   "APPEND", "CHECK",
+      "CLOSE",       "EXPUNGE",      "SEARCH",       "FETCH",    "STORE",  "COPY",
+      "MOVE",        "UID",          "IDLE",         "ID",       "ENABLE", "NAMESPACE",
+      "GETQUOTA",    "GETQUOTAROOT", "UNSELECT",     "COMPRESS", nullptr};
   static constexpr const char *kStatuses[] = {"OK", "NO", "BAD", "PREAUTH", "BYE", nullptr};
 
   struct State {
@@ -119,8 +119,8 @@ struct ImapRules {
     return state.greeted != 0 || state.tagged >= 2 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
   }
 
-  static unsigned Line(State &state, Notes<kNotes> &, unsigned side, const char *text, uint32_t length,
-                       uint32_t /*full*/) {
+  static unsigned Line(State &state, Notes<kNotes> &, unsigned side, const char *text,
+                       uint32_t length, uint32_t /*full*/) {
     if (state.role[side] == ROLE_NONE) {
       const bool untagged = StartsWith(text, length, "* ") || IsCommand(text, length, "+");
       const uint32_t tag = TagLength(text, length);

@@ -51,9 +51,9 @@ struct SmtpRules {
   };
 
   static int VerbOf(const char *text, uint32_t length) {
-    static const char *const kVerbs[] = {"EHLO", "HELO", "MAIL", "RCPT", "DATA", "BDAT",
+    static const char *const kVerbs[] = {"EHLO",     "HELO", "MAIL", "RCPT", "DATA", "BDAT",
                                          "STARTTLS", "QUIT", "RSET", "VRFY", "EXPN", "HELP",
-                                         "NOOP", "AUTH", "ETRN", nullptr};
+                                         "NOOP",     "AUTH", "ETRN", nullptr};
     const int i = CommandIndex(text, length, kVerbs);
     return i < VERB_OTHER ? i : VERB_OTHER;
   }
@@ -125,8 +125,7 @@ struct SmtpRules {
       return state.mine != 0 ? LINE_GO_ON : LINE_NOT_MINE;
     }
     const bool first = state.client_lines++ == 0;
-    if (first && verb != VERB_EHLO && verb != VERB_HELO && verb != VERB_MAIL &&
-        verb != VERB_RCPT) {
+    if (first && verb != VERB_EHLO && verb != VERB_HELO && verb != VERB_MAIL && verb != VERB_RCPT) {
       return LINE_NOT_MINE;
     }
     switch (verb) {

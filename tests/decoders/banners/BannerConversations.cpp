@@ -1,0 +1,255 @@
+// SSH, SMTP, POP3, IMAP and FTP together through their packed plug-ins:
+// each conversation, a list of (side, bytes) steps on a fresh connection,
+// must end with the expected application and attributes. Side 0 is the
+// client (the connection's first end point). Near misses end as TCP alone.
+// The same conversations with every step cut in two at one byte, for every
+// byte, must end the same: lines are read from the reassembled stream.
+#include "tests/support/LeakCheck.h"
+#include "tests/support/PluginFolder.h"
+
+#include <arpa/inet.h>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Steps = std::vector<std::pair<int, std::string>>;
+using Attrs = std::map<std::string, std::string>;
+
+const char *const kNames[] = {"ssh.client_banner", "ssh.server_banner", "smtp.helo",
+                              "smtp.mail_from", "ftp.user"};
+
+struct Conversation {
+  const char *what;
+  uint16_t port;
+  Steps steps;
+  const char *app;
+  Attrs attrs;
+};
+
+const std::string kClientSsh = "SSH-2.0-OpenSSH_9.6p1 Debian-4\r\n";
+const std::string kServerSsh = "SSH-2.0-dropbear_2022.83\r\n";
+
+const std::vector<Conversation> &Table() {
+  static const std::vector<Conversation> table = {
+      {"ssh server first",
+       2222,
+       {{1, kServerSsh}, {0, kClientSsh}, {1, std::string("\0\0\x01\x0c\x0a\x14", 6)}},
+       "SSH",
+       {{"ssh.client_banner", "SSH-2.0-OpenSSH_9.6p1 Debian-4"},
+        {"ssh.server_banner", "SSH-2.0-dropbear_2022.83"}}},
+      {"ssh client alone, binary behind the line",
+       22,
+       {{0, kClientSsh + std::string("\0\0\x05\xdc\x04\x14", 6)}},
+       "SSH",
+       {{"ssh.client_banner", "SSH-2.0-OpenSSH_9.6p1 Debian-4"}}},
+      {"ssh 1.99 server, LF only",
+       80,
+       {{1, "SSH-1.99-OpenSSH_3.9p1\n"}},
+       "SSH",
+       {{"ssh.server_banner", "SSH-1.99-OpenSSH_3.9p1"}}},
+      {"ssh unknown version", 22, {{1, "SSH-3.0-future\r\n"}}, "TCP", {}},
+      {"ssh empty software", 22, {{1, "SSH-2.0-\r\n"}, {0, kClientSsh}}, "TCP", {}},
+      {"smtp greeting names esmtp",
+       2525,
+       {{1, "220 mx.example.org ESMTP Postfix\r\n"},
+        {0, "EHLO client.example.net\r\n"},
+        {1, "250-mx.example.org\r\n250-PIPELINING\r\n250 8BITMIME\r\n"},
+        {0, "MAIL FROM:<alice@example.net> SIZE=100\r\n"},
+        {1, "250 2.1.0 Ok\r\n"}},
+       "SMTP",
+       {{"smtp.helo", "client.example.net"}, {"smtp.mail_from", "alice@example.net"}}},
+      {"smtp plain greeting, helo answered",
+       25,
+       {{1, "220 mail ready\r\n"}, {0, "HELO box\r\n"}, {1, "250 hi box\r\n"}},
+       "SMTP",
+       {{"smtp.helo", "box"}}},
+      {"smtp client alone",
+       9999,
+       {{0, "ehlo [10.0.0.1]\r\n"}, {0, "mail from: <>\r\n"}},
+       "SMTP",
+       {{"smtp.helo", "[10.0.0.1]"}, {"smtp.mail_from", ""}}},
+      {"ftp login",
+       2121,
+       {{1, "220 Service ready\r\n"},
+        {0, "USER anonymous\r\n"},
+        {1, "331 Please specify the password.\r\n"},
+        {0, "PASS guest\r\n"}},
+       "FTP",
+       {{"ftp.user", "anonymous"}}},
+      {"ftp greeting names ftp, multi-line",
+       21,
+       {{1, "220-Welcome\r\n to the archive\r\n220 ProFTPD Server\r\n"}},
+       "FTP",
+       {}},
+      {"ftp feat answered in many lines",
+       21,
+       {{1, "220 hello\r\n"},
+        {0, "FEAT\r\n"},
+        {1, "211-Features:\r\n EPSV\r\n211 End\r\n"},
+        {0, "USER bob\r\n"}},
+       "FTP",
+       {{"ftp.user", "bob"}}},
+      {"220 then an unknown command",
+       21,
+       {{1, "220 ok\r\n"}, {0, "HELLO there\r\n"}, {1, "500 what\r\n"}},
+       "TCP",
+       {}},
+      {"220 then smtp words to ftp ears", 21, {{1, "220 ok\r\n"}, {0, "FOO bar\r\n"}}, "TCP", {}},
+      {"pop3 login",
+       1100,
+       {{1, "+OK ready <1896.697170952@dbc.mtview.ca.us>\r\n"},
+        {0, "USER mrose\r\n"},
+        {1, "+OK\r\n"}},
+       "POP3",
+       {}},
+      {"pop3 greeting names pop", 110, {{1, "+OK POP3 server ready\r\n"}}, "POP3", {}},
+      {"pop3 capa list",
+       110,
+       {{1, "+OK hi\r\n"}, {0, "CAPA\r\n"}, {1, "+OK\r\nTOP\r\nUIDL\r\n.\r\n"}},
+       "POP3",
+       {}},
+      {"+OK from another service",
+       110,
+       {{1, "+OK hello\r\n"}, {0, "PING\r\n"}, {1, "+OK pong\r\n"}},
+       "TCP",
+       {}},
+      {"+OK and quit only",
+       7000,
+       {{1, "+OK hello\r\n"}, {0, "QUIT\r\n"}, {1, "+OK bye\r\n"}},
+       "TCP",
+       {}},
+      {"imap greeting names imap",
+       143,
+       {{1, "* OK [CAPABILITY IMAP4rev1 STARTTLS] Dovecot ready.\r\n"}},
+       "IMAP",
+       {}},
+      {"imap greeting then login",
+       1430,
+       {{1, "* OK ready\r\n"}, {0, "a001 LOGIN bob secret\r\n"}},
+       "IMAP",
+       {}},
+      {"imap client alone", 5000, {{0, "A1 CAPABILITY\r\n"}, {0, "A2 LOGOUT\r\n"}}, "IMAP", {}},
+      {"imap-like words, not imap", 5000, {{0, "bob login\r\n"}}, "TCP", {}},
+      {"http",
+       8080,
+       {{0, "GET / HTTP/1.1\r\nHost: a\r\n\r\n"}, {1, "HTTP/1.1 200 OK\r\n\r\n"}},
+       nullptr,
+       {}},
+      {"binary", 443, {{0, std::string("\x16\x03\x01\x00\x05hello", 10)}}, nullptr, {}},
+  };
+  return table;
+}
+
+Attrs g_attrs;
+std::map<int, std::string> g_keys;
+
+int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value, int, void *) {
+  g_attrs[g_keys[key]].append(static_cast<const char *>(value), static_cast<size_t>(length));
+  return 0;
+}
+
+int Record(kest_handle_t h, kest_result_t *result, int, kest_conn_id_t, void *user, int) {
+  std::string names;
+  for (kest_proto_first(h, result); kest_proto_valid(h, result) != 0; kest_proto_next(h, result)) {
+    char name[32];
+    const char *got = kest_proto_get_name(h, kest_proto_get_index(h, result), name, sizeof name);
+    names += (names.empty() ? "" : "/") + std::string(got != nullptr ? got : "?");
+  }
+  *static_cast<std::string *>(user) = names;
+  return 0;
+}
+
+class BannerConversations : public kest_test::PluginFolderFixture {
+protected:
+  void SetUp() override {
+    PluginFolderFixture::SetUp();
+    h = kest_open(Folder({KEST_TEST_BANNER_PLGS}).c_str());
+    ASSERT_GT(h, 0);
+    ASSERT_EQ(kest_init(h), 0);
+    for (const char *name : kNames) {
+      ASSERT_EQ(kest_attr_callback_set(h, name, Listen), 0) << name;
+    }
+    kest_idle(h);
+    for (const char *name : kNames) {
+      g_keys[kest_attr_key_get(h, name)] = name;
+    }
+  }
+  void TearDown() override {
+    EXPECT_EQ(kest_fini(h), 0);
+    EXPECT_EQ(kest_close(h), 0);
+    EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), 0);
+    PluginFolderFixture::TearDown();
+  }
+
+  // Runs the steps on a new connection, each step cut before byte `cut`
+  // (none when 0 or beyond it); the stack of the last result.
+  std::string Run(const Conversation &c, size_t cut) {
+    g_attrs.clear();
+    kest_endpoint_t client{KEST_FAMILY_IPV4, htons(40000), {10, 0, 0, 1}};
+    kest_endpoint_t server{KEST_FAMILY_IPV4, htons(c.port), {10, 0, 0, 2}};
+    kest_conn_t conn = nullptr;
+    EXPECT_EQ(kest_conn_create(h, &client, &server, 6, &conn), 0);
+    std::string stack;
+    for (const auto &[side, bytes] : c.steps) {
+      std::vector<std::string> pieces{bytes};
+      if (cut != 0 && cut < bytes.size()) {
+        pieces = {bytes.substr(0, cut), bytes.substr(cut)};
+      }
+      for (const std::string &piece : pieces) {
+        kest_classify(h, KEST_SELECTOR_CONN, piece.data(), static_cast<uint16_t>(piece.size()),
+                      conn, side, Record, &stack);
+      }
+    }
+    EXPECT_EQ(kest_conn_destroy(h, conn), 0);
+    return stack;
+  }
+
+  static std::string Expected(const Conversation &c) {
+    return c.app == nullptr
+               ? ""
+               : std::string("TCP") + (c.app == std::string("TCP") ? "" : "/" + std::string(c.app));
+  }
+
+  kest_handle_t h = -1;
+};
+
+TEST_F(BannerConversations, EachEndsWithItsProtocolAndAttributes) {
+  for (const Conversation &c : Table()) {
+    const std::string stack = Run(c, 0);
+    if (c.app == nullptr) {
+      // Not one of these protocols; what else names it is not ours to say.
+      for (const char *mine : {"SSH", "SMTP", "POP3", "IMAP", "FTP"}) {
+        EXPECT_EQ(stack.find(mine), std::string::npos) << c.what << ": " << stack;
+      }
+#ifdef KEST_TEST_HTTP_BESIDE
+      // The message decoder still names its own, with these on the chain.
+      if (c.port == 8080) {
+        EXPECT_EQ(stack, "TCP/HTTP") << c.what;
+      }
+#endif
+    } else {
+      EXPECT_EQ(stack, Expected(c)) << c.what;
+    }
+    EXPECT_EQ(g_attrs, c.attrs) << c.what;
+  }
+}
+
+TEST_F(BannerConversations, SameResultWhereverTheStepsAreCut) {
+  for (const Conversation &c : Table()) {
+    const std::string whole = Run(c, 0);
+    const Attrs attrs = g_attrs;
+    size_t longest = 0;
+    for (const auto &step : c.steps) {
+      longest = std::max(longest, step.second.size());
+    }
+    for (size_t cut = 1; cut < longest; ++cut) {
+      EXPECT_EQ(Run(c, cut), whole) << c.what << " cut at " << cut;
+      EXPECT_EQ(g_attrs, attrs) << c.what << " cut at " << cut;
+    }
+  }
+}
+
+} // namespace
