@@ -1,0 +1,19 @@
+# Installs this build into a folder of the build tree and builds a project of
+# its own against that folder only: a plug-in through find_package(kest) and
+# kest_add_plugin, a host on kest::kest and kest::host that classifies a
+# packet, and a host compiled from the pkg-config flags.
+find_program(KEST_PKG_CONFIG NAMES pkg-config pkgconf)
+add_test(NAME InstallConsumer
+         COMMAND ${CMAKE_COMMAND}
+                 -DBUILD_DIR=${CMAKE_BINARY_DIR}
+                 -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}/install
+                 -DCONSUMER_DIR=${CMAKE_CURRENT_LIST_DIR}/consumer
+                 -DGENERATOR=${CMAKE_GENERATOR}
+                 -DBUILD_TYPE=${CMAKE_BUILD_TYPE}
+                 -DC_COMPILER=${CMAKE_C_COMPILER}
+                 -DCXX_COMPILER=${CMAKE_CXX_COMPILER}
+                 -DCOMPILER_ID=${CMAKE_CXX_COMPILER_ID}
+                 -DSANITIZE=${KEST_SANITIZE}
+                 -DPKG_CONFIG=${KEST_PKG_CONFIG}
+                 -P ${CMAKE_CURRENT_LIST_DIR}/RunInstallTest.cmake)
+set_tests_properties(InstallConsumer PROPERTIES TIMEOUT 300)
