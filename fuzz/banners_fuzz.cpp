@@ -1,0 +1,55 @@
+// The line-dialogue decoders' reading (SSH, SMTP, POP3, IMAP, FTP) on two
+// sides fed in pieces that the input chooses: no crash, no read outside the
+// flows, every read position within its flow, every note within its
+// capacity.
+#include "FuzzFlow.h"
+
+#include "ftp/FtpRules.h"
+#include "imap/ImapRules.h"
+#include "pop3/Pop3Rules.h"
+#include "smtp/SmtpRules.h"
+#include "ssh/SshRules.h"
+
+#include <kest_host.h>
+#include <stdlib.h>
+
+namespace {
+
+template <class Rules> void Converse(const uint8_t *data, size_t size) {
+  kest_fuzz::FuzzInput in(data, size);
+  kest_fuzz::FuzzFlow sides[2];
+  kest_decoders::Dialog<Rules> dialog;
+  for (;;) {
+    const unsigned s = in.Byte() & 1;
+    if (!sides[s].Feed(in, 96)) {
+      break;
+    }
+    const bool leave = dialog.Read(sides[s].flow, s) == kest_decoders::Dialog<Rules>::LEAVE;
+    for (unsigned k = 0; k < 2; ++k) {
+      if (dialog.side[k].started != 0 && dialog.side[k].pos > sides[k].flow.End()) {
+        abort();
+      }
+    }
+    for (int i = 0; i < Rules::kNotes; ++i) {
+      if (dialog.notes.length[i] > kest_decoders::kNoteCapacity) {
+        abort();
+      }
+    }
+    if (leave) {
+      break;
+    }
+  }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const bool hooks = (kest_host_use_libc(), true);
+  (void)hooks;
+  Converse<kest_decoders::SshRules>(data, size);
+  Converse<kest_decoders::SmtpRules>(data, size);
+  Converse<kest_decoders::Pop3Rules>(data, size);
+  Converse<kest_decoders::ImapRules>(data, size);
+  Converse<kest_decoders::FtpRules>(data, size);
+  return 0;
+}
