@@ -67,7 +67,11 @@ unsigned int HttpLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, or
   const oru::FlowBuffer &other = conn->m_flow[1 - side];
   const FirstLine line = Judge(own);
   if (line == FirstLine::kRequest || line == FirstLine::kResponse) {
-    if (!conn->PushProtocol(m_thread->http)) {
+    // A connection that something named before (a host's rule on the
+    // transport) keeps that name: its messages are read, its stack is left.
+    const oru::AppStack &stack = *conn->GetAppStack();
+    m_name_stack = stack.entries.empty() || stack.entries.back().proto == parent->GetProtocol();
+    if (m_name_stack && !conn->PushProtocol(m_thread->http)) {
       return oru::INSPECT_FINISHED;
     }
     return Launch(parent, pkt, tuple, conn);
@@ -86,7 +90,7 @@ unsigned int HttpLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, or
 }
 
 oru::WebDpi *HttpLauncher::MakeInspector(oru::fdt::intrusive_ptr<oru::Conn> & /*conn*/) {
-  return oru::fdt::CreateObject<HttpDpi>(oru::fdt::OBJECT_LOCAL, m_thread);
+  return oru::fdt::CreateObject<HttpDpi>(oru::fdt::OBJECT_LOCAL, m_thread, m_name_stack);
 }
 
 unsigned int HttpDpi::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
@@ -172,6 +176,9 @@ bool HttpDpi::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHea
       header.m_protocol = kConnectMark;
     }
   }
+  if (!m_name_stack) {
+    return true;
+  }
   // Once named, HTTP stays where it is: a custom protocol a rule put above
   // it keeps the top of the stack for the connection's later messages.
   for (const oru::AppEntry &entry : conn->GetAppStack()->entries) {
@@ -185,7 +192,7 @@ bool HttpDpi::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHea
 unsigned int HttpDpi::StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                                   oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   if (!m_tunnel) {
-    if (m_switch == kWebSocket && !conn->PushProtocol(m_thread->websocket)) {
+    if (m_switch == kWebSocket && m_name_stack && !conn->PushProtocol(m_thread->websocket)) {
       return AbandonConnection(parent, conn);
     }
     // WebSocket frames say nothing more; and only a connection that may

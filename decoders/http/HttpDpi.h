@@ -34,8 +34,10 @@ struct HttpThread {
 // transport's other inspectors when the policy allows it.
 class HttpDpi final : public oru::WebDpi {
 public:
-  explicit HttpDpi(HttpThread *thread)
-      : WebDpi(&thread->methods, thread->rules, &thread->attributes), m_thread(thread) {}
+  // `name_stack` false leaves the connection's stack as it is.
+  HttpDpi(HttpThread *thread, bool name_stack)
+      : WebDpi(&thread->methods, thread->rules, &thread->attributes), m_thread(thread),
+        m_name_stack(name_stack) {}
 
   // Requests a side may have open; older ones are dropped beyond it.
   static constexpr size_t kMaxOpen = 16;
@@ -63,6 +65,7 @@ private:
                            oru::fdt::intrusive_ptr<oru::Conn> &conn);
 
   HttpThread *m_thread;
+  bool m_name_stack;
   // Set by a response that ends HTTP on the connection.
   Switch m_switch = kNone;
   // Whether the attached inspectors have been set up for the tunnel.
@@ -80,6 +83,8 @@ public:
 
 private:
   HttpThread *m_thread;
+  // Whether the connection being launched is to be named HTTP.
+  bool m_name_stack = true;
 };
 
 } // namespace kest_http

@@ -208,6 +208,12 @@ TEST_F(HttpConnTest, CustomRuleByHeader) {
                                       "TCP/HTTP/EXAPP"}));
   EXPECT_EQ(Run(8000, {{0, "GET / HTTP/1.1\r\nHost: example.org\r\n\r\n"}}),
             (std::vector<std::string>{"TCP/HTTP"}));
+  // A host's rule on the transport names the connection before HTTP is
+  // recognised: that name stays.
+  ASSERT_EQ(kest_rule_add(h, app, "TCP", ":8088"), 0);
+  kest_idle(h);
+  EXPECT_EQ(Run(8088, {{0, "GET / HTTP/1.1\r\nHost: example.org\r\n\r\n"}}),
+            (std::vector<std::string>{"TCP/EXAPP"}));
 }
 
 } // namespace
