@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     oru::WebLine line(methods, "HTTP");
     unsigned long long pos = 0;
     const int32_t want = got == kest_http::FirstLine::kRequest ? oru::WebLine::LINE_REQUEST
-                                                              : oru::WebLine::LINE_RESPONSE;
+                                                               : oru::WebLine::LINE_RESPONSE;
     if (!line.Parse(pieces.flow, pos, true) || line.m_type != want) {
       abort();
     }

@@ -206,9 +206,9 @@ unsigned int HttpDpi::StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
     rules->SetupInspection(t.src, t.dst, t.src_port, t.dst_port, 6, m_chain);
     m_tunnel = true;
     const unsigned char other = static_cast<unsigned char>(1 - SideOf(*conn));
-    parent->RegisterCallback(conn, other,
-                             oru::InspectorCallback(this, oru::MakeInspectorMethod(&HttpDpi::Tunnel)),
-                             EVENT_DATA);
+    parent->RegisterCallback(
+        conn, other, oru::InspectorCallback(this, oru::MakeInspectorMethod(&HttpDpi::Tunnel)),
+        EVENT_DATA);
   }
   return Tunnel(parent, pkt, tuple, conn);
 }

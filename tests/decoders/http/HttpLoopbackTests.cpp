@@ -171,10 +171,11 @@ TEST_F(HttpConnTest, AnyPortEitherSideFirst) {
 }
 
 TEST_F(HttpConnTest, UpgradeAndConnect) {
-  EXPECT_EQ(Run(9000, {{0, "GET /chat HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n"},
-                       {1, "HTTP/1.1 101 Switching Protocols\r\nUpgrade: WebSocket\r\n\r\n"},
-                       {1, std::string("\x81\x02hi", 4)}}),
-            (std::vector<std::string>{"TCP/HTTP", "TCP/HTTP/WebSocket", "TCP/HTTP/WebSocket"}));
+  EXPECT_EQ(
+      Run(9000, {{0, "GET /chat HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n"},
+                 {1, "HTTP/1.1 101 Switching Protocols\r\nUpgrade: WebSocket\r\n\r\n"},
+                 {1, std::string("\x81\x02hi", 4)}}),
+      (std::vector<std::string>{"TCP/HTTP", "TCP/HTTP/WebSocket", "TCP/HTTP/WebSocket"}));
   // Behind a CONNECT the connection is no longer read as HTTP; with the
   // chameleon policy the transport's other inspectors get the bytes (here
   // none is loaded, so the tunnel ends at once).
@@ -204,8 +205,7 @@ TEST_F(HttpConnTest, CustomRuleByHeader) {
   EXPECT_EQ(Run(8000, {{0, "GET / HTTP/1.1\r\nHost: api.example.com\r\n\r\n"},
                        {1, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"},
                        {0, "GET /2 HTTP/1.1\r\nHost: api.example.com\r\n\r\n"}}),
-            (std::vector<std::string>{"TCP/HTTP/EXAPP", "TCP/HTTP/EXAPP",
-                                      "TCP/HTTP/EXAPP"}));
+            (std::vector<std::string>{"TCP/HTTP/EXAPP", "TCP/HTTP/EXAPP", "TCP/HTTP/EXAPP"}));
   EXPECT_EQ(Run(8000, {{0, "GET / HTTP/1.1\r\nHost: example.org\r\n\r\n"}}),
             (std::vector<std::string>{"TCP/HTTP"}));
   // A host's rule on the transport names the connection before HTTP is

@@ -131,8 +131,8 @@ TEST_F(HttpSniffTest, SplitInvariance) {
 TEST_F(HttpSniffTest, AgreesWithTheLineReader) {
   oru::WebMethodTable methods;
   for (size_t i = 0; i < kest_http::kMethodCount; ++i) {
-    ASSERT_TRUE(methods.push_back(oru::WebMethod{kest_http::kMethods[i].name,
-                                                 kest_http::kMethods[i].length}));
+    ASSERT_TRUE(methods.push_back(
+        oru::WebMethod{kest_http::kMethods[i].name, kest_http::kMethods[i].length}));
   }
   for (const Row &row : Rows()) {
     if (row.expected != FirstLine::kRequest && row.expected != FirstLine::kResponse) {
