@@ -289,13 +289,26 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
       m_header[m_header_have++] = *data++;
       --length;
       const bool first_record = !m_header_checked;
-      if (m_header[0] != 22 && !(first_record && (m_header[0] & 0x80) != 0)) {
+      const bool alert_allowed = m_hs_have == 0;
+      if (m_header[0] != 22 && !(alert_allowed && m_header[0] == 21) &&
+          !(first_record && (m_header[0] & 0x80) != 0)) {
         return Fail();
       }
       if (m_header_have < sizeof m_header) {
         continue;
       }
       m_header_have = 0;
+      if (m_header[0] == 21) {
+        // An alert before the hello (a server's warning that it does not
+        // know the name asked for, say): two bytes, passed over.
+        const uint32_t version = static_cast<uint32_t>(m_header[1]) << 8 | m_header[2];
+        if (version < 0x0301 || version > 0x0304 || m_header[3] != 0 || m_header[4] != 2) {
+          return Fail();
+        }
+        m_skip = true;
+        m_record_left = 2;
+        continue;
+      }
       if (m_header[0] != 22) {
         // Two-byte length (top bit set), type 1, version 3.0 to 3.3.
         const bool legacy = m_header[2] == kClientHello && m_header[3] == 3 && m_header[4] <= 3;
@@ -310,6 +323,13 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
       continue;
     }
     size_t n = length < m_record_left ? length : m_record_left;
+    if (m_skip) {
+      data += n;
+      length -= n;
+      m_record_left -= static_cast<uint32_t>(n);
+      m_skip = m_record_left != 0;
+      continue;
+    }
     if (m_hs_have < sizeof m_hs_header) {
       m_hs_header[m_hs_have++] = *data++;
       --length;

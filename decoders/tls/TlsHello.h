@@ -12,7 +12,8 @@
 //
 //  - HelloAssembler takes one direction of a TCP stream, in pieces of any
 //    size, walks the TLS records (content type 22, version 0x0301..0x0304,
-//    length 1..18432) and collects the side's first handshake message, which
+//    length 1..18432; two-byte alerts before the hello are passed over) and
+//    collects the side's first handshake message, which
 //    may span records and segments, up to kMaxHandshake bytes. It copies
 //    only the bytes of that message, into one block from kest_malloc_local.
 //
@@ -156,6 +157,8 @@ private:
   bool m_type_checked = false;
   // Payload bytes of the current record still to come.
   uint32_t m_record_left = 0;
+  // The current record is an alert, passed over.
+  bool m_skip = false;
   // The handshake header, then the message in m_message.
   uint8_t m_hs_header[4] = {};
   uint8_t m_hs_have = 0;
