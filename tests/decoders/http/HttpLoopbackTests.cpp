@@ -134,11 +134,12 @@ protected:
                                bool chameleon = false) {
     kest_endpoint_t src{KEST_FAMILY_IPV4, htons(40000), {10, 0, 0, 1}};
     kest_endpoint_t dst{KEST_FAMILY_IPV4, htons(port), {10, 0, 0, 2}};
+    // The policy of new connections follows the setting from the next idle
+    // pass on.
+    EXPECT_EQ(kest_config_set(h, "conn.default_policy.chameleon", chameleon ? "1" : "0"), 0);
+    kest_idle(h);
     kest_conn_t conn = nullptr;
     EXPECT_EQ(kest_conn_create(h, &src, &dst, 6, &conn), 0);
-    if (chameleon) {
-      static_cast<oru::Conn *>(static_cast<oru::IConn *>(conn))->m_policy |= oru::POLICY_CHAMELEON;
-    }
     std::vector<std::string> stacks;
     for (const auto &[side, bytes] : talk) {
       std::string stack;
