@@ -75,7 +75,7 @@ const std::vector<Conversation> &Table() {
        2121,
        {{1, "220 Service ready\r\n"},
         {0, "USER anonymous\r\n"},
-        {1, "331 Please specify the password.\r\n"},
+        {1, "331 Password required.\r\n"},
         {0, "PASS guest\r\n"}},
        "FTP",
        {{"ftp.user", "anonymous"}}},
