@@ -180,7 +180,7 @@ Match Method(const char *token, size_t n) {
 // "METHOD target HTTP/1.x": one blank each side of a target of visible
 // bytes (above 0x7f allowed: some clients send raw UTF-8).
 Match RequestLine(Cursor c) {
-  char token[20];
+  char token[20] = {};
   size_t n = 0;
   while (true) {
     if (c.AtEnd()) {

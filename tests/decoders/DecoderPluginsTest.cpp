@@ -3,6 +3,7 @@
 // destroyed through the decoders' factories, and the instance closes and
 // opens again from scratch.
 #include "tests/decoders/DecoderTestSupport.h"
+#include "tests/support/PluginFolder.h"
 
 #include <filesystem>
 #include <set>
@@ -54,12 +55,11 @@ void ClassifyOnThread(kest_handle_t h, Seen &seen) {
   seen.fini = kest_fini(h);
 }
 
-class DecoderPluginsTest : public kest_test::InstanceFixture {};
+class DecoderPluginsTest : public kest_test::PluginFolderFixture {};
 
 TEST_F(DecoderPluginsTest, TwoThreadsClassifyThroughThePackedDecoders) {
-  kest_test::SetTransportRegistration(false); // the decoders are to name TCP and UDP
-  const std::string folder = FolderOf(KEST_TEST_TCP_PLG);
-  ASSERT_EQ(folder, FolderOf(KEST_TEST_UDP_PLG));
+  // The transports alone: they are to name TCP and UDP, first.
+  const std::string folder = Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG});
   long shared_after_first = -1;
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round);
