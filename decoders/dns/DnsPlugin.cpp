@@ -57,7 +57,7 @@ struct ThreadState {
   // The last message read; too large for the stack of every host.
   kest_dns::Summary summary;
 };
-ThreadState *t_state = nullptr;
+thread_local ThreadState *t_state = nullptr;
 
 // The multicast groups of mDNS and LLMNR.
 constexpr oru::IpAddr kMdnsV4 = oru::IpAddr::FromV4(0xE00000FB);
@@ -285,7 +285,7 @@ private:
 // This thread's inspector, with the reference this plug-in holds. A plain
 // pointer: a thread-local with a destructor may be gone before the thread's
 // kest_fini runs.
-DnsInspector *t_inspector = nullptr;
+thread_local DnsInspector *t_inspector = nullptr;
 
 const char *GetName() {
   return "dns";

@@ -9,6 +9,7 @@
 
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -226,6 +227,27 @@ TEST_F(DnsPluginRuns, WholePackets) {
     EXPECT_EQ(stack, run.stack);
     EXPECT_EQ(g_values, run.values);
   }
+  Close(h);
+}
+
+// Every classifying thread has its own inspector and state, made and
+// ended with the thread.
+TEST_F(DnsPluginRuns, ThreadsOfTheirOwn) {
+  const kest_handle_t h = Open();
+  const Bytes packet = Udp({10, 0, 0, 1}, {10, 0, 0, 2}, 40000, 15353, kQuery1);
+  std::string stacks[2];
+  auto classify = [&](std::string &stack) {
+    ASSERT_EQ(kest_init(h), 0);
+    kest_classify(h, KEST_SELECTOR_IP, packet.data(), static_cast<uint16_t>(packet.size()),
+                  nullptr, 0, LastStack, &stack);
+    EXPECT_EQ(kest_fini(h), 0);
+  };
+  std::thread first(classify, std::ref(stacks[0]));
+  std::thread second(classify, std::ref(stacks[1]));
+  first.join();
+  second.join();
+  EXPECT_EQ(stacks[0], "UDP/DNS");
+  EXPECT_EQ(stacks[1], "UDP/DNS");
   Close(h);
 }
 
