@@ -10,6 +10,8 @@ constexpr uint16_t kEtherVlan = 0x8100;
 constexpr uint16_t kEtherQinQ = 0x88A8;
 constexpr uint16_t kEtherQinQOld = 0x9100;
 constexpr uint16_t kEtherPppoe = 0x8864;
+constexpr uint16_t kEtherMpls = 0x8847;
+constexpr uint16_t kEtherMplsMulticast = 0x8848;
 constexpr uint16_t kPppIpv4 = 0x0021;
 constexpr uint16_t kPppIpv6 = 0x0057;
 
@@ -54,6 +56,25 @@ ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uin
     }
     type = Be16(data + at + 2);
     at += 4;
+  }
+  if (type == kEtherMpls || type == kEtherMplsMulticast) {
+    // Labels of 4 bytes down to the one with the bottom-of-stack bit; the
+    // packet behind says by its version nibble what it is.
+    for (;;) {
+      if (length < at + 4) {
+        return ParseResult::kMalformed;
+      }
+      const bool bottom = (data[at + 2] & 0x01) != 0;
+      at += 4;
+      if (bottom) {
+        break;
+      }
+    }
+    if (length <= at) {
+      return ParseResult::kMalformed;
+    }
+    const uint8_t version = data[at] >> 4;
+    return version == 4 || version == 6 ? ParseResult::kOk : ParseResult::kNotIp;
   }
   if (type == kEtherPppoe) {
     // Version/type, code, session, length, then the PPP protocol.

@@ -1,0 +1,170 @@
+#!/usr/bin/env python3
+"""Writes docs/accuracy.md: kest's labels beside a peer tool's, flow by flow.
+
+For every shared capture with a label file (../shared/pcaps/labels/FILE.txt,
+one line per flow as the peer saw it), runs kestcap --json and matches flows
+by protocol and end points (either orientation). Every flow the peer names
+by content ("DPI" confidence) as one of the protocols kest decodes is listed
+with kest's stack; disagreements carry a reason, from
+docs/accuracy-notes.tsv where a person wrote one, else from what the
+capture shows (no payload, one packet, not seen). Flows kest names that the
+peer calls Unknown are listed too.
+
+  scripts/accuracy.py [--kestcap PATH] [--plugins DIR] [--pcaps DIR] [--out FILE]
+"""
+import argparse
+import collections
+import ipaddress
+import json
+import os
+import subprocess
+import sys
+
+# The peer's names for what kest decodes, by the first part of its label.
+PEER_NAMES = {
+    "HTTP": "HTTP", "HTTP_Connect": "HTTP", "HTTP_Proxy": "HTTP",
+    "TLS": "TLS", "SMTPS": "TLS", "IMAPS": "TLS", "POP3S": "TLS", "FTPS": "TLS",
+    "DoH_DoT": "TLS", "QUIC": "QUIC", "DNS": "DNS", "MDNS": "MDNS", "LLMNR": "LLMNR",
+    "SSH": "SSH", "SMTP": "SMTP", "POP3": "POP3", "IMAP": "IMAP", "FTP_CONTROL": "FTP",
+    "FTP_DATA": "FTP_DATA", "SIP": "SIP", "RTSP": "RTSP", "SSDP": "SSDP", "RTP": "RTP",
+    "RTCP": "RTCP", "WebSocket": "WebSocket",
+}
+KEST_APPS = set(PEER_NAMES.values())
+
+
+def endpoint(text):
+    """'1.2.3.4:80' or '[::1]:80' as (address, port)."""
+    host, _, port = text.rpartition(":")
+    host = host.strip("[]")
+    try:
+        host = str(ipaddress.ip_address(host))
+    except ValueError:
+        pass
+    return host, int(port) if port.isdigit() else 0
+
+
+def key(proto, a, b):
+    return (proto.lower(),) + tuple(sorted([a, b]))
+
+
+def peer_flows(path):
+    flows = []
+    with open(path) as f:
+        for line in f:
+            if line.startswith("#"):
+                continue
+            cols = line.rstrip("\n").split("\t")
+            if len(cols) < 6:
+                continue
+            l4, client, server, label, host, confidence = cols[:6]
+            flows.append({
+                "key": key(l4, endpoint(client), endpoint(server)),
+                "label": label, "master": label.split(".")[0], "confidence": confidence,
+                "client": client, "server": server, "l4": l4,
+            })
+    return flows
+
+
+def kest_flows(kestcap, plugins, capture):
+    out = subprocess.run([kestcap, "--plugins", plugins, "--json", capture],
+                         capture_output=True, text=True, check=False)
+    flows = collections.defaultdict(list)
+    for line in out.stdout.splitlines():
+        try:
+            c = json.loads(line)
+        except ValueError:
+            continue
+        a = endpoint(f'{c["id.orig_h"]}:{c["id.orig_p"]}')
+        b = endpoint(f'{c["id.resp_h"]}:{c["id.resp_p"]}')
+        flows[key(c["proto"], a, b)].append(c)
+    return flows
+
+
+def best(records):
+    """The record of a flow that says most: named first, then most packets."""
+    return max(records, key=lambda c: (c["app"] != "unknown",
+                                       c["orig_pkts"] + c["resp_pkts"]))
+
+
+def reason_from_bytes(rec):
+    if rec is None:
+        return "kest saw no connection for these end points (not TCP/UDP, or cut away)"
+    if rec["orig_bytes"] + rec["resp_bytes"] == 0:
+        return "no payload in the capture: nothing to decide by content"
+    if rec["orig_bytes"] == 0 or rec["resp_bytes"] == 0:
+        return "one direction only: " + ("server" if rec["orig_bytes"] == 0 else "client") + \
+            " bytes alone did not say"
+    return ""
+
+
+def main():
+    root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--kestcap", default=os.path.join(root, "build/tools/kestcap/kestcap"))
+    parser.add_argument("--plugins", default=os.path.join(root, "build/plugins"))
+    parser.add_argument("--pcaps", default=os.path.join(root, "../shared/pcaps"))
+    parser.add_argument("--out", default=os.path.join(root, "docs/accuracy.md"))
+    parser.add_argument("--notes", default=os.path.join(root, "docs/accuracy-notes.tsv"))
+    args = parser.parse_args()
+    labels = os.path.join(args.pcaps, "labels")
+    if not os.path.isdir(labels):
+        sys.exit(f"no labels at {labels}")
+    notes = {}
+    if os.path.exists(args.notes):
+        with open(args.notes) as f:
+            for line in f:
+                if line.strip() and not line.startswith("#"):
+                    capture, flow, why = line.rstrip("\n").split("\t", 2)
+                    notes[(capture, flow)] = why
+    per_proto = collections.Counter()
+    agreed = collections.Counter()
+    disagreements = []
+    extra = []
+    for name in sorted(os.listdir(labels)):
+        capture = name[:-4] if name.endswith(".txt") else name
+        path = os.path.join(args.pcaps, capture)
+        if not os.path.exists(path):
+            continue
+        peers = peer_flows(os.path.join(labels, name))
+        kest = kest_flows(args.kestcap, args.plugins, path)
+        for p in peers:
+            records = kest.get(p["key"], [])
+            rec = best(records) if records else None
+            stack = rec["stack"] if rec else []
+            flow = f'{p["l4"]} {p["client"]} -> {p["server"]}'
+            want = PEER_NAMES.get(p["master"])
+            if want and p["confidence"].startswith("DPI"):
+                per_proto[want] += 1
+                if want in stack:
+                    agreed[want] += 1
+                else:
+                    why = notes.get((capture, flow)) or reason_from_bytes(rec) or \
+                        "kest named it " + (rec["app"] if rec else "nothing")
+                    disagreements.append((capture, flow, p["label"], "/".join(stack) or "-", why))
+            elif p["master"] == "Unknown" and rec and rec["app"] in KEST_APPS:
+                extra.append((capture, flow, "/".join(stack), notes.get((capture, flow), "")))
+    total = sum(per_proto.values())
+    with open(args.out, "w") as out:
+        out.write("# Agreement with a peer tool\n\n")
+        out.write("Made by `scripts/accuracy.py` from the shared captures and the peer's "
+                  "per-flow labels (`../shared/pcaps/labels/`). Only flows the peer names by "
+                  "content (confidence `DPI`) as a protocol kest decodes are counted. The peer is "
+                  "an opinion, not ground truth: each disagreement says why.\n\n")
+        out.write(f"{sum(agreed.values())} of {total} flows agree.\n\n")
+        out.write("| protocol | peer flows | kest agrees |\n|---|---:|---:|\n")
+        for proto in sorted(per_proto):
+            out.write(f"| {proto} | {per_proto[proto]} | {agreed[proto]} |\n")
+        out.write("\n## Disagreements\n\n| capture | flow | peer | kest stack | why |\n"
+                  "|---|---|---|---|---|\n")
+        for row in disagreements:
+            out.write("| " + " | ".join(row) + " |\n")
+        out.write("\n## Named by kest, Unknown to the peer\n\n| capture | flow | kest stack | note |\n"
+                  "|---|---|---|---|\n")
+        for row in extra:
+            out.write("| " + " | ".join(row) + " |\n")
+    print(f"{args.out}: {sum(agreed.values())} of {total} agree, {len(disagreements)} "
+          f"disagreements, {len(extra)} named where the peer found nothing", file=sys.stderr)
+
+
+if __name__ == "__main__":
+    main()
