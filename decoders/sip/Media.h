@@ -1,0 +1,95 @@
+// Media flows that signalling announces: the address and port an SDP body
+// ("c=IN IP4 ..." and "m=audio 49170 RTP/AVP 0") or an RTSP Transport
+// header ("client_port=4588-4589;server_port=6256-6257") says RTP will
+// arrive on. When the connection's policy allows future flows, each is
+// expected for a while on the UDP decoder's rule store, and the first
+// datagram of a matching flow is judged: RTP (version 2) or RTCP.
+//
+// The parsers are pure functions of the bytes, for the tests and the fuzz
+// target; the expectation needs a thread of the instance.
+#ifndef KEST_DECODERS_SIP_MEDIA_H
+#define KEST_DECODERS_SIP_MEDIA_H
+
+#include <kest/Conn.h>
+#include <kest/FlowBuffer.h>
+#include <kest/Inspector.h>
+#include <kest/IpAddr.h>
+#include <stddef.h>
+#include <stdint.h>
+
+namespace kest_sip {
+
+// One announced end point; an all-zero address is not known (the caller
+// fills in the sender's address).
+struct MediaPort {
+  oru::IpAddr addr;
+  uint16_t port;
+};
+
+struct MediaList {
+  static constexpr size_t kMax = 8;
+  MediaPort items[kMax];
+  size_t count = 0;
+
+  // False when full or for port 0 (a stream turned off).
+  bool Add(const oru::IpAddr &addr, uint16_t port);
+};
+
+// The RTP streams of an SDP body: one entry per "m=" line whose transport
+// holds "RTP", with the media-level "c=" address, else the session's. Lines
+// may end with "\r\n" or "\n". IPv6 connection addresses, multicast TTLs and
+// port counts are read past; only IPv4 addresses are kept.
+void ParseSdp(const char *data, size_t size, MediaList &out);
+
+// The ports of an RTSP Transport header value (several transports separated
+// by ","): client_port and server_port ranges (or single ports) and the
+// destination and source addresses. `client` and `server` default to the
+// RTSP connection's two ends.
+void ParseTransport(const char *data, size_t size, const oru::IpAddr &client,
+                    const oru::IpAddr &server, MediaList &out);
+
+// Copies at most `room` bytes of the flow from `from` to `to` into `out`;
+// the number copied (fewer in a hole or past the end).
+size_t CopyOut(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, char *out, size_t room);
+
+// The inspector that expected flows get, one per thread and plug-in. It
+// keeps the rules it added (a bounded number, the oldest dropped first) so
+// that it can take them back when its thread ends.
+class MediaInspector final : public oru::Inspector {
+public:
+  // Seconds an expectation waits for its flow.
+  static constexpr unsigned int kTimeout = 120;
+  static constexpr size_t kMaxRules = 64;
+
+  MediaInspector(uint32_t rtp, uint32_t rtcp) : m_rtp(rtp), m_rtcp(rtcp) {}
+
+  unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
+
+  // Expects each port (and the one above it, for RTCP) on UDP, when the
+  // policy of `conn` has POLICY_FUTUREFLOWS. Addresses not known take
+  // `sender`.
+  void Expect(const oru::Conn &conn, const MediaList &media, const oru::IpAddr &sender);
+  // Removes every rule still held (on the thread that added them).
+  void Withdraw();
+
+  // 1: RTP, 2: RTCP, 0: neither, for a datagram's first bytes.
+  static int Judge(const uint8_t *data, size_t size);
+
+private:
+  void AddOne(const oru::IpAddr &addr, uint16_t port);
+
+  struct Held {
+    oru::IpAddr addr;
+    uint16_t port;
+  };
+  uint32_t m_rtp;
+  uint32_t m_rtcp;
+  Held m_held[kMaxRules] = {};
+  size_t m_count = 0;
+  size_t m_next = 0;
+};
+
+} // namespace kest_sip
+
+#endif

@@ -1,0 +1,247 @@
+#include "sip/MessageLine.h"
+
+namespace kest_sip {
+
+namespace {
+
+const Word kSipVersions[] = {KEST_SIP_WORD("SIP/2.0")};
+const Word kSipMethods[] = {
+    KEST_SIP_WORD("INVITE"),    KEST_SIP_WORD("ACK"),     KEST_SIP_WORD("BYE"),
+    KEST_SIP_WORD("CANCEL"),    KEST_SIP_WORD("OPTIONS"), KEST_SIP_WORD("REGISTER"),
+    KEST_SIP_WORD("PRACK"),     KEST_SIP_WORD("SUBSCRIBE"), KEST_SIP_WORD("NOTIFY"),
+    KEST_SIP_WORD("PUBLISH"),   KEST_SIP_WORD("INFO"),    KEST_SIP_WORD("REFER"),
+    KEST_SIP_WORD("MESSAGE"),   KEST_SIP_WORD("UPDATE"),
+};
+
+const Word kRtspVersions[] = {KEST_SIP_WORD("RTSP/1.0"), KEST_SIP_WORD("RTSP/2.0")};
+const Word kRtspMethods[] = {
+    KEST_SIP_WORD("OPTIONS"),       KEST_SIP_WORD("DESCRIBE"),      KEST_SIP_WORD("ANNOUNCE"),
+    KEST_SIP_WORD("SETUP"),         KEST_SIP_WORD("PLAY"),          KEST_SIP_WORD("PAUSE"),
+    KEST_SIP_WORD("TEARDOWN"),      KEST_SIP_WORD("GET_PARAMETER"), KEST_SIP_WORD("SET_PARAMETER"),
+    KEST_SIP_WORD("REDIRECT"),      KEST_SIP_WORD("RECORD"),        KEST_SIP_WORD("PLAY_NOTIFY"),
+};
+
+const Word kSsdpVersions[] = {KEST_SIP_WORD("HTTP/1.1"), KEST_SIP_WORD("HTTP/1.0")};
+const Word kSsdpMethods[] = {KEST_SIP_WORD("M-SEARCH"), KEST_SIP_WORD("NOTIFY")};
+
+template <size_t N> constexpr size_t Count(const Word (&)[N]) {
+  return N;
+}
+
+enum class Match { kMore, kYes, kNo };
+
+// Reads the bytes of the line in order, up to the data's end or the length
+// limit, whichever comes first.
+class Cursor {
+public:
+  Cursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t end, uint64_t limit)
+      : m_flow(&flow), m_pos(from), m_end(end < limit ? end : limit), m_limited(end >= limit) {}
+
+  bool AtEnd() const { return m_pos >= m_end; }
+  unsigned char Peek() const { return static_cast<unsigned char>(m_flow->At(m_pos)); }
+  void Skip() { ++m_pos; }
+  // Running out of bytes: more may come, unless the limit cut the line.
+  Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
+
+  Match Literal(const char *text, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() != static_cast<unsigned char>(text[i])) {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  // One of the dialect's versions, whole.
+  Match Version(const Dialect &d) {
+    Match best = Match::kNo;
+    for (size_t i = 0; i < d.version_count; ++i) {
+      Cursor c = *this;
+      const Match m = c.Literal(d.versions[i].text, d.versions[i].length);
+      if (m == Match::kYes) {
+        *this = c;
+        return m;
+      }
+      if (m == Match::kMore) {
+        best = m;
+      }
+    }
+    return best;
+  }
+
+  Match Digits(int n) {
+    for (int i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() < '0' || Peek() > '9') {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  // "\r\n" or a bare "\n".
+  Match LineEnd() {
+    if (AtEnd()) {
+      return OutOfBytes();
+    }
+    if (Peek() == '\n') {
+      Skip();
+      return Match::kYes;
+    }
+    return Literal("\r\n", 2);
+  }
+
+  // Visible text up to the line's end; tabs allowed, other controls not.
+  Match Rest() {
+    while (!AtEnd()) {
+      const unsigned char b = Peek();
+      if (b == '\r' || b == '\n') {
+        return LineEnd();
+      }
+      if ((b < 0x20 && b != '\t') || b == 0x7f) {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return OutOfBytes();
+  }
+
+private:
+  const oru::FlowBuffer *m_flow;
+  uint64_t m_pos;
+  uint64_t m_end;
+  bool m_limited;
+};
+
+// "VERSION NNN reason", the reason possibly empty.
+Match StatusLine(Cursor c, const Dialect &d) {
+  Match m = c.Version(d);
+  if (m == Match::kYes) {
+    m = c.Literal(" ", 1);
+  }
+  if (m == Match::kYes) {
+    m = c.Digits(3);
+  }
+  if (m == Match::kYes) {
+    m = c.Literal(" ", 1);
+  }
+  return m != Match::kYes ? m : c.Rest();
+}
+
+// Whether the token is a method (kYes) or the beginning of one (kMore).
+Match Method(const Dialect &d, const char *token, size_t n) {
+  Match best = Match::kNo;
+  for (size_t i = 0; i < d.method_count; ++i) {
+    const Word &w = d.methods[i];
+    if (n > w.length) {
+      continue;
+    }
+    size_t k = 0;
+    while (k < n && token[k] == w.text[k]) {
+      ++k;
+    }
+    if (k == n) {
+      if (n == w.length) {
+        return Match::kYes;
+      }
+      best = Match::kMore;
+    }
+  }
+  return best;
+}
+
+// "METHOD target VERSION": one blank each side of a target of visible bytes.
+Match RequestLine(Cursor c, const Dialect &d) {
+  char token[20] = {};
+  size_t n = 0;
+  while (true) {
+    if (c.AtEnd()) {
+      return Method(d, token, n) == Match::kNo ? Match::kNo : c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == ' ') {
+      break;
+    }
+    if (n == sizeof token) {
+      return Match::kNo;
+    }
+    token[n++] = static_cast<char>(b);
+    if (Method(d, token, n) == Match::kNo) {
+      return Match::kNo;
+    }
+    c.Skip();
+  }
+  if (Method(d, token, n) != Match::kYes) {
+    return Match::kNo;
+  }
+  c.Skip();
+  size_t target = 0;
+  bool star = true;
+  while (true) {
+    if (c.AtEnd()) {
+      return c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == ' ') {
+      break;
+    }
+    if (b <= 0x20 || b == 0x7f) {
+      return Match::kNo;
+    }
+    star = star && b == '*';
+    ++target;
+    c.Skip();
+  }
+  if (target == 0 || (d.star_target && (target != 1 || !star))) {
+    return Match::kNo;
+  }
+  c.Skip();
+  const Match m = c.Version(d);
+  return m != Match::kYes ? m : c.LineEnd();
+}
+
+} // namespace
+
+const Dialect kSip{"SIP", kSipVersions, Count(kSipVersions), kSipMethods, Count(kSipMethods),
+                   false};
+const Dialect kRtsp{"RTSP",       kRtspVersions,        Count(kRtspVersions),
+                    kRtspMethods, Count(kRtspMethods), false};
+const Dialect kSsdp{"HTTP",       kSsdpVersions,        Count(kSsdpVersions),
+                    kSsdpMethods, Count(kSsdpMethods), true};
+
+FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from, uint64_t end,
+                         const Dialect &dialect) {
+  if (end > flow.End()) {
+    end = flow.End();
+  }
+  const uint64_t limit = from + kMaxFirstLine;
+  uint64_t p = from;
+  while (p < end && p < limit && (flow.At(p) == '\r' || flow.At(p) == '\n')) {
+    ++p;
+  }
+  if (p >= limit) {
+    return FirstLine::kNo;
+  }
+  if (p >= end) {
+    return FirstLine::kNeedMore;
+  }
+  const Match response = StatusLine(Cursor(flow, p, end, limit), dialect);
+  if (response == Match::kYes) {
+    return FirstLine::kResponse;
+  }
+  const Match request = RequestLine(Cursor(flow, p, end, limit), dialect);
+  if (request == Match::kYes) {
+    return FirstLine::kRequest;
+  }
+  return response == Match::kMore || request == Match::kMore ? FirstLine::kNeedMore
+                                                             : FirstLine::kNo;
+}
+
+} // namespace kest_sip
