@@ -7,36 +7,70 @@ namespace kestcap {
 
 namespace {
 
+// The length of the well-formed UTF-8 sequence at text[i], or 0.
+size_t Utf8Length(const std::string &text, size_t i) {
+  const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
+  const unsigned char c = byte(i);
+  const size_t n = c >= 0xF0 && c <= 0xF4   ? 4
+                   : c >= 0xE0 && c <= 0xEF ? 3
+                   : c >= 0xC2 && c <= 0xDF ? 2
+                                            : 0;
+  if (n == 0 || i + n > text.size()) {
+    return 0;
+  }
+  for (size_t k = 1; k < n; ++k) {
+    if ((byte(i + k) & 0xC0) != 0x80) {
+      return 0;
+    }
+  }
+  // No overlong forms, surrogates or values beyond U+10FFFF.
+  const unsigned char d = byte(i + 1);
+  if ((c == 0xE0 && d < 0xA0) || (c == 0xED && d > 0x9F) || (c == 0xF0 && d < 0x90) ||
+      (c == 0xF4 && d > 0x8F)) {
+    return 0;
+  }
+  return n;
+}
+
 void AppendJsonString(std::string &out, const std::string &text) {
   out += '"';
-  for (unsigned char c : text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
     switch (c) {
     case '"':
       out += "\\\"";
-      break;
+      continue;
     case '\\':
       out += "\\\\";
-      break;
+      continue;
     case '\n':
       out += "\\n";
-      break;
+      continue;
     case '\r':
       out += "\\r";
-      break;
+      continue;
     case '\t':
       out += "\\t";
-      break;
+      continue;
     default:
-      // Control bytes and bytes beyond ASCII are escaped one by one, so that
-      // any value makes valid JSON, whatever its encoding.
-      if (c < 0x20 || c >= 0x7F) {
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-        out += escaped;
-      } else {
-        out += static_cast<char>(c);
-      }
+      break;
     }
+    if (c >= 0x20 && c < 0x7F) {
+      out += static_cast<char>(c);
+      continue;
+    }
+    // Well-formed UTF-8 passes as it is; any other byte (a control byte,
+    // or one of a broken sequence) is written as the character of its
+    // value, so that every value makes valid JSON.
+    const size_t n = c >= 0x80 ? Utf8Length(text, i) : 0;
+    if (n != 0) {
+      out.append(text, i, n);
+      i += n - 1;
+      continue;
+    }
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+    out += escaped;
   }
   out += '"';
 }
