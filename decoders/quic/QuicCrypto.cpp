@@ -16,6 +16,8 @@ constexpr uint8_t kSaltV1[20] = {0x38, 0x76, 0x2c, 0xf7, 0xf5, 0x59, 0x34, 0xb3,
                                  0x9a, 0xe6, 0xa4, 0xc8, 0x0c, 0xad, 0xcc, 0xbb, 0x7f, 0x0a};
 constexpr uint8_t kSaltV2[20] = {0x0d, 0xed, 0xe3, 0xde, 0xf7, 0x00, 0xa6, 0xdb, 0x81, 0x93,
                                  0x81, 0xbe, 0x6e, 0x26, 0x9d, 0xcb, 0xf9, 0xbd, 0x2e, 0xd9};
+constexpr uint8_t kSaltDraft23[20] = {0xc3, 0xee, 0xf7, 0x12, 0xc7, 0x2e, 0xbb, 0x5a, 0x11, 0xa7,
+                                      0xd2, 0x43, 0x2b, 0xb4, 0x63, 0x65, 0xbe, 0xf9, 0xf5, 0x02};
 constexpr uint8_t kSaltDraft29[20] = {0xaf, 0xbf, 0xec, 0x28, 0x99, 0x93, 0xd2, 0x4c, 0x9e, 0x97,
                                       0x86, 0xf1, 0x9c, 0x61, 0x11, 0xe0, 0x43, 0x90, 0xa8, 0x99};
 
@@ -237,10 +239,13 @@ KeyFamily KeyFamilyOf(uint32_t version) {
   if (version == 0x6b3343cf) {
     return KeyFamily::kV2;
   }
-  // Drafts 29 to 32 share one salt and version 1's labels; late clients
-  // still offered draft 29.
+  // Drafts 29 to 32 share one salt, drafts 23 to 28 another, both with
+  // version 1's labels; clients went on offering them well after version 1.
   if (version >= 0xff00001d && version <= 0xff000020) {
     return KeyFamily::kDraft29;
+  }
+  if (version >= 0xff000017 && version <= 0xff00001c) {
+    return KeyFamily::kDraft23;
   }
   return KeyFamily::kNone;
 }
@@ -251,9 +256,10 @@ bool DeriveClientInitialKeys(uint32_t version, const uint8_t *dcid, size_t dcid_
   if (family == KeyFamily::kNone || dcid_length > 20) {
     return false;
   }
-  const uint8_t *salt = family == KeyFamily::kV2      ? kSaltV2
-                        : family == KeyFamily::kV1    ? kSaltV1
-                                                      : kSaltDraft29;
+  const uint8_t *salt = family == KeyFamily::kV2        ? kSaltV2
+                        : family == KeyFamily::kV1      ? kSaltV1
+                        : family == KeyFamily::kDraft29 ? kSaltDraft29
+                                                        : kSaltDraft23;
   const bool v2 = family == KeyFamily::kV2;
   uint8_t initial[kHashSize];
   HkdfExtract(salt, 20, dcid, dcid_length, initial);

@@ -60,7 +60,7 @@ private:
 };
 
 // The versions whose Initial keys are known to a passive reader.
-enum class KeyFamily { kNone, kV1, kV2, kDraft29 };
+enum class KeyFamily { kNone, kV1, kV2, kDraft23, kDraft29 };
 KeyFamily KeyFamilyOf(uint32_t version);
 
 // The client's Initial keys for one Destination Connection ID.

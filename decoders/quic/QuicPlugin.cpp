@@ -195,10 +195,19 @@ private:
         return;
       }
       if (!c.named) {
-        Name(state, c, header.version, conn);
-        if (!c.named) {
+        if (!conn.PushProtocol(state.proto)) {
+          c.done = true;
           return;
         }
+        c.named = true;
+        SetVersion(state, c, header.version);
+      } else if (c.version == kest_quic::kVersionNegotiation &&
+                 header.version != kest_quic::kVersionNegotiation) {
+        // The client's next attempt after a version negotiation.
+        SetVersion(state, c, header.version);
+      }
+      if (c.done) {
+        return;
       }
       if (header.type == kest_quic::PacketType::kInitial &&
           (c.client_side < 0 || c.client_side == static_cast<int8_t>(side))) {
@@ -208,17 +217,14 @@ private:
     }
   }
 
-  void Name(ThreadState &state, ConnState &c, uint32_t version, oru::Conn &conn) {
-    if (!conn.PushProtocol(state.proto)) {
-      c.done = true;
-      return;
-    }
-    c.named = true;
+  void SetVersion(ThreadState &state, ConnState &c, uint32_t version) {
     c.version = version;
     char text[16];
     Publish(state.version_id, text, kest_quic::VersionText(version, text, sizeof text));
-    // Nothing more to learn where the Initial keys are unknown.
-    if (kest_quic::KeyFamilyOf(version) == kest_quic::KeyFamily::kNone) {
+    // Nothing more to learn where the Initial keys are unknown; a version
+    // negotiation is followed by the client's next try.
+    if (version != kest_quic::kVersionNegotiation &&
+        kest_quic::KeyFamilyOf(version) == kest_quic::KeyFamily::kNone) {
       c.done = true;
     }
   }
@@ -228,7 +234,8 @@ private:
   // (the client's first Initials, or the new ones after a Retry).
   void Initial(ThreadState &state, ConnState &c, const uint8_t *packet,
                const kest_quic::LongHeader &header, unsigned side) {
-    if (c.opened >= kMaxOpened || c.attempts >= kMaxAttempts || state.scratch == nullptr) {
+    if (c.opened >= kMaxOpened || c.attempts >= kMaxAttempts || state.scratch == nullptr ||
+        header.packet_length > kScratch) {
       return;
     }
     const uint8_t *payload = nullptr;

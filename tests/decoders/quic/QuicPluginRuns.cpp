@@ -144,7 +144,8 @@ TEST_P(QuicPluginRuns, HelloAcrossPackets) {
 }
 
 // Not named: short headers only, an unknown version, and noise on 443;
-// named from the server's side alone by a version negotiation packet.
+// named from the server's side alone by a version negotiation packet, and
+// read on when the client tries again.
 TEST_P(QuicPluginRuns, WhatIsAndIsNotNamed) {
   const kest_handle_t h = Open();
   Bytes short_header(60, 0x5a);
@@ -158,6 +159,10 @@ TEST_P(QuicPluginRuns, WhatIsAndIsNotNamed) {
   const Bytes negotiation = Hex("8a000000000401020304" "04a1b2c3d4" "000000016b3343cf");
   EXPECT_EQ(Run(h, {{1, negotiation}}, 784), "UDP/QUIC");
   EXPECT_EQ(g_values, (std::vector<std::string>{"quic.version=0x00000000"}));
+  // The client's next try, in a version both speak, is still read.
+  EXPECT_EQ(Run(h, {{0, Hex(kV1ClientInitial)}}, 784), "UDP/QUIC");
+  EXPECT_EQ(g_values, (std::vector<std::string>{"quic.version=0x00000000", "quic.version=1",
+                                                "tls.server_name=example.com", "tls.alpn=alpn"}));
   Close(h);
 }
 
