@@ -145,6 +145,17 @@ FlowRecord &Worker::Record(kest_conn_id_t id) {
     // The connection is the active one here: its end points, client first.
     kest_endpoint_get(m_h, id, &record.client, &record.server);
     record.protocol = m_now.packet.protocol;
+    // The library reads an IPv6 address with twelve zero bytes (::1) as
+    // IPv4; the packet says which it was.
+    if (m_now.packet.ip_version == 6) {
+      for (kest_endpoint_t *end : {&record.client, &record.server}) {
+        if (end->family == KEST_FAMILY_IPV4) {
+          std::memmove(end->address + 12, end->address, 4);
+          std::memset(end->address, 0, 12);
+          end->family = KEST_FAMILY_IPV6;
+        }
+      }
+    }
   }
   m_cached_id = id;
   m_cached = &record;
