@@ -6,7 +6,8 @@ one line per flow as the peer saw it), runs kestcap --json and matches flows
 by protocol and end points (either orientation). Every flow the peer names
 by content ("DPI" confidence) as one of the protocols kest decodes is listed
 with kest's stack; disagreements carry a reason, from
-docs/accuracy-notes.tsv where a person wrote one, else from what the
+docs/accuracy-notes.tsv where a person wrote one (flow "*": every flow of
+the capture), else from what the
 capture shows (no payload, one packet, not seen). Flows kest names that the
 peer calls Unknown are listed too.
 
@@ -138,11 +139,13 @@ def main():
                 if want in stack:
                     agreed[want] += 1
                 else:
-                    why = notes.get((capture, flow)) or reason_from_bytes(rec) or \
+                    why = notes.get((capture, flow)) or notes.get((capture, "*")) or \
+                        reason_from_bytes(rec) or \
                         "kest named it " + (rec["app"] if rec else "nothing")
                     disagreements.append((capture, flow, p["label"], "/".join(stack) or "-", why))
             elif p["master"] == "Unknown" and rec and rec["app"] in KEST_APPS:
-                extra.append((capture, flow, "/".join(stack), notes.get((capture, flow), "")))
+                extra.append((capture, flow, "/".join(stack),
+                              notes.get((capture, flow)) or notes.get((capture, "*"), "")))
     total = sum(per_proto.values())
     with open(args.out, "w") as out:
         out.write("# Agreement with a peer tool\n\n")
