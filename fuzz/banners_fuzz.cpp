@@ -19,14 +19,21 @@ template <class Rules> void Converse(const uint8_t *data, size_t size) {
   kest_fuzz::FuzzInput in(data, size);
   kest_fuzz::FuzzFlow sides[2];
   kest_decoders::Dialog<Rules> dialog;
+  // Half the inputs read on after the protocol is known, as far as a turn
+  // to TLS.
+  dialog.follow = size & 1;
   for (;;) {
     const unsigned s = in.Byte() & 1;
     if (!sides[s].Feed(in, 96)) {
       break;
     }
-    const bool leave = dialog.Read(sides[s].flow, s) == kest_decoders::Dialog<Rules>::LEAVE;
+    const typename kest_decoders::Dialog<Rules>::Outcome outcome = dialog.Read(sides[s].flow, s);
+    const bool leave = outcome != kest_decoders::Dialog<Rules>::WAIT;
+    if (outcome == kest_decoders::Dialog<Rules>::UPGRADE && dialog.follow == 0) {
+      abort();
+    }
     for (unsigned k = 0; k < 2; ++k) {
-      if (dialog.side[k].started != 0 && dialog.side[k].pos > sides[k].flow.End()) {
+      if (dialog.From(k, sides[k].flow.End()) > sides[k].flow.End()) {
         abort();
       }
     }

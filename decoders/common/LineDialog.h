@@ -21,10 +21,19 @@
 //   Opening(state, side, bytes, n)    false when a side's first line cannot
 //                                     begin with these bytes
 //   Line(state, notes, side, text, length, full)   a bit set of LINE_* below
+//
+// A protocol that can turn to TLS on the same connection (STARTTLS and its
+// kin) says LINE_TLS at the line that accepts it. When the connection's
+// policy allows a change of protocol, the bytes of both sides behind the
+// last lines read then go to a fresh chain of the transport's inspectors
+// (InnerChain.h), so that the TLS decoder names them above this protocol.
+// For that the reading goes on where the rules would otherwise stop
+// (LINE_LEARNT) until the turn can no longer come (LINE_PLAIN, LINE_DONE).
 #ifndef KEST_DECODERS_LINEDIALOG_H
 #define KEST_DECODERS_LINEDIALOG_H
 
 #include "common/AppAttach.h"
+#include "common/InnerChain.h"
 #include "common/TextLine.h"
 #include "common/TransportPlugin.h"
 
@@ -50,6 +59,13 @@ enum : unsigned {
   LINE_DONE = 4,
   // Not this protocol (after LINE_MINE: nothing more to learn).
   LINE_NOT_MINE = 8,
+  // Nothing more to learn, but the connection may still turn to TLS.
+  LINE_LEARNT = 16,
+  // The connection can no longer turn to TLS.
+  LINE_PLAIN = 32,
+  // The line accepts TLS: both sides' bytes behind their last lines are
+  // TLS. Comes with LINE_DONE for readers that do not follow the turn.
+  LINE_TLS = 64,
 };
 
 // Values the rules take from lines, to publish once the protocol is named.
@@ -80,7 +96,8 @@ template <int N> struct Notes {
 // One connection's reading, free of the library's connection objects so
 // that tests and the fuzz target drive it on flows of their own.
 template <class Rules> struct Dialog {
-  enum Outcome { WAIT, LEAVE };
+  // UPGRADE: the connection turned to TLS behind the last lines read (From).
+  enum Outcome { WAIT, LEAVE, UPGRADE };
 
   struct Side {
     uint64_t pos = 0;
@@ -93,6 +110,11 @@ template <class Rules> struct Dialog {
   typename Rules::State state = {};
   Notes<Rules::kNotes> notes;
   uint8_t mine = 0;
+  // Whether a turn to TLS is followed: the reading goes on after
+  // LINE_LEARNT until LINE_PLAIN or LINE_TLS.
+  uint8_t follow = 0;
+  uint8_t learnt = 0;
+  uint8_t plain = 0;
 
   // Reads the side's complete lines; LEAVE when nothing more is to be
   // learnt (the protocol named or not).
@@ -121,7 +143,15 @@ template <class Rules> struct Dialog {
       if ((say & LINE_NOT_MINE) != 0) {
         return LEAVE;
       }
+      if ((say & LINE_TLS) != 0 && follow != 0) {
+        return UPGRADE;
+      }
       if ((say & LINE_DONE) != 0) {
+        return LEAVE;
+      }
+      plain |= (say & LINE_PLAIN) != 0 ? 1 : 0;
+      learnt |= (say & LINE_LEARNT) != 0 ? 1 : 0;
+      if (learnt != 0 && (follow == 0 || plain != 0)) {
         return LEAVE;
       }
       if ((say & LINE_SIDE_DONE) != 0) {
@@ -129,6 +159,13 @@ template <class Rules> struct Dialog {
       }
     }
     return side[0].done != 0 && side[1].done != 0 ? LEAVE : WAIT;
+  }
+
+  // Where the side's bytes stop being lines: behind the last line read, or
+  // `unread` for a side not read at all.
+  uint64_t From(unsigned s, uint64_t unread) const {
+    const Side &me = side[s & 1];
+    return me.started != 0 ? me.pos : unread;
   }
 
   // Whether the side holds bytes not yet read as a line.
@@ -156,13 +193,17 @@ private:
 };
 
 // The thread's inspector: one Dialog per connection, by connection number,
-// dropped when the inspector leaves the connection's chain.
+// dropped when the inspector leaves the connection's chain. After a turn to
+// TLS it stays on the chain and passes every packet to the connection's
+// inner chain until nothing there waits.
 template <class Rules> class DialogInspector final : public oru::Inspector {
 public:
-  unsigned int Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt, oru::Tuple & /*tuple*/,
+  unsigned int Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt, oru::Tuple &tuple,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
     oru::Conn *c = conn.get();
-    if (c == nullptr) {
+    if (c == nullptr || c == m_inside) {
+      // The inner chain is built from the same rules, so it holds this
+      // inspector too: the bytes inside are not this protocol's lines.
       return oru::INSPECT_FINISHED;
     }
     typename DialogMap::iterator it = m_dialogs.find(c->m_number);
@@ -171,8 +212,13 @@ public:
       if (it == m_dialogs.end()) {
         return oru::INSPECT_FINISHED;
       }
+      it->second.dialog.follow = (c->m_policy & oru::POLICY_CHAMELEON) != 0 ? 1 : 0;
     }
-    Dialog<Rules> &dialog = it->second;
+    Entry &entry = it->second;
+    if (entry.inner.get() != nullptr) {
+      return PassInner(entry, pkt, tuple, conn);
+    }
+    Dialog<Rules> &dialog = entry.dialog;
     const unsigned s = pkt.side != 0 ? 1 : 0;
     const bool known = dialog.mine != 0;
     const typename Dialog<Rules>::Outcome outcome = dialog.Read(c->m_flow[s], s);
@@ -181,6 +227,16 @@ public:
         return oru::INSPECT_FINISHED;
       }
       Publish(*c, dialog.notes);
+    }
+    if (outcome == Dialog<Rules>::UPGRADE) {
+      const uint64_t from[2] = {dialog.From(0, c->m_flow[0].m_next_pos),
+                                dialog.From(1, c->m_flow[1].m_next_pos)};
+      entry.inner = InnerChain::Start(*c, 6, m_proto, from);
+      if (entry.inner.get() == nullptr) {
+        return oru::INSPECT_FINISHED;
+      }
+      // The accepting line's packet may carry the first inner bytes.
+      return PassInner(entry, pkt, tuple, conn);
     }
     if (outcome == Dialog<Rules>::LEAVE) {
       return oru::INSPECT_FINISHED;
@@ -193,9 +249,21 @@ public:
   }
 
   void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
-    if (conn.get() != nullptr) {
-      m_dialogs.erase(conn->m_number);
+    oru::Conn *c = conn.get();
+    if (c == nullptr || c == m_inside) {
+      // This inspector's entry of the inner chain: the dialog goes on.
+      return;
     }
+    typename DialogMap::iterator it = m_dialogs.find(c->m_number);
+    if (it == m_dialogs.end()) {
+      return;
+    }
+    if (it->second.inner.get() != nullptr) {
+      m_inside = c;
+      it->second.inner->End(conn);
+      m_inside = nullptr;
+    }
+    m_dialogs.erase(it);
   }
 
   bool Start() {
@@ -218,7 +286,23 @@ public:
   }
 
 private:
-  using DialogMap = oru::Map<uint64_t, Dialog<Rules>>;
+  struct Entry {
+    Dialog<Rules> dialog;
+    // Set once the connection turned to TLS.
+    oru::fdt::intrusive_ptr<InnerChain> inner;
+  };
+  using DialogMap = oru::Map<uint64_t, Entry>;
+
+  // The packet to the inner chain; the inspector leaves (never abandons,
+  // whatever the inner chain answered) once nothing inside waits.
+  unsigned int PassInner(Entry &entry, oru::PktInfo &pkt, oru::Tuple &tuple,
+                         oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+    m_inside = conn.get();
+    entry.inner->Pass(pkt, tuple, conn);
+    const bool done = entry.inner->Done();
+    m_inside = nullptr;
+    return done ? oru::INSPECT_FINISHED : oru::INSPECT_STAY;
+  }
 
   // Each note once, to whoever listens, when the connection allows it.
   void Publish(const oru::Conn &conn, Notes<Rules::kNotes> &notes) {
@@ -236,6 +320,8 @@ private:
   }
 
   DialogMap m_dialogs;
+  // The connection whose inner chain runs now.
+  oru::Conn *m_inside = nullptr;
   uint32_t m_proto = 0;
   int m_ids[Rules::kNotes > 0 ? Rules::kNotes : 1] = {};
 };

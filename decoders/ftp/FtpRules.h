@@ -3,7 +3,7 @@
 // FTP only when it says FTP (and not SMTP); otherwise a command has to be
 // answered. SMTP's commands end the reading at once. With only the client's
 // side in view, two commands, one of them FTP's own (not shared with POP3),
-// are enough.
+// are enough. AUTH TLS (or SSL) answered 234 turns the connection to TLS.
 #ifndef KEST_DECODERS_FTPRULES_H
 #define KEST_DECODERS_FTPRULES_H
 
@@ -107,8 +107,11 @@ struct FtpRules {
       state.answered = 1;
       if (state.tls != 0 && code == 234) {
         // TLS from here on.
-        return state.mine != 0 || state.greeted != 0 ? LINE_MINE | LINE_DONE : LINE_DONE;
+        state.tls = 0;
+        return state.mine != 0 || state.greeted != 0 ? LINE_MINE | LINE_TLS | LINE_DONE
+                                                     : LINE_TLS | LINE_DONE;
       }
+      state.tls = 0;
       if (state.greeted != 0 || state.own != 0) {
         return Mine(state, notes);
       }
@@ -128,7 +131,11 @@ struct FtpRules {
       state.own = 1;
     }
     if (command == kAuth) {
-      state.tls = 1;
+      // Other mechanisms (GSSAPI...) go on in the clear.
+      const TextSpan how = Rest(text, length, 4);
+      state.tls = StartsWith(how.text, how.length, "TLS") || StartsWith(how.text, how.length, "SSL")
+                      ? 1
+                      : 0;
     }
     if (command == kUser) {
       notes.Set(0, Rest(text, length, 4));

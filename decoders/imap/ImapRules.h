@@ -2,7 +2,9 @@
 // greeting followed by a tagged command, or tagged commands alone: one that
 // opens a session (CAPABILITY, LOGIN, AUTHENTICATE, STARTTLS) answered by
 // the server, or two in a row. A tag is a run of atom characters other
-// than "+".
+// than "+". A STARTTLS whose tag the server answers OK turns the
+// connection to TLS; it may only come before the client logs in, so a
+// command of the logged-in client (SELECT, LIST...) ends the watch for it.
 #ifndef KEST_DECODERS_IMAPRULES_H
 #define KEST_DECODERS_IMAPRULES_H
 
@@ -29,6 +31,7 @@ struct ImapRules {
 
   // Commands that open a session first, from kOpeners on the rest.
   static constexpr int kOpeners = 4;
+  static constexpr int kStartTls = 3;
   static constexpr const char *kCommands[] = {
       "CAPABILITY",  "LOGIN",        "AUTHENTICATE", "STARTTLS", "NOOP",   "LOGOUT",
       "SELECT",      "EXAMINE",      "CREATE",       "DELETE",   "RENAME", "SUBSCRIBE",
@@ -44,6 +47,9 @@ struct ImapRules {
     uint8_t greeted;
     uint8_t tagged;
     uint8_t opener;
+    // The tag of a STARTTLS not answered yet (tls_tag_length 0: none).
+    uint8_t tls_tag_length;
+    char tls_tag[kMaxTag];
   };
 
   static bool IsTagChar(char c) {
@@ -59,6 +65,20 @@ struct ImapRules {
       ++n;
     }
     return n != 0 && n < length && text[n] == ' ' ? n : 0;
+  }
+
+  // The tag of the STARTTLS waiting for its answer (tags are compared
+  // byte for byte).
+  static bool IsTlsTag(const State &state, const char *text, uint32_t tag) {
+    if (state.tls_tag_length == 0 || tag != state.tls_tag_length) {
+      return false;
+    }
+    for (uint32_t i = 0; i < tag; ++i) {
+      if (text[i] != state.tls_tag[i]) {
+        return false;
+      }
+    }
+    return true;
   }
 
   static bool Opening(State &, unsigned, const char *bytes, uint32_t n) {
@@ -90,20 +110,34 @@ struct ImapRules {
     if (StartsWith(text, length, "* ")) {
       if (first && CommandIndex(text + 2, length - 2, kStatuses) >= 0) {
         state.greeted = 1;
+        // Already logged in: no STARTTLS may follow.
+        const unsigned plain = StartsWith(text, length, "* PREAUTH") ? LINE_PLAIN : LINE_GO_ON;
         if (Contains(text, length, "IMAP")) {
-          return LINE_MINE | LINE_DONE;
+          return LINE_MINE | LINE_LEARNT | plain;
+        }
+        if (plain != 0) {
+          return plain;
         }
       }
-      return state.tagged != 0 && state.opener != 0 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+      return state.tagged != 0 && state.opener != 0 ? LINE_MINE | LINE_LEARNT : LINE_GO_ON;
     }
     if (IsCommand(text, length, "+")) {
-      return state.tagged != 0 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+      return state.tagged != 0 ? LINE_MINE | LINE_LEARNT : LINE_GO_ON;
     }
     const uint32_t tag = TagLength(text, length);
-    if (tag != 0 && CommandIndex(text + tag + 1, length - tag - 1, kStatuses) >= 0) {
-      return state.tagged != 0 && state.opener != 0 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+    const int status = tag != 0 ? CommandIndex(text + tag + 1, length - tag - 1, kStatuses) : -1;
+    if (status < 0) {
+      return LINE_NOT_MINE;
     }
-    return LINE_NOT_MINE;
+    const unsigned named = state.tagged != 0 && state.opener != 0 ? LINE_MINE : LINE_GO_ON;
+    if (IsTlsTag(state, text, tag)) {
+      state.tls_tag_length = 0;
+      if (status == 0) {
+        // TLS from here on.
+        return named | LINE_TLS | LINE_DONE;
+      }
+    }
+    return named != 0 ? named | LINE_LEARNT : LINE_GO_ON;
   }
 
   static unsigned ClientLine(State &state, const char *text, uint32_t length) {
@@ -116,7 +150,19 @@ struct ImapRules {
     if (command < kOpeners) {
       state.opener = 1;
     }
-    return state.greeted != 0 || state.tagged >= 2 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+    // Commands of a client not logged in yet (a failed LOGIN leaves it
+    // there), where alone STARTTLS may come.
+    static const char *const kBeforeLogin[] = {"CAPABILITY",   "STARTTLS", "NOOP", "ID",
+                                               "AUTHENTICATE", "LOGIN",    "LOGOUT", nullptr};
+    const bool before_login = CommandIndex(text + tag + 1, length - tag - 1, kBeforeLogin) >= 0;
+    if (command == kStartTls) {
+      for (uint32_t i = 0; i < tag; ++i) {
+        state.tls_tag[i] = text[i];
+      }
+      state.tls_tag_length = static_cast<uint8_t>(tag);
+    }
+    const unsigned plain = before_login ? LINE_GO_ON : LINE_PLAIN;
+    return state.greeted != 0 || state.tagged >= 2 ? LINE_MINE | LINE_LEARNT | plain : plain;
   }
 
   static unsigned Line(State &state, Notes<kNotes> &, unsigned side, const char *text,

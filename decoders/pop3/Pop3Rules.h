@@ -2,7 +2,9 @@
 // only when it says POP; otherwise the client must send a POP3 command
 // (QUIT and NOOP do not count) and the server answer it with +OK or -ERR.
 // With only the client's side in view, two commands, one of them POP3's own
-// (not shared with FTP), are enough.
+// (not shared with FTP), are enough. STLS answered +OK turns the connection
+// to TLS; it may only come before the client logs in, so a command of the
+// logged-in client (LIST, RETR, STAT...) ends the watch for it.
 #ifndef KEST_DECODERS_POP3RULES_H
 #define KEST_DECODERS_POP3RULES_H
 
@@ -79,7 +81,7 @@ struct Pop3Rules {
         return LINE_GO_ON;
       }
       state.greeted = 1;
-      return Contains(text, length, "POP") ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+      return Contains(text, length, "POP") ? LINE_MINE | LINE_LEARNT : LINE_GO_ON;
     }
     if (state.asked == 0) {
       return LINE_GO_ON;
@@ -88,11 +90,14 @@ struct Pop3Rules {
     if (ok && state.list_asked != 0) {
       state.in_list = 1;
     }
-    if (state.tls != 0 && ok) {
-      // TLS from here on.
-      return state.greeted != 0 ? LINE_MINE | LINE_DONE : LINE_DONE;
+    if (state.tls != 0) {
+      state.tls = 0;
+      if (ok) {
+        // TLS from here on.
+        return state.greeted != 0 ? LINE_MINE | LINE_TLS | LINE_DONE : LINE_TLS | LINE_DONE;
+      }
     }
-    return state.greeted != 0 || state.own != 0 ? LINE_MINE | LINE_DONE : LINE_GO_ON;
+    return state.greeted != 0 || state.own != 0 ? LINE_MINE | LINE_LEARNT : LINE_GO_ON;
   }
 
   static unsigned ClientLine(State &state, const char *text, uint32_t length) {
@@ -111,6 +116,14 @@ struct Pop3Rules {
     if (command < kCounted) {
       return LINE_GO_ON;
     }
+    // Past the login STLS may no longer come; a failed AUTH or PASS still
+    // leaves the client before it.
+    const unsigned plain = IsCommand(word, 4, "LIST") || IsCommand(word, 4, "RETR") ||
+                                   IsCommand(word, 4, "DELE") || IsCommand(word, 4, "STAT") ||
+                                   IsCommand(word, 4, "UIDL") || IsCommand(word, 3, "TOP") ||
+                                   IsCommand(word, 4, "RSET")
+                               ? LINE_PLAIN
+                               : LINE_GO_ON;
     state.asked = 1;
     ++state.commands;
     if (command >= kOwn) {
@@ -120,9 +133,9 @@ struct Pop3Rules {
       state.tls = 1;
     }
     if (state.server_lines == 0 && state.commands >= 2 && state.own != 0) {
-      return LINE_MINE | LINE_DONE;
+      return LINE_MINE | LINE_LEARNT | plain;
     }
-    return LINE_GO_ON;
+    return plain;
   }
 
   static unsigned Line(State &state, Notes<kNotes> &, unsigned side, const char *text,

@@ -108,7 +108,11 @@ struct SmtpRules {
     state.in_greeting = 0;
     if (state.tls != 0 && code == 220) {
       // TLS from here on.
-      return LINE_DONE;
+      return LINE_TLS | LINE_DONE;
+    }
+    if (code >= 400) {
+      // A refused STARTTLS leaves the dialogue in the clear.
+      state.tls = 0;
     }
     if (state.hello != 0 && state.answered == 0 && code == 250) {
       state.answered = 1;

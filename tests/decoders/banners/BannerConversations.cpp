@@ -4,8 +4,14 @@
 // client (the connection's first end point). Near misses end as TCP alone.
 // The same conversations with every step cut in two at one byte, for every
 // byte, must end the same: lines are read from the reassembled stream.
+// With the TLS decoder beside them, a STARTTLS (or its kin) that the server
+// accepts hands the rest to it when the chameleon policy allows.
 #include "tests/support/LeakCheck.h"
 #include "tests/support/PluginFolder.h"
+
+#ifdef KEST_TEST_TLS_BESIDE
+#include "tests/decoders/tls/HelloSamples.h"
+#endif
 
 #include <arpa/inet.h>
 #include <map>
@@ -19,7 +25,11 @@ using Steps = std::vector<std::pair<int, std::string>>;
 using Attrs = std::map<std::string, std::string>;
 
 const char *const kNames[] = {"ssh.client_banner", "ssh.server_banner", "smtp.helo",
-                              "smtp.mail_from", "ftp.user"};
+                              "smtp.mail_from",    "ftp.user",
+#ifdef KEST_TEST_TLS_BESIDE
+                              "tls.server_name",   "tls.version"
+#endif
+};
 
 struct Conversation {
   const char *what;
@@ -27,10 +37,34 @@ struct Conversation {
   Steps steps;
   const char *app;
   Attrs attrs;
+  // The connection's policy lets it change protocol.
+  bool chameleon = true;
 };
 
 const std::string kClientSsh = "SSH-2.0-OpenSSH_9.6p1 Debian-4\r\n";
 const std::string kServerSsh = "SSH-2.0-dropbear_2022.83\r\n";
+
+#ifdef KEST_TEST_TLS_BESIDE
+// A handshake message in one TLS record.
+std::string TlsRecord(const char *hex) {
+  std::string message;
+  for (size_t i = 0; hex[i] != '\0' && hex[i + 1] != '\0'; i += 2) {
+    message.push_back(static_cast<char>(std::stoi(std::string(hex + i, 2), nullptr, 16)));
+  }
+  const size_t n = message.size();
+  return std::string("\x16\x03\x01", 3) + static_cast<char>(n >> 8) + static_cast<char>(n & 0xff) +
+         message;
+}
+
+const std::string kClientHello = TlsRecord(tls_samples::kCurlClientHello);
+const std::string kServerHello = TlsRecord(tls_samples::kServerHello12);
+const Attrs kTlsAttrs = {{"tls.server_name", "www.ntop.org"}, {"tls.version", "1.2"}};
+
+Attrs With(Attrs attrs, const Attrs &more) {
+  attrs.insert(more.begin(), more.end());
+  return attrs;
+}
+#endif
 
 const std::vector<Conversation> &Table() {
   static const std::vector<Conversation> table = {
@@ -139,6 +173,112 @@ const std::vector<Conversation> &Table() {
        nullptr,
        {}},
       {"binary", 443, {{0, std::string("\x16\x03\x01\x00\x05hello", 10)}}, nullptr, {}},
+#ifdef KEST_TEST_TLS_BESIDE
+      {"smtp starttls",
+       25,
+       {{1, "220 mx.example.org ESMTP\r\n"},
+        {0, "EHLO client.example.net\r\n"},
+        {1, "250-mx.example.org\r\n250 STARTTLS\r\n"},
+        {0, "STARTTLS\r\n"},
+        {1, "220 2.0.0 Ready to start TLS\r\n"},
+        {0, kClientHello},
+        {1, kServerHello}},
+       "SMTP/TLS",
+       With({{"smtp.helo", "client.example.net"}}, kTlsAttrs)},
+      {"smtp starttls refused, then plain mail",
+       2525,
+       {{1, "220 mx ESMTP\r\n"},
+        {0, "EHLO c\r\n"},
+        {1, "250 mx\r\n"},
+        {0, "STARTTLS\r\n"},
+        {1, "454 4.7.0 TLS not available\r\n"},
+        {0, "MAIL FROM:<a@b>\r\n"},
+        {1, "250 ok\r\n"}},
+       "SMTP",
+       {{"smtp.helo", "c"}, {"smtp.mail_from", "a@b"}}},
+      {"imap starttls",
+       143,
+       {{1, "* OK [CAPABILITY IMAP4rev1 STARTTLS LOGINDISABLED] ready\r\n"},
+        {0, "a1 CAPABILITY\r\n"},
+        {1, "* CAPABILITY IMAP4rev1 STARTTLS\r\na1 OK done\r\n"},
+        {0, "a2 STARTTLS\r\n"},
+        {1, "a2 OK Begin TLS negotiation now\r\n"},
+        {0, kClientHello},
+        {1, kServerHello}},
+       "IMAP/TLS",
+       kTlsAttrs},
+      {"imap starttls answered by another tag first",
+       1143,
+       {{0, "x NOOP\r\n"},
+        {0, "y STARTTLS\r\n"},
+        {1, "x OK\r\n"},
+        {1, "y OK go\r\n"},
+        {0, kClientHello}},
+       "IMAP/TLS",
+       {{"tls.server_name", "www.ntop.org"}}},
+      {"pop3 stls",
+       110,
+       {{1, "+OK POP3 ready\r\n"},
+        {0, "AUTH\r\n"},
+        {1, "-ERR Unrecognized command.\r\n"},
+        {0, "CAPA\r\n"},
+        {1, "+OK\r\nSTLS\r\nUIDL\r\n.\r\n"},
+        {0, "STLS\r\n"},
+        {1, "+OK Begin TLS\r\n"},
+        {0, kClientHello},
+        {1, kServerHello}},
+       "POP3/TLS",
+       kTlsAttrs},
+      {"pop3 stls after login is not looked for",
+       110,
+       {{1, "+OK POP3 ready\r\n"},
+        {0, "AUTH\r\n"},
+        {1, "-ERR\r\n"},
+        {0, "USER a\r\nPASS b\r\n"},
+        {1, "+OK\r\n+OK\r\n"},
+        {0, "STAT\r\n"},
+        {1, "+OK 0 0\r\n"},
+        {0, "STLS\r\n"},
+        {1, "+OK\r\n"},
+        {0, kClientHello}},
+       "POP3",
+       {}},
+      {"ftp auth tls",
+       21,
+       {{1, "220 (vsFTPd 3.0.3)\r\n"},
+        {0, "AUTH TLS\r\n"},
+        {1, "234 Proceed with negotiation.\r\n"},
+        {0, kClientHello},
+        {1, kServerHello}},
+       "FTP/TLS",
+       kTlsAttrs},
+      {"ftp auth ssl, greeting without a name",
+       2121,
+       {{1, "220 ready\r\n"},
+        {0, "AUTH SSL\r\n"},
+        {1, "234 AUTH SSL ok\r\n"},
+        {0, kClientHello}},
+       "FTP/TLS",
+       {{"tls.server_name", "www.ntop.org"}}},
+      {"smtp starttls without the chameleon policy",
+       25,
+       {{1, "220 mx.example.org ESMTP\r\n"},
+        {0, "EHLO client.example.net\r\n"},
+        {1, "250 STARTTLS\r\n"},
+        {0, "STARTTLS\r\n"},
+        {1, "220 go ahead\r\n"},
+        {0, kClientHello},
+        {1, kServerHello}},
+       "SMTP",
+       {{"smtp.helo", "client.example.net"}},
+       false},
+      {"pop3 stls without the chameleon policy",
+       110,
+       {{1, "+OK ready\r\n"}, {0, "STLS\r\n"}, {1, "+OK\r\n"}, {0, kClientHello}},
+       "POP3",
+       {},
+       false},
+#endif
   };
   return table;
 }
@@ -188,6 +328,12 @@ protected:
   // (none when 0 or beyond it); the stack of the last result.
   std::string Run(const Conversation &c, size_t cut) {
     g_attrs.clear();
+    if (c.chameleon != chameleon) {
+      // New connections take the setting from the next idle pass on.
+      chameleon = c.chameleon;
+      EXPECT_EQ(kest_config_set(h, "conn.default_policy.chameleon", chameleon ? "1" : "0"), 0);
+      kest_idle(h);
+    }
     kest_endpoint_t client{KEST_FAMILY_IPV4, htons(40000), {10, 0, 0, 1}};
     kest_endpoint_t server{KEST_FAMILY_IPV4, htons(c.port), {10, 0, 0, 2}};
     kest_conn_t conn = nullptr;
@@ -214,6 +360,7 @@ protected:
   }
 
   kest_handle_t h = -1;
+  bool chameleon = true;
 };
 
 TEST_F(BannerConversations, EachEndsWithItsProtocolAndAttributes) {
