@@ -81,6 +81,10 @@ size_t VersionText(uint32_t version, char *out, size_t size) {
       out[n++] = static_cast<char>('0' + draft / 10 % 10);
     }
     out[n++] = static_cast<char>('0' + draft % 10);
+  } else if (GoogleVersion(version)) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      out[n++] = static_cast<char>((version >> shift) & 0xff);
+    }
   } else {
     static constexpr char kHex[] = "0123456789abcdef";
     out[n++] = '0';
@@ -169,6 +173,194 @@ HeaderStatus ParseLongHeader(const uint8_t *data, size_t length, LongHeader &out
   out.protected_length = static_cast<size_t>(rest);
   out.packet_length = pos + static_cast<size_t>(rest);
   return HeaderStatus::kOk;
+}
+
+bool GoogleVersion(uint32_t version) {
+  const unsigned letter = version >> 24;
+  if (letter != 'Q' && letter != 'T') {
+    return false;
+  }
+  for (int shift = 16; shift >= 0; shift -= 8) {
+    const unsigned digit = (version >> shift) & 0xff;
+    if (digit < '0' || digit > '9') {
+      return false;
+    }
+  }
+  return true;
+}
+
+namespace {
+
+// The version's number: 43 for "Q043".
+unsigned GoogleNumber(uint32_t version) {
+  const unsigned hundreds = ((version >> 16) & 0xff) - '0';
+  const unsigned tens = ((version >> 8) & 0xff) - '0';
+  return hundreds * 100 + tens * 10 + ((version & 0xff) - '0');
+}
+
+// The public header of Q024 to Q043.
+bool ParsePublicHeader(const uint8_t *data, size_t length, GoogleHeader &out) {
+  const uint8_t flags = data[0];
+  // Version present, no public reset, the unused high bits clear.
+  if ((flags & 0xc3) != 0x01) {
+    return false;
+  }
+  size_t pos = 1;
+  switch (flags & 0x0c) {
+  case 0x00:
+    break;
+  case 0x08:
+  case 0x0c:
+    pos += 8;
+    break;
+  default:
+    // 0x04 alone: a one-byte connection ID once, a server's nonce later;
+    // no client sends it.
+    return false;
+  }
+  if (length < pos + 4) {
+    return false;
+  }
+  out.version = Load32(data + pos);
+  pos += 4;
+  if (out.version >> 24 != 'Q' || !GoogleVersion(out.version) || GoogleNumber(out.version) > 43) {
+    return false;
+  }
+  out.long_form = false;
+  // A server's version negotiation: the versions it offers fill the rest.
+  const size_t rest = length - pos;
+  if (rest > 0 && rest % 4 == 0) {
+    bool all = true;
+    for (size_t i = pos; i < length && all; i += 4) {
+      all = GoogleVersion(Load32(data + i));
+    }
+    if (all) {
+      out.header_length = 0;
+      return true;
+    }
+  }
+  static constexpr uint8_t kPacketNumber[4] = {1, 2, 4, 6};
+  pos += kPacketNumber[(flags >> 4) & 3];
+  // The 12-byte hash and at least one frame byte.
+  if (pos > length || length - pos < 12 + 1) {
+    return false;
+  }
+  out.header_length = pos;
+  return true;
+}
+
+// The long headers of Q044 and later.
+bool ParseGoogleLongHeader(const uint8_t *data, size_t length, GoogleHeader &out) {
+  if ((data[0] & 0xc0) != 0xc0 || length < 6) {
+    return false;
+  }
+  out.version = Load32(data + 1);
+  if (!GoogleVersion(out.version)) {
+    return false;
+  }
+  const bool tls = out.version >> 24 == 'T';
+  const unsigned number = GoogleNumber(out.version);
+  if (!tls && number < 44) {
+    return false;
+  }
+  out.long_form = true;
+  out.header_length = 0;
+  size_t pos = 5;
+  if (!tls && number < 50) {
+    const unsigned dcid = data[pos] >> 4, scid = data[pos] & 0x0f;
+    ++pos;
+    const size_t ids = (dcid != 0 ? dcid + 3u : 0u) + (scid != 0 ? scid + 3u : 0u);
+    const size_t packet_number = (data[0] & 3) + 1u;
+    return length - pos > ids + packet_number;
+  }
+  const size_t dcid = data[pos++];
+  if (dcid > kMaxCid || length - pos < dcid + 1u) {
+    return false;
+  }
+  pos += dcid;
+  const size_t scid = data[pos++];
+  if (scid > kMaxCid || length - pos < scid) {
+    return false;
+  }
+  pos += scid;
+  if ((data[0] & 0x30) != 0) {
+    return length > pos;
+  }
+  // An Initial: the token and the Length, as in the IETF form.
+  uint64_t token = 0, rest = 0;
+  if (!ReadVarint(data, length, pos, token) || token > length - pos) {
+    return false;
+  }
+  pos += static_cast<size_t>(token);
+  return ReadVarint(data, length, pos, rest) && rest >= kMinProtected && rest <= length - pos;
+}
+
+uint32_t Load32Le(const uint8_t *p) {
+  return static_cast<uint32_t>(p[3]) << 24 | static_cast<uint32_t>(p[2]) << 16 |
+         static_cast<uint32_t>(p[1]) << 8 | p[0];
+}
+
+bool HostChar(uint8_t c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         c == '-' || c == '.' || c == '_';
+}
+
+} // namespace
+
+bool ParseGoogleHeader(const uint8_t *data, size_t length, GoogleHeader &out) {
+  if (length == 0) {
+    return false;
+  }
+  return (data[0] & 0x80) != 0 ? ParseGoogleLongHeader(data, length, out)
+                               : ParsePublicHeader(data, length, out);
+}
+
+bool FindChloServerName(const uint8_t *data, size_t length, const uint8_t *&name,
+                        size_t &name_length) {
+  // The hello follows the hash, a private flags byte (up to Q033) and the
+  // STREAM frame's header: a few dozen bytes at most.
+  constexpr size_t kWindow = 40;
+  constexpr uint32_t kMaxTags = 128;
+  constexpr uint32_t kSni = 'S' | 'N' << 8 | 'I' << 16;
+  for (size_t at = 0; at < kWindow && at + 8 <= length; ++at) {
+    if (memcmp(data + at, "CHLO", 4) != 0) {
+      continue;
+    }
+    const uint32_t tags = data[at + 4] | static_cast<uint32_t>(data[at + 5]) << 8;
+    const size_t table = at + 8;
+    if (tags == 0 || tags > kMaxTags || (length - table) / 8 < tags) {
+      continue;
+    }
+    const size_t values = table + static_cast<size_t>(tags) * 8;
+    uint32_t previous_tag = 0, previous_end = 0;
+    bool ok = true, found = false;
+    size_t start = 0, end = 0;
+    for (uint32_t i = 0; i < tags && ok; ++i) {
+      const uint32_t tag = Load32Le(data + table + i * 8u);
+      const uint32_t stop = Load32Le(data + table + i * 8u + 4);
+      // Tags in rising order, each value after the one before.
+      ok = (i == 0 || tag > previous_tag) && stop >= previous_end;
+      if (ok && tag == kSni) {
+        start = previous_end;
+        end = stop;
+        found = true;
+      }
+      previous_tag = tag;
+      previous_end = stop;
+    }
+    if (!ok || !found || end <= start || end - start > 255 || end > length - values) {
+      continue;
+    }
+    for (size_t i = values + start; i < values + end; ++i) {
+      if (!HostChar(data[i])) {
+        return false;
+      }
+    }
+    name = data + values + start;
+    name_length = end - start;
+    return true;
+  }
+  return false;
 }
 
 bool OpenInitial(const uint8_t *packet, const LongHeader &header, const InitialKeys &keys,

@@ -27,7 +27,8 @@ bool ReadVarint(const uint8_t *data, size_t length, size_t &pos, uint64_t &out);
 // Versions a datagram may name QUIC with: 1, 2, the IETF drafts and the
 // version negotiation packet.
 bool KnownVersion(uint32_t version);
-// "1", "2", "draft-29", or "0x" and eight hex digits; returns the length
+// "1", "2", "draft-29", gQUIC's four characters ("Q043"), or "0x" and
+// eight hex digits; returns the length
 // (the text is terminated). `size` must be at least 11.
 size_t VersionText(uint32_t version, char *out, size_t size);
 
@@ -62,6 +63,60 @@ enum class HeaderStatus {
 };
 
 HeaderStatus ParseLongHeader(const uint8_t *data, size_t length, LongHeader &out);
+
+// Google's QUIC (gQUIC), the protocol before the IETF one, as its clients
+// sent it. Two header forms, both checked against client packets captured
+// from Chrome:
+//
+// Q024 to Q043, the "public header":
+//   flags (1)  0x01 version present, 0x02 public reset, 0x08 an 8-byte
+//              connection ID (up to Q033 the two bits 0x0c together said
+//              so: 0x0d is the flags of Q024, Q025 and Q035 clients, 0x09
+//              those of Q033), 0x30 packet number length 1/2/4/6,
+//              0x40 and 0x80 unused, always clear
+//   connection ID (8, when 0x08 is set)
+//   version (4)  'Q' and three ASCII digits, "Q035"
+//   packet number, then a 12-byte hash of the clear-text payload and the
+//   frames; the client's first packet carries its hello (CHLO) in a
+//   STREAM frame on stream 1.
+//
+// Q044 to Q049 (Q046 the one widely sent): the IETF long header's first
+// byte (0x80 long, 0x40 fixed, type and packet number length), the
+// version, then ONE byte with the two connection ID lengths in nibbles
+// (destination high, source low; 0 for none, otherwise length - 3), the
+// IDs, and the packet number: no token, no Length field.
+//
+// Q050 and the TLS-based T0xx versions: the IETF long header with a length
+// byte before each connection ID.
+//
+// Only the client's packets (and a server's version negotiation, which
+// echoes the layout) carry the version; later ones have none and say
+// nothing that tells them from noise.
+
+// 'Q' or 'T' and three ASCII digits.
+bool GoogleVersion(uint32_t version);
+
+struct GoogleHeader {
+  uint32_t version;
+  // True for the IETF-like long header of Q044 and later.
+  bool long_form;
+  // Where the packet number ends: the clear-text hash and frames follow
+  // (public header form; 0 when the packet number is not read).
+  size_t header_length;
+};
+
+// True when `data` starts with a gQUIC packet that names its version, with
+// flags and lengths that agree with one of the forms above and the
+// datagram.
+bool ParseGoogleHeader(const uint8_t *data, size_t length, GoogleHeader &out);
+
+// The server name of a client hello message ("CHLO", a tag count, then a
+// table of tags with their end offsets, then the values) starting within
+// the first bytes of `data` (the frames after a public header). The table
+// must be whole and its offsets rising; the name's value must lie inside
+// `data` and be host name characters.
+bool FindChloServerName(const uint8_t *data, size_t length, const uint8_t *&name,
+                        size_t &name_length);
 
 // Opens one Initial packet: copies it to `scratch` (at least
 // header.packet_length bytes), removes header protection and decrypts.

@@ -1,8 +1,9 @@
 // The QUIC decoder: quic.plg. Names QUIC on UDP by its long headers (a
 // known version, connection IDs of at most 20 bytes, lengths that fit the
-// datagram), on any port and first on 443, 8443, 853 and 784. A flow that
-// shows only short headers is not named: they carry nothing to tell QUIC
-// from noise.
+// datagram), or by the headers of Google's earlier QUIC that carry a
+// version ("Q035", "Q046", ...; see QuicPacket.h), on any port and first
+// on 443, 8443, 853 and 784. A flow that shows only short headers is not
+// named: they carry nothing to tell QUIC from noise.
 //
 // Initial packets are encrypted with keys anyone can derive, so for the
 // versions whose salt is known the inspector opens the client's first few
@@ -187,6 +188,11 @@ private:
   // or anything that does not read.
   void Datagram(ThreadState &state, ConnState &c, const uint8_t *data, size_t length,
                 unsigned side, oru::Conn &conn) {
+    kest_quic::GoogleHeader google;
+    if (!c.done && kest_quic::ParseGoogleHeader(data, length, google)) {
+      Google(state, c, data, length, google, conn);
+      return;
+    }
     size_t pos = 0;
     while (pos < length && !c.done) {
       kest_quic::LongHeader header;
@@ -214,6 +220,31 @@ private:
         Initial(state, c, data + pos, header, side);
       }
       pos += header.packet_length;
+    }
+  }
+
+  // A gQUIC packet that names its version: the flow is named by it, and
+  // the client's hello, clear text before Q044, gives the server name.
+  // One such packet is all there is to learn.
+  void Google(ThreadState &state, ConnState &c, const uint8_t *data, size_t length,
+              const kest_quic::GoogleHeader &header, oru::Conn &conn) {
+    if (!c.named) {
+      if (!conn.PushProtocol(state.proto)) {
+        c.done = true;
+        return;
+      }
+      c.named = true;
+    }
+    c.done = true;
+    c.version = header.version;
+    char text[16];
+    Publish(state.version_id, text, kest_quic::VersionText(header.version, text, sizeof text));
+    const uint8_t *name = nullptr;
+    size_t name_length = 0;
+    if (!header.long_form && header.header_length != 0 &&
+        kest_quic::FindChloServerName(data + header.header_length,
+                                      length - header.header_length, name, name_length)) {
+      Publish(TlsId(state, kServerName), reinterpret_cast<const char *>(name), name_length);
     }
   }
 
