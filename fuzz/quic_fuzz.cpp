@@ -5,7 +5,8 @@
 // nearly always and the failure path runs); odd, the rest is the plaintext
 // of an opened Initial, its frames read into a CRYPTO stream and a whole
 // first message handed to the hello parser. No read outside the input;
-// what the readers report stays within what they were given.
+// what the readers report stays within what they were given. Datagrams
+// also go through the reader of Google's older headers and its hello.
 #include "quic/QuicPacket.h"
 #include "tls/TlsHello.h"
 
@@ -35,8 +36,31 @@ void Frames(const uint8_t *data, size_t size) {
   }
 }
 
+// Google's headers as the plug-in reads them: the version's text, and the
+// hello's server name inside the bytes after a public header.
+void Google(const uint8_t *data, size_t size) {
+  kest_quic::GoogleHeader header{};
+  if (!kest_quic::ParseGoogleHeader(data, size, header)) {
+    return;
+  }
+  char text[16];
+  if (kest_quic::VersionText(header.version, text, sizeof text) != 4 ||
+      header.header_length > size) {
+    abort();
+  }
+  const uint8_t *name = nullptr;
+  size_t length = 0;
+  if (!header.long_form && header.header_length != 0 &&
+      kest_quic::FindChloServerName(data + header.header_length, size - header.header_length,
+                                    name, length) &&
+      (name < data + header.header_length || length == 0 || name + length > data + size)) {
+    abort();
+  }
+}
+
 void Datagram(const uint8_t *data, size_t size) {
   static const kest_quic::InitialKeys kFixed = {};
+  Google(data, size);
   size_t pos = 0;
   while (pos < size) {
     kest_quic::LongHeader header;

@@ -13,6 +13,8 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string.h>
+#include <vector>
 
 namespace {
 
@@ -234,13 +236,173 @@ TEST(QuicHeader, Table) {
 TEST(QuicHeader, VersionText) {
   const std::pair<uint32_t, const char *> cases[] = {
       {0x00000001, "1"},        {0x6b3343cf, "2"},         {0xff00001d, "draft-29"},
-      {0xff000009, "draft-9"},  {0x00000000, "0x00000000"}, {0x51303530, "0x51303530"}};
+      {0xff000009, "draft-9"},  {0x00000000, "0x00000000"}, {0x51303530, "Q050"},
+      {0x54303531, "T051"},     {0x51303a35, "0x51303a35"}};
   for (const auto &[version, text] : cases) {
     char out[16];
     const size_t n = kest_quic::VersionText(version, out, sizeof out);
     EXPECT_EQ(std::string(out, n), text);
     EXPECT_STREQ(out, text);
   }
+}
+
+// Google's QUIC. The public headers are the first bytes of client packets
+// in the shared captures (youtube_quic.pcap Q035, http_ipv6.pcap Q025,
+// quic.pcap Q033 with the later flags 0x09), cut after the hash and the
+// STREAM frame's first bytes. No capture holds Q043 or the long-header
+// versions: Q043 is the Q033 packet under its number, Q046 and Q050 are
+// built to their layouts.
+constexpr const char *kQ035 =
+    "0d9370e15e7c446d08" "51303335" "01" "c4c7f61ab7c2b6949c7fc5f0" "a0010004";
+constexpr const char *kQ025 =
+    "0d49bee2d3f0edccd6" "51303235" "01" "d8697e21ab650d33f17a3cf3" "00a0010004";
+constexpr const char *kQ033 =
+    "09fadeb0e557e692a0" "51303333" "01" "da93cceca77d08f6aebdf082" "00a0011405";
+constexpr const char *kQ043 =
+    "09fadeb0e557e692a0" "51303433" "01" "da93cceca77d08f6aebdf082" "a0011405";
+// First byte, version, destination ID length 8 in the high nibble (5 + 3),
+// the ID, a 4-byte packet number, the hash.
+constexpr const char *kQ046 =
+    "c3" "51303436" "50" "1122334455667788" "00000001" "c4c7f61ab7c2b6949c7fc5f0";
+// IETF form: lengths before the IDs, no token, Length 20.
+constexpr const char *kQ050 = "c3" "51303530" "08" "1122334455667788" "00" "00" "14"
+                              "0000000000000000000000000000000000000000";
+
+struct GoogleCase {
+  const char *name;
+  std::string hex;
+  // The version's text when named, "" when not.
+  const char *version;
+};
+
+std::string Patch(const char *hex, size_t at, const char *with) {
+  std::string s = hex;
+  s.replace(at * 2, strlen(with), with);
+  return s;
+}
+
+const GoogleCase kGoogle[] = {
+    {"Q035 from youtube_quic.pcap", kQ035, "Q035"},
+    {"Q025 from http_ipv6.pcap", kQ025, "Q025"},
+    {"Q033 with flags 0x09", kQ033, "Q033"},
+    {"Q043", kQ043, "Q043"},
+    {"Q046 long header", kQ046, "Q046"},
+    {"Q050 long header", kQ050, "Q050"},
+    {"T051 long header", Patch(kQ050, 1, "54303531"), "T051"},
+    {"no connection ID", "01" "51303433" "01" "c4c7f61ab7c2b6949c7fc5f0" "a0", "Q043"},
+    {"server's version negotiation", "0d9370e15e7c446d08" "5130333551303334", "Q035"},
+    // Near misses.
+    {"letters after Q", Patch(kQ035, 9, "51304133"), ""},
+    {"lower-case q", Patch(kQ035, 9, "71303335"), ""},
+    {"version bit clear", Patch(kQ035, 0, "0c"), ""},
+    {"public reset bit", Patch(kQ035, 0, "0f"), ""},
+    {"bit 0x40 set", Patch(kQ035, 0, "4d"), ""},
+    {"bit 0x80 set", Patch(kQ035, 0, "8d"), ""},
+    {"0x04 alone", Patch(kQ035, 0, "05"), ""},
+    {"no room for the hash", "0d9370e15e7c446d08" "51303335" "01" "c4c7f61ab7c2b6949c7fc5", ""},
+    {"six-byte packet number cut", Patch("0d9370e15e7c446d08" "51303335" "01"
+                                         "c4c7f61ab7c2b6949c7fc5f0" "a0", 0, "3d"), ""},
+    {"ragged negotiation", "0d9370e15e7c446d08" "513033355130", ""},
+    {"T in a public header", Patch(kQ043, 9, "54303433"), ""},
+    {"Q046 in a public header", Patch(kQ043, 9, "51303436"), ""},
+    {"Q043 in a long header", Patch(kQ046, 1, "51303433"), ""},
+    {"Q046 fixed bit clear", Patch(kQ046, 0, "83"), ""},
+    {"Q046 IDs past the end", Patch(kQ046, 5, "ff"), ""},
+    {"Q050 ID of 21", Patch(kQ050, 5, "15"), ""},
+    {"Q050 Length past the end", Patch(kQ050, 16, "15"), ""},
+    {"Q050 Length under 20", Patch(kQ050, 16, "13"), ""},
+};
+
+TEST(QuicGoogle, Table) {
+  for (const GoogleCase &c : kGoogle) {
+    const Bytes data = Hex(c.hex.c_str());
+    kest_quic::GoogleHeader header{};
+    const bool named = kest_quic::ParseGoogleHeader(data.data(), data.size(), header);
+    EXPECT_EQ(named, *c.version != '\0') << c.name;
+    if (named) {
+      char text[16];
+      EXPECT_EQ(std::string(text, kest_quic::VersionText(header.version, text, sizeof text)),
+                c.version)
+          << c.name;
+      // None of them is an IETF long header.
+      kest_quic::LongHeader ietf;
+      EXPECT_NE(kest_quic::ParseLongHeader(data.data(), data.size(), ietf), HeaderStatus::kOk)
+          << c.name;
+    }
+  }
+}
+
+// Cut short anywhere, a named packet stays named from the point where its
+// header, packet number and hash are in, and is not named before.
+TEST(QuicGoogle, EveryPrefix) {
+  const std::pair<const char *, size_t> packets[] = {
+      {kQ035, 9 + 4 + 1 + 12 + 1}, {kQ025, 9 + 4 + 1 + 12 + 1}, {kQ046, 6 + 8 + 4 + 1}};
+  for (const auto &[hex, shortest] : packets) {
+    const Bytes data = Hex(hex);
+    for (size_t n = 0; n <= data.size(); ++n) {
+      auto cut = std::make_unique<uint8_t[]>(n + 1);
+      std::copy(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(n), cut.get());
+      kest_quic::GoogleHeader header{};
+      EXPECT_EQ(kest_quic::ParseGoogleHeader(cut.get(), n, header), n >= shortest)
+          << hex << " cut at " << n;
+    }
+  }
+}
+
+// A client hello: the tags rising, each with its value's end offset.
+Bytes Chlo(const std::vector<std::pair<std::string, std::string>> &tags) {
+  Bytes out = {'C', 'H', 'L', 'O', static_cast<uint8_t>(tags.size()), 0, 0, 0};
+  Bytes values;
+  for (const auto &[tag, value] : tags) {
+    out.insert(out.end(), tag.begin(), tag.end());
+    out.resize(out.size() + (4 - tag.size()), 0);
+    values.insert(values.end(), value.begin(), value.end());
+    const uint32_t end = static_cast<uint32_t>(values.size());
+    for (int i = 0; i < 4; ++i) {
+      out.push_back(static_cast<uint8_t>(end >> (8 * i)));
+    }
+  }
+  out.insert(out.end(), values.begin(), values.end());
+  return out;
+}
+
+TEST(QuicGoogle, ChloServerName) {
+  // After the hash: a private flags byte and the STREAM frame's header.
+  const Bytes lead = Hex("00a0010004");
+  auto with = [&](const Bytes &chlo) {
+    Bytes b = lead;
+    b.insert(b.end(), chlo.begin(), chlo.end());
+    return b;
+  };
+  auto name = [](const Bytes &b) {
+    const uint8_t *n = nullptr;
+    size_t length = 0;
+    return kest_quic::FindChloServerName(b.data(), b.size(), n, length)
+               ? std::string(reinterpret_cast<const char *>(n), length)
+               : std::string("-");
+  };
+  const Bytes good =
+      with(Chlo({{"PAD", "----"}, {"SNI", "www.example.org"}, {"VER", "Q043"}}));
+  EXPECT_EQ(name(good), "www.example.org");
+  // Every cut: the name is read once its last byte is in.
+  const size_t name_end = lead.size() + 8 + 3 * 8 + 4 + 15;
+  for (size_t n = 0; n <= good.size(); ++n) {
+    EXPECT_EQ(name(Bytes(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(n))),
+              n >= name_end ? "www.example.org" : "-")
+        << n;
+  }
+  EXPECT_EQ(name(with(Chlo({{"PAD", "--"}, {"VER", "Q043"}}))), "-");
+  EXPECT_EQ(name(with(Chlo({{"SNI", "a b"}}))), "-");
+  EXPECT_EQ(name(with(Chlo({{"SNI", ""}}))), "-");
+  // Tags out of order, or more than the bytes hold.
+  EXPECT_EQ(name(with(Chlo({{"VER", "Q043"}, {"SNI", "x.org"}}))), "-");
+  Bytes many = good;
+  many[lead.size() + 4] = 0x7f;
+  EXPECT_EQ(name(many), "-");
+  // Too far after the header to be the hello.
+  Bytes far(64, 0);
+  far.insert(far.end(), good.begin(), good.end());
+  EXPECT_EQ(name(far), "-");
 }
 
 struct FrameCase {

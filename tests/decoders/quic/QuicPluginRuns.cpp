@@ -166,6 +166,33 @@ TEST_P(QuicPluginRuns, WhatIsAndIsNotNamed) {
   Close(h);
 }
 
+// Google's QUIC: a Q025 client packet of http_ipv6.pcap, its hash and
+// hello up to the server name (the hello's later values cut off), on a port
+// of no meaning; a Q046 long header; near misses, on a flow of their own,
+// that are not named.
+TEST_P(QuicPluginRuns, GoogleQuic) {
+  const kest_handle_t h = Open();
+  Bytes q025 = Hex("0d49bee2d3f0edccd6" "51303235" "01" "d8697e21ab650d33f17a3cf3" "00a0010004"
+                   "43484c4f" "0300" "0000" "50414400" "04000000" "534e4900" "11000000"
+                   "56455200" "15000000" "2d2d2d2d" "7777772e676f6f676c652e6974");
+  EXPECT_EQ(Run(h, {{0, q025}}, 61001), "UDP/QUIC");
+  EXPECT_EQ(g_values,
+            (std::vector<std::string>{"quic.version=Q025", "tls.server_name=www.google.it"}));
+  g_values.clear();
+  const Bytes q046 =
+      Hex("c3" "51303436" "50" "1122334455667788" "00000001" "c4c7f61ab7c2b6949c7fc5f0");
+  EXPECT_EQ(Run(h, {{0, q046}}, 443), "UDP/QUIC");
+  EXPECT_EQ(g_values, (std::vector<std::string>{"quic.version=Q046"}));
+  g_values.clear();
+  Bytes letters = q025;
+  letters[11] = 'A';
+  Bytes no_version = q025;
+  no_version[0] = 0x0c;
+  EXPECT_EQ(Run(h, {{0, letters}, {0, no_version}, {1, no_version}}, 8443), "UDP");
+  EXPECT_EQ(g_values, std::vector<std::string>{});
+  Close(h);
+}
+
 INSTANTIATE_TEST_SUITE_P(TlsPlugin, QuicPluginRuns, testing::Values(false, true),
                          [](const testing::TestParamInfo<bool> &info) {
                            return info.param ? std::string("WithTls") : std::string("Alone");
