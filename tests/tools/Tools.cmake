@@ -8,3 +8,13 @@ if(TARGET kestcap AND KEST_JQ)
                    ${CMAKE_SOURCE_DIR}/../shared/pcaps)
   set_tests_properties(kestcap_end_to_end PROPERTIES TIMEOUT 300)
 endif()
+
+# kestcap's output on the golden selection of shared captures (skipped where
+# they are absent).
+if(TARGET kestcap)
+  add_test(NAME kestcap_golden
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/golden_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/../shared/pcaps
+                   ${CMAKE_SOURCE_DIR}/tests/golden)
+  set_tests_properties(kestcap_golden PROPERTIES TIMEOUT 300)
+endif()
