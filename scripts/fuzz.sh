@@ -1,12 +1,13 @@
 #!/bin/sh
 # Builds the fuzz targets with clang and libFuzzer under AddressSanitizer and
 # UndefinedBehaviorSanitizer, then fuzzes each for a while from its seeds.
-#   scripts/fuzz.sh [seconds-per-target]     (default 60)
+#   scripts/fuzz.sh [seconds-per-target [target...]]   (default 60, all targets)
 # New inputs go to build-fuzz/corpus/<target>; a crash leaves its input in
 # build-fuzz as crash-*. Seeds worth keeping can be copied to fuzz/corpus.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 seconds="${1:-60}"
+[ $# -gt 0 ] && shift
 "$root/scripts/deps.sh"
 if ! command -v clang++ >/dev/null 2>&1; then
   SUDO=""
@@ -19,7 +20,12 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$root/build-fuzz" -G Ninja -DCMAKE_BUI
   -DKEST_BUILD_BENCH=OFF >/dev/null
 cmake --build "$root/build-fuzz" -j "$(nproc 2>/dev/null || echo 2)"
 cd "$root/build-fuzz"
-for target in host_api rule_strings key_value_header web_line web_dpi; do
+# Every target of fuzz/, or those named.
+targets="$*"
+if [ -z "$targets" ]; then
+  targets="$(cd "$root/fuzz" && ls ./*_fuzz.cpp | sed 's|^\./||; s|_fuzz\.cpp$||')"
+fi
+for target in $targets; do
   mkdir -p "corpus/$target"
   echo "fuzzing $target for ${seconds}s"
   "./fuzz/${target}_fuzz" -max_total_time="$seconds" -print_final_stats=1 \

@@ -57,7 +57,9 @@ template <class T> void DestroyObject(T *object) {
   if (object == nullptr) {
     return;
   }
-  object->~T();
+  // The object is exactly a T: a qualified call, never through a virtual
+  // table (some T have virtual functions but no virtual destructor).
+  object->T::~T();
   ReleasePrefixedBlock(object);
 }
 
