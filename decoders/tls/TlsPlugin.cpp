@@ -1,7 +1,7 @@
 // The "tls" plug-in: names the protocol "TLS" and the module "TLS" (263), and
-// puts one TlsInspector per thread on every TCP connection, first on the
+// puts one TlsDpi per thread on every TCP connection, first on the
 // ports where TLS is usual. The bytes decide: any port may carry it.
-#include "tls/TlsInspector.h"
+#include "tls/TlsDpi.h"
 
 #include "common/AppAttach.h"
 #include "common/TransportPlugin.h"
@@ -24,7 +24,7 @@ constexpr kest_decoders::AppPorts kWhere{6, kPorts, sizeof kPorts / sizeof kPort
 
 // This thread's inspector, with the reference the plug-in holds. A plain
 // pointer: a thread-local with a destructor may be gone before kest_fini.
-thread_local kest_tls::TlsInspector *t_inspector = nullptr;
+thread_local kest_tls::TlsDpi *t_inspector = nullptr;
 
 const char *GetName() {
   return "tls";
@@ -39,7 +39,7 @@ bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
 
 bool InitInstance() {
   oru::RegisterProtocol(kProtocol);
-  kest_tls::TlsInspector::CreateAttributes();
+  kest_tls::TlsDpi::CreateAttributes();
   return oru::InterfaceBroker::RegisterModule(kModule, kModuleName);
 }
 
@@ -48,7 +48,7 @@ bool InitThread() {
   if (proto <= 0) {
     return false;
   }
-  t_inspector = oru::fdt::CreateObject<kest_tls::TlsInspector>(oru::fdt::OBJECT_LOCAL,
+  t_inspector = oru::fdt::CreateObject<kest_tls::TlsDpi>(oru::fdt::OBJECT_LOCAL,
                                                                static_cast<uint32_t>(proto));
   if (t_inspector == nullptr) {
     return false;

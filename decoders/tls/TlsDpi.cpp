@@ -1,4 +1,4 @@
-#include "tls/TlsInspector.h"
+#include "tls/TlsDpi.h"
 
 #include "tls/TlsFingerprint.h"
 
@@ -17,7 +17,7 @@ const char *const kAttributeNames[] = {kAttrServerName, kAttrAlpn, kAttrVersion,
 
 } // namespace
 
-TlsInspector::~TlsInspector() {
+TlsDpi::~TlsDpi() {
   for (auto it = m_sessions.begin(); it != m_sessions.end(); ++it) {
     it->second->~Session();
     kest_free_local(it->second);
@@ -25,13 +25,13 @@ TlsInspector::~TlsInspector() {
   m_sessions.clear();
 }
 
-void TlsInspector::CreateAttributes() {
+void TlsDpi::CreateAttributes() {
   for (const char *name : kAttributeNames) {
     oru::AttributeMgr::Create(oru::fdt::string(name));
   }
 }
 
-void TlsInspector::RegisterAttributes() {
+void TlsDpi::RegisterAttributes() {
   oru::AttributeMgr *manager = oru::AttributeMgr::Instance();
   if (manager == nullptr) {
     return;
@@ -43,7 +43,7 @@ void TlsInspector::RegisterAttributes() {
   }
 }
 
-void TlsInspector::UnregisterAttributes() {
+void TlsDpi::UnregisterAttributes() {
   oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
   if (manager != nullptr) {
     for (const char *name : kAttributeNames) {
@@ -53,7 +53,7 @@ void TlsInspector::UnregisterAttributes() {
   m_attr_server_name = m_attr_alpn = m_attr_version = m_attr_fingerprint = 0;
 }
 
-TlsInspector::Session *TlsInspector::SessionOf(oru::Conn *conn) {
+TlsDpi::Session *TlsDpi::SessionOf(oru::Conn *conn) {
   const uintptr_t key = reinterpret_cast<uintptr_t>(conn);
   auto it = m_sessions.find(key);
   if (it != m_sessions.end()) {
@@ -72,7 +72,7 @@ TlsInspector::Session *TlsInspector::SessionOf(oru::Conn *conn) {
   return session;
 }
 
-void TlsInspector::FreeSession(oru::Conn *conn) {
+void TlsDpi::FreeSession(oru::Conn *conn) {
   auto it = m_sessions.find(reinterpret_cast<uintptr_t>(conn));
   if (it == m_sessions.end()) {
     return;
@@ -86,7 +86,7 @@ void TlsInspector::FreeSession(oru::Conn *conn) {
 // The side's bytes from where it stopped to the end of the stream, block by
 // block. A side whose bytes were dropped before it read them (it was not
 // called for a packet) cannot be followed: it is given up.
-void TlsInspector::Feed(Side &side, const oru::FlowBuffer &flow, const oru::PktInfo &pkt) {
+void TlsDpi::Feed(Side &side, const oru::FlowBuffer &flow, const oru::PktInfo &pkt) {
   if (!side.started) {
     side.started = true;
     side.next_pos = pkt.stream_pos;
@@ -113,7 +113,7 @@ void TlsInspector::Feed(Side &side, const oru::FlowBuffer &flow, const oru::PktI
   }
 }
 
-void TlsInspector::Publish(int id, const char *text, size_t length, oru::Conn &conn) {
+void TlsDpi::Publish(int id, const char *text, size_t length, oru::Conn &conn) {
   if (id < 1 || text == nullptr || (conn.m_policy & oru::POLICY_ATTRIBUTES) == 0 ||
       oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn) != &conn) {
     return;
@@ -125,7 +125,7 @@ void TlsInspector::Publish(int id, const char *text, size_t length, oru::Conn &c
   }
 }
 
-void TlsInspector::OnHello(Session &session, const HelloInfo &hello, oru::Conn &conn) {
+void TlsDpi::OnHello(Session &session, const HelloInfo &hello, oru::Conn &conn) {
   if (!session.pushed) {
     session.pushed = conn.PushProtocol(m_proto);
   }
@@ -157,14 +157,14 @@ void TlsInspector::OnHello(Session &session, const HelloInfo &hello, oru::Conn &
   }
 }
 
-void TlsInspector::Finish(Session &session, oru::Conn &conn) {
+void TlsDpi::Finish(Session &session, oru::Conn &conn) {
   if (session.server_alpn_pending) {
     session.server_alpn_pending = false;
     Publish(m_attr_alpn, session.server_alpn, strlen(session.server_alpn), conn);
   }
 }
 
-unsigned int TlsInspector::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt,
+unsigned int TlsDpi::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt,
                                    oru::Tuple & /*tuple*/,
                                    oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   oru::Conn *c = conn.get();
@@ -219,7 +219,7 @@ unsigned int TlsInspector::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pk
   return oru::INSPECT_STAY;
 }
 
-void TlsInspector::OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+void TlsDpi::OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   oru::Conn *c = conn.get();
   if (c == nullptr) {
     return;

@@ -8,8 +8,8 @@
 // Per-connection state lives in a map keyed by the connection, made on the
 // first packet and freed when the inspector leaves the connection's chain
 // (OnChainExit runs for every way of leaving, the connection's end too).
-#ifndef KEST_DECODERS_TLS_TLSINSPECTOR_H
-#define KEST_DECODERS_TLS_TLSINSPECTOR_H
+#ifndef KEST_DECODERS_TLS_TLSDPI_H
+#define KEST_DECODERS_TLS_TLSDPI_H
 
 #include "tls/TlsHello.h"
 
@@ -25,14 +25,14 @@ constexpr const char *kAttrAlpn = "tls.alpn";
 constexpr const char *kAttrVersion = "tls.version";
 constexpr const char *kAttrClientFingerprint = "tls.client_fingerprint";
 
-class TlsInspector final : public oru::Inspector {
+class TlsDpi final : public oru::Inspector {
 public:
   // Packets a side may send after its hello while the other side says
   // nothing, before the inspector stops waiting for the other hello.
   static constexpr uint16_t kPatience = 4;
 
-  explicit TlsInspector(uint32_t proto) : m_proto(proto) {}
-  ~TlsInspector() override;
+  explicit TlsDpi(uint32_t proto) : m_proto(proto) {}
+  ~TlsDpi() override;
 
   unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
