@@ -51,8 +51,8 @@ void Google(const uint8_t *data, size_t size) {
   const uint8_t *name = nullptr;
   size_t length = 0;
   if (!header.long_form && header.header_length != 0 &&
-      kest_quic::FindChloServerName(data + header.header_length, size - header.header_length,
-                                    name, length) &&
+      kest_quic::FindChloServerName(data + header.header_length, size - header.header_length, name,
+                                    length) &&
       (name < data + header.header_length || length == 0 || name + length > data + size)) {
     abort();
   }
@@ -64,7 +64,8 @@ void Datagram(const uint8_t *data, size_t size) {
   size_t pos = 0;
   while (pos < size) {
     kest_quic::LongHeader header;
-    if (kest_quic::ParseLongHeader(data + pos, size - pos, header) != kest_quic::HeaderStatus::kOk) {
+    if (kest_quic::ParseLongHeader(data + pos, size - pos, header) !=
+        kest_quic::HeaderStatus::kOk) {
       return;
     }
     const bool numbered = header.type != kest_quic::PacketType::kRetry &&
@@ -84,12 +85,12 @@ void Datagram(const uint8_t *data, size_t size) {
       kest_quic::InitialKeys keys;
       if (kest_quic::DeriveClientInitialKeys(header.version, header.dcid, header.dcid_length,
                                              keys) &&
-          kest_quic::OpenInitial(data + pos, header, keys, -1, g_scratch, payload,
-                                 payload_length, pn)) {
+          kest_quic::OpenInitial(data + pos, header, keys, -1, g_scratch, payload, payload_length,
+                                 pn)) {
         Frames(payload, payload_length);
       }
-      if (kest_quic::OpenInitial(data + pos, header, kFixed, 5, g_scratch, payload,
-                                 payload_length, pn)) {
+      if (kest_quic::OpenInitial(data + pos, header, kFixed, 5, g_scratch, payload, payload_length,
+                                 pn)) {
         Frames(payload, payload_length);
       }
     }

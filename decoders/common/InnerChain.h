@@ -61,7 +61,8 @@ public:
   // The packet's bytes from the side's start of the inner protocol on, to
   // the inner chain. The chain's own answer while it runs; INSPECT_STAY
   // for a packet wholly before the start.
-  unsigned int Pass(oru::PktInfo &pkt, oru::Tuple &tuple, oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  unsigned int Pass(oru::PktInfo &pkt, oru::Tuple &tuple,
+                    oru::fdt::intrusive_ptr<oru::Conn> &conn) {
     const unsigned s = pkt.side != 0 ? 1 : 0;
     oru::PktInfo inner = pkt;
     if (m_from[s] > inner.stream_pos) {

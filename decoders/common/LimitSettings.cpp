@@ -71,8 +71,9 @@ ConnTable::Limits LimitSettings::Read(const char *name) {
 LimitSettings *LimitSettings::Watch(ConnTable *table, const char *name) {
   oru::Configuration *config = oru::Configuration::Instance();
   LimitSettings *watcher =
-      config == nullptr ? nullptr
-                        : oru::fdt::CreateObject<LimitSettings>(oru::fdt::OBJECT_LOCAL, table, name);
+      config == nullptr
+          ? nullptr
+          : oru::fdt::CreateObject<LimitSettings>(oru::fdt::OBJECT_LOCAL, table, name);
   if (watcher == nullptr) {
     return nullptr;
   }

@@ -93,7 +93,8 @@ bool PutLabelByte(Text &text, uint8_t b) {
     return text.Put(static_cast<char>(b));
   }
   return text.Put('\\') && text.Put(static_cast<char>('0' + b / 100)) &&
-         text.Put(static_cast<char>('0' + b / 10 % 10)) && text.Put(static_cast<char>('0' + b % 10));
+         text.Put(static_cast<char>('0' + b / 10 % 10)) &&
+         text.Put(static_cast<char>('0' + b % 10));
 }
 
 // Reads the name that starts at `pos` of the message. Its own bytes (up to
@@ -217,8 +218,8 @@ bool HeaderHolds(const uint8_t *data, size_t available, size_t length) {
   }
   if (available >= kHeaderSize) {
     const size_t qd = Read16(data + 4);
-    const size_t records = static_cast<size_t>(Read16(data + 6)) + Read16(data + 8) +
-                           Read16(data + 10);
+    const size_t records =
+        static_cast<size_t>(Read16(data + 6)) + Read16(data + 8) + Read16(data + 10);
     const bool truncated = (data[2] & 0x02) != 0;
     // The smallest question is 5 bytes, the smallest record 11: counts that
     // cannot fit the length are not DNS (a truncated answer may promise
@@ -356,54 +357,80 @@ bool PlausibleStart(const uint8_t *data, size_t available, size_t length) {
 const char *TypeName(uint16_t type) {
   // The IANA registry of resource record types, by number.
   static const char *const kLow[] = {
-      nullptr,    "A",      "NS",         "MD",     "MF",      "CNAME",    "SOA",   "MB",
-      "MG",       "MR",     "NULL",       "WKS",    "PTR",     "HINFO",    "MINFO", "MX",
-      "TXT",      "RP",     "AFSDB",      "X25",    "ISDN",    "RT",       "NSAP",  "NSAP-PTR",
-      "SIG",      "KEY",    "PX",         "GPOS",   "AAAA",    "LOC",      "NXT",   "EID",
-      "NIMLOC",   "SRV",    "ATMA",       "NAPTR",  "KX",      "CERT",     "A6",    "DNAME",
-      "SINK",     "OPT",    "APL",        "DS",     "SSHFP",   "IPSECKEY", "RRSIG", "NSEC",
-      "DNSKEY",   "DHCID",  "NSEC3",      "NSEC3PARAM", "TLSA", "SMIMEA",  nullptr, "HIP",
-      "NINFO",    "RKEY",   "TALINK",     "CDS",    "CDNSKEY", "OPENPGPKEY", "CSYNC", "ZONEMD",
-      "SVCB",     "HTTPS",  "DSYNC"};
+      nullptr,  "A",     "NS",     "MD",         "MF",      "CNAME",      "SOA",   "MB",
+      "MG",     "MR",    "NULL",   "WKS",        "PTR",     "HINFO",      "MINFO", "MX",
+      "TXT",    "RP",    "AFSDB",  "X25",        "ISDN",    "RT",         "NSAP",  "NSAP-PTR",
+      "SIG",    "KEY",   "PX",     "GPOS",       "AAAA",    "LOC",        "NXT",   "EID",
+      "NIMLOC", "SRV",   "ATMA",   "NAPTR",      "KX",      "CERT",       "A6",    "DNAME",
+      "SINK",   "OPT",   "APL",    "DS",         "SSHFP",   "IPSECKEY",   "RRSIG", "NSEC",
+      "DNSKEY", "DHCID", "NSEC3",  "NSEC3PARAM", "TLSA",    "SMIMEA",     nullptr, "HIP",
+      "NINFO",  "RKEY",  "TALINK", "CDS",        "CDNSKEY", "OPENPGPKEY", "CSYNC", "ZONEMD",
+      "SVCB",   "HTTPS", "DSYNC"};
   if (type < sizeof kLow / sizeof kLow[0]) {
     return kLow[type];
   }
   switch (type) {
-  case 99: return "SPF";
-  case 100: return "UINFO";
-  case 101: return "UID";
-  case 102: return "GID";
-  case 103: return "UNSPEC";
-  case 104: return "NID";
-  case 105: return "L32";
-  case 106: return "L64";
-  case 107: return "LP";
-  case 108: return "EUI48";
-  case 109: return "EUI64";
-  case 249: return "TKEY";
-  case 250: return "TSIG";
-  case 251: return "IXFR";
-  case 252: return "AXFR";
-  case 253: return "MAILB";
-  case 254: return "MAILA";
-  case 255: return "ANY";
-  case 256: return "URI";
-  case 257: return "CAA";
-  case 258: return "AVC";
-  case 259: return "DOA";
-  case 260: return "AMTRELAY";
-  case 32768: return "TA";
-  case 32769: return "DLV";
-  default: return nullptr;
+  case 99:
+    return "SPF";
+  case 100:
+    return "UINFO";
+  case 101:
+    return "UID";
+  case 102:
+    return "GID";
+  case 103:
+    return "UNSPEC";
+  case 104:
+    return "NID";
+  case 105:
+    return "L32";
+  case 106:
+    return "L64";
+  case 107:
+    return "LP";
+  case 108:
+    return "EUI48";
+  case 109:
+    return "EUI64";
+  case 249:
+    return "TKEY";
+  case 250:
+    return "TSIG";
+  case 251:
+    return "IXFR";
+  case 252:
+    return "AXFR";
+  case 253:
+    return "MAILB";
+  case 254:
+    return "MAILA";
+  case 255:
+    return "ANY";
+  case 256:
+    return "URI";
+  case 257:
+    return "CAA";
+  case 258:
+    return "AVC";
+  case 259:
+    return "DOA";
+  case 260:
+    return "AMTRELAY";
+  case 32768:
+    return "TA";
+  case 32769:
+    return "DLV";
+  default:
+    return nullptr;
   }
 }
 
 const char *RcodeName(uint16_t rcode) {
-  static const char *const kLow[] = {"NOERROR", "FORMERR",  "SERVFAIL", "NXDOMAIN",
-                                     "NOTIMP",  "REFUSED",  "YXDOMAIN", "YXRRSET",
-                                     "NXRRSET", "NOTAUTH",  "NOTZONE",  "DSOTYPENI"};
-  static const char *const kHigh[] = {"BADVERS", "BADKEY",  "BADTIME",  "BADMODE",
-                                      "BADNAME", "BADALG",  "BADTRUNC", "BADCOOKIE"};
+  static const char *const kLow[] = {"NOERROR", "FORMERR", "SERVFAIL", "NXDOMAIN",
+                                     "NOTIMP",  "REFUSED", "YXDOMAIN", "YXRRSET",
+                                     "NXRRSET", "NOTAUTH", "NOTZONE",  "DSOTYPENI"};
+  static const char *const kHigh[] = {"BADVERS", "BADKEY", "BADTIME",  "BADMODE",
+                                      "BADNAME", "BADALG", "BADTRUNC", "BADCOOKIE"};
   if (rcode < sizeof kLow / sizeof kLow[0]) {
     return kLow[rcode];
   }

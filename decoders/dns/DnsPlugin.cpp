@@ -98,12 +98,11 @@ void Publish(int id, const char *text, size_t length) {
   }
   const oru::Conn *active = oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn);
   oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
-  if (active == nullptr || (active->m_policy & oru::POLICY_ATTRIBUTES) == 0 ||
-      manager == nullptr) {
+  if (active == nullptr || (active->m_policy & oru::POLICY_ATTRIBUTES) == 0 || manager == nullptr) {
     return;
   }
-  manager->DispatchAttribute(id, reinterpret_cast<const uint8_t *>(text),
-                             static_cast<int>(length), 0, 0);
+  manager->DispatchAttribute(id, reinterpret_cast<const uint8_t *>(text), static_cast<int>(length),
+                             0, 0);
 }
 
 // Every message reports what it has: the question (if any), the response
@@ -247,8 +246,8 @@ private:
       if (end - next < 2) {
         break;
       }
-      const size_t length = static_cast<uint8_t>(flow.At(next)) << 8 |
-                            static_cast<uint8_t>(flow.At(next + 1));
+      const size_t length =
+          static_cast<uint8_t>(flow.At(next)) << 8 | static_cast<uint8_t>(flow.At(next + 1));
       if (length < kest_dns::kHeaderSize) {
         return oru::INSPECT_FINISHED;
       }
@@ -256,9 +255,8 @@ private:
       if (available < length) {
         if (c.proto == 0) {
           // Before the first message is whole, its header must hold.
-          const size_t have = available < kest_dns::kHeaderSize
-                                  ? static_cast<size_t>(available)
-                                  : kest_dns::kHeaderSize;
+          const size_t have = available < kest_dns::kHeaderSize ? static_cast<size_t>(available)
+                                                                : kest_dns::kHeaderSize;
           const uint8_t *head = View(flow, next + 2, have, state.scratch);
           if (head == nullptr || !kest_dns::PlausibleStart(head, have, length)) {
             return oru::INSPECT_FINISHED;

@@ -152,7 +152,7 @@ struct ImapRules {
     }
     // Commands of a client not logged in yet (a failed LOGIN leaves it
     // there), where alone STARTTLS may come.
-    static const char *const kBeforeLogin[] = {"CAPABILITY",   "STARTTLS", "NOOP", "ID",
+    static const char *const kBeforeLogin[] = {"CAPABILITY",   "STARTTLS", "NOOP",   "ID",
                                                "AUTHENTICATE", "LOGIN",    "LOGOUT", nullptr};
     const bool before_login = CommandIndex(text + tag + 1, length - tag - 1, kBeforeLogin) >= 0;
     if (command == kStartTls) {

@@ -105,8 +105,8 @@ void HkdfExtract(const uint8_t *salt, size_t salt_length, const uint8_t *ikm, si
   HmacSha256(salt, salt_length, ikm, ikm_length, prk);
 }
 
-bool HkdfExpand(const uint8_t prk[kHashSize], const uint8_t *info, size_t info_length,
-                uint8_t *out, size_t length) {
+bool HkdfExpand(const uint8_t prk[kHashSize], const uint8_t *info, size_t info_length, uint8_t *out,
+                size_t length) {
   // Room for T(i-1) | info | counter in one buffer; info stays short here.
   constexpr size_t kMaxInfo = 128;
   if (length > 255 * kHashSize || info_length > kMaxInfo) {

@@ -25,8 +25,8 @@ void HmacSha256(const uint8_t *key, size_t key_length, const uint8_t *data, size
 void HkdfExtract(const uint8_t *salt, size_t salt_length, const uint8_t *ikm, size_t ikm_length,
                  uint8_t prk[kHashSize]);
 // HKDF-Expand(prk, info, length); false when length exceeds 255 hash blocks.
-bool HkdfExpand(const uint8_t prk[kHashSize], const uint8_t *info, size_t info_length,
-                uint8_t *out, size_t length);
+bool HkdfExpand(const uint8_t prk[kHashSize], const uint8_t *info, size_t info_length, uint8_t *out,
+                size_t length);
 // TLS 1.3's HKDF-Expand-Label with an empty context: the label gets the
 // "tls13 " prefix. Labels up to 64 bytes; false otherwise.
 bool HkdfExpandLabel(const uint8_t secret[kHashSize], const char *label, uint8_t *out,
@@ -51,8 +51,7 @@ public:
 private:
   void Ghash(const uint8_t *aad, size_t aad_length, const uint8_t *text, size_t length,
              uint8_t out[16]) const;
-  void Ctr(const uint8_t nonce[kNonceSize], const uint8_t *in, size_t length,
-           uint8_t *out) const;
+  void Ctr(const uint8_t nonce[kNonceSize], const uint8_t *in, size_t length, uint8_t *out) const;
 
   AES_KEY m_aes;
   // The hash key H = E(K, 0), as two big-endian halves.

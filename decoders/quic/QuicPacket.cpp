@@ -301,8 +301,8 @@ uint32_t Load32Le(const uint8_t *p) {
 }
 
 bool HostChar(uint8_t c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-         c == '-' || c == '.' || c == '_';
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.' || c == '_';
 }
 
 } // namespace
@@ -401,8 +401,7 @@ bool OpenInitial(const uint8_t *packet, const LongHeader &header, const InitialK
   return true;
 }
 
-FrameStatus ParseFrames(const uint8_t *data, size_t length, CryptoCallback on_crypto,
-                        void *user) {
+FrameStatus ParseFrames(const uint8_t *data, size_t length, CryptoCallback on_crypto, void *user) {
   size_t pos = 0;
   while (pos < length) {
     uint64_t type = 0;
@@ -414,7 +413,7 @@ FrameStatus ParseFrames(const uint8_t *data, size_t length, CryptoCallback on_cr
     case 0x00: // PADDING
     case 0x01: // PING
       break;
-    case 0x02: // ACK
+    case 0x02:   // ACK
     case 0x03: { // ACK with ECN counts
       uint64_t ranges = 0;
       if (!ReadVarint(data, length, pos, a) || !ReadVarint(data, length, pos, b) ||
@@ -431,9 +430,8 @@ FrameStatus ParseFrames(const uint8_t *data, size_t length, CryptoCallback on_cr
           return FrameStatus::kMalformed;
         }
       }
-      if (type == 0x03 &&
-          (!ReadVarint(data, length, pos, a) || !ReadVarint(data, length, pos, b) ||
-           !ReadVarint(data, length, pos, c))) {
+      if (type == 0x03 && (!ReadVarint(data, length, pos, a) || !ReadVarint(data, length, pos, b) ||
+                           !ReadVarint(data, length, pos, c))) {
         return FrameStatus::kMalformed;
       }
       break;
@@ -469,8 +467,7 @@ void CryptoStream::Add(uint64_t offset, const uint8_t *data, size_t length) {
     return;
   }
   const uint32_t start = static_cast<uint32_t>(offset);
-  const uint32_t n = length < kCapacity - start ? static_cast<uint32_t>(length)
-                                                : kCapacity - start;
+  const uint32_t n = length < kCapacity - start ? static_cast<uint32_t>(length) : kCapacity - start;
   // The first copy of a byte stays: a retransmission carries the same.
   for (uint32_t i = 0; i < n; ++i) {
     const uint32_t at = start + i;
@@ -488,9 +485,8 @@ CryptoStream::State CryptoStream::GetState() const {
   if (m_prefix < 4) {
     return State::kNeedMore;
   }
-  const uint32_t total =
-      4u + (static_cast<uint32_t>(m_data[1]) << 16 | static_cast<uint32_t>(m_data[2]) << 8 |
-            m_data[3]);
+  const uint32_t total = 4u + (static_cast<uint32_t>(m_data[1]) << 16 |
+                               static_cast<uint32_t>(m_data[2]) << 8 | m_data[3]);
   if (total > kCapacity) {
     return State::kTooLarge;
   }

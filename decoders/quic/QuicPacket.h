@@ -142,8 +142,7 @@ enum class FrameStatus {
 
 // Reads the frames of a decrypted Initial (PADDING, PING, ACK, CRYPTO,
 // CONNECTION_CLOSE).
-FrameStatus ParseFrames(const uint8_t *data, size_t length, CryptoCallback on_crypto,
-                        void *user);
+FrameStatus ParseFrames(const uint8_t *data, size_t length, CryptoCallback on_crypto, void *user);
 
 // The first bytes of the CRYPTO stream, put in order from frames that may
 // come in any order, overlap, or repeat, across several packets. Holds

@@ -78,8 +78,8 @@ void Publish(int id, const char *text, size_t length) {
   if (id < 1 || manager == nullptr || !MayPublish()) {
     return;
   }
-  manager->DispatchAttribute(id, reinterpret_cast<const uint8_t *>(text),
-                             static_cast<int>(length), 0, 0);
+  manager->DispatchAttribute(id, reinterpret_cast<const uint8_t *>(text), static_cast<int>(length),
+                             0, 0);
 }
 
 // The current identifier of a TLS name on this thread: ours, or the one the
@@ -186,8 +186,8 @@ private:
 
   // The packets of one datagram, one after the other, up to a short header
   // or anything that does not read.
-  void Datagram(ThreadState &state, ConnState &c, const uint8_t *data, size_t length,
-                unsigned side, oru::Conn &conn) {
+  void Datagram(ThreadState &state, ConnState &c, const uint8_t *data, size_t length, unsigned side,
+                oru::Conn &conn) {
     kest_quic::GoogleHeader google;
     if (!c.done && kest_quic::ParseGoogleHeader(data, length, google)) {
       Google(state, c, data, length, google, conn);
@@ -242,8 +242,8 @@ private:
     const uint8_t *name = nullptr;
     size_t name_length = 0;
     if (!header.long_form && header.header_length != 0 &&
-        kest_quic::FindChloServerName(data + header.header_length,
-                                      length - header.header_length, name, name_length)) {
+        kest_quic::FindChloServerName(data + header.header_length, length - header.header_length,
+                                      name, name_length)) {
       Publish(TlsId(state, kServerName), reinterpret_cast<const char *>(name), name_length);
     }
   }
@@ -275,8 +275,8 @@ private:
     bool opened = false;
     if (c.have_keys && c.version == header.version) {
       ++c.attempts;
-      opened = kest_quic::OpenInitial(packet, header, c.keys, c.largest_pn, state.scratch,
-                                      payload, payload_length, pn);
+      opened = kest_quic::OpenInitial(packet, header, c.keys, c.largest_pn, state.scratch, payload,
+                                      payload_length, pn);
     }
     if (!opened && c.attempts < kMaxAttempts) {
       kest_quic::InitialKeys keys;

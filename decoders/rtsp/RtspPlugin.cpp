@@ -7,9 +7,9 @@ namespace {
 
 constexpr uint16_t kPorts[] = {554, 8554};
 
-const kest_sip::PluginInfo kInfo{"rtsp", 272,     "RTSP", "RTSP", "rtsp", &kest_sip::kRtsp,
-                                 true,   kPorts, 2,      false,  nullptr, 0,
-                                 true,   true,   false};
+const kest_sip::PluginInfo kInfo{"rtsp",           272,  "RTSP", "RTSP", "rtsp",
+                                 &kest_sip::kRtsp, true, kPorts, 2,      false,
+                                 nullptr,          0,    true,   true,   false};
 
 const char *GetName() {
   return kest_sip::PluginName(kInfo);
@@ -31,8 +31,10 @@ void ExitInstance() {
   kest_sip::PluginExitInstance(kInfo);
 }
 
-const oru::PluginEntryTable kTable = {GetName,    kest_sip::PluginVersion, InitInstance, InitThread,
-                                      LinkThread, StartThread,             ExitThread,   ExitInstance};
+const oru::PluginEntryTable kTable = {GetName,      kest_sip::PluginVersion,
+                                      InitInstance, InitThread,
+                                      LinkThread,   StartThread,
+                                      ExitThread,   ExitInstance};
 
 } // namespace
 

@@ -76,7 +76,7 @@ bool IsSdp(const oru::WebHeader &header) {
 }
 
 void ReportPiece(MessageThread &thread, const oru::Conn &conn, const oru::FlowBuffer &flow,
-                bool request, uint64_t from, uint64_t to, bool more) {
+                 bool request, uint64_t from, uint64_t to, bool more) {
   if ((conn.m_policy & oru::POLICY_ATTRIBUTES) == 0) {
     return;
   }
@@ -145,13 +145,12 @@ void AnnounceHead(MessageThread &thread, oru::Conn &conn, unsigned char side, bo
   // The client is whoever sends the requests.
   const unsigned char client = request ? side : static_cast<unsigned char>(1 - side);
   MediaList media;
-  ParseTransport(value, n, AddrOf(conn, client), AddrOf(conn, static_cast<unsigned char>(1 - client)),
-                 media);
+  ParseTransport(value, n, AddrOf(conn, client),
+                 AddrOf(conn, static_cast<unsigned char>(1 - client)), media);
   thread.media->Expect(conn, media, AddrOf(conn, side));
 }
 
-unsigned int MessageLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt,
-                                      oru::Tuple &tuple,
+unsigned int MessageLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                                       oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   const Dialect &dialect = *m_thread->info->dialect;
   const unsigned char side = SideOf(*conn);

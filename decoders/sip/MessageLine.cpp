@@ -6,19 +6,19 @@ namespace {
 
 const Word kSipVersions[] = {KEST_SIP_WORD("SIP/2.0")};
 const Word kSipMethods[] = {
-    KEST_SIP_WORD("INVITE"),    KEST_SIP_WORD("ACK"),     KEST_SIP_WORD("BYE"),
-    KEST_SIP_WORD("CANCEL"),    KEST_SIP_WORD("OPTIONS"), KEST_SIP_WORD("REGISTER"),
-    KEST_SIP_WORD("PRACK"),     KEST_SIP_WORD("SUBSCRIBE"), KEST_SIP_WORD("NOTIFY"),
-    KEST_SIP_WORD("PUBLISH"),   KEST_SIP_WORD("INFO"),    KEST_SIP_WORD("REFER"),
-    KEST_SIP_WORD("MESSAGE"),   KEST_SIP_WORD("UPDATE"),
+    KEST_SIP_WORD("INVITE"),  KEST_SIP_WORD("ACK"),       KEST_SIP_WORD("BYE"),
+    KEST_SIP_WORD("CANCEL"),  KEST_SIP_WORD("OPTIONS"),   KEST_SIP_WORD("REGISTER"),
+    KEST_SIP_WORD("PRACK"),   KEST_SIP_WORD("SUBSCRIBE"), KEST_SIP_WORD("NOTIFY"),
+    KEST_SIP_WORD("PUBLISH"), KEST_SIP_WORD("INFO"),      KEST_SIP_WORD("REFER"),
+    KEST_SIP_WORD("MESSAGE"), KEST_SIP_WORD("UPDATE"),
 };
 
 const Word kRtspVersions[] = {KEST_SIP_WORD("RTSP/1.0"), KEST_SIP_WORD("RTSP/2.0")};
 const Word kRtspMethods[] = {
-    KEST_SIP_WORD("OPTIONS"),       KEST_SIP_WORD("DESCRIBE"),      KEST_SIP_WORD("ANNOUNCE"),
-    KEST_SIP_WORD("SETUP"),         KEST_SIP_WORD("PLAY"),          KEST_SIP_WORD("PAUSE"),
-    KEST_SIP_WORD("TEARDOWN"),      KEST_SIP_WORD("GET_PARAMETER"), KEST_SIP_WORD("SET_PARAMETER"),
-    KEST_SIP_WORD("REDIRECT"),      KEST_SIP_WORD("RECORD"),        KEST_SIP_WORD("PLAY_NOTIFY"),
+    KEST_SIP_WORD("OPTIONS"),  KEST_SIP_WORD("DESCRIBE"),      KEST_SIP_WORD("ANNOUNCE"),
+    KEST_SIP_WORD("SETUP"),    KEST_SIP_WORD("PLAY"),          KEST_SIP_WORD("PAUSE"),
+    KEST_SIP_WORD("TEARDOWN"), KEST_SIP_WORD("GET_PARAMETER"), KEST_SIP_WORD("SET_PARAMETER"),
+    KEST_SIP_WORD("REDIRECT"), KEST_SIP_WORD("RECORD"),        KEST_SIP_WORD("PLAY_NOTIFY"),
 };
 
 const Word kSsdpVersions[] = {KEST_SIP_WORD("HTTP/1.1"), KEST_SIP_WORD("HTTP/1.0")};
@@ -209,11 +209,11 @@ Match RequestLine(Cursor c, const Dialect &d) {
 
 } // namespace
 
-const Dialect kSip{"SIP", kSipVersions, Count(kSipVersions), kSipMethods, Count(kSipMethods),
-                   false};
-const Dialect kRtsp{"RTSP",       kRtspVersions,        Count(kRtspVersions),
+const Dialect kSip{"SIP",       kSipVersions,       Count(kSipVersions),
+                   kSipMethods, Count(kSipMethods), false};
+const Dialect kRtsp{"RTSP",       kRtspVersions,       Count(kRtspVersions),
                     kRtspMethods, Count(kRtspMethods), false};
-const Dialect kSsdp{"HTTP",       kSsdpVersions,        Count(kSsdpVersions),
+const Dialect kSsdp{"HTTP",       kSsdpVersions,       Count(kSsdpVersions),
                     kSsdpMethods, Count(kSsdpMethods), true};
 
 FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from, uint64_t end,

@@ -22,7 +22,9 @@ struct Word {
 };
 
 #define KEST_SIP_WORD(text)                                                                        \
-  Word { text, sizeof(text) - 1 }
+  Word {                                                                                           \
+    text, sizeof(text) - 1                                                                         \
+  }
 
 struct Dialect {
   // The protocol word that versions start with ("SIP"), as the message

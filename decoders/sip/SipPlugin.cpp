@@ -7,9 +7,8 @@ namespace {
 
 constexpr uint16_t kPorts[] = {5060};
 
-const kest_sip::PluginInfo kInfo{"sip",  271,    "SIP",  "SIP", "sip", &kest_sip::kSip,
-                                 true,   kPorts, 1,      true,  kPorts, 1,
-                                 true,   false,  false};
+const kest_sip::PluginInfo kInfo{"sip", 271,  "SIP",  "SIP", "sip", &kest_sip::kSip, true, kPorts,
+                                 1,     true, kPorts, 1,     true,  false,           false};
 
 const char *GetName() {
   return kest_sip::PluginName(kInfo);
@@ -31,8 +30,10 @@ void ExitInstance() {
   kest_sip::PluginExitInstance(kInfo);
 }
 
-const oru::PluginEntryTable kTable = {GetName,    kest_sip::PluginVersion, InitInstance, InitThread,
-                                      LinkThread, StartThread,             ExitThread,   ExitInstance};
+const oru::PluginEntryTable kTable = {GetName,      kest_sip::PluginVersion,
+                                      InitInstance, InitThread,
+                                      LinkThread,   StartThread,
+                                      ExitThread,   ExitInstance};
 
 } // namespace
 

@@ -7,9 +7,9 @@ namespace {
 
 constexpr uint16_t kPorts[] = {1900};
 
-const kest_sip::PluginInfo kInfo{"ssdp", 273,     "SSDP", "SSDP", "ssdp", &kest_sip::kSsdp,
-                                 false,  nullptr, 0,     true,   kPorts, 1,
-                                 false,  false,  true};
+const kest_sip::PluginInfo kInfo{"ssdp",           273,   "SSDP",  "SSDP", "ssdp",
+                                 &kest_sip::kSsdp, false, nullptr, 0,      true,
+                                 kPorts,           1,     false,   false,  true};
 
 const char *GetName() {
   return kest_sip::PluginName(kInfo);
@@ -31,8 +31,10 @@ void ExitInstance() {
   kest_sip::PluginExitInstance(kInfo);
 }
 
-const oru::PluginEntryTable kTable = {GetName,    kest_sip::PluginVersion, InitInstance, InitThread,
-                                      LinkThread, StartThread,             ExitThread,   ExitInstance};
+const oru::PluginEntryTable kTable = {GetName,      kest_sip::PluginVersion,
+                                      InitInstance, InitThread,
+                                      LinkThread,   StartThread,
+                                      ExitThread,   ExitInstance};
 
 } // namespace
 

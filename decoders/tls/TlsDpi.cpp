@@ -36,8 +36,7 @@ void TlsDpi::RegisterAttributes() {
   if (manager == nullptr) {
     return;
   }
-  int *const targets[] = {&m_attr_server_name, &m_attr_alpn, &m_attr_version,
-                          &m_attr_fingerprint};
+  int *const targets[] = {&m_attr_server_name, &m_attr_alpn, &m_attr_version, &m_attr_fingerprint};
   for (size_t i = 0; i < 4; ++i) {
     manager->Register(oru::fdt::string(kAttributeNames[i]), targets[i]);
   }
@@ -164,9 +163,8 @@ void TlsDpi::Finish(Session &session, oru::Conn &conn) {
   }
 }
 
-unsigned int TlsDpi::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt,
-                                   oru::Tuple & /*tuple*/,
-                                   oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+unsigned int TlsDpi::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt, oru::Tuple & /*tuple*/,
+                             oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   oru::Conn *c = conn.get();
   if (c == nullptr || pkt.length == 0) {
     return oru::INSPECT_STAY;
@@ -208,8 +206,8 @@ unsigned int TlsDpi::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt,
   }
   // Leave at the first side that is not TLS (whatever the other said), when
   // both hellos are in, or when the other side stays silent too long.
-  const bool failed = (side.done && !side.parsed && !side.legacy) ||
-                      (other.done && !other.parsed && !other.legacy);
+  const bool failed =
+      (side.done && !side.parsed && !side.legacy) || (other.done && !other.parsed && !other.legacy);
   const bool both = (side.parsed || side.legacy) && (other.parsed || other.legacy);
   const bool waited = side.done && !other.started && side.later > kPatience;
   if (failed || both || waited) {

@@ -49,7 +49,7 @@ bool InitThread() {
     return false;
   }
   t_inspector = oru::fdt::CreateObject<kest_tls::TlsDpi>(oru::fdt::OBJECT_LOCAL,
-                                                               static_cast<uint32_t>(proto));
+                                                         static_cast<uint32_t>(proto));
   if (t_inspector == nullptr) {
     return false;
   }

@@ -55,8 +55,8 @@ public:
 private:
   static int OnResult(kest_handle_t handle, kest_result_t *result, int code, kest_conn_id_t id,
                       void *user, int error);
-  static int OnAttr(kest_handle_t handle, kest_conn_id_t id, int key, int length,
-                    const void *value, int packed, void *user);
+  static int OnAttr(kest_handle_t handle, kest_conn_id_t id, int key, int length, const void *value,
+                    int packed, void *user);
 
   FlowRecord &Record(kest_conn_id_t id);
   void Result(kest_result_t *result, kest_conn_id_t id);

@@ -28,8 +28,12 @@ namespace {
 // What a user wants to see without asking: the attributes the bundled
 // decoders publish.
 const char *const kDefaultAttrs[] = {
-    "http.request.header.host",       "http.request.uri", "http.request.method",
-    "http.request.header.user-agent", "http.response.code", "tls.server_name",
+    "http.request.header.host",
+    "http.request.uri",
+    "http.request.method",
+    "http.request.header.user-agent",
+    "http.response.code",
+    "tls.server_name",
     "dns.query",
 };
 
@@ -144,7 +148,8 @@ public:
     m_last = now;
     const double seconds = std::chrono::duration<double>(now - m_start).count();
     std::fprintf(stderr, "\rkestcap: %3.0f%% of %.1f MB, %.0f packets/s ",
-                 100.0 * static_cast<double>(m_input.Offset()) / static_cast<double>(m_input.Size()),
+                 100.0 * static_cast<double>(m_input.Offset()) /
+                     static_cast<double>(m_input.Size()),
                  static_cast<double>(m_input.Size()) / 1e6,
                  seconds > 0 ? static_cast<double>(packets) / seconds : 0.0);
   }

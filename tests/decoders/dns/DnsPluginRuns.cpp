@@ -55,16 +55,16 @@ Bytes Hex(const char *hex) {
 // Two exchanges from dns_ambiguous_names.pcap.
 const Bytes kQuery1 = Hex("5f97012000010000000000010767757a7a6f6e69056170706c6503636f6d0000010001"
                           "0000291000000000000000");
-const Bytes kAnswer1 = Hex(
-    "5f97818000010002000000010767757a7a6f6e69056170706c6503636f6d0000010001c00c000500010000"
-    "02b9001e1167757a7a6f6e692d6170706c652d636f6d0176076161706c696d67c01ac02f00010001000001"
-    "2b0004118215050000290200000000000000");
+const Bytes kAnswer1 =
+    Hex("5f97818000010002000000010767757a7a6f6e69056170706c6503636f6d0000010001c00c000500010000"
+        "02b9001e1167757a7a6f6e692d6170706c652d636f6d0176076161706c696d67c01ac02f00010001000001"
+        "2b0004118215050000290200000000000000");
 const Bytes kQuery2 = Hex("b56201200001000000000001012a057465616d73096d6963726f736f667403636f6d00"
                           "000100010000291000000000000000");
-const Bytes kAnswer2 = Hex(
-    "b56281830001000000010001012a057465616d73096d6963726f736f667403636f6d0000010001c0140006"
-    "00010000012b003e076e73312d32303509617a7572652d646e73c01e13617a757265646e732d686f73746d"
-    "6173746572c0140000000100000e100000012c0024ea000000012c0000290200000000000000");
+const Bytes kAnswer2 =
+    Hex("b56281830001000000010001012a057465616d73096d6963726f736f667403636f6d0000010001c0140006"
+        "00010000012b003e076e73312d32303509617a7572652d646e73c01e13617a757265646e732d686f73746d"
+        "6173746572c0140000000100000e100000012c0024ea000000012c0000290200000000000000");
 
 const std::vector<std::string> kBothExchanges = {
     "dns.query=guzzoni.apple.com",
@@ -98,17 +98,30 @@ Bytes Udp(const Bytes &src, const Bytes &dst, uint16_t sport, uint16_t dport,
   Bytes p;
   if (src.size() == 4) {
     const size_t total = 20 + udp_length;
-    p = {0x45, 0, static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total), 0, 0, 0x40, 0,
-         64,   17, 0, 0};
+    p = {0x45,
+         0,
+         static_cast<uint8_t>(total >> 8),
+         static_cast<uint8_t>(total),
+         0,
+         0,
+         0x40,
+         0,
+         64,
+         17,
+         0,
+         0};
   } else {
-    p = {0x60, 0, 0, 0, static_cast<uint8_t>(udp_length >> 8), static_cast<uint8_t>(udp_length),
+    p = {0x60, 0,  0, 0, static_cast<uint8_t>(udp_length >> 8), static_cast<uint8_t>(udp_length),
          17,   255};
   }
   p.insert(p.end(), src.begin(), src.end());
   p.insert(p.end(), dst.begin(), dst.end());
-  const Bytes udp = {static_cast<uint8_t>(sport >> 8),      static_cast<uint8_t>(sport),
-                     static_cast<uint8_t>(dport >> 8),      static_cast<uint8_t>(dport),
-                     static_cast<uint8_t>(udp_length >> 8), static_cast<uint8_t>(udp_length),
+  const Bytes udp = {static_cast<uint8_t>(sport >> 8),
+                     static_cast<uint8_t>(sport),
+                     static_cast<uint8_t>(dport >> 8),
+                     static_cast<uint8_t>(dport),
+                     static_cast<uint8_t>(udp_length >> 8),
+                     static_cast<uint8_t>(udp_length),
                      0,
                      0};
   p.insert(p.end(), udp.begin(), udp.end());
@@ -208,14 +221,13 @@ TEST_F(DnsPluginRuns, WholePackets) {
     std::vector<std::string> values;
   };
   const Run runs[] = {
-      {Udp(a, b, 40000, 15353, kQuery1), "UDP/DNS",
-       {"dns.query=guzzoni.apple.com", "dns.qtype=A"}},
-      {Udp(b, a, 15353, 40000, kAnswer1), "UDP/DNS",
+      {Udp(a, b, 40000, 15353, kQuery1), "UDP/DNS", {"dns.query=guzzoni.apple.com", "dns.qtype=A"}},
+      {Udp(b, a, 15353, 40000, kAnswer1),
+       "UDP/DNS",
        {"dns.query=guzzoni.apple.com", "dns.qtype=A", "dns.rcode=NOERROR",
         "dns.answers=guzzoni-apple-com.v.aaplimg.com,17.130.21.5"}},
       {Udp(a, mdns_group, 5353, 5353, mdns), "UDP/MDNS", {"dns.rcode=NOERROR"}},
-      {Udp(link, llmnr_group, 50000, 5355, llmnr), "UDP/LLMNR",
-       {"dns.query=wpad", "dns.qtype=A"}},
+      {Udp(link, llmnr_group, 50000, 5355, llmnr), "UDP/LLMNR", {"dns.query=wpad", "dns.qtype=A"}},
       {Udp(a, b, 40001, 53, junk), "UDP", {}},
   };
   for (const Run &run : runs) {
@@ -238,8 +250,8 @@ TEST_F(DnsPluginRuns, ThreadsOfTheirOwn) {
   std::string stacks[2];
   auto classify = [&](std::string &stack) {
     ASSERT_EQ(kest_init(h), 0);
-    kest_classify(h, KEST_SELECTOR_IP, packet.data(), static_cast<uint16_t>(packet.size()),
-                  nullptr, 0, LastStack, &stack);
+    kest_classify(h, KEST_SELECTOR_IP, packet.data(), static_cast<uint16_t>(packet.size()), nullptr,
+                  0, LastStack, &stack);
     EXPECT_EQ(kest_fini(h), 0);
   };
   std::thread first(classify, std::ref(stacks[0]));

@@ -12,8 +12,8 @@
 #include <algorithm>
 #include <memory>
 #include <random>
-#include <string>
 #include <string.h>
+#include <string>
 #include <vector>
 
 namespace {
@@ -40,8 +40,7 @@ TEST(QuicCrypto, HkdfFirstCaseOfRfc5869) {
   const Bytes info = Hex("f0f1f2f3f4f5f6f7f8f9");
   uint8_t prk[32];
   kest_quic::HkdfExtract(salt.data(), salt.size(), ikm.data(), ikm.size(), prk);
-  EXPECT_EQ(Span(prk, 32),
-            Hex("077709362c2e32df0ddc3f0dc47bba6390b6c73bb50f9c3122ec844ad7c2b3e5"));
+  EXPECT_EQ(Span(prk, 32), Hex("077709362c2e32df0ddc3f0dc47bba6390b6c73bb50f9c3122ec844ad7c2b3e5"));
   uint8_t okm[42];
   ASSERT_TRUE(kest_quic::HkdfExpand(prk, info.data(), info.size(), okm, sizeof okm));
   EXPECT_EQ(Span(okm, 42), Hex("3cb25f25faacd57a90434f64d0362f2a2d2d0a90cf1a5a4c5db02d56ecc4c5bf"
@@ -99,8 +98,8 @@ TEST(QuicCrypto, GcmVectorsBothWays) {
     if (!cipher.empty()) {
       Bytes bad = cipher;
       bad[bad.size() / 2] ^= 0x80;
-      EXPECT_FALSE(gcm.Open(iv.data(), aad.data(), aad.size(), bad.data(), bad.size(),
-                            tag.data(), out.data()));
+      EXPECT_FALSE(gcm.Open(iv.data(), aad.data(), aad.size(), bad.data(), bad.size(), tag.data(),
+                            out.data()));
     }
   }
 }
@@ -145,8 +144,8 @@ TEST(QuicInitial, PublishedClientInitialsOpenToTheirHello) {
     EXPECT_EQ(header.packet_length, 1200u);
 
     kest_quic::InitialKeys keys;
-    ASSERT_TRUE(kest_quic::DeriveClientInitialKeys(v.version, header.dcid, header.dcid_length,
-                                                   keys));
+    ASSERT_TRUE(
+        kest_quic::DeriveClientInitialKeys(v.version, header.dcid, header.dcid_length, keys));
     Bytes scratch(packet.size());
     const uint8_t *payload = nullptr;
     size_t payload_length = 0;
@@ -204,25 +203,69 @@ const HeaderCase kHeaders[] = {
     {"too short", "c00000000108", HeaderStatus::kMalformed},
     {"unknown version", "c0abcdef0100000000000000000000", HeaderStatus::kUnknownVersion},
     {"gquic-like version", "c051303433080102030405060708000000", HeaderStatus::kUnknownVersion},
-    {"fixed bit clear", "8000000001000000" "14" "0000000000000000000000000000000000000000",
+    {"fixed bit clear",
+     "8000000001000000"
+     "14"
+     "0000000000000000000000000000000000000000",
      HeaderStatus::kMalformed},
     {"dcid of 21", "c000000001150000000000000000000000000000000000000000000000",
      HeaderStatus::kMalformed},
     {"dcid past end", "c00000000108010203", HeaderStatus::kMalformed},
-    {"length past end", "c0000000010000" "00" "4100" "00000000", HeaderStatus::kMalformed},
-    {"length under 20", "c0000000010000" "00" "13" "00000000000000000000000000000000000000",
+    {"length past end",
+     "c0000000010000"
+     "00"
+     "4100"
+     "00000000",
      HeaderStatus::kMalformed},
-    {"token past end", "c0000000010000" "05" "0000", HeaderStatus::kMalformed},
-    {"initial of 20", "c0000000010000" "00" "14" "0000000000000000000000000000000000000000",
+    {"length under 20",
+     "c0000000010000"
+     "00"
+     "13"
+     "00000000000000000000000000000000000000",
+     HeaderStatus::kMalformed},
+    {"token past end",
+     "c0000000010000"
+     "05"
+     "0000",
+     HeaderStatus::kMalformed},
+    {"initial of 20",
+     "c0000000010000"
+     "00"
+     "14"
+     "0000000000000000000000000000000000000000",
      HeaderStatus::kOk},
-    {"handshake draft-29", "e0ff00001d0000" "14" "0000000000000000000000000000000000000000",
+    {"handshake draft-29",
+     "e0ff00001d0000"
+     "14"
+     "0000000000000000000000000000000000000000",
      HeaderStatus::kOk},
-    {"retry", "f0000000010000" "00112233445566778899aabbccddeeff", HeaderStatus::kOk},
-    {"retry without tag", "f0000000010000" "0011", HeaderStatus::kMalformed},
-    {"version negotiation", "80000000000401020304" "00" "000000016b3343cf", HeaderStatus::kOk},
-    {"negotiation, ragged list", "80000000000401020304" "00" "0000000100", HeaderStatus::kMalformed},
-    {"negotiation, empty list", "80000000000401020304" "00", HeaderStatus::kMalformed},
-    {"negotiation offering 0", "80000000000401020304" "00" "00000000", HeaderStatus::kMalformed},
+    {"retry",
+     "f0000000010000"
+     "00112233445566778899aabbccddeeff",
+     HeaderStatus::kOk},
+    {"retry without tag",
+     "f0000000010000"
+     "0011",
+     HeaderStatus::kMalformed},
+    {"version negotiation",
+     "80000000000401020304"
+     "00"
+     "000000016b3343cf",
+     HeaderStatus::kOk},
+    {"negotiation, ragged list",
+     "80000000000401020304"
+     "00"
+     "0000000100",
+     HeaderStatus::kMalformed},
+    {"negotiation, empty list",
+     "80000000000401020304"
+     "00",
+     HeaderStatus::kMalformed},
+    {"negotiation offering 0",
+     "80000000000401020304"
+     "00"
+     "00000000",
+     HeaderStatus::kMalformed},
 };
 
 TEST(QuicHeader, Table) {
@@ -235,9 +278,9 @@ TEST(QuicHeader, Table) {
 
 TEST(QuicHeader, VersionText) {
   const std::pair<uint32_t, const char *> cases[] = {
-      {0x00000001, "1"},        {0x6b3343cf, "2"},         {0xff00001d, "draft-29"},
-      {0xff000009, "draft-9"},  {0x00000000, "0x00000000"}, {0x51303530, "Q050"},
-      {0x54303531, "T051"},     {0x51303a35, "0x51303a35"}};
+      {0x00000001, "1"},       {0x6b3343cf, "2"},          {0xff00001d, "draft-29"},
+      {0xff000009, "draft-9"}, {0x00000000, "0x00000000"}, {0x51303530, "Q050"},
+      {0x54303531, "T051"},    {0x51303a35, "0x51303a35"}};
   for (const auto &[version, text] : cases) {
     char out[16];
     const size_t n = kest_quic::VersionText(version, out, sizeof out);
@@ -252,20 +295,42 @@ TEST(QuicHeader, VersionText) {
 // STREAM frame's first bytes. No capture holds Q043 or the long-header
 // versions: Q043 is the Q033 packet under its number, Q046 and Q050 are
 // built to their layouts.
-constexpr const char *kQ035 =
-    "0d9370e15e7c446d08" "51303335" "01" "c4c7f61ab7c2b6949c7fc5f0" "a0010004";
-constexpr const char *kQ025 =
-    "0d49bee2d3f0edccd6" "51303235" "01" "d8697e21ab650d33f17a3cf3" "00a0010004";
-constexpr const char *kQ033 =
-    "09fadeb0e557e692a0" "51303333" "01" "da93cceca77d08f6aebdf082" "00a0011405";
-constexpr const char *kQ043 =
-    "09fadeb0e557e692a0" "51303433" "01" "da93cceca77d08f6aebdf082" "a0011405";
+constexpr const char *kQ035 = "0d9370e15e7c446d08"
+                              "51303335"
+                              "01"
+                              "c4c7f61ab7c2b6949c7fc5f0"
+                              "a0010004";
+constexpr const char *kQ025 = "0d49bee2d3f0edccd6"
+                              "51303235"
+                              "01"
+                              "d8697e21ab650d33f17a3cf3"
+                              "00a0010004";
+constexpr const char *kQ033 = "09fadeb0e557e692a0"
+                              "51303333"
+                              "01"
+                              "da93cceca77d08f6aebdf082"
+                              "00a0011405";
+constexpr const char *kQ043 = "09fadeb0e557e692a0"
+                              "51303433"
+                              "01"
+                              "da93cceca77d08f6aebdf082"
+                              "a0011405";
 // First byte, version, destination ID length 8 in the high nibble (5 + 3),
 // the ID, a 4-byte packet number, the hash.
-constexpr const char *kQ046 =
-    "c3" "51303436" "50" "1122334455667788" "00000001" "c4c7f61ab7c2b6949c7fc5f0";
+constexpr const char *kQ046 = "c3"
+                              "51303436"
+                              "50"
+                              "1122334455667788"
+                              "00000001"
+                              "c4c7f61ab7c2b6949c7fc5f0";
 // IETF form: lengths before the IDs, no token, Length 20.
-constexpr const char *kQ050 = "c3" "51303530" "08" "1122334455667788" "00" "00" "14"
+constexpr const char *kQ050 = "c3"
+                              "51303530"
+                              "08"
+                              "1122334455667788"
+                              "00"
+                              "00"
+                              "14"
                               "0000000000000000000000000000000000000000";
 
 struct GoogleCase {
@@ -289,8 +354,17 @@ const GoogleCase kGoogle[] = {
     {"Q046 long header", kQ046, "Q046"},
     {"Q050 long header", kQ050, "Q050"},
     {"T051 long header", Patch(kQ050, 1, "54303531"), "T051"},
-    {"no connection ID", "01" "51303433" "01" "c4c7f61ab7c2b6949c7fc5f0" "a0", "Q043"},
-    {"server's version negotiation", "0d9370e15e7c446d08" "5130333551303334", "Q035"},
+    {"no connection ID",
+     "01"
+     "51303433"
+     "01"
+     "c4c7f61ab7c2b6949c7fc5f0"
+     "a0",
+     "Q043"},
+    {"server's version negotiation",
+     "0d9370e15e7c446d08"
+     "5130333551303334",
+     "Q035"},
     // Near misses.
     {"letters after Q", Patch(kQ035, 9, "51304133"), ""},
     {"lower-case q", Patch(kQ035, 9, "71303335"), ""},
@@ -299,10 +373,24 @@ const GoogleCase kGoogle[] = {
     {"bit 0x40 set", Patch(kQ035, 0, "4d"), ""},
     {"bit 0x80 set", Patch(kQ035, 0, "8d"), ""},
     {"0x04 alone", Patch(kQ035, 0, "05"), ""},
-    {"no room for the hash", "0d9370e15e7c446d08" "51303335" "01" "c4c7f61ab7c2b6949c7fc5", ""},
-    {"six-byte packet number cut", Patch("0d9370e15e7c446d08" "51303335" "01"
-                                         "c4c7f61ab7c2b6949c7fc5f0" "a0", 0, "3d"), ""},
-    {"ragged negotiation", "0d9370e15e7c446d08" "513033355130", ""},
+    {"no room for the hash",
+     "0d9370e15e7c446d08"
+     "51303335"
+     "01"
+     "c4c7f61ab7c2b6949c7fc5",
+     ""},
+    {"six-byte packet number cut",
+     Patch("0d9370e15e7c446d08"
+           "51303335"
+           "01"
+           "c4c7f61ab7c2b6949c7fc5f0"
+           "a0",
+           0, "3d"),
+     ""},
+    {"ragged negotiation",
+     "0d9370e15e7c446d08"
+     "513033355130",
+     ""},
     {"T in a public header", Patch(kQ043, 9, "54303433"), ""},
     {"Q046 in a public header", Patch(kQ043, 9, "51303436"), ""},
     {"Q043 in a long header", Patch(kQ046, 1, "51303433"), ""},
@@ -381,8 +469,7 @@ TEST(QuicGoogle, ChloServerName) {
                ? std::string(reinterpret_cast<const char *>(n), length)
                : std::string("-");
   };
-  const Bytes good =
-      with(Chlo({{"PAD", "----"}, {"SNI", "www.example.org"}, {"VER", "Q043"}}));
+  const Bytes good = with(Chlo({{"PAD", "----"}, {"SNI", "www.example.org"}, {"VER", "Q043"}}));
   EXPECT_EQ(name(good), "www.example.org");
   // Every cut: the name is read once its last byte is in.
   const size_t name_end = lead.size() + 8 + 3 * 8 + 4 + 15;
@@ -415,18 +502,81 @@ struct FrameCase {
 
 const FrameCase kFrames[] = {
     {"padding and ping", "0000010000", FrameStatus::kOk, ""},
-    {"ack then crypto", "02" "05" "00" "01" "00" "01" "01" "06" "00" "02" "aabb", FrameStatus::kOk,
-     "0:aabb"},
-    {"ack with ecn", "03" "05" "00" "00" "00" "01" "02" "03" "0604" "01cc", FrameStatus::kOk,
-     "4:cc"},
-    {"ack range count too big", "02" "05" "00" "3f" "00", FrameStatus::kMalformed, ""},
-    {"crypto two-byte offset", "06" "4100" "01" "dd", FrameStatus::kOk, "256:dd"},
-    {"crypto past end", "06" "00" "05" "aabb", FrameStatus::kMalformed, ""},
-    {"connection close", "1c" "01" "06" "02" "6869" "060001ee", FrameStatus::kOk, "0:ee"},
-    {"application close", "1d" "01" "00" "060001ee", FrameStatus::kOk, "0:ee"},
-    {"close reason past end", "1c" "01" "06" "09" "6869", FrameStatus::kMalformed, ""},
-    {"stream frame stops", "060001ee" "08" "00" "0601ff", FrameStatus::kStopped, "0:ee"},
-    {"cut varint", "06" "40", FrameStatus::kMalformed, ""},
+    {"ack then crypto",
+     "02"
+     "05"
+     "00"
+     "01"
+     "00"
+     "01"
+     "01"
+     "06"
+     "00"
+     "02"
+     "aabb",
+     FrameStatus::kOk, "0:aabb"},
+    {"ack with ecn",
+     "03"
+     "05"
+     "00"
+     "00"
+     "00"
+     "01"
+     "02"
+     "03"
+     "0604"
+     "01cc",
+     FrameStatus::kOk, "4:cc"},
+    {"ack range count too big",
+     "02"
+     "05"
+     "00"
+     "3f"
+     "00",
+     FrameStatus::kMalformed, ""},
+    {"crypto two-byte offset",
+     "06"
+     "4100"
+     "01"
+     "dd",
+     FrameStatus::kOk, "256:dd"},
+    {"crypto past end",
+     "06"
+     "00"
+     "05"
+     "aabb",
+     FrameStatus::kMalformed, ""},
+    {"connection close",
+     "1c"
+     "01"
+     "06"
+     "02"
+     "6869"
+     "060001ee",
+     FrameStatus::kOk, "0:ee"},
+    {"application close",
+     "1d"
+     "01"
+     "00"
+     "060001ee",
+     FrameStatus::kOk, "0:ee"},
+    {"close reason past end",
+     "1c"
+     "01"
+     "06"
+     "09"
+     "6869",
+     FrameStatus::kMalformed, ""},
+    {"stream frame stops",
+     "060001ee"
+     "08"
+     "00"
+     "0601ff",
+     FrameStatus::kStopped, "0:ee"},
+    {"cut varint",
+     "06"
+     "40",
+     FrameStatus::kMalformed, ""},
 };
 
 TEST(QuicFrames, Table) {

@@ -49,11 +49,32 @@ Bytes Udp(uint8_t src_host, uint8_t dst_host, uint16_t sport, uint16_t dport,
           const Bytes &payload) {
   const size_t udp_length = 8 + payload.size();
   const size_t total = 20 + udp_length;
-  Bytes p = {0x45, 0,  static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total), 0, 0, 0x40,
-             0,    64, 17, 0, 0, 10, 0, 0, src_host, 10, 0, 0, dst_host};
-  const Bytes udp = {static_cast<uint8_t>(sport >> 8),      static_cast<uint8_t>(sport),
-                     static_cast<uint8_t>(dport >> 8),      static_cast<uint8_t>(dport),
-                     static_cast<uint8_t>(udp_length >> 8), static_cast<uint8_t>(udp_length),
+  Bytes p = {0x45,
+             0,
+             static_cast<uint8_t>(total >> 8),
+             static_cast<uint8_t>(total),
+             0,
+             0,
+             0x40,
+             0,
+             64,
+             17,
+             0,
+             0,
+             10,
+             0,
+             0,
+             src_host,
+             10,
+             0,
+             0,
+             dst_host};
+  const Bytes udp = {static_cast<uint8_t>(sport >> 8),
+                     static_cast<uint8_t>(sport),
+                     static_cast<uint8_t>(dport >> 8),
+                     static_cast<uint8_t>(dport),
+                     static_cast<uint8_t>(udp_length >> 8),
+                     static_cast<uint8_t>(udp_length),
                      0,
                      0};
   p.insert(p.end(), udp.begin(), udp.end());
@@ -116,8 +137,7 @@ TEST_P(QuicPluginRuns, PublishedInitials) {
     g_values.clear();
     EXPECT_EQ(Run(h, {{0, Hex(run.packet)}}, run.port), "UDP/QUIC");
     EXPECT_EQ(g_values, (std::vector<std::string>{std::string("quic.version=") + run.version,
-                                                  "tls.server_name=example.com",
-                                                  "tls.alpn=alpn"}));
+                                                  "tls.server_name=example.com", "tls.alpn=alpn"}));
   }
   Close(h);
 }
@@ -156,7 +176,9 @@ TEST_P(QuicPluginRuns, WhatIsAndIsNotNamed) {
   EXPECT_EQ(Run(h, {{0, unknown}}, 8443), "UDP");
   EXPECT_EQ(Run(h, {{0, Hex("c000000001ff00")}}, 853), "UDP");
   EXPECT_EQ(g_values, std::vector<std::string>{});
-  const Bytes negotiation = Hex("8a000000000401020304" "04a1b2c3d4" "000000016b3343cf");
+  const Bytes negotiation = Hex("8a000000000401020304"
+                                "04a1b2c3d4"
+                                "000000016b3343cf");
   EXPECT_EQ(Run(h, {{1, negotiation}}, 784), "UDP/QUIC");
   EXPECT_EQ(g_values, (std::vector<std::string>{"quic.version=0x00000000"}));
   // The client's next try, in a version both speak, is still read.
@@ -172,15 +194,32 @@ TEST_P(QuicPluginRuns, WhatIsAndIsNotNamed) {
 // that are not named.
 TEST_P(QuicPluginRuns, GoogleQuic) {
   const kest_handle_t h = Open();
-  Bytes q025 = Hex("0d49bee2d3f0edccd6" "51303235" "01" "d8697e21ab650d33f17a3cf3" "00a0010004"
-                   "43484c4f" "0300" "0000" "50414400" "04000000" "534e4900" "11000000"
-                   "56455200" "15000000" "2d2d2d2d" "7777772e676f6f676c652e6974");
+  Bytes q025 = Hex("0d49bee2d3f0edccd6"
+                   "51303235"
+                   "01"
+                   "d8697e21ab650d33f17a3cf3"
+                   "00a0010004"
+                   "43484c4f"
+                   "0300"
+                   "0000"
+                   "50414400"
+                   "04000000"
+                   "534e4900"
+                   "11000000"
+                   "56455200"
+                   "15000000"
+                   "2d2d2d2d"
+                   "7777772e676f6f676c652e6974");
   EXPECT_EQ(Run(h, {{0, q025}}, 61001), "UDP/QUIC");
   EXPECT_EQ(g_values,
             (std::vector<std::string>{"quic.version=Q025", "tls.server_name=www.google.it"}));
   g_values.clear();
-  const Bytes q046 =
-      Hex("c3" "51303436" "50" "1122334455667788" "00000001" "c4c7f61ab7c2b6949c7fc5f0");
+  const Bytes q046 = Hex("c3"
+                         "51303436"
+                         "50"
+                         "1122334455667788"
+                         "00000001"
+                         "c4c7f61ab7c2b6949c7fc5f0");
   EXPECT_EQ(Run(h, {{0, q046}}, 443), "UDP/QUIC");
   EXPECT_EQ(g_values, (std::vector<std::string>{"quic.version=Q046"}));
   g_values.clear();

@@ -18,7 +18,7 @@ namespace {
 using Steps = std::vector<std::pair<int, std::string>>;
 using Attrs = std::map<std::string, std::string>;
 
-const char *const kNames[] = {"sip.request.method",     "sip.request.uri",
+const char *const kNames[] = {"sip.request.method",      "sip.request.uri",
                               "sip.request.header.from", "sip.response.code",
                               "sip.request.body",        "rtsp.request.method",
                               "rtsp.response.code",      "ssdp.request.method",
@@ -43,8 +43,9 @@ std::string Invite(const std::string &extra) {
          extra;
 }
 
-const std::string kInviteSdp = Invite("Content-Type: application/sdp\r\nContent-Length: " +
-                                      std::to_string(kSdp.size()) + "\r\n\r\n" + kSdp);
+const std::string kInviteSdp =
+    Invite("Content-Type: application/sdp\r\nContent-Length: " + std::to_string(kSdp.size()) +
+           "\r\n\r\n" + kSdp);
 
 const std::vector<Conversation> &Table() {
   static const std::vector<Conversation> table = {
@@ -113,7 +114,11 @@ const std::vector<Conversation> &Table() {
        {{1, "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=100\r\nUSN: uuid:2\r\n\r\n"}},
        "UDP/SSDP",
        {{"ssdp.response.header.usn", "uuid:2"}}},
-      {"ssdp notify", 17, 1900, {{0, "NOTIFY * HTTP/1.1\r\nNTS: ssdp:alive\r\n\r\n"}}, "UDP/SSDP",
+      {"ssdp notify",
+       17,
+       1900,
+       {{0, "NOTIFY * HTTP/1.1\r\nNTS: ssdp:alive\r\n\r\n"}},
+       "UDP/SSDP",
        {{"ssdp.request.method", "NOTIFY"}}},
       // Near misses.
       {"http over udp, no search headers", 17, 1900, {{1, "HTTP/1.1 200 OK\r\n\r\n"}}, "UDP", {}},
@@ -121,8 +126,7 @@ const std::vector<Conversation> &Table() {
       {"sip version 3", 17, 5060, {{0, "INVITE sip:a@b SIP/3.0\r\n\r\n"}}, "UDP", {}},
       {"sip method unknown", 6, 5060, {{0, "HELLO sip:a@b SIP/2.0\r\n\r\n"}}, "TCP", {}},
       {"sip line cut in a datagram", 17, 5060, {{0, "INVITE sip:a@b SIP/2.0"}}, "UDP", {}},
-      {"rtsp on udp is not ours", 17, 554, {{0, "OPTIONS rtsp://a RTSP/1.0\r\n\r\n"}}, "UDP",
-       {}},
+      {"rtsp on udp is not ours", 17, 554, {{0, "OPTIONS rtsp://a RTSP/1.0\r\n\r\n"}}, "UDP", {}},
       {"http to sip ears", 6, 5060, {{0, "GET / HTTP/1.1\r\nHost: a\r\n\r\n"}}, "TCP", {}},
       {"binary", 17, 5060, {{0, std::string("\x80\x00\x01\x02\0\0\0\0abcd", 12)}}, "UDP", {}},
   };
@@ -252,8 +256,8 @@ TEST_F(MessageConversations, SdpAnnouncesRtpAndRtcp) {
       const std::string *bytes;
       const char *stack;
     } flows[] = {
-        {49170, 1, &rtp, "UDP/RTP"},   {49171, 1, &rtcp, "UDP/RTCP"}, {49172, 1, &rtp, "UDP"},
-        {49170, 3, &rtp, "UDP"},       {49170, 1, &rtp_v1, "UDP"},
+        {49170, 1, &rtp, "UDP/RTP"}, {49171, 1, &rtcp, "UDP/RTCP"}, {49172, 1, &rtp, "UDP"},
+        {49170, 3, &rtp, "UDP"},     {49170, 1, &rtp_v1, "UDP"},
     };
     uint16_t from_port = 30000;
     for (const auto &f : flows) {

@@ -227,8 +227,7 @@ TEST_F(TlsParser, SplitInvariance) {
     }
     for (size_t i = 0; i <= stream.size(); i += 3) {
       for (size_t j = i; j <= stream.size(); j += 11) {
-        ASSERT_EQ(Assemble(stream, {i, j}), want)
-            << "chunk " << chunk << " cuts " << i << " " << j;
+        ASSERT_EQ(Assemble(stream, {i, j}), want) << "chunk " << chunk << " cuts " << i << " " << j;
       }
     }
   }

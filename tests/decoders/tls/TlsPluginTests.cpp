@@ -85,9 +85,9 @@ protected:
   void SetUp() override {
     PluginFolderFixture::SetUp();
     g_seen = &seen;
-    h = kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG,
-                          KEST_TEST_TLS_PLG})
-                      .c_str());
+    h = kest_open(
+        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_TLS_PLG})
+            .c_str());
     ASSERT_GT(h, 0);
     ASSERT_EQ(kest_init(h), 0);
     for (const char *name : kNames) {
@@ -122,14 +122,46 @@ protected:
     const uint16_t total = static_cast<uint16_t>(40 + n);
     const uint16_t sport = side == 0 ? client_port : port, dport = side == 0 ? port : client_port;
     const uint32_t seq = 1000 + offset;
-    Bytes p = {0x45, 0, static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total), 0, 0, 0x40,
-               0, 64, 6, 0, 0, 10, 0, 0, static_cast<uint8_t>(side == 0 ? 1 : 2), 10, 0, 0,
+    Bytes p = {0x45,
+               0,
+               static_cast<uint8_t>(total >> 8),
+               static_cast<uint8_t>(total),
+               0,
+               0,
+               0x40,
+               0,
+               64,
+               6,
+               0,
+               0,
+               10,
+               0,
+               0,
+               static_cast<uint8_t>(side == 0 ? 1 : 2),
+               10,
+               0,
+               0,
                static_cast<uint8_t>(side == 0 ? 2 : 1),
-               static_cast<uint8_t>(sport >> 8), static_cast<uint8_t>(sport),
-               static_cast<uint8_t>(dport >> 8), static_cast<uint8_t>(dport),
-               static_cast<uint8_t>(seq >> 24), static_cast<uint8_t>(seq >> 16),
-               static_cast<uint8_t>(seq >> 8), static_cast<uint8_t>(seq), 0, 0, 0, 0, 0x50, 0x18,
-               0xFF, 0xFF, 0, 0, 0, 0};
+               static_cast<uint8_t>(sport >> 8),
+               static_cast<uint8_t>(sport),
+               static_cast<uint8_t>(dport >> 8),
+               static_cast<uint8_t>(dport),
+               static_cast<uint8_t>(seq >> 24),
+               static_cast<uint8_t>(seq >> 16),
+               static_cast<uint8_t>(seq >> 8),
+               static_cast<uint8_t>(seq),
+               0,
+               0,
+               0,
+               0,
+               0x50,
+               0x18,
+               0xFF,
+               0xFF,
+               0,
+               0,
+               0,
+               0};
     uint32_t sum = 0;
     for (size_t i = 0; i < 20; i += 2) {
       sum += static_cast<uint32_t>(p[i] << 8 | p[i + 1]);
