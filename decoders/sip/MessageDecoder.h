@@ -127,6 +127,22 @@ void PluginLinkThread(const PluginInfo &info);
 void PluginExitThread(const PluginInfo &info);
 void PluginExitInstance(const PluginInfo &info);
 
+// The entry table of the plug-in described by `*kInfo`: the entry points
+// take no arguments, so each plug-in gets functions of its own.
+template <const PluginInfo *kInfo> struct PluginEntries {
+  static const char *GetName() { return PluginName(*kInfo); }
+  static bool InitInstance() { return PluginInitInstance(*kInfo); }
+  static bool InitThread() { return PluginInitThread(*kInfo); }
+  static void LinkThread() { PluginLinkThread(*kInfo); }
+  static void StartThread() {}
+  static void ExitThread() { PluginExitThread(*kInfo); }
+  static void ExitInstance() { PluginExitInstance(*kInfo); }
+
+  static constexpr oru::PluginEntryTable kTable = {GetName,    PluginVersion, InitInstance,
+                                                   InitThread, LinkThread,    StartThread,
+                                                   ExitThread, ExitInstance};
+};
+
 } // namespace kest_sip
 
 #endif

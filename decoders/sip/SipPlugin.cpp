@@ -10,33 +10,8 @@ constexpr uint16_t kPorts[] = {5060};
 const kest_sip::PluginInfo kInfo{"sip", 271,  "SIP",  "SIP", "sip", &kest_sip::kSip, true, kPorts,
                                  1,     true, kPorts, 1,     true,  false,           false};
 
-const char *GetName() {
-  return kest_sip::PluginName(kInfo);
-}
-bool InitInstance() {
-  return kest_sip::PluginInitInstance(kInfo);
-}
-bool InitThread() {
-  return kest_sip::PluginInitThread(kInfo);
-}
-void LinkThread() {
-  kest_sip::PluginLinkThread(kInfo);
-}
-void StartThread() {}
-void ExitThread() {
-  kest_sip::PluginExitThread(kInfo);
-}
-void ExitInstance() {
-  kest_sip::PluginExitInstance(kInfo);
-}
-
-const oru::PluginEntryTable kTable = {GetName,      kest_sip::PluginVersion,
-                                      InitInstance, InitThread,
-                                      LinkThread,   StartThread,
-                                      ExitThread,   ExitInstance};
-
 } // namespace
 
 KEST_PLUGIN_QUERY {
-  return &kTable;
+  return &kest_sip::PluginEntries<&kInfo>::kTable;
 }
