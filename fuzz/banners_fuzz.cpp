@@ -1,7 +1,7 @@
 // The line-dialogue decoders' reading (SSH, SMTP, POP3, IMAP, FTP) on two
 // sides fed in pieces that the input chooses: no crash, no read outside the
 // flows, every read position within its flow, every note within its
-// capacity.
+// capacity, every announcement list within its bound.
 #include "FuzzFlow.h"
 
 #include "ftp/FtpRules.h"
@@ -22,6 +22,11 @@ template <class Rules> void Converse(const uint8_t *data, size_t size) {
   // Half the inputs read on after the protocol is known, as far as a turn
   // to TLS.
   dialog.follow = size & 1;
+  // The other half follows announcements (FTP's data connections), read
+  // for the connection's life.
+  if constexpr (kest_decoders::Announcing<Rules>) {
+    dialog.state.expect = (size & 1) == 0 ? 1 : 0;
+  }
   for (;;) {
     const unsigned s = in.Byte() & 1;
     if (!sides[s].Feed(in, 96)) {
@@ -41,6 +46,12 @@ template <class Rules> void Converse(const uint8_t *data, size_t size) {
       if (dialog.notes.length[i] > kest_decoders::kNoteCapacity) {
         abort();
       }
+    }
+    if constexpr (kest_decoders::Announcing<Rules>) {
+      if (dialog.state.announced.count > kest_decoders::Announcements::kMax) {
+        abort();
+      }
+      dialog.state.announced.count = 0;
     }
     if (leave) {
       break;

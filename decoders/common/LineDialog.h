@@ -29,10 +29,21 @@
 // (InnerChain.h), so that the TLS decoder names them above this protocol.
 // For that the reading goes on where the rules would otherwise stop
 // (LINE_LEARNT) until the turn can no longer come (LINE_PLAIN, LINE_DONE).
+//
+// A protocol whose lines announce connections to come (FTP's data
+// connections) also has:
+//   kAnnounced        the protocol those connections are named
+//   kMaxLinesNamed    lines per side looked at once the protocol is named
+//   State::expect     set by the reader when the policy allows future flows
+//   State::announced  Announcements the rules add to and the reader takes
+// Once the protocol is named, the reader expects each announced end point
+// (and the same port on the announcing side's own address, which is the one
+// that counts behind address translation) through ExpectedFlows.
 #ifndef KEST_DECODERS_LINEDIALOG_H
 #define KEST_DECODERS_LINEDIALOG_H
 
 #include "common/AppAttach.h"
+#include "common/ExpectedFlows.h"
 #include "common/InnerChain.h"
 #include "common/TextLine.h"
 #include "common/TransportPlugin.h"
@@ -93,6 +104,33 @@ template <int N> struct Notes {
   void Set(int i, const TextSpan &span) { Set(i, span.text, span.length); }
 };
 
+// End points announced for connections to come, with the side that
+// announced each; a zero address stands for that side's own.
+struct Announcements {
+  static constexpr int kMax = 4;
+  oru::IpAddr addr[kMax];
+  uint16_t port[kMax];
+  uint8_t side[kMax];
+  uint8_t count;
+
+  // Beyond kMax before the reader takes them, the latest are dropped.
+  void Add(const oru::IpAddr &a, uint16_t p, unsigned s) {
+    if (count < kMax) {
+      addr[count] = a;
+      port[count] = p;
+      side[count++] = static_cast<uint8_t>(s & 1);
+    }
+  }
+};
+
+template <class Rules>
+concept Announcing = requires(typename Rules::State state) {
+  Rules::kAnnounced;
+  Rules::kMaxLinesNamed;
+  state.expect;
+  state.announced;
+};
+
 // One connection's reading, free of the library's connection objects so
 // that tests and the fuzz target drive it on flows of their own.
 template <class Rules> struct Dialog {
@@ -133,7 +171,7 @@ template <class Rules> struct Dialog {
         }
         break;
       }
-      if (read != LINE_READY || ++me.lines > Rules::kMaxLines) {
+      if (read != LINE_READY || ++me.lines > MaxLines()) {
         return Fail(me);
       }
       const unsigned say = Rules::Line(state, notes, s & 1, line.text, line.length, line.full);
@@ -175,6 +213,13 @@ template <class Rules> struct Dialog {
   }
 
 private:
+  uint32_t MaxLines() const {
+    if constexpr (Announcing<Rules>) {
+      return mine != 0 ? Rules::kMaxLinesNamed : Rules::kMaxLines;
+    }
+    return Rules::kMaxLines;
+  }
+
   // A side that goes wrong: the end of the connection before the protocol
   // is named, only the end of that side after.
   Outcome Fail(Side &me) {
@@ -213,6 +258,9 @@ public:
         return oru::INSPECT_FINISHED;
       }
       it->second.dialog.follow = (c->m_policy & oru::POLICY_CHAMELEON) != 0 ? 1 : 0;
+      if constexpr (Announcing<Rules>) {
+        it->second.dialog.state.expect = m_expected != nullptr && ExpectedFlows::Allowed(*c);
+      }
     }
     Entry &entry = it->second;
     if (entry.inner.get() != nullptr) {
@@ -227,6 +275,9 @@ public:
         return oru::INSPECT_FINISHED;
       }
       Publish(*c, dialog.notes);
+      if constexpr (Announcing<Rules>) {
+        Expect(*c, dialog.state.announced);
+      }
     }
     if (outcome == Dialog<Rules>::UPGRADE) {
       const uint64_t from[2] = {dialog.From(0, c->m_flow[0].m_next_pos),
@@ -268,6 +319,18 @@ public:
 
   bool Start() {
     m_proto = static_cast<uint32_t>(oru::GetProtocolId(Rules::kProtocol));
+    if constexpr (Announcing<Rules>) {
+      const int announced = oru::GetProtocolId(Rules::kAnnounced);
+      if (announced <= 0) {
+        return false;
+      }
+      m_expected = oru::fdt::CreateObject<ExpectedProtocol>(oru::fdt::OBJECT_LOCAL, uint8_t{6},
+                                                            static_cast<uint32_t>(announced));
+      if (m_expected == nullptr) {
+        return false;
+      }
+      m_expected->add_ref();
+    }
     oru::AttributeMgr *manager = oru::AttributeMgr::Instance();
     if (manager == nullptr) {
       return false;
@@ -279,6 +342,13 @@ public:
   }
 
   void Stop() {
+    if constexpr (Announcing<Rules>) {
+      if (m_expected != nullptr) {
+        m_expected->Withdraw();
+        m_expected->release();
+        m_expected = nullptr;
+      }
+    }
     oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
     for (int i = 0; manager != nullptr && i < Rules::kNotes; ++i) {
       manager->Unregister(oru::fdt::string(Rules::kAttributes[i]));
@@ -319,7 +389,21 @@ private:
     }
   }
 
+  // Each announced end point, once the protocol is named.
+  void Expect(const oru::Conn &conn, Announcements &announced) {
+    for (int i = 0; i < announced.count; ++i) {
+      const oru::IpAddr &own = announced.side[i] == 0 ? conn.m_tuple.src : conn.m_tuple.dst;
+      if (!announced.addr[i].is_zero() && announced.addr[i] != own) {
+        m_expected->Expect(announced.addr[i], announced.port[i]);
+      }
+      m_expected->Expect(own, announced.port[i]);
+    }
+    announced.count = 0;
+  }
+
   DialogMap m_dialogs;
+  // Where announced connections are expected, for rules that announce.
+  ExpectedProtocol *m_expected = nullptr;
   // The connection whose inner chain runs now.
   oru::Conn *m_inside = nullptr;
   uint32_t m_proto = 0;
@@ -343,6 +427,9 @@ template <class Rules> struct DialogPlugin {
   }
   static bool InitInstance() {
     oru::RegisterProtocol(Rules::kProtocol);
+    if constexpr (Announcing<Rules>) {
+      oru::RegisterProtocol(Rules::kAnnounced);
+    }
     for (int i = 0; i < Rules::kNotes; ++i) {
       if (!oru::AttributeMgr::Create(oru::fdt::string(Rules::kAttributes[i]))) {
         return false;

@@ -4,10 +4,15 @@
 // answered. SMTP's commands end the reading at once. With only the client's
 // side in view, two commands, one of them FTP's own (not shared with POP3),
 // are enough. AUTH TLS (or SSL) answered 234 turns the connection to TLS.
+//
+// Where the connection's policy allows future flows, the reading goes on
+// for the connection's life: each data connection a PORT, EPRT, 227 or 229
+// line announces (FtpAnnounce.h) is expected as FTP_DATA.
 #ifndef KEST_DECODERS_FTPRULES_H
 #define KEST_DECODERS_FTPRULES_H
 
 #include "common/LineDialog.h"
+#include "ftp/FtpAnnounce.h"
 
 namespace kest_decoders {
 
@@ -22,6 +27,10 @@ struct FtpRules {
   static constexpr uint32_t kMaxLine = 1024;
   // Welcome texts run long.
   static constexpr uint32_t kMaxLines = 128;
+  // Once named, a control connection is read to its end for announcements.
+  static constexpr uint32_t kMaxLinesNamed = 0xffffffffu;
+  // What announced connections are named.
+  static constexpr const char *kAnnounced = "FTP_DATA";
 
   enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
 
@@ -43,6 +52,11 @@ struct FtpRules {
     uint8_t own;
     uint8_t tls;
     uint8_t mine;
+    // Set by the reader: announcements are followed.
+    uint8_t expect;
+    // Announcements not yet taken by the reader, with the side that made
+    // each (whose address stands in for a missing one).
+    Announcements announced;
   };
 
   static constexpr const char *kCommands[] = {
@@ -70,12 +84,16 @@ struct FtpRules {
 
   static unsigned Mine(State &state, const Notes<kNotes> &notes) {
     state.mine = 1;
-    return notes.filled[0] != 0 ? LINE_MINE | LINE_DONE : LINE_MINE;
+    return notes.filled[0] != 0 && state.expect == 0 ? LINE_MINE | LINE_DONE : LINE_MINE;
   }
 
-  static unsigned ServerLine(State &state, const Notes<kNotes> &notes, const char *text,
-                             uint32_t length) {
+  static unsigned ServerLine(State &state, const Notes<kNotes> &notes, unsigned side,
+                             const char *text, uint32_t length) {
     const int code = ReplyCode(text, length);
+    FtpEndpoint announced;
+    if (state.expect != 0 && state.open_reply == 0 && ServerAnnounce(text, length, announced)) {
+      state.announced.Add(announced.addr, announced.port, side);
+    }
     const bool greeting = state.server_lines++ == 0 || state.in_greeting != 0;
     if (state.open_reply != 0) {
       // Inside a multi-line reply any text may come; the same code with a
@@ -119,7 +137,7 @@ struct FtpRules {
     return LINE_GO_ON;
   }
 
-  static unsigned ClientLine(State &state, Notes<kNotes> &notes, const char *text,
+  static unsigned ClientLine(State &state, Notes<kNotes> &notes, unsigned side, const char *text,
                              uint32_t length) {
     const int command = CommandOf(text, length);
     if (command < 0) {
@@ -127,6 +145,10 @@ struct FtpRules {
     }
     ++state.commands;
     state.asked = 1;
+    FtpEndpoint announced;
+    if (state.expect != 0 && ClientAnnounce(text, length, announced)) {
+      state.announced.Add(announced.addr, announced.port, side);
+    }
     if (command >= kOwn) {
       state.own = 1;
     }
@@ -141,7 +163,7 @@ struct FtpRules {
       notes.Set(0, Rest(text, length, 4));
     }
     if (state.mine != 0) {
-      return notes.filled[0] != 0 ? LINE_DONE : LINE_GO_ON;
+      return notes.filled[0] != 0 && state.expect == 0 ? LINE_DONE : LINE_GO_ON;
     }
     if (state.server_lines == 0 && state.commands >= 2 && state.own != 0) {
       return Mine(state, notes);
@@ -154,8 +176,8 @@ struct FtpRules {
     if (state.role[side] == ROLE_NONE) {
       state.role[side] = ReplyCode(text, length) >= 0 ? ROLE_SERVER : ROLE_CLIENT;
     }
-    return state.role[side] == ROLE_SERVER ? ServerLine(state, notes, text, length)
-                                           : ClientLine(state, notes, text, length);
+    return state.role[side] == ROLE_SERVER ? ServerLine(state, notes, side, text, length)
+                                           : ClientLine(state, notes, side, text, length);
   }
 };
 

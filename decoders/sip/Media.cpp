@@ -1,8 +1,5 @@
 #include "sip/Media.h"
 
-#include "common/AppAttach.h"
-
-#include <kest/IpPortRuleStore.h>
 #include <kest/PktInfo.h>
 #include <kest/Runtime.h>
 
@@ -255,64 +252,17 @@ unsigned int MediaInspector::Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &
 
 void MediaInspector::Expect(const oru::Conn &conn, const MediaList &media,
                             const oru::IpAddr &sender) {
-  if ((conn.m_policy & oru::POLICY_FUTUREFLOWS) == 0) {
+  if (!Allowed(conn)) {
     return;
   }
   for (size_t i = 0; i < media.count; ++i) {
     const oru::IpAddr addr = media.items[i].addr.is_zero() ? sender : media.items[i].addr;
     const uint16_t port = media.items[i].port;
-    AddOne(addr, port);
+    ExpectedFlows::Expect(addr, port);
     if (port < 65535) {
-      AddOne(addr, static_cast<uint16_t>(port + 1));
+      ExpectedFlows::Expect(addr, static_cast<uint16_t>(port + 1));
     }
   }
-}
-
-void MediaInspector::AddOne(const oru::IpAddr &addr, uint16_t port) {
-  oru::IpPortRuleStore *rules = kest_decoders::AppRules(17);
-  if (rules == nullptr || addr.is_zero() || port == 0) {
-    return;
-  }
-  const unsigned char udp = 17;
-  const oru::InspectorCallback cb(this);
-  bool held = false;
-  for (size_t i = 0; i < m_count && !held; ++i) {
-    held = m_held[i].addr == addr && m_held[i].port == port;
-  }
-  if (held) {
-    // Announced again (a re-INVITE, say): the wait starts anew.
-    rules->RemoveRuleFast(udp, cb, port, addr, addr);
-  } else {
-    if (m_count == kMaxRules) {
-      const Held &old = m_held[m_next];
-      rules->RemoveRuleFast(udp, cb, old.port, old.addr, old.addr);
-    } else {
-      ++m_count;
-    }
-    m_held[m_next] = Held{addr, port};
-    m_next = (m_next + 1) % kMaxRules;
-  }
-  // Local expiry: the rule lives in this thread's store alone, so there is
-  // nobody to tell of its use. A store that refuses time-outs still gets the
-  // rule; the bound on held rules then keeps their number small.
-  if (!rules->AddRule(udp, cb, port, addr, addr, kTimeout, oru::IpPortRuleStore::EXPIRY_LOCAL,
-                      true) &&
-      !rules->m_allow_expiry) {
-    rules->AddRule(udp, cb, port, addr, addr, 0, oru::IpPortRuleStore::EXPIRY_LOCAL, true);
-  }
-}
-
-void MediaInspector::Withdraw() {
-  oru::IpPortRuleStore *rules = kest_decoders::AppRules(17);
-  if (rules != nullptr) {
-    const unsigned char udp = 17;
-    for (size_t i = 0; i < m_count; ++i) {
-      rules->RemoveRuleFast(udp, oru::InspectorCallback(this), m_held[i].port, m_held[i].addr,
-                            m_held[i].addr);
-    }
-  }
-  m_count = 0;
-  m_next = 0;
 }
 
 } // namespace kest_sip

@@ -10,6 +10,8 @@
 #ifndef KEST_DECODERS_SIP_MEDIA_H
 #define KEST_DECODERS_SIP_MEDIA_H
 
+#include "common/ExpectedFlows.h"
+
 #include <kest/Conn.h>
 #include <kest/FlowBuffer.h>
 #include <kest/Inspector.h>
@@ -52,42 +54,27 @@ void ParseTransport(const char *data, size_t size, const oru::IpAddr &client,
 // the number copied (fewer in a hole or past the end).
 size_t CopyOut(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, char *out, size_t room);
 
-// The inspector that expected flows get, one per thread and plug-in. It
-// keeps the rules it added (a bounded number, the oldest dropped first) so
-// that it can take them back when its thread ends.
-class MediaInspector final : public oru::Inspector {
+// The inspector that expected media flows get, one per thread and
+// plug-in: it judges a flow's first datagram as RTP or RTCP.
+class MediaInspector final : public kest_decoders::ExpectedFlows {
 public:
-  // Seconds an expectation waits for its flow.
-  static constexpr unsigned int kTimeout = 120;
-  static constexpr size_t kMaxRules = 64;
-
-  MediaInspector(uint32_t rtp, uint32_t rtcp) : m_rtp(rtp), m_rtcp(rtcp) {}
+  MediaInspector(uint32_t rtp, uint32_t rtcp)
+      : ExpectedFlows(17, false), m_rtp(rtp), m_rtcp(rtcp) {}
 
   unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
 
   // Expects each port (and the one above it, for RTCP) on UDP, when the
-  // policy of `conn` has POLICY_FUTUREFLOWS. Addresses not known take
+  // policy of `conn` allows future flows. Addresses not known take
   // `sender`.
   void Expect(const oru::Conn &conn, const MediaList &media, const oru::IpAddr &sender);
-  // Removes every rule still held (on the thread that added them).
-  void Withdraw();
 
   // 1: RTP, 2: RTCP, 0: neither, for a datagram's first bytes.
   static int Judge(const uint8_t *data, size_t size);
 
 private:
-  void AddOne(const oru::IpAddr &addr, uint16_t port);
-
-  struct Held {
-    oru::IpAddr addr;
-    uint16_t port;
-  };
   uint32_t m_rtp;
   uint32_t m_rtcp;
-  Held m_held[kMaxRules] = {};
-  size_t m_count = 0;
-  size_t m_next = 0;
 };
 
 } // namespace kest_sip

@@ -15,6 +15,7 @@
 
 #include <arpa/inet.h>
 #include <map>
+#include <string.h>
 #include <string>
 #include <utility>
 #include <vector>
@@ -401,6 +402,62 @@ TEST_F(BannerConversations, SameResultWhereverTheStepsAreCut) {
       EXPECT_EQ(Run(c, cut), whole) << c.what << " cut at " << cut;
       EXPECT_EQ(g_attrs, attrs) << c.what << " cut at " << cut;
     }
+  }
+}
+
+// The data connections an FTP control connection announces are named
+// FTP_DATA when they start, once each, at the announced address and at the
+// announcing side's own (behind address translation they differ), and
+// only while the policy allows future flows.
+TEST_F(BannerConversations, FtpDataConnectionsAreExpected) {
+  const Conversation control = {"ftp with transfers",
+                                21,
+                                {{1, "220 FTP server ready\r\n"},
+                                 {0, "USER anonymous\r\n"},
+                                 {1, "331 Password please\r\n"},
+                                 {0, "PASV\r\n"},
+                                 {1, "227 Entering Passive Mode (192,0,2,9,100,85).\r\n"},
+                                 {0, "EPRT |2|2001:db8::5|6001|\r\n"},
+                                 {1, "200 EPRT command successful\r\n"},
+                                 {0, "EPSV\r\n"},
+                                 {1, "229 Entering Extended Passive Mode (|||6446|)\r\n"},
+                                 {0, "PORT 10,0,0,1,19,137\r\n"},
+                                 {1, "200 PORT command successful\r\n"}},
+                                "FTP",
+                                {{"ftp.user", "anonymous"}}};
+  const auto data = [&](const kest_endpoint_t &a, const kest_endpoint_t &b) {
+    kest_conn_t conn = nullptr;
+    EXPECT_EQ(kest_conn_create(h, &a, &b, 6, &conn), 0);
+    std::string stack;
+    const std::string bytes = "-rw-r--r-- 1 ftp ftp 1205 readme\r\n";
+    kest_classify(h, KEST_SELECTOR_CONN, bytes.data(), static_cast<uint16_t>(bytes.size()), conn, 1,
+                  Record, &stack);
+    EXPECT_EQ(kest_conn_destroy(h, conn), 0);
+    return stack;
+  };
+  const auto v4 = [](uint8_t last, uint16_t port) {
+    return kest_endpoint_t{KEST_FAMILY_IPV4, htons(port), {10, 0, 0, last}};
+  };
+  kest_endpoint_t v6{KEST_FAMILY_IPV6, htons(6001), {}};
+  const uint8_t v6_bytes[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
+  memcpy(v6.address, v6_bytes, sizeof v6_bytes);
+  kest_endpoint_t v6_server = v6;
+  v6_server.port = htons(20);
+  v6_server.address[15] = 9;
+  const kest_endpoint_t translated{KEST_FAMILY_IPV4, htons(25685), {192, 0, 2, 9}};
+  for (bool follow : {true, false}) {
+    ASSERT_EQ(kest_config_set(h, "conn.default_policy.futureflows", follow ? "1" : "0"), 0);
+    kest_idle(h);
+    EXPECT_EQ(Run(control, 0), "TCP/FTP") << follow;
+    EXPECT_EQ(g_attrs, control.attrs);
+    const std::string named = follow ? "TCP/FTP_DATA" : "TCP";
+    EXPECT_EQ(data(v4(1, 41000), v4(2, 25685)), named) << "PASV, the server's own address";
+    EXPECT_EQ(data(v4(1, 41001), v4(2, 25685)), "TCP") << "PASV, once only";
+    EXPECT_EQ(data(v4(1, 41002), translated), named) << "PASV, the announced address";
+    EXPECT_EQ(data(v6_server, v6), named) << "EPRT";
+    EXPECT_EQ(data(v4(1, 41003), v4(2, 6446)), named) << "EPSV";
+    EXPECT_EQ(data(v4(2, 20), v4(1, 5001)), named) << "PORT";
+    EXPECT_EQ(data(v4(1, 41004), v4(2, 7777)), "TCP") << "not announced";
   }
 }
 

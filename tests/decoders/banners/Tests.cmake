@@ -10,7 +10,7 @@ endforeach()
 if(_banner_ready)
   add_executable(kest_banner_tests ${CMAKE_CURRENT_LIST_DIR}/BannerConversations.cpp
                                    ${CMAKE_CURRENT_LIST_DIR}/TextLineReads.cpp)
-  target_include_directories(kest_banner_tests PRIVATE ${CMAKE_SOURCE_DIR})
+  target_include_directories(kest_banner_tests PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/decoders)
   target_link_libraries(kest_banner_tests PRIVATE kest kest_test_support GTest::gtest_main)
   add_dependencies(kest_banner_tests ${_banner_plugins})
   set(_banner_files "")
