@@ -6,7 +6,7 @@
 
 namespace oru {
 
-__thread int MemTag::l_mem_tag;
+KEST_THREAD_WORD __thread int MemTag::l_mem_tag;
 
 namespace {
 

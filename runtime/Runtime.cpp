@@ -11,9 +11,9 @@ __thread int kest_errno;
 
 namespace oru {
 
-__thread int Runtime::l_instance_id;
-__thread void *t_thread_base[kInstanceRows];
-__thread unsigned log_flags;
+KEST_THREAD_WORD __thread int Runtime::l_instance_id;
+KEST_THREAD_WORD __thread void *t_thread_base[kInstanceRows];
+KEST_THREAD_WORD __thread unsigned log_flags;
 
 namespace {
 

@@ -12,10 +12,8 @@ bool Before(const oru::IpAddr &a, uint16_t port_a, const oru::IpAddr &b, uint16_
   return a < b || (a == b && port_a < port_b);
 }
 
-void Put(uint8_t *out, const oru::IpAddr &addr, uint16_t port) {
-  kest_memcpy(out, &addr, 16);
-  out[16] = static_cast<uint8_t>(port >> 8);
-  out[17] = static_cast<uint8_t>(port);
+void Put(uint64_t *out, const oru::IpAddr &addr) {
+  __builtin_memcpy(out, &addr, 16);
 }
 
 bool Matches(const TransportConn *c, const oru::IpAddr &src, uint16_t src_port,
@@ -36,15 +34,17 @@ ConnIndex::~ConnIndex() {
 size_t ConnIndex::Bucket(const oru::IpAddr &a, uint16_t port_a, const oru::IpAddr &b,
                          uint16_t port_b) const {
   // The lower end point first, so both directions hash alike.
-  uint8_t bytes[36];
+  uint64_t words[5];
   if (Before(a, port_a, b, port_b)) {
-    Put(bytes, a, port_a);
-    Put(bytes + 18, b, port_b);
+    Put(words, a);
+    Put(words + 2, b);
+    words[4] = static_cast<uint64_t>(port_a) << 16 | port_b;
   } else {
-    Put(bytes, b, port_b);
-    Put(bytes + 18, a, port_a);
+    Put(words, b);
+    Put(words + 2, a);
+    words[4] = static_cast<uint64_t>(port_b) << 16 | port_a;
   }
-  return static_cast<size_t>(SipHash24(m_key, bytes, sizeof bytes)) & (m_size - 1);
+  return static_cast<size_t>(SipHash13(m_key, words, 5)) & (m_size - 1);
 }
 
 size_t ConnIndex::BucketOf(const TransportConn *conn) const {

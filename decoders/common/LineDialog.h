@@ -162,13 +162,15 @@ template <class Rules> struct Dialog {
       me.pos = flow.Begin();
       me.started = 1;
     }
+    // Foreign bytes are turned away before a line is looked for: most
+    // connections are not this protocol, and their first bytes say so.
+    if (me.done == 0 && me.lines == 0 && !OpeningAgrees(flow, s & 1)) {
+      return Fail(me);
+    }
     while (me.done == 0) {
       TextLine line;
       const LineRead read = ReadLine(flow, me.pos, Rules::kMaxLine, line);
       if (read == LINE_WAIT) {
-        if (me.lines == 0 && !OpeningAgrees(flow, s & 1)) {
-          return Fail(me);
-        }
         break;
       }
       if (read != LINE_READY || ++me.lines > MaxLines()) {

@@ -117,6 +117,10 @@ inline bool StartsWith(const char *text, uint32_t length, const char *word) {
 
 // `text` is the command `word`, any case, alone or followed by a space.
 inline bool IsCommand(const char *text, uint32_t length, const char *word) {
+  // Most words differ in their first letter: no need to measure them.
+  if (length == 0 || Fold(text[0]) != Fold(word[0])) {
+    return false;
+  }
   const uint32_t n = TextLength(word);
   return StartsWith(text, length, word) && (length == n || text[n] == ' ');
 }
@@ -135,6 +139,9 @@ inline bool Contains(const char *text, uint32_t length, const char *word) {
 // The first `length` bytes of a line that has not ended yet can still
 // become the command `word` (or `word` with more behind a space).
 inline bool MayOpenWith(const char *text, uint32_t length, const char *word) {
+  if (length != 0 && Fold(text[0]) != Fold(word[0])) {
+    return false;
+  }
   const uint32_t n = TextLength(word);
   for (uint32_t i = 0; i < length && i < n; ++i) {
     if (Fold(text[i]) != Fold(word[i])) {

@@ -11,7 +11,7 @@ namespace oru {
 
 class KEST_API MemTag {
 public:
-  static __thread int l_mem_tag;
+  static __thread int l_mem_tag KEST_THREAD_WORD;
 
   // The two key spaces in the configuration store.
   static constexpr const char *OBJ_SPACE = "memtag.obj";

@@ -20,15 +20,15 @@ constexpr int kMaxInstance = 31;
 class KEST_API Runtime {
 public:
   // The instance this thread works in at the moment; 0 outside calls.
-  static __thread int l_instance_id;
+  static __thread int l_instance_id KEST_THREAD_WORD;
 };
 
 // Entry i: this thread's slot block for instance i, or null. Entry 0 stays null.
-extern KEST_API __thread void *t_thread_base[kInstanceRows];
+extern KEST_API __thread void *t_thread_base[kInstanceRows] KEST_THREAD_WORD;
 
 // Logging mask of this thread: 8 enables "W", 16 enables "E"; other bits are
 // free for plug-ins.
-extern KEST_API __thread unsigned log_flags;
+extern KEST_API __thread unsigned log_flags KEST_THREAD_WORD;
 
 // Names a slot: cell `slot` of every block. The second word is always 0.
 // Layout fixed: plug-ins read these objects directly.

@@ -6,6 +6,7 @@
 #include "common/ConnIndex.h"
 
 #include <algorithm>
+#include <string.h>
 
 namespace {
 
@@ -22,6 +23,20 @@ TEST(SipHashTest, PublishedVector) {
   const SipKey key{0x0706050403020100ull, 0x0f0e0d0c0b0a0908ull};
   EXPECT_EQ(kest_decoders::SipHash24(key, message, sizeof message), 0xa129ca6149be45e5ull);
   EXPECT_EQ(kest_decoders::SipHash24(key, message, 0), 0x726fdb47dd0e0e31ull);
+  // The word form the tables use is SipHash-1-3 of the words' bytes.
+  uint64_t words[5];
+  uint8_t bytes[sizeof words];
+  for (size_t i = 0; i < sizeof bytes; ++i) {
+    bytes[i] = static_cast<uint8_t>(i * 37 + 11);
+  }
+  memcpy(words, bytes, sizeof bytes);
+  for (size_t n = 0; n <= 5; ++n) {
+    EXPECT_EQ(kest_decoders::SipHash13(key, words, n),
+              kest_decoders::SipHash(key, bytes, 8 * n, 1, 3))
+        << n;
+    EXPECT_NE(kest_decoders::SipHash13(key, words, n),
+              kest_decoders::SipHash(key, bytes, 8 * n, 2, 4));
+  }
 }
 
 class ConnIndexTest : public kest_test::DecoderFixture {};
