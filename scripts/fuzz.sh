@@ -3,7 +3,11 @@
 # UndefinedBehaviorSanitizer, then fuzzes each for a while from its seeds.
 #   scripts/fuzz.sh [seconds-per-target [target...]]   (default 60, all targets)
 # New inputs go to build-fuzz/corpus/<target>; a crash leaves its input in
-# build-fuzz as crash-*. Seeds worth keeping can be copied to fuzz/corpus.
+# build-fuzz as crash-* and stops the script with status 1.
+# With KEEP=1, each target's corpus (old seeds and new inputs) is then
+# minimised (libFuzzer's merge keeps the smallest set with the same
+# coverage) and written back to fuzz/corpus/<target> when it stays under
+# MAX_SEED_KB (default 256) kilobytes, so that the tests replay it.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 seconds="${1:-60}"
@@ -30,4 +34,18 @@ for target in $targets; do
   echo "fuzzing $target for ${seconds}s"
   "./fuzz/${target}_fuzz" -max_total_time="$seconds" -print_final_stats=1 \
     "corpus/$target" "$root/fuzz/corpus/$target"
+  if [ "${KEEP:-0}" = 1 ]; then
+    rm -rf "minimised/$target"
+    mkdir -p "minimised/$target"
+    "./fuzz/${target}_fuzz" -merge=1 "minimised/$target" "$root/fuzz/corpus/$target" \
+      "corpus/$target" 2>/dev/null
+    kb="$(du -sk "minimised/$target" | cut -f1)"
+    if [ "$kb" -le "${MAX_SEED_KB:-256}" ]; then
+      rm -rf "$root/fuzz/corpus/$target"
+      cp -r "minimised/$target" "$root/fuzz/corpus/$target"
+      echo "$target: $(ls "minimised/$target" | wc -l) seeds, ${kb} KB kept in fuzz/corpus"
+    else
+      echo "$target: minimised corpus is ${kb} KB, above ${MAX_SEED_KB:-256} KB: not kept"
+    fi
+  fi
 done
