@@ -49,7 +49,15 @@ uint32_t FlowBuffer::Size() const {
 }
 
 uint64_t FlowBuffer::End() const {
-  return Begin() + Size();
+  // Begin() + Size() with one walk to the first block: every reader asks.
+  BlockMap::const_iterator first = m_blocks.begin();
+  if (first == m_blocks.end()) {
+    return m_next_pos;
+  }
+  if (m_blocks.find(m_last_start) == m_blocks.end()) {
+    return first->first;
+  }
+  return first->first + (static_cast<uint32_t>(m_next_pos) - static_cast<uint32_t>(first->first));
 }
 
 bool FlowBuffer::Sync() {
@@ -432,22 +440,23 @@ unsigned long long FlowBuffer::Find(unsigned long long pos, char byte,
     limit = end;
   }
   BlockMap::const_iterator next = m_blocks.end();
+  bool have_next = false;
   while (pos < limit) {
     // The block that follows the one just scanned answers for `pos` when
     // its key is `pos`, as a look-up would; otherwise look it up.
     unsigned long long start;
     const Block *block;
-    if (next != m_blocks.end() && next->first == pos) {
+    if (have_next && next != m_blocks.end() && next->first == pos) {
       start = pos;
       block = &next->second;
+      ++next;
     } else {
       block = GetBlock(pos, start);
       if (block == nullptr) {
         return end;
       }
-      next = m_blocks.find(start);
+      have_next = false;
     }
-    ++next;
     const unsigned long long block_end = start + block->size;
     const unsigned long long stop = block_end < limit ? block_end : limit;
     const char *hit = ScanByte(block->data + (pos - start), stop - pos, byte);
@@ -455,6 +464,13 @@ unsigned long long FlowBuffer::Find(unsigned long long pos, char byte,
       return start + static_cast<unsigned long long>(hit - block->data);
     }
     pos = stop;
+    // Most searches end in their first block; the next one is found only
+    // when the search goes on.
+    if (pos < limit && !have_next) {
+      next = m_blocks.find(start);
+      ++next;
+      have_next = true;
+    }
   }
   return end;
 }

@@ -1,5 +1,7 @@
 #include "http/HttpSniff.h"
 
+#include "common/FlowBytes.h"
+
 namespace kest_http {
 
 #define KEST_HTTP_METHOD(text)                                                                     \
@@ -59,11 +61,11 @@ enum class Match { kMore, kYes, kNo };
 class Cursor {
 public:
   Cursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t limit)
-      : m_flow(flow), m_pos(from), m_end(flow.End() < limit ? flow.End() : limit),
+      : m_bytes(flow), m_pos(from), m_end(flow.End() < limit ? flow.End() : limit),
         m_limited(flow.End() >= limit) {}
 
   bool AtEnd() const { return m_pos >= m_end; }
-  unsigned char Peek() const { return static_cast<unsigned char>(m_flow.At(m_pos)); }
+  unsigned char Peek() { return static_cast<unsigned char>(m_bytes.At(m_pos)); }
   void Skip() { ++m_pos; }
   // What running out of bytes means: more may come, unless the limit cut
   // the line.
@@ -119,7 +121,7 @@ public:
   }
 
 private:
-  const oru::FlowBuffer &m_flow;
+  kest_decoders::FlowBytes m_bytes;
   uint64_t m_pos;
   uint64_t m_end;
   bool m_limited;

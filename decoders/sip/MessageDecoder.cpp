@@ -99,6 +99,12 @@ bool NamesProtocol(const oru::FlowBuffer &flow, const Dialect &dialect) {
   if (flow.Begin() != 0 || flow.End() == 0) {
     return false;
   }
+  // Text starts with a visible byte (or the blank lines the reader skips):
+  // binary streams need no search for the version.
+  const unsigned char first = static_cast<unsigned char>(flow.At(0));
+  if ((first < 0x21 || first > 0x7e) && first != '\r' && first != '\n') {
+    return false;
+  }
   const uint64_t nl = flow.Find(0, '\n', kMaxFirstLine);
   const Word &v = dialect.versions[0];
   // The version up to and including its "/".

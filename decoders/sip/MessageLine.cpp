@@ -1,5 +1,7 @@
 #include "sip/MessageLine.h"
 
+#include "common/FlowBytes.h"
+
 namespace kest_sip {
 
 namespace {
@@ -35,10 +37,10 @@ enum class Match { kMore, kYes, kNo };
 class Cursor {
 public:
   Cursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t end, uint64_t limit)
-      : m_flow(&flow), m_pos(from), m_end(end < limit ? end : limit), m_limited(end >= limit) {}
+      : m_bytes(flow), m_pos(from), m_end(end < limit ? end : limit), m_limited(end >= limit) {}
 
   bool AtEnd() const { return m_pos >= m_end; }
-  unsigned char Peek() const { return static_cast<unsigned char>(m_flow->At(m_pos)); }
+  unsigned char Peek() { return static_cast<unsigned char>(m_bytes.At(m_pos)); }
   void Skip() { ++m_pos; }
   // Running out of bytes: more may come, unless the limit cut the line.
   Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
@@ -114,7 +116,7 @@ public:
   }
 
 private:
-  const oru::FlowBuffer *m_flow;
+  kest_decoders::FlowBytes m_bytes;
   uint64_t m_pos;
   uint64_t m_end;
   bool m_limited;

@@ -38,7 +38,11 @@ bool Worker::Start(std::string &error) {
   for (const std::string &name : m_setup.attrs) {
     const int key = kest_attr_key_get(m_h, name.c_str());
     if (key > 0) {
-      m_key_names[key] = name;
+      if (m_key_names.size() <= static_cast<size_t>(key)) {
+        m_key_names.resize(static_cast<size_t>(key) + 1);
+        m_partial.resize(static_cast<size_t>(key) + 1);
+      }
+      m_key_names[static_cast<size_t>(key)] = name;
     }
   }
   return true;
@@ -204,16 +208,22 @@ void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
 }
 
 void Worker::Attr(kest_conn_id_t id, int key, const char *value, int length, bool more) {
-  auto name = m_key_names.find(key);
-  if (name == m_key_names.end() || id == 0) {
+  if (key <= 0 || static_cast<size_t>(key) >= m_key_names.size() || id == 0 ||
+      m_key_names[static_cast<size_t>(key)].empty()) {
     return;
   }
-  std::string &partial = m_partial[key];
-  partial.append(value, static_cast<size_t>(length));
+  std::string &partial = m_partial[static_cast<size_t>(key)];
   if (more) {
+    partial.append(value, static_cast<size_t>(length));
     return;
   }
-  Record(id).AddAttr(name->second, std::move(partial));
+  if (partial.empty()) {
+    Record(id).AddAttr(m_key_names[static_cast<size_t>(key)],
+                       std::string(value, static_cast<size_t>(length)));
+    return;
+  }
+  partial.append(value, static_cast<size_t>(length));
+  Record(id).AddAttr(m_key_names[static_cast<size_t>(key)], std::move(partial));
   partial.clear();
 }
 

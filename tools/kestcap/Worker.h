@@ -73,8 +73,10 @@ private:
   kest_conn_id_t m_cached_id = 0;
   FlowRecord *m_cached = nullptr;
   int m_expired_key = 0;
-  std::unordered_map<int, std::string> m_key_names;
-  std::unordered_map<int, std::string> m_partial; // pieces of a value, by key
+  // By attribute key (small numbers): the name ("" for keys not listened
+  // to) and the pieces of a value still coming.
+  std::vector<std::string> m_key_names;
+  std::vector<std::string> m_partial;
   std::unordered_map<int, std::string> m_proto_names;
   std::vector<std::string> m_unknown;
   uint64_t m_clock_ms = ~0ull;
