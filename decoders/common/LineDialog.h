@@ -255,6 +255,11 @@ public:
     }
     typename DialogMap::iterator it = m_dialogs.find(c->m_number);
     if (it == m_dialogs.end()) {
+      // Most connections are not this protocol and say so in their first
+      // bytes: they leave before any state is made for them.
+      if (Foreign(c->m_flow[pkt.side != 0 ? 1 : 0], pkt.side != 0 ? 1 : 0)) {
+        return oru::INSPECT_FINISHED;
+      }
       it = m_dialogs.try_emplace(c->m_number);
       if (it == m_dialogs.end()) {
         return oru::INSPECT_FINISHED;
@@ -364,6 +369,15 @@ private:
     oru::fdt::intrusive_ptr<InnerChain> inner;
   };
   using DialogMap = oru::Map<uint64_t, Entry>;
+
+  // Whether the side's first bytes cannot open one of the protocol's lines,
+  // as the dialogue's first reading would find.
+  static bool Foreign(const oru::FlowBuffer &flow, unsigned s) {
+    char bytes[16];
+    const uint32_t n = CopyFlow(flow, flow.Begin(), bytes, sizeof bytes);
+    typename Rules::State fresh = {};
+    return n != 0 && !Rules::Opening(fresh, s, bytes, n);
+  }
 
   // The packet to the inner chain; the inspector leaves (never abandons,
   // whatever the inner chain answered) once nothing inside waits.

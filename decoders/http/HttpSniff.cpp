@@ -162,7 +162,8 @@ Match Method(const char *token, size_t n) {
   Match best = Match::kNo;
   for (size_t i = 0; i < kMethodCount; ++i) {
     const MethodName &m = kMethods[i];
-    if (n > m.length) {
+    // Most names differ from the token in their first letter.
+    if (n > m.length || (n != 0 && token[0] != m.name[0])) {
       continue;
     }
     size_t k = 0;

@@ -142,7 +142,8 @@ Match Method(const Dialect &d, const char *token, size_t n) {
   Match best = Match::kNo;
   for (size_t i = 0; i < d.method_count; ++i) {
     const Word &w = d.methods[i];
-    if (n > w.length) {
+    // Most names differ from the token in their first letter.
+    if (n > w.length || (n != 0 && token[0] != w.text[0])) {
       continue;
     }
     size_t k = 0;

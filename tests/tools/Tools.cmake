@@ -18,3 +18,13 @@ if(TARGET kestcap)
                    ${CMAKE_SOURCE_DIR}/tests/golden)
   set_tests_properties(kestcap_golden PROPERTIES TIMEOUT 300)
 endif()
+
+# Changes made by a control thread while four threads classify: they reach
+# every worker at the packet they name (and, in the ThreadSanitizer build,
+# cleanly).
+if(TARGET kestcap AND KEST_JQ)
+  add_test(NAME kestcap_ConcurrentChanges
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/changes_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins)
+  set_tests_properties(kestcap_ConcurrentChanges PROPERTIES TIMEOUT 300)
+endif()

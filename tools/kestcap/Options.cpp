@@ -7,7 +7,7 @@ namespace kestcap {
 
 namespace {
 
-enum LongOnly { kPlugins = 256, kRule, kProtoAdd, kConfig, kAttr, kJson };
+enum LongOnly { kPlugins = 256, kRule, kProtoAdd, kConfig, kAttr, kJson, kChanges };
 
 const option kLong[] = {
     {"interface", required_argument, nullptr, 'i'},
@@ -19,6 +19,7 @@ const option kLong[] = {
     {"config", required_argument, nullptr, kConfig},
     {"attr", required_argument, nullptr, kAttr},
     {"json", no_argument, nullptr, kJson},
+    {"changes", required_argument, nullptr, kChanges},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -47,6 +48,11 @@ const char *UsageText() {
          "                         add a custom rule: connections matching TEXT in\n"
          "                         MODULE (TCP, UDP, ...) are named PROTO (repeatable)\n"
          "      --config KEY=VALUE set a library setting (repeatable)\n"
+         "      --changes FILE     make the changes in FILE while the capture runs,\n"
+         "                         from a control thread, each after the number of\n"
+         "                         packets it names: lines 'N config KEY=VALUE',\n"
+         "                         'N proto-add|proto-remove NAME', 'N rule-add|\n"
+         "                         rule-remove PROTO MODULE TEXT'\n"
          "  -h, --help             this text\n"
          "\n"
          "Exit codes: 0 done (also for a capture cut short, with a warning);\n"
@@ -98,6 +104,9 @@ bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
       break;
     case kJson:
       out.json = true;
+      break;
+    case kChanges:
+      out.changes = optarg;
       break;
     case ':':
       error = std::string("option ") + argv[optind - 1] + " needs an argument";

@@ -27,6 +27,7 @@ struct Options {
   std::vector<std::string> rules; // "PROTO MODULE RULE-TEXT"
   std::vector<std::string> protos;
   std::vector<std::string> configs; // "KEY=VALUE"
+  std::string changes;              // --changes: a changes file, or empty
 };
 
 // Fills `out` from argv. On a usage error: false with `error` set to one line.

@@ -71,6 +71,10 @@ public:
       return header;
     }
   }
+  // For the producer: every record pushed so far has been popped.
+  bool Drained() const {
+    return m_tail.load(std::memory_order_acquire) == m_head.load(std::memory_order_relaxed);
+  }
   void Pop(const Header &header) {
     m_tail.store(m_tail.load(std::memory_order_relaxed) + Record(header.length),
                  std::memory_order_release);

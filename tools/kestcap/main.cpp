@@ -1,6 +1,7 @@
 // kestcap: classifies the connections of a capture file or a live interface
 // with libkest and prints what runs over them.
 #include "CaptureInput.h"
+#include "Changes.h"
 #include "FlowLog.h"
 #include "Options.h"
 #include "SpscRing.h"
@@ -76,39 +77,19 @@ std::string PluginFolder(const Options &options) {
   return KESTCAP_INSTALLED_PLUGIN_DIR;
 }
 
-// Settings, custom protocols and rules, in that order, before any packet.
+// Custom protocols, settings and rules, in that order, before any packet.
 bool Configure(kest_handle_t h, const Options &options, std::string &error) {
-  for (const std::string &name : options.protos) {
-    if (kest_proto_add(h, name.c_str(), 0) < 0) {
-      error = "--proto-add " + name + ": refused (error " + std::to_string(kest_errno) + ")";
-      return false;
+  const auto apply = [&](const char *verb, const std::vector<std::string> &items) {
+    for (const std::string &item : items) {
+      if (!ApplyChange(h, verb, item, error)) {
+        error = "--" + error;
+        return false;
+      }
     }
-  }
-  for (const std::string &item : options.configs) {
-    const size_t eq = item.find('=');
-    const std::string key = item.substr(0, eq);
-    if (kest_config_set(h, key.c_str(), item.c_str() + eq + 1) != 0) {
-      error = "--config " + item + ": refused (error " + std::to_string(kest_errno) + ")";
-      return false;
-    }
-  }
-  for (const std::string &rule : options.rules) {
-    const size_t a = rule.find(' ');
-    const size_t b = a == std::string::npos ? a : rule.find(' ', a + 1);
-    if (b == std::string::npos) {
-      error = "--rule wants 'PROTO MODULE TEXT', not '" + rule + "'";
-      return false;
-    }
-    const std::string proto = rule.substr(0, a);
-    const std::string module = rule.substr(a + 1, b - a - 1);
-    const int index = kest_proto_find_index(h, proto.c_str());
-    if (index <= 0 || kest_rule_add(h, index, module.c_str(), rule.c_str() + b + 1) != 0) {
-      error = "--rule " + rule + ": refused (" +
-              (index <= 0 ? "no protocol " + proto : "error " + std::to_string(kest_errno)) + ")";
-      return false;
-    }
-  }
-  return true;
+    return true;
+  };
+  return apply("proto-add", options.protos) && apply("config", options.configs) &&
+         apply("rule-add", options.rules);
 }
 
 // The worker of a frame: both directions, all fragments and everything
@@ -169,7 +150,7 @@ private:
 // Reads every frame and has the workers classify it. The result is the
 // exit code.
 int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &totals,
-        AppTable &apps, LineOutput *json) {
+        AppTable &apps, LineOutput *json, ChangeThread *changes) {
   WorkerSetup setup;
   setup.handle = h;
   setup.json = json;
@@ -199,7 +180,9 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
   bool cut_short = false;
   Progress progress(input);
   uint64_t read = 0;
-  auto read_all = [&](auto &&deliver, auto &&idle) {
+  // `settle` returns once the packets handed on so far are classified:
+  // changes are made between packets, as their numbers say.
+  auto read_all = [&](auto &&deliver, auto &&idle, auto &&settle) {
     Frame frame;
     for (;;) {
       const CaptureInput::Next next = input.Read(frame);
@@ -211,10 +194,19 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
         cut_short = true;
       }
       if (next != CaptureInput::Next::kFrame) {
-        return;
+        break;
+      }
+      if (changes != nullptr && changes->Due(read)) {
+        settle();
+        changes->Make(read);
       }
       deliver(frame);
       progress.Tick(++read);
+    }
+    // Changes numbered past the capture's end are made after its last packet.
+    if (changes != nullptr && changes->Due(~0ull)) {
+      settle();
+      changes->Make(~0ull);
     }
   };
   if (n == 1) {
@@ -224,7 +216,7 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
       worker.Finish();
       return Fail(kExitLibrary, error);
     }
-    read_all([&](const Frame &frame) { worker.Handle(frame); }, [&] { worker.Idle(); });
+    read_all([&](const Frame &frame) { worker.Handle(frame); }, [&] { worker.Idle(); }, [] {});
   } else {
     // Every worker is a kest thread before the first packet, and all of
     // them end together: a thread that ended early would keep changes from
@@ -276,7 +268,14 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
               std::this_thread::yield();
             }
           },
-          [] {});
+          [] {},
+          [&] {
+            for (const auto &ring : rings) {
+              while (!ring->Drained()) {
+                std::this_thread::yield();
+              }
+            }
+          });
     }
     done.store(true, std::memory_order_release);
     for (std::thread &thread : threads) {
@@ -337,6 +336,10 @@ int Main(int argc, char **argv) {
   if (!opened) {
     return Fail(kExitInput, error);
   }
+  std::vector<Change> change_list;
+  if (!options.changes.empty() && !LoadChanges(options.changes, change_list, error)) {
+    return Fail(kExitUsage, "--changes: " + error);
+  }
   const std::string plugins = PluginFolder(options);
   if (!HasPlugins(plugins)) {
     return Fail(kExitLibrary, "no plug-ins found in " + plugins + " (see --plugins)");
@@ -365,7 +368,12 @@ int Main(int argc, char **argv) {
     Totals totals;
     AppTable apps;
     const auto start = std::chrono::steady_clock::now();
-    code = Run(options, input, h, totals, apps, json.get());
+    std::unique_ptr<ChangeThread> changes;
+    if (!change_list.empty()) {
+      changes = std::make_unique<ChangeThread>(h, std::move(change_list));
+    }
+    code = Run(options, input, h, totals, apps, json.get(), changes.get());
+    changes.reset();
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     g_live = nullptr;
