@@ -77,10 +77,16 @@ bool WebLine::Parse(const FlowBuffer &flow, unsigned long long &pos, bool check_
   const uint32_t word = m_protocol != nullptr ? static_cast<uint32_t>(kest_strlen(m_protocol)) : 0;
   bool decided = false;
   if (m_methods != nullptr) {
+    // Most methods differ from the first word in its first byte: that one
+    // byte settles them without a comparison in the flow.
+    const char lead = m_first.length != 0 ? flow.At(m_first.pos) : '\0';
     for (size_t i = 0; i < m_methods->size(); ++i) {
       const WebMethod &method = (*m_methods)[i];
       const uint16_t first_length = static_cast<uint16_t>(m_first.length);
       const uint16_t n = method.length < first_length ? method.length : first_length;
+      if (n != 0 && method.name[0] != lead) {
+        continue;
+      }
       if (flow.Compare(m_first.pos, method.name, n) != 0) {
         continue;
       }
