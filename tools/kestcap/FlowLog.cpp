@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <charconv>
 
 namespace kestcap {
 
@@ -32,9 +33,25 @@ size_t Utf8Length(const std::string &text, size_t i) {
   return n;
 }
 
+bool Plain(unsigned char c) {
+  return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+}
+
 void AppendJsonString(std::string &out, const std::string &text) {
   out += '"';
   for (size_t i = 0; i < text.size(); ++i) {
+    // Runs of printable bytes go over whole.
+    size_t run = i;
+    while (run < text.size() && Plain(static_cast<unsigned char>(text[run]))) {
+      ++run;
+    }
+    if (run != i) {
+      out.append(text, i, run - i);
+      i = run;
+      if (i == text.size()) {
+        break;
+      }
+    }
     const unsigned char c = static_cast<unsigned char>(text[i]);
     switch (c) {
     case '"':
@@ -75,9 +92,26 @@ void AppendJsonString(std::string &out, const std::string &text) {
   out += '"';
 }
 
+void AppendDecimal(std::string &out, uint64_t value) {
+  char text[24];
+  const auto end = std::to_chars(text, text + sizeof text, value).ptr;
+  out.append(text, end);
+}
+
 std::string Address(const kest_endpoint_t &end) {
+  if (end.family != KEST_FAMILY_IPV6) {
+    // The common case, without the C library's formatted printing.
+    std::string text;
+    for (int i = 0; i < 4; ++i) {
+      if (i != 0) {
+        text += '.';
+      }
+      AppendDecimal(text, end.address[i]);
+    }
+    return text;
+  }
   char text[INET6_ADDRSTRLEN] = "";
-  inet_ntop(end.family == KEST_FAMILY_IPV6 ? AF_INET6 : AF_INET, end.address, text, sizeof text);
+  inet_ntop(AF_INET6, end.address, text, sizeof text);
   return text;
 }
 
@@ -85,13 +119,20 @@ void AppendNumber(std::string &out, const char *key, uint64_t value) {
   out += ",\"";
   out += key;
   out += "\":";
-  out += std::to_string(value);
+  AppendDecimal(out, value);
 }
 
 std::string Seconds(uint64_t us) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%llu.%06llu", static_cast<unsigned long long>(us / 1000000),
-                static_cast<unsigned long long>(us % 1000000));
+  std::string text;
+  AppendDecimal(text, us / 1000000);
+  char fraction[7];
+  uint64_t rest = us % 1000000;
+  for (int i = 5; i >= 0; --i) {
+    fraction[i] = static_cast<char>('0' + rest % 10);
+    rest /= 10;
+  }
+  text += '.';
+  text.append(fraction, 6);
   return text;
 }
 
