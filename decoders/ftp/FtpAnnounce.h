@@ -10,6 +10,7 @@
 #ifndef KEST_DECODERS_FTPANNOUNCE_H
 #define KEST_DECODERS_FTPANNOUNCE_H
 
+#include "common/AddressText.h"
 #include "common/TextLine.h"
 
 #include <kest/IpAddr.h>
@@ -24,29 +25,8 @@ struct FtpEndpoint {
 
 namespace ftp_text {
 
-inline bool Digit(char c) {
-  return c >= '0' && c <= '9';
-}
-
-inline int HexDigit(char c) {
-  if (Digit(c)) {
-    return c - '0';
-  }
-  const char f = Fold(c);
-  return f >= 'a' && f <= 'f' ? f - 'a' + 10 : -1;
-}
-
-// A decimal number of at most `max` at `text[i]`, moving `i` past it.
-inline bool Number(const char *text, uint32_t length, uint32_t &i, uint32_t max, uint32_t &out) {
-  const uint32_t from = i;
-  uint32_t v = 0;
-  while (i < length && Digit(text[i]) && i - from < 6) {
-    v = v * 10u + static_cast<uint32_t>(text[i] - '0');
-    ++i;
-  }
-  out = v;
-  return i > from && v <= max;
-}
+using address_text::Digit;
+using address_text::Number;
 
 // Six comma-separated numbers from `text[i]`: four address bytes, then the
 // port's high and low byte.
@@ -66,72 +46,6 @@ inline bool SixNumbers(const char *text, uint32_t length, uint32_t i, FtpEndpoin
   out.addr = oru::IpAddr::FromV4(n[0] << 24 | n[1] << 16 | n[2] << 8 | n[3]);
   out.port = static_cast<uint16_t>(n[4] << 8 | n[5]);
   return out.port != 0;
-}
-
-inline bool Ipv4(const char *text, uint32_t length, oru::IpAddr &out) {
-  uint32_t i = 0;
-  uint32_t value = 0;
-  for (int k = 0; k < 4; ++k) {
-    uint32_t part = 0;
-    if ((k > 0 && (i >= length || text[i++] != '.')) || !Number(text, length, i, 255, part)) {
-      return false;
-    }
-    value = value << 8 | part;
-  }
-  out = oru::IpAddr::FromV4(value);
-  return i == length;
-}
-
-// Eight groups of up to four hex digits, one run of them shortened to
-// "::"; a dotted IPv4 tail is not taken.
-inline bool Ipv6(const char *text, uint32_t length, oru::IpAddr &out) {
-  uint16_t groups[8] = {};
-  int count = 0;
-  int gap = -1;
-  uint32_t i = 0;
-  if (length >= 2 && text[0] == ':' && text[1] == ':') {
-    gap = 0;
-    i = 2;
-  }
-  while (i < length) {
-    uint32_t value = 0;
-    uint32_t digits = 0;
-    while (i < length && digits < 5 && HexDigit(text[i]) >= 0) {
-      value = value << 4 | static_cast<uint32_t>(HexDigit(text[i++]));
-      ++digits;
-    }
-    if (digits == 0 || digits > 4 || count == 8) {
-      return false;
-    }
-    groups[count++] = static_cast<uint16_t>(value);
-    if (i == length) {
-      break;
-    }
-    if (text[i++] != ':') {
-      return false;
-    }
-    if (i < length && text[i] == ':') {
-      if (gap >= 0) {
-        return false;
-      }
-      gap = count;
-      ++i;
-    } else if (i == length) {
-      return false;
-    }
-  }
-  if (gap < 0 ? count != 8 : count > 7) {
-    return false;
-  }
-  uint8_t bytes[16] = {};
-  const int shift = gap < 0 ? 0 : 8 - count;
-  for (int k = 0; k < count; ++k) {
-    const int at = gap >= 0 && k >= gap ? k + shift : k;
-    bytes[2 * at] = static_cast<uint8_t>(groups[k] >> 8);
-    bytes[2 * at + 1] = static_cast<uint8_t>(groups[k]);
-  }
-  out = oru::IpAddr::FromV6(bytes);
-  return true;
 }
 
 // The fields of "<d>family<d>address<d>port<d>" (EPRT) or "<d><d><d>port<d>"
@@ -167,8 +81,8 @@ inline bool Extended(const char *text, uint32_t length, uint32_t i, bool with_ad
   if (size[0] != 1 || (text[field[0]] != '1' && text[field[0]] != '2')) {
     return false;
   }
-  return text[field[0]] == '1' ? Ipv4(text + field[1], size[1], out.addr)
-                               : Ipv6(text + field[1], size[1], out.addr);
+  return text[field[0]] == '1' ? ParseIpv4(text + field[1], size[1], out.addr)
+                               : ParseIpv6(text + field[1], size[1], out.addr);
 }
 
 } // namespace ftp_text

@@ -1,5 +1,7 @@
 #include "sip/Media.h"
 
+#include "common/AddressText.h"
+
 #include <kest/PktInfo.h>
 #include <kest/Runtime.h>
 
@@ -141,10 +143,15 @@ void ParseSdp(const char *data, size_t size, MediaList &out) {
       if (transport.Has("RTP", 3) && out.Add(oru::IpAddr(), static_cast<uint16_t>(port))) {
         section = out.count - 1;
       }
-    } else if (line.StartsWith("c=IN IP4 ", 9)) {
+    } else if (line.StartsWith("c=IN IP4 ", 9) || line.StartsWith("c=IN IP6 ", 9)) {
+      const bool v6 = line.p[7] == '6';
       line.Drop(9);
       oru::IpAddr addr;
-      if (!Ipv4(line, addr)) {
+      // An IPv6 address ends at the line's end or at "/" (a count of
+      // multicast addresses).
+      const Text text = line.Cut('/');
+      if (v6 ? !kest_decoders::ParseIpv6(text.p, static_cast<uint32_t>(text.n), addr)
+             : !Ipv4(text, addr)) {
         continue;
       }
       if (!in_media) {

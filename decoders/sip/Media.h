@@ -39,8 +39,8 @@ struct MediaList {
 
 // The RTP streams of an SDP body: one entry per "m=" line whose transport
 // holds "RTP", with the media-level "c=" address, else the session's. Lines
-// may end with "\r\n" or "\n". IPv6 connection addresses, multicast TTLs and
-// port counts are read past; only IPv4 addresses are kept.
+// may end with "\r\n" or "\n". Multicast TTLs, address counts and port
+// counts are read past.
 void ParseSdp(const char *data, size_t size, MediaList &out);
 
 // The ports of an RTSP Transport header value (several transports separated

@@ -90,10 +90,14 @@ std::string Show(const kest_sip::MediaList &media) {
   std::string out;
   for (size_t i = 0; i < media.count; ++i) {
     const kest_sip::MediaPort &m = media.items[i];
-    char addr[INET_ADDRSTRLEN] = "-";
-    if (!m.addr.is_zero()) {
+    char addr[INET6_ADDRSTRLEN] = "-";
+    if (m.addr.is_v4()) {
       const uint32_t v = htonl(m.addr.v4());
       inet_ntop(AF_INET, &v, addr, sizeof addr);
+    } else if (!m.addr.is_zero()) {
+      uint8_t bytes[16];
+      m.addr.ToV6(bytes);
+      inet_ntop(AF_INET6, bytes, addr, sizeof addr);
     }
     out += (out.empty() ? "" : " ") + std::string(addr) + ":" + std::to_string(m.port);
   }
@@ -112,10 +116,12 @@ TEST(Media, SdpBodies) {
       {"c=IN IP4 192.0.2.1\nm=audio 5004 RTP/AVP 0\nc=IN IP4 192.0.2.9/127\n"
        "m=video 5006/2 RTP/SAVPF 96\n",
        "192.0.2.9:5004 192.0.2.1:5006"},
-      // Not RTP, turned off, no address, not IPv4, damaged.
+      {"c=IN IP6 2001:db8::1\r\nm=audio 7078 RTP/AVP 0\r\nc=IN IP6 ff15::101/3\r\n",
+       "ff15::101:7078"},
+      // Not RTP, turned off, no address, a damaged address, damaged lines.
       {"c=IN IP4 10.0.0.1\r\nm=image 12345 udptl t38\r\nm=audio 0 RTP/AVP 0\r\n", ""},
       {"m=audio 7078 RTP/AVP 0\r\n", "-:7078"},
-      {"c=IN IP6 2001:db8::1\r\nm=audio 7078 RTP/AVP 0\r\n", "-:7078"},
+      {"c=IN IP6 2001:db8::1::2\r\nm=audio 7078 RTP/AVP 0\r\n", "-:7078"},
       {"c=IN IP4 10.0.0.256\r\nm=audio 99999 RTP/AVP 0\r\nm=audio x RTP/AVP\r\nm=", ""},
   };
   for (const auto &row : rows) {
