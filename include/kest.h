@@ -206,6 +206,21 @@ extern KEST_EXPORT void (*kest_log_message)(const char *level, const char *funct
 /**
  * Opens an instance: checks the hooks, claims the lowest free handle, starts
  * every subsystem and loads the plug-in files of plugin_dir.
+ *
+ * Each .plg file is loaded from an unscrambled copy that is removed right
+ * after loading. By default the copy is /tmp/<pid>_<path with every / turned
+ * into _>, a name that another local user can predict and plant a file or
+ * link at. The environment variable KEST_PLUGIN_COPY, read here once when
+ * plugin_dir holds plug-in files, hardens this:
+ *   memfd    the copy is an anonymous memory file, loaded through
+ *            /proc/self/fd; no file is made in any folder. Without memory
+ *            files (or without /proc) "private" is used.
+ *   private  the copy (mode 0600, created exclusively, never through a link)
+ *            goes into a new folder of mode 0700 under $TMPDIR, or /tmp;
+ *            both are removed after loading.
+ * Unset or empty keeps the default. Any other value is reported through
+ * kest_printf and "private" is used.
+ *
  * Any thread. Returns the handle (1 to 31) or -1 with kest_errno:
  *   KEST_ENOSYS  a hook object other than kest_usleep is null;
  *   KEST_ECHILD  31 instances are open;

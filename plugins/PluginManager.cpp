@@ -131,9 +131,9 @@ void DecideDynamic(int row, PluginRecord *stored, bool compatible) {
   found->second = stored;
 }
 
-void AddDynamic(int row, const fdt::string &path) {
+void AddDynamic(int row, const fdt::string &path, PluginFile::CopyMode copy_mode) {
   const PluginEntryTable *entries = nullptr;
-  void *handle = PluginFile::Open(path, &entries);
+  void *handle = PluginFile::Open(path, &entries, copy_mode);
   if (handle == nullptr) {
     KEST_LOG_WARNING("InitInstance", "Error opening dynamic plugin\n");
     return;
@@ -261,8 +261,12 @@ bool PluginManager::InitInstance(const char *plugin_dir) {
   if (!PluginFile::ScanDirectory(fdt::string(plugin_dir), paths)) {
     KEST_LOG_WARNING("InitInstance", "Could not get directory listing in %s\n", plugin_dir);
   }
+  // Read once per instance, and only when there is a file to load, so that
+  // an instance without plug-in files never reports a bad value.
+  const PluginFile::CopyMode copy_mode =
+      paths.empty() ? PluginFile::CopyMode::kSharedTmp : PluginFile::CopyModeFromEnvironment();
   for (auto it = paths.begin(); it != paths.end(); ++it) {
-    AddDynamic(row, *it);
+    AddDynamic(row, *it, copy_mode);
   }
 
   // The winners, in name order, are the plug-ins of this instance.
