@@ -1,9 +1,11 @@
 #!/bin/sh
 # Whole-tool speed: builds a release kestcap, makes a large capture by
 # replicating real conversations with shifted addresses and ports, and runs
-# the I/O floor (libpcap reading the file, nothing else) and kestcap on 1, 2
-# and 4 threads on it, each several times. Prints the median packets/s, the
-# ratio to the floor and the peak resident memory of each.
+# the I/O floor (libpcap reading the file, nothing else), the peer (nDPI's
+# ndpiReader, installed from the Debian packages when absent) and kestcap on
+# 1, 2 and 4 threads on it, each several times. Prints the median packets/s,
+# the ratios to the peer and to the floor, and the peak resident memory of
+# each against the peer's.
 #   scripts/bench.sh [COPIES]     (default 300 copies of each conversation)
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -30,15 +32,26 @@ python3 "$root/scripts/replicate_pcap.py" "$data/replica.pcap" --copies "$copies
 python3 "$root/scripts/replicate_pcap.py" "$data/replica-high.pcap" --copies "$copies" \
   --high-bytes $inputs
 
-# Median packets/s and peak RSS (KB) of `runs` runs of a command whose last
-# output line says "... N packets/s".
+# The peer: nDPI's reader from the Debian packages, as a comparison point.
+if ! command -v ndpiReader >/dev/null 2>&1; then
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO=sudo
+  $SUDO apt-get update -q >/dev/null
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -q libndpi-bin >/dev/null
+fi
+
+# Median packets/s (packets over the wall-clock time of the whole run, start
+# and plug-in loading included, the same for every tool) and peak RSS (KB) of
+# `runs` runs of a command.
 measure() {
   i=0
   : >"$data/rates"
   : >"$data/rss"
   while [ "$i" -lt "$runs" ]; do
+    start="$(date +%s%N)"
     /usr/bin/time -f "%M" -o "$data/time" "$@" >"$data/out" 2>/dev/null
-    tail -n 1 "$data/out" | sed -n 's/.* \([0-9]*\) packets\/s.*/\1/p' >>"$data/rates"
+    stop="$(date +%s%N)"
+    awk "BEGIN { printf \"%d\n\", $packets * 1e9 / ($stop - $start) }" >>"$data/rates"
     cat "$data/time" >>"$data/rss"
     i=$((i + 1))
   done
@@ -46,20 +59,32 @@ measure() {
   rss="$(sort -n "$data/rss" | sed -n "$(((runs + 1) / 2))p")"
 }
 
+ratio() { awk "BEGIN { printf \"%.2f\", $1 / $2 }"; }
+
 kestcap="$build/tools/kestcap/kestcap --plugins $build/plugins"
-printf '%-36s %14s %10s %12s\n' "run" "packets/s" "of floor" "peak RSS"
+printf '%-38s %12s %8s %8s %12s %8s\n' "run" "packets/s" "vs peer" "of floor" "peak RSS" \
+  "vs peer"
 for file in replica replica-high; do
   cap="$data/$file.pcap"
+  packets="$(tcpdump -r "$cap" -nq 2>/dev/null | wc -l)"
+  echo "$file: $packets packets"
   measure "$build/bench/kest_pcap_floor" "$cap"
   floor="$rate"
-  printf '%-36s %14s %10s %10s KB\n' "$file: I/O floor" "$floor" "1.00" "$rss"
+  floor_rss="$rss"
+  measure ndpiReader -q -i "$cap"
+  peer="$rate"
+  peer_rss="$rss"
+  row() {
+    printf '%-38s %12s %8s %8s %9s KB %8s\n' "$1" "$rate" "$(ratio "$rate" "$peer")" \
+      "$(ratio "$rate" "$floor")" "$rss" "$(ratio "$rss" "$peer_rss")"
+  }
+  rate="$floor" rss="$floor_rss" row "I/O floor (libpcap only)"
+  rate="$peer" rss="$peer_rss" row "peer: ndpiReader"
   measure "$build/tools/kestcap/kestcap" --plugins "$build/plugins-transports" "$cap"
-  printf '%-36s %14s %10s %10s KB\n' "$file: kestcap, transports only" "$rate" \
-    "$(awk "BEGIN { printf \"%.2f\", $rate / $floor }")" "$rss"
+  row "kestcap, transports only"
   for threads in 1 2 4; do
     # shellcheck disable=SC2086
     measure $kestcap --threads "$threads" "$cap"
-    printf '%-36s %14s %10s %10s KB\n' "$file: kestcap, $threads thread(s)" "$rate" \
-      "$(awk "BEGIN { printf \"%.2f\", $rate / $floor }")" "$rss"
+    row "kestcap, all decoders, $threads thread(s)"
   done
 done
