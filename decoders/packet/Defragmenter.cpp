@@ -4,17 +4,55 @@
 
 namespace kest_decoders {
 
+// A datagram's and a piece's list nodes, and the allocator's header of a
+// piece's copy.
+const uint32_t Defragmenter::kDatagramCost = sizeof(oru::fdt::list_node<Datagram>);
+const uint32_t Defragmenter::kPieceCost = sizeof(oru::fdt::list_node<Piece>) + 16;
+
+Defragmenter::Defragmenter() : m_key(RandomSipKey()) {}
+
 Defragmenter::~Defragmenter() {
   while (!m_datagrams.empty()) {
     Drop(m_datagrams.begin());
   }
 }
 
+size_t Defragmenter::BucketOf(uint8_t ip_version, uint8_t protocol, const oru::IpAddr &src,
+                              const oru::IpAddr &dst, uint32_t id) const {
+  uint64_t words[5];
+  __builtin_memcpy(words, &src, 16);
+  __builtin_memcpy(words + 2, &dst, 16);
+  words[4] = uint64_t{id} | uint64_t{protocol} << 32 | uint64_t{ip_version} << 40;
+  return static_cast<size_t>(SipHash13(m_key, words, 5) % kBuckets);
+}
+
+Defragmenter::DatagramList::iterator Defragmenter::Find(const ParsedPacket &f, size_t bucket) {
+  for (oru::fdt::list_link *link = m_buckets[bucket]; link != nullptr;) {
+    DatagramList::iterator d(link);
+    if (d->id == f.frag_id && d->protocol == f.protocol && d->ip_version == f.ip_version &&
+        d->src == f.src && d->dst == f.dst) {
+      return d;
+    }
+    link = d->bucket_next;
+  }
+  return m_datagrams.end();
+}
+
 void Defragmenter::Drop(DatagramList::iterator it) {
+  oru::fdt::list_link **link =
+      &m_buckets[BucketOf(it->ip_version, it->protocol, it->src, it->dst, it->id)];
+  while (*link != nullptr && *link != it.node()) {
+    link = &DatagramList::iterator(*link)->bucket_next;
+  }
+  if (*link != nullptr) {
+    *link = it->bucket_next;
+  }
   for (Piece &piece : it->pieces) {
     m_bytes -= piece.length;
+    m_held -= piece.length + kPieceCost;
     kest_free_local(piece.data);
   }
+  m_held -= kDatagramCost;
   m_datagrams.erase(it);
 }
 
@@ -32,16 +70,15 @@ uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length
       f.frag_offset + f.payload_length > 0xFFFF) {
     return nullptr;
   }
-  while (!m_datagrams.empty() && m_bytes + f.payload_length > kMaxBytes) {
+  // Room for the bytes, a piece, and a datagram should this be the first
+  // fragment. A fragment that fills several holes at once makes a piece per
+  // hole, and may go over by their book-keeping until the next one.
+  while (!m_datagrams.empty() &&
+         m_held + f.payload_length + kPieceCost + kDatagramCost > kMaxBytes) {
     Drop(m_datagrams.begin());
   }
-  DatagramList::iterator d = m_datagrams.begin();
-  for (; d != m_datagrams.end(); ++d) {
-    if (d->id == f.frag_id && d->protocol == f.protocol && d->ip_version == f.ip_version &&
-        d->src == f.src && d->dst == f.dst) {
-      break;
-    }
-  }
+  const size_t bucket = BucketOf(f.ip_version, f.protocol, f.src, f.dst, f.frag_id);
+  DatagramList::iterator d = Find(f, bucket);
   if (d == m_datagrams.end()) {
     d = m_datagrams.emplace_back();
     if (d == m_datagrams.end()) {
@@ -54,6 +91,9 @@ uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length
     d->id = f.frag_id;
     d->first_ms = now;
     d->total = 0;
+    d->bucket_next = m_buckets[bucket];
+    m_buckets[bucket] = d.node();
+    m_held += kDatagramCost;
   }
   uint32_t offset = f.frag_offset;
   uint32_t end = offset + f.payload_length;
@@ -86,6 +126,7 @@ uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length
       return nullptr;
     }
     m_bytes += stop - offset;
+    m_held += stop - offset + kPieceCost;
     bytes += stop - offset;
     offset = stop;
   }

@@ -28,3 +28,29 @@ if(TARGET kestcap AND KEST_JQ)
                    ${CMAKE_BINARY_DIR}/plugins)
   set_tests_properties(kestcap_ConcurrentChanges PROPERTIES TIMEOUT 300)
 endif()
+
+# kestcap over hostile traffic, and over many more flows than the connection
+# limits hold, both generated at test time. The bounds on the peak resident
+# size leave a few times what each build needs (a sanitizer build's shadow
+# memory included), and the flows' bound stays well below what 100 000 flows
+# take when the limits do not push connections out (over 100 MB plain).
+find_program(KEST_PYTHON3 python3)
+if(TARGET kestcap AND KEST_JQ AND KEST_PYTHON3 AND EXISTS /usr/bin/time)
+  if(KEST_SANITIZE)
+    set(_hostile_max_kb 250000)
+    set(_flows_max_kb 120000)
+  else()
+    set(_hostile_max_kb 64000)
+    set(_flows_max_kb 32000)
+  endif()
+  add_test(NAME kestcap_hostile
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/hostile_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/scripts/hostile_pcap.py
+                   ${CMAKE_CURRENT_BINARY_DIR}/hostile ${_hostile_max_kb})
+  set_tests_properties(kestcap_hostile PROPERTIES TIMEOUT 120)
+  add_test(NAME kestcap_flows_bounded
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/flows_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/scripts/flows_pcap.py
+                   ${CMAKE_CURRENT_BINARY_DIR}/flows 100000 1000 ${_flows_max_kb})
+  set_tests_properties(kestcap_flows_bounded PROPERTIES TIMEOUT 120)
+endif()

@@ -204,7 +204,11 @@ void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
   }
   ++record.packets[side];
   record.bytes[side] += bytes;
-  record.last_us = m_now.ts_us;
+  // Captures merged from several taps go back in time now and then: the
+  // connection lasts until its latest packet, never less than nothing.
+  if (m_now.ts_us > record.last_us) {
+    record.last_us = m_now.ts_us;
+  }
 }
 
 void Worker::Attr(kest_conn_id_t id, int key, const char *value, int length, bool more) {

@@ -92,4 +92,29 @@ TEST_F(DefragmenterTest, TimeOutAndCap) {
   EXPECT_LE(defrag.Bytes(), Defragmenter::kMaxBytes);
 }
 
+// A flood of one-byte first fragments that never complete, each from its own
+// source: the cap holds with the datagrams' book-keeping counted, each
+// fragment finds its datagram without a walk over all the others (a walk
+// made this flood take minutes), and a datagram sent whole afterwards still
+// comes out.
+TEST_F(DefragmenterTest, FloodOfTinyFragmentsStaysWithinTheCap) {
+  const std::string data(64, 'f');
+  Defragmenter defrag;
+  uint32_t length;
+  for (uint32_t i = 0; i < 300000; ++i) {
+    ParsedPacket f = Fragment(i % 3 ? 4 : 6, i, data, 0, 1, true);
+    f.src = oru::IpAddr::FromV4(0x0A000000 + i);
+    ASSERT_EQ(defrag.Add(f, 1000, length), nullptr);
+    ASSERT_LE(defrag.Held(), Defragmenter::kMaxBytes) << i;
+  }
+  EXPECT_LT(defrag.Datagrams(), Defragmenter::kMaxBytes / 64);
+  uint8_t *whole = nullptr;
+  for (uint32_t at = 0; at < data.size() && whole == nullptr; at += 8) {
+    whole = defrag.Add(Fragment(4, 1, data, at, 8, at + 8 < data.size()), 1000, length);
+  }
+  ASSERT_NE(whole, nullptr);
+  EXPECT_EQ(length, 20 + data.size());
+  kest_free_local(whole);
+}
+
 } // namespace
