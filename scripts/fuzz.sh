@@ -4,10 +4,9 @@
 #   scripts/fuzz.sh [seconds-per-target [target...]]   (default 60, all targets)
 # New inputs go to build-fuzz/corpus/<target>; a crash leaves its input in
 # build-fuzz as crash-* and stops the script with status 1.
-# With KEEP=1, each target's corpus (old seeds and new inputs) is then
-# minimised (libFuzzer's merge keeps the smallest set with the same
-# coverage) and written back to fuzz/corpus/<target> when it stays under
-# MAX_SEED_KB (default 256) kilobytes, so that the tests replay it.
+# With KEEP=1, the new inputs that reach code the seeds do not (libFuzzer's
+# merge) join the seeds in fuzz/corpus/<target>, which the tests replay, as
+# long as the seeds stay under MAX_SEED_KB (default 256) kilobytes.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 seconds="${1:-60}"
@@ -35,17 +34,19 @@ for target in $targets; do
   "./fuzz/${target}_fuzz" -max_total_time="$seconds" -print_final_stats=1 \
     "corpus/$target" "$root/fuzz/corpus/$target"
   if [ "${KEEP:-0}" = 1 ]; then
+    # Into the committed seeds go only the new inputs that reach something
+    # the seeds do not (libFuzzer's merge), when they stay small.
     rm -rf "minimised/$target"
-    mkdir -p "minimised/$target"
-    "./fuzz/${target}_fuzz" -merge=1 "minimised/$target" "$root/fuzz/corpus/$target" \
-      "corpus/$target" 2>/dev/null
-    kb="$(du -sk "minimised/$target" | cut -f1)"
-    if [ "$kb" -le "${MAX_SEED_KB:-256}" ]; then
-      rm -rf "$root/fuzz/corpus/$target"
-      cp -r "minimised/$target" "$root/fuzz/corpus/$target"
-      echo "$target: $(ls "minimised/$target" | wc -l) seeds, ${kb} KB kept in fuzz/corpus"
+    cp -r "$root/fuzz/corpus/$target" "minimised/$target"
+    before="$(ls "minimised/$target" | wc -l)"
+    "./fuzz/${target}_fuzz" -merge=1 "minimised/$target" "corpus/$target" 2>/dev/null
+    added="$(($(ls "minimised/$target" | wc -l) - before))"
+    bytes="$(du -sb "minimised/$target" | cut -f1)"
+    if [ "$bytes" -le "$((${MAX_SEED_KB:-256} * 1024))" ]; then
+      cp "minimised/$target"/* "$root/fuzz/corpus/$target/"
+      echo "$target: $added new seeds kept, $bytes bytes in fuzz/corpus/$target"
     else
-      echo "$target: minimised corpus is ${kb} KB, above ${MAX_SEED_KB:-256} KB: not kept"
+      echo "$target: $added new seeds would make $bytes bytes, above ${MAX_SEED_KB:-256} KB: not kept"
     fi
   fi
 done
