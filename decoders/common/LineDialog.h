@@ -459,7 +459,13 @@ template <class Rules> struct DialogPlugin {
       return false;
     }
     t_inspector->add_ref();
-    return t_inspector->Start();
+    if (t_inspector->Start()) {
+      return true;
+    }
+    // The plug-in manager calls no ExitThread for a plug-in whose
+    // InitThread failed: give back what the start took.
+    ExitThread();
+    return false;
   }
   static void LinkThread() { Attach(t_inspector, Ports()); }
   static void StartThread() {}

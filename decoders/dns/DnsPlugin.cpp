@@ -307,13 +307,19 @@ bool InitInstance() {
   return oru::InterfaceBroker::RegisterModule(kModule, "DNS");
 }
 
+void ExitThread();
+
+// A failed start gives back what it took itself: the plug-in manager calls
+// no ExitThread for a plug-in whose InitThread failed.
 bool InitThread() {
   t_state = oru::fdt::CreateObject<ThreadState>(oru::fdt::OBJECT_LOCAL);
   if (t_state == nullptr) {
     return false;
   }
+  bool named = true;
   for (int i = 0; i < kFlavors; ++i) {
     t_state->proto[i] = static_cast<uint32_t>(oru::GetProtocolId(kProtocolNames[i]));
+    named = named && t_state->proto[i] != 0;
   }
   t_state->scratch = static_cast<uint8_t *>(kest_malloc_local(kScratch));
   t_inspector = oru::fdt::CreateObject<DnsInspector>(oru::fdt::OBJECT_LOCAL);
@@ -326,7 +332,11 @@ bool InitThread() {
       manager->Register(kAttributeNames[i], &t_state->ids[i]);
     }
   }
-  return t_state->scratch != nullptr && t_inspector != nullptr && manager != nullptr;
+  if (named && t_state->scratch != nullptr && t_inspector != nullptr && manager != nullptr) {
+    return true;
+  }
+  ExitThread();
+  return false;
 }
 
 void LinkThread() {

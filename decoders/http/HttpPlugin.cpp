@@ -47,7 +47,7 @@ bool InitInstance() {
          oru::InterfaceBroker::RegisterModule(kModule, kModuleName);
 }
 
-bool InitThread() {
+bool StartThreadState() {
   t_thread = oru::fdt::CreateObject<HttpThread>(oru::fdt::OBJECT_LOCAL);
   if (t_thread == nullptr) {
     return false;
@@ -86,6 +86,18 @@ bool InitThread() {
   }
   t_launcher->add_ref();
   return true;
+}
+
+void ExitThread();
+
+// A failed start gives back what it took itself: the plug-in manager calls
+// no ExitThread for a plug-in whose InitThread failed.
+bool InitThread() {
+  if (StartThreadState()) {
+    return true;
+  }
+  ExitThread();
+  return false;
 }
 
 void LinkThread() {

@@ -361,6 +361,10 @@ bool InitInstance() {
   return oru::InterfaceBroker::RegisterModule(kModule, kModuleName);
 }
 
+void ExitThread();
+
+// A failed start gives back what it took itself: the plug-in manager calls
+// no ExitThread for a plug-in whose InitThread failed.
 bool InitThread() {
   t_state = oru::fdt::CreateObject<ThreadState>(oru::fdt::OBJECT_LOCAL);
   if (t_state == nullptr) {
@@ -376,8 +380,12 @@ bool InitThread() {
   if (manager != nullptr) {
     manager->Register(kAttrVersion, &t_state->version_id);
   }
-  return t_state->proto != 0 && t_state->scratch != nullptr && t_inspector != nullptr &&
-         manager != nullptr;
+  if (t_state->proto != 0 && t_state->scratch != nullptr && t_inspector != nullptr &&
+      manager != nullptr) {
+    return true;
+  }
+  ExitThread();
+  return false;
 }
 
 void LinkThread() {

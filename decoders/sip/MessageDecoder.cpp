@@ -362,7 +362,9 @@ bool PluginInitInstance(const PluginInfo &info) {
          oru::InterfaceBroker::RegisterModule(info.module, info.module_name);
 }
 
-bool PluginInitThread(const PluginInfo &info) {
+namespace {
+
+bool StartThreadState(const PluginInfo &info) {
   t_thread = oru::fdt::CreateObject<MessageThread>(oru::fdt::OBJECT_LOCAL);
   if (t_thread == nullptr) {
     return false;
@@ -408,6 +410,18 @@ bool PluginInitThread(const PluginInfo &info) {
     t_datagram->add_ref();
   }
   return true;
+}
+
+} // namespace
+
+// A failed start gives back what it took itself: the plug-in manager calls
+// no ExitThread for a plug-in whose InitThread failed.
+bool PluginInitThread(const PluginInfo &info) {
+  if (StartThreadState(info)) {
+    return true;
+  }
+  PluginExitThread(info);
+  return false;
 }
 
 void PluginLinkThread(const PluginInfo &info) {
