@@ -23,6 +23,8 @@ void ExpectedFlows::Expect(const oru::IpAddr &addr, uint16_t port) {
     rules->RemoveRuleFast(m_ip_protocol, cb, port, addr, addr);
     Remove(at);
   } else if (m_count == kMaxRules) {
+    // The oldest expectation makes room, in the store too.
+    rules->RemoveRuleFast(m_ip_protocol, cb, m_held[0].port, m_held[0].addr, m_held[0].addr);
     Remove(0);
   }
   // Held in announcement order, the oldest first.

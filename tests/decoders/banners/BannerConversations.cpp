@@ -461,4 +461,37 @@ TEST_F(BannerConversations, FtpDataConnectionsAreExpected) {
   }
 }
 
+// Expectations are bounded: past the bound the oldest ones go, from the
+// rule store too, and the newest still name their connections.
+TEST_F(BannerConversations, FtpExpectationsStayBounded) {
+  Conversation control = {
+      "ftp with many transfers",
+      21,
+      {{1, "220 FTP server ready\r\n"}, {0, "USER anonymous\r\n"}, {1, "331 Password please\r\n"}},
+      "FTP",
+      {{"ftp.user", "anonymous"}}};
+  const int announced = 80;
+  for (int i = 0; i < announced; ++i) {
+    const int port = 30000 + i;
+    control.steps.push_back({0, "PASV\r\n"});
+    control.steps.push_back({1, "227 Entering Passive Mode (10,0,0,2," + std::to_string(port >> 8) +
+                                    "," + std::to_string(port & 0xff) + ")\r\n"});
+  }
+  ASSERT_EQ(kest_config_set(h, "conn.default_policy.futureflows", "1"), 0);
+  kest_idle(h);
+  EXPECT_EQ(Run(control, 0), "TCP/FTP");
+  const auto data = [&](uint16_t port) {
+    const kest_endpoint_t a{KEST_FAMILY_IPV4, htons(41000), {10, 0, 0, 1}};
+    const kest_endpoint_t b{KEST_FAMILY_IPV4, htons(port), {10, 0, 0, 2}};
+    kest_conn_t conn = nullptr;
+    EXPECT_EQ(kest_conn_create(h, &a, &b, 6, &conn), 0);
+    std::string stack;
+    kest_classify(h, KEST_SELECTOR_CONN, "x\r\n", 3, conn, 1, Record, &stack);
+    EXPECT_EQ(kest_conn_destroy(h, conn), 0);
+    return stack;
+  };
+  EXPECT_EQ(data(30000), "TCP") << "the oldest went";
+  EXPECT_EQ(data(30000 + announced - 1), "TCP/FTP_DATA") << "the newest stays";
+}
+
 } // namespace
