@@ -2,10 +2,14 @@
 // the position leaves the block read last: a byte-wise scan costs one tree
 // search per block instead of one per byte. Reads give what
 // oru::FlowBuffer::At gives, DUMMY_VAL where no block covers the position.
+//
+// LineCursor reads a first line on it for the sniffers of the message
+// protocols (HTTP, SIP, RTSP, SSDP), which judge a line as it grows.
 #ifndef KEST_DECODERS_FLOWBYTES_H
 #define KEST_DECODERS_FLOWBYTES_H
 
 #include <kest/FlowBuffer.h>
+#include <stddef.h>
 #include <stdint.h>
 
 namespace kest_decoders {
@@ -36,6 +40,85 @@ private:
   const char *m_data = nullptr;
   uint64_t m_start = 0;
   uint64_t m_size = 0;
+};
+
+// How one reading of a growing line went: it may still match (kMore), it
+// did, or it cannot.
+enum class Match { kMore, kYes, kNo };
+
+// Reads the bytes of a line in order, up to the data's end or the length
+// limit, whichever comes first.
+class LineCursor {
+public:
+  LineCursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t end, uint64_t limit)
+      : m_bytes(flow), m_pos(from), m_end(end < limit ? end : limit), m_limited(end >= limit) {}
+
+  bool AtEnd() const { return m_pos >= m_end; }
+  unsigned char Peek() { return static_cast<unsigned char>(m_bytes.At(m_pos)); }
+  void Skip() { ++m_pos; }
+  // Running out of bytes: more may come, unless the limit cut the line.
+  Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
+
+  // The next bytes against `text`: kYes when all were equal, kMore when the
+  // data ended first with all equal so far.
+  Match Literal(const char *text, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() != static_cast<unsigned char>(text[i])) {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  Match Digits(int n) {
+    for (int i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() < '0' || Peek() > '9') {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  // "\r\n" or a bare "\n".
+  Match LineEnd() {
+    if (AtEnd()) {
+      return OutOfBytes();
+    }
+    if (Peek() == '\n') {
+      Skip();
+      return Match::kYes;
+    }
+    return Literal("\r\n", 2);
+  }
+
+  // Visible text up to the line's end; tabs allowed, other controls not.
+  Match Rest() {
+    while (!AtEnd()) {
+      const unsigned char b = Peek();
+      if (b == '\r' || b == '\n') {
+        return LineEnd();
+      }
+      if ((b < 0x20 && b != '\t') || b == 0x7f) {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return OutOfBytes();
+  }
+
+private:
+  FlowBytes m_bytes;
+  uint64_t m_pos;
+  uint64_t m_end;
+  bool m_limited;
 };
 
 } // namespace kest_decoders

@@ -53,84 +53,19 @@ const size_t kMethodCount = sizeof kMethods / sizeof kMethods[0];
 
 namespace {
 
-// How one reading of the line went.
-enum class Match { kMore, kYes, kNo };
+using kest_decoders::Match;
+using Cursor = kest_decoders::LineCursor;
 
-// Reads the bytes of the line in order, up to the data's end or the length
-// limit, whichever comes first.
-class Cursor {
-public:
-  Cursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t limit)
-      : m_bytes(flow), m_pos(from), m_end(flow.End() < limit ? flow.End() : limit),
-        m_limited(flow.End() >= limit) {}
-
-  bool AtEnd() const { return m_pos >= m_end; }
-  unsigned char Peek() { return static_cast<unsigned char>(m_bytes.At(m_pos)); }
-  void Skip() { ++m_pos; }
-  // What running out of bytes means: more may come, unless the limit cut
-  // the line.
-  Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
-
-  // The next bytes against `text`: kYes when all were equal, kMore when the
-  // data ended first with all equal so far.
-  Match Literal(const char *text, size_t n) {
-    for (size_t i = 0; i < n; ++i) {
-      if (AtEnd()) {
-        return OutOfBytes();
-      }
-      if (Peek() != static_cast<unsigned char>(text[i])) {
-        return Match::kNo;
-      }
-      Skip();
-    }
-    return Match::kYes;
-  }
-
-  // "HTTP/1." and one digit.
-  Match Version() {
-    Match m = Literal("HTTP/1.", 7);
-    if (m != Match::kYes) {
-      return m;
-    }
-    return Digits(1);
-  }
-
-  Match Digits(int n) {
-    for (int i = 0; i < n; ++i) {
-      if (AtEnd()) {
-        return OutOfBytes();
-      }
-      if (Peek() < '0' || Peek() > '9') {
-        return Match::kNo;
-      }
-      Skip();
-    }
-    return Match::kYes;
-  }
-
-  // The line's end: "\r\n" or a bare "\n".
-  Match LineEnd() {
-    if (AtEnd()) {
-      return OutOfBytes();
-    }
-    if (Peek() == '\n') {
-      Skip();
-      return Match::kYes;
-    }
-    return Literal("\r\n", 2);
-  }
-
-private:
-  kest_decoders::FlowBytes m_bytes;
-  uint64_t m_pos;
-  uint64_t m_end;
-  bool m_limited;
-};
+// "HTTP/1." and one digit.
+Match Version(Cursor &c) {
+  const Match m = c.Literal("HTTP/1.", 7);
+  return m != Match::kYes ? m : c.Digits(1);
+}
 
 // "HTTP/1.x NNN reason": the reason may be empty, but the blank before it
 // is required; only horizontal tabs among the control bytes.
 Match StatusLine(Cursor c) {
-  Match m = c.Version();
+  Match m = Version(c);
   if (m == Match::kYes) {
     m = c.Literal(" ", 1);
   }
@@ -140,20 +75,7 @@ Match StatusLine(Cursor c) {
   if (m == Match::kYes) {
     m = c.Literal(" ", 1);
   }
-  if (m != Match::kYes) {
-    return m;
-  }
-  while (!c.AtEnd()) {
-    const unsigned char b = c.Peek();
-    if (b == '\r' || b == '\n') {
-      return c.LineEnd();
-    }
-    if ((b < 0x20 && b != '\t') || b == 0x7f) {
-      return Match::kNo;
-    }
-    c.Skip();
-  }
-  return c.OutOfBytes();
+  return m != Match::kYes ? m : c.Rest();
 }
 
 // Whether `token` (n bytes) is a known method (kYes) or the beginning of
@@ -226,7 +148,7 @@ Match RequestLine(Cursor c) {
     return Match::kNo;
   }
   c.Skip();
-  const Match m = c.Version();
+  const Match m = Version(c);
   return m != Match::kYes ? m : c.LineEnd();
 }
 
@@ -245,11 +167,11 @@ FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from) {
   if (p >= end) {
     return FirstLine::kNeedMore;
   }
-  const Match response = StatusLine(Cursor(flow, p, limit));
+  const Match response = StatusLine(Cursor(flow, p, end, limit));
   if (response == Match::kYes) {
     return FirstLine::kResponse;
   }
-  const Match request = RequestLine(Cursor(flow, p, limit));
+  const Match request = RequestLine(Cursor(flow, p, end, limit));
   if (request == Match::kYes) {
     return FirstLine::kRequest;
   }

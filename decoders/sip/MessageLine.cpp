@@ -30,101 +30,29 @@ template <size_t N> constexpr size_t Count(const Word (&)[N]) {
   return N;
 }
 
-enum class Match { kMore, kYes, kNo };
+using kest_decoders::Match;
+using Cursor = kest_decoders::LineCursor;
 
-// Reads the bytes of the line in order, up to the data's end or the length
-// limit, whichever comes first.
-class Cursor {
-public:
-  Cursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t end, uint64_t limit)
-      : m_bytes(flow), m_pos(from), m_end(end < limit ? end : limit), m_limited(end >= limit) {}
-
-  bool AtEnd() const { return m_pos >= m_end; }
-  unsigned char Peek() { return static_cast<unsigned char>(m_bytes.At(m_pos)); }
-  void Skip() { ++m_pos; }
-  // Running out of bytes: more may come, unless the limit cut the line.
-  Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
-
-  Match Literal(const char *text, size_t n) {
-    for (size_t i = 0; i < n; ++i) {
-      if (AtEnd()) {
-        return OutOfBytes();
-      }
-      if (Peek() != static_cast<unsigned char>(text[i])) {
-        return Match::kNo;
-      }
-      Skip();
+// One of the dialect's versions, whole.
+Match Version(Cursor &c, const Dialect &d) {
+  Match best = Match::kNo;
+  for (size_t i = 0; i < d.version_count; ++i) {
+    Cursor tried = c;
+    const Match m = tried.Literal(d.versions[i].text, d.versions[i].length);
+    if (m == Match::kYes) {
+      c = tried;
+      return m;
     }
-    return Match::kYes;
+    if (m == Match::kMore) {
+      best = m;
+    }
   }
-
-  // One of the dialect's versions, whole.
-  Match Version(const Dialect &d) {
-    Match best = Match::kNo;
-    for (size_t i = 0; i < d.version_count; ++i) {
-      Cursor c = *this;
-      const Match m = c.Literal(d.versions[i].text, d.versions[i].length);
-      if (m == Match::kYes) {
-        *this = c;
-        return m;
-      }
-      if (m == Match::kMore) {
-        best = m;
-      }
-    }
-    return best;
-  }
-
-  Match Digits(int n) {
-    for (int i = 0; i < n; ++i) {
-      if (AtEnd()) {
-        return OutOfBytes();
-      }
-      if (Peek() < '0' || Peek() > '9') {
-        return Match::kNo;
-      }
-      Skip();
-    }
-    return Match::kYes;
-  }
-
-  // "\r\n" or a bare "\n".
-  Match LineEnd() {
-    if (AtEnd()) {
-      return OutOfBytes();
-    }
-    if (Peek() == '\n') {
-      Skip();
-      return Match::kYes;
-    }
-    return Literal("\r\n", 2);
-  }
-
-  // Visible text up to the line's end; tabs allowed, other controls not.
-  Match Rest() {
-    while (!AtEnd()) {
-      const unsigned char b = Peek();
-      if (b == '\r' || b == '\n') {
-        return LineEnd();
-      }
-      if ((b < 0x20 && b != '\t') || b == 0x7f) {
-        return Match::kNo;
-      }
-      Skip();
-    }
-    return OutOfBytes();
-  }
-
-private:
-  kest_decoders::FlowBytes m_bytes;
-  uint64_t m_pos;
-  uint64_t m_end;
-  bool m_limited;
-};
+  return best;
+}
 
 // "VERSION NNN reason", the reason possibly empty.
 Match StatusLine(Cursor c, const Dialect &d) {
-  Match m = c.Version(d);
+  Match m = Version(c, d);
   if (m == Match::kYes) {
     m = c.Literal(" ", 1);
   }
@@ -206,7 +134,7 @@ Match RequestLine(Cursor c, const Dialect &d) {
     return Match::kNo;
   }
   c.Skip();
-  const Match m = c.Version(d);
+  const Match m = Version(c, d);
   return m != Match::kYes ? m : c.LineEnd();
 }
 
