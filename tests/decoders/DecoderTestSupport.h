@@ -5,6 +5,7 @@
 #define KEST_TESTS_DECODERTESTSUPPORT_H
 
 #include "tests/conn/ConnTestSupport.h"
+#include "tests/support/StackNames.h"
 
 #include "tcp/TcpPlugin.h"
 #include "udp/UdpPlugin.h"
@@ -50,18 +51,6 @@ protected:
   const kest_decoders::TransportPlugin &kUdp = kest_decoders::UdpPlugin::Transport();
   Recorder recorder;
 };
-
-// The protocol names of a result's stack, lowest first, joined by "/".
-inline std::string StackNames(kest_handle_t h, kest_result_t cursor) {
-  std::string names;
-  for (kest_proto_first(h, &cursor); kest_proto_valid(h, &cursor) != 0;
-       kest_proto_next(h, &cursor)) {
-    char name[32];
-    const char *got = kest_proto_get_name(h, kest_proto_get_index(h, &cursor), name, sizeof name);
-    names += (names.empty() ? "" : "/") + std::string(got != nullptr ? got : "?");
-  }
-  return names;
-}
 
 } // namespace kest_test
 

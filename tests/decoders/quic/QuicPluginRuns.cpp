@@ -5,6 +5,7 @@
 #include "PluginFolder.h"
 #include "QuicBuild.h"
 #include "QuicVectors.h"
+#include "StackNames.h"
 
 #include <gtest/gtest.h>
 #include <kest.h>
@@ -28,21 +29,7 @@ int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value
   return 0;
 }
 
-std::string StackNames(kest_handle_t h, kest_result_t cursor) {
-  std::string names;
-  for (kest_proto_first(h, &cursor); kest_proto_valid(h, &cursor) != 0;
-       kest_proto_next(h, &cursor)) {
-    char name[32];
-    const char *got = kest_proto_get_name(h, kest_proto_get_index(h, &cursor), name, sizeof name);
-    names += (names.empty() ? "" : "/") + std::string(got != nullptr ? got : "?");
-  }
-  return names;
-}
-
-int LastStack(kest_handle_t h, kest_result_t *result, int, kest_conn_id_t, void *user, int) {
-  *static_cast<std::string *>(user) = StackNames(h, *result);
-  return 0;
-}
+using kest_test::LastStack;
 
 // An IPv4 UDP packet; the decoders do not check sums.
 Bytes Udp(uint8_t src_host, uint8_t dst_host, uint16_t sport, uint16_t dport,
