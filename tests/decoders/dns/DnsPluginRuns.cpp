@@ -9,6 +9,7 @@
 #include <kest.h>
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,11 +20,14 @@ using Bytes = std::vector<uint8_t>;
 
 const char *const kNames[] = {"dns.query", "dns.qtype", "dns.rcode", "dns.answers"};
 
-// Values as "name=value", in the order of delivery.
+// Values as "name=value", in the order of delivery. Classifying threads
+// of one instance call the listener at the same time.
 std::vector<std::string> g_values;
 std::map<int, std::string> g_keys;
+std::mutex g_lock;
 
 int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value, int, void *) {
+  const std::lock_guard<std::mutex> hold(g_lock);
   g_values.push_back(g_keys[key] + "=" +
                      std::string(static_cast<const char *>(value), static_cast<size_t>(length)));
   return 0;
