@@ -281,6 +281,27 @@ bool AttributeMgr::Unregister(const fdt::string &name) {
   return true;
 }
 
+bool AttributeMgr::IsRegistered(const char *name) const {
+  // The map's order makes a family equal to its members: only the same
+  // length tells the name itself.
+  auto found = m_registrations.find(name);
+  return found != m_registrations.end() && found->first.size() == kest_strlen(name);
+}
+
+int AttributeMgr::PlainId(const char *name) const {
+  if (!IsRegistered(name)) {
+    return 0;
+  }
+  // A plain name keeps its one identifier under the empty remainder.
+  const IdMap &ids = m_registrations.find(name)->second.ids;
+  for (auto it = ids.begin(); it != ids.end(); ++it) {
+    if (it->first.empty()) {
+      return it->second;
+    }
+  }
+  return 0;
+}
+
 bool AttributeMgr::ActivateKey(const char *value, const char *name,
                                AttributeRegistration &registration) {
   // A listener is an address: the conversion must keep all of a long.

@@ -6,7 +6,7 @@
 #include <kest_host.h>
 
 #include "BenchInstance.h"
-#include "common/ConnIndex.h"
+#include "transport/ConnIndex.h"
 
 #include <memory>
 #include <vector>

@@ -18,7 +18,7 @@ namespace {
 template <class Rules> void Converse(const uint8_t *data, size_t size) {
   kest_fuzz::FuzzInput in(data, size);
   kest_fuzz::FuzzFlow sides[2];
-  kest_decoders::Dialog<Rules> dialog;
+  oru::kit::Dialog<Rules> dialog;
   // Half the inputs read on after the protocol is known, as far as a turn
   // to TLS.
   dialog.follow = size & 1;
@@ -32,9 +32,9 @@ template <class Rules> void Converse(const uint8_t *data, size_t size) {
     if (!sides[s].Feed(in, 96)) {
       break;
     }
-    const typename kest_decoders::Dialog<Rules>::Outcome outcome = dialog.Read(sides[s].flow, s);
-    const bool leave = outcome != kest_decoders::Dialog<Rules>::WAIT;
-    if (outcome == kest_decoders::Dialog<Rules>::UPGRADE && dialog.follow == 0) {
+    const typename oru::kit::Dialog<Rules>::Outcome outcome = dialog.Read(sides[s].flow, s);
+    const bool leave = outcome != oru::kit::Dialog<Rules>::WAIT;
+    if (outcome == oru::kit::Dialog<Rules>::UPGRADE && dialog.follow == 0) {
       abort();
     }
     for (unsigned k = 0; k < 2; ++k) {
@@ -43,12 +43,12 @@ template <class Rules> void Converse(const uint8_t *data, size_t size) {
       }
     }
     for (int i = 0; i < Rules::kNotes; ++i) {
-      if (dialog.notes.length[i] > kest_decoders::kNoteCapacity) {
+      if (dialog.notes.length[i] > oru::kit::kNoteCapacity) {
         abort();
       }
     }
     if constexpr (kest_decoders::Announcing<Rules>) {
-      if (dialog.state.announced.count > kest_decoders::Announcements::kMax) {
+      if (dialog.state.announced.count > oru::kit::Announcements::kMax) {
         abort();
       }
       dialog.state.announced.count = 0;

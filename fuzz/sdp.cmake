@@ -2,5 +2,5 @@
 # Transport headers, built in.
 kest_fuzz_target(sdp kest)
 target_sources(sdp_fuzz PRIVATE ${CMAKE_SOURCE_DIR}/decoders/sip/Media.cpp
-                               ${CMAKE_SOURCE_DIR}/decoders/common/ExpectedFlows.cpp)
+)
 target_include_directories(sdp_fuzz PRIVATE ${CMAKE_SOURCE_DIR}/decoders)

@@ -10,12 +10,14 @@
 #ifndef KEST_DECODERS_FTPANNOUNCE_H
 #define KEST_DECODERS_FTPANNOUNCE_H
 
-#include "common/AddressText.h"
-#include "common/TextLine.h"
+#include <kest/kit/AddressText.h>
+#include <kest/kit/TextLine.h>
 
 #include <kest/IpAddr.h>
 
 namespace kest_decoders {
+
+using namespace oru::kit;
 
 struct FtpEndpoint {
   // Zero when the line gives none: the sender's address.

@@ -11,26 +11,28 @@
 #ifndef KEST_DECODERS_FTPRULES_H
 #define KEST_DECODERS_FTPRULES_H
 
-#include "common/LineDialog.h"
 #include "ftp/FtpAnnounce.h"
+#include <kest/kit/LineDecoder.h>
 
 namespace kest_decoders {
 
+using namespace oru::kit;
+
 struct FtpRules {
-  static constexpr const char *kPlugin = "ftp";
-  static constexpr const char *kProtocol = "FTP";
-  static constexpr oru::ModuleId kModule = 269;
-  static constexpr uint16_t kPorts[] = {21};
-  static constexpr size_t kPortCount = 1;
-  static constexpr int kNotes = 1;
-  static constexpr const char *kAttributes[kNotes] = {"ftp.user"};
+  static constexpr oru::kit::Spec kSpec{
+      .plugin = "ftp",
+      .module = oru::kit::MODULE_FTP,
+      .protocols = {"FTP", "FTP_DATA"},
+      .attributes = {"ftp.user"},
+      .tcp = true,
+      .tcp_ports = {21},
+  };
+  static constexpr int kNotes = kNotesOf<FtpRules>;
   static constexpr uint32_t kMaxLine = 1024;
   // Welcome texts run long.
   static constexpr uint32_t kMaxLines = 128;
   // Once named, a control connection is read to its end for announcements.
   static constexpr uint32_t kMaxLinesNamed = 0xffffffffu;
-  // What announced connections are named.
-  static constexpr const char *kAnnounced = "FTP_DATA";
 
   enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
 

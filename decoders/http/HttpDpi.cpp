@@ -1,7 +1,7 @@
 #include "http/HttpDpi.h"
 
-#include "common/AppAttach.h"
 #include "http/HttpSniff.h"
+#include <kest/kit/Attach.h>
 
 #include <kest/fdt/ObjectPrefix.h>
 
@@ -197,7 +197,7 @@ unsigned int HttpDpi::StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
     }
     // WebSocket frames say nothing more; and only a connection that may
     // change its protocol is handed to the other inspectors.
-    oru::IpPortRuleStore *rules = kest_decoders::AppRules(6);
+    oru::IpPortRuleStore *rules = oru::kit::AppRules(6);
     if (m_switch == kWebSocket || (conn->m_policy & oru::POLICY_CHAMELEON) == 0 ||
         rules == nullptr) {
       return AbandonConnection(parent, conn);

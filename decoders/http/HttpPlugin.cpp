@@ -1,11 +1,11 @@
 // The HTTP/1.x decoder plug-in: protocol "HTTP" (and "WebSocket" after an
 // upgrade), attributes under the prefix "http", module 264, and one
 // inspector per thread on every TCP port, tried first on HTTP's usual ports.
-#include "common/AppAttach.h"
-#include "common/TransportPlugin.h"
 #include "http/HttpDpi.h"
 #include "http/HttpRules.h"
 #include "http/HttpSniff.h"
+#include "transport/TransportPlugin.h"
+#include <kest/kit/Attach.h>
 
 #include <kest/InterfaceBroker.h>
 #include <kest/Plugin.h>
@@ -22,7 +22,7 @@ constexpr const char *kModuleName = "HTTP";
 constexpr const char *kPrefix = "http";
 
 constexpr uint16_t kPorts[] = {80, 8080, 8000, 8008, 8888, 3128};
-constexpr kest_decoders::AppPorts kWhere{6, kPorts, sizeof kPorts / sizeof kPorts[0]};
+constexpr oru::kit::AppPorts kWhere{6, kPorts, sizeof kPorts / sizeof kPorts[0]};
 
 // Plain pointers: a thread-local with a destructor may be gone before the
 // thread's kest_fini runs.
@@ -101,14 +101,14 @@ bool InitThread() {
 }
 
 void LinkThread() {
-  kest_decoders::Attach(t_launcher, kWhere);
+  oru::kit::Attach(t_launcher, kWhere);
 }
 
 void StartThread() {}
 
 void ExitThread() {
   // The transport's thread may have ended first, and its store with it.
-  kest_decoders::Detach(t_launcher, kWhere);
+  oru::kit::Detach(t_launcher, kWhere);
   if (t_launcher != nullptr) {
     t_launcher->release();
     t_launcher = nullptr;

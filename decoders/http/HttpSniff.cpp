@@ -1,6 +1,6 @@
 #include "http/HttpSniff.h"
 
-#include "common/FlowBytes.h"
+#include <kest/kit/FlowView.h>
 
 namespace kest_http {
 
@@ -53,8 +53,8 @@ const size_t kMethodCount = sizeof kMethods / sizeof kMethods[0];
 
 namespace {
 
-using kest_decoders::Match;
-using Cursor = kest_decoders::LineCursor;
+using oru::kit::Match;
+using Cursor = oru::kit::LineCursor;
 
 // "HTTP/1." and one digit.
 Match Version(Cursor &c) {

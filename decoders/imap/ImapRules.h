@@ -8,20 +8,24 @@
 #ifndef KEST_DECODERS_IMAPRULES_H
 #define KEST_DECODERS_IMAPRULES_H
 
-#include "common/LineDialog.h"
+#include <kest/kit/LineDecoder.h>
 
 #include <initializer_list>
 
 namespace kest_decoders {
 
+using namespace oru::kit;
+
 struct ImapRules {
-  static constexpr const char *kPlugin = "imap";
-  static constexpr const char *kProtocol = "IMAP";
-  static constexpr oru::ModuleId kModule = 268;
-  static constexpr uint16_t kPorts[] = {143};
-  static constexpr size_t kPortCount = 1;
-  static constexpr int kNotes = 0;
-  static constexpr const char *kAttributes[1] = {nullptr};
+  static constexpr oru::kit::Spec kSpec{
+      .plugin = "imap",
+      .module = oru::kit::MODULE_IMAP,
+      .protocols = {"IMAP"},
+      .attributes = {},
+      .tcp = true,
+      .tcp_ports = {143},
+  };
+  static constexpr int kNotes = kNotesOf<ImapRules>;
   // Capability lists make long greetings.
   static constexpr uint32_t kMaxLine = 8192;
   static constexpr uint32_t kMaxLines = 64;

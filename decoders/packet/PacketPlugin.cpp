@@ -1,8 +1,8 @@
 #include "packet/PacketPlugin.h"
 
-#include "common/TransportPlugin.h"
 #include "packet/Defragmenter.h"
 #include "packet/PacketParser.h"
+#include "transport/TransportPlugin.h"
 
 #include <kest.h>
 #include <kest/Classification.h>

@@ -8,18 +8,22 @@
 #ifndef KEST_DECODERS_POP3RULES_H
 #define KEST_DECODERS_POP3RULES_H
 
-#include "common/LineDialog.h"
+#include <kest/kit/LineDecoder.h>
 
 namespace kest_decoders {
 
+using namespace oru::kit;
+
 struct Pop3Rules {
-  static constexpr const char *kPlugin = "pop3";
-  static constexpr const char *kProtocol = "POP3";
-  static constexpr oru::ModuleId kModule = 267;
-  static constexpr uint16_t kPorts[] = {110};
-  static constexpr size_t kPortCount = 1;
-  static constexpr int kNotes = 0;
-  static constexpr const char *kAttributes[1] = {nullptr};
+  static constexpr oru::kit::Spec kSpec{
+      .plugin = "pop3",
+      .module = oru::kit::MODULE_POP3,
+      .protocols = {"POP3"},
+      .attributes = {},
+      .tcp = true,
+      .tcp_ports = {110},
+  };
+  static constexpr int kNotes = kNotesOf<Pop3Rules>;
   static constexpr uint32_t kMaxLine = 1024;
   static constexpr uint32_t kMaxLines = 64;
 

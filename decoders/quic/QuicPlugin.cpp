@@ -16,10 +16,10 @@
 // when nobody did (checked in LinkThread, after every plug-in's InitThread)
 // and otherwise reads, at the moment it publishes, the identifier the TLS
 // plug-in's registration holds.
-#include "common/AppAttach.h"
-#include "common/TransportPlugin.h"
 #include "quic/QuicPacket.h"
 #include "tls/TlsHello.h"
+#include "transport/TransportPlugin.h"
+#include <kest/kit/Attach.h>
 
 #include <kest/AttributeMgr.h>
 #include <kest/Conn.h>
@@ -40,7 +40,7 @@ constexpr const char *kProtocol = "QUIC";
 
 // HTTPS, its alternative port, DNS over QUIC (853, and 784 from its drafts).
 constexpr uint16_t kPorts[] = {443, 8443, 853, 784};
-constexpr kest_decoders::AppPorts kWhere{17, kPorts, sizeof kPorts / sizeof kPorts[0]};
+constexpr oru::kit::AppPorts kWhere{17, kPorts, sizeof kPorts / sizeof kPorts[0]};
 
 constexpr const char *kAttrVersion = "quic.version";
 enum TlsAttribute { kServerName, kAlpn, kTlsAttributes };
@@ -403,13 +403,13 @@ void LinkThread() {
       }
     }
   }
-  kest_decoders::Attach(t_inspector, kWhere);
+  oru::kit::Attach(t_inspector, kWhere);
 }
 
 void StartThread() {}
 
 void ExitThread() {
-  kest_decoders::Detach(t_inspector, kWhere);
+  oru::kit::Detach(t_inspector, kWhere);
   if (t_inspector != nullptr) {
     t_inspector->release();
     t_inspector = nullptr;

@@ -1,6 +1,6 @@
 #include "sip/Media.h"
 
-#include "common/AddressText.h"
+#include <kest/kit/AddressText.h>
 
 #include <kest/PktInfo.h>
 #include <kest/Runtime.h>
@@ -150,7 +150,7 @@ void ParseSdp(const char *data, size_t size, MediaList &out) {
       // An IPv6 address ends at the line's end or at "/" (a count of
       // multicast addresses).
       const Text text = line.Cut('/');
-      if (v6 ? !kest_decoders::ParseIpv6(text.p, static_cast<uint32_t>(text.n), addr)
+      if (v6 ? !oru::kit::ParseIpv6(text.p, static_cast<uint32_t>(text.n), addr)
              : !Ipv4(text, addr)) {
         continue;
       }

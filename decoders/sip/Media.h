@@ -10,7 +10,7 @@
 #ifndef KEST_DECODERS_SIP_MEDIA_H
 #define KEST_DECODERS_SIP_MEDIA_H
 
-#include "common/ExpectedFlows.h"
+#include <kest/kit/ExpectedFlows.h>
 
 #include <kest/Conn.h>
 #include <kest/FlowBuffer.h>
@@ -56,7 +56,7 @@ size_t CopyOut(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, char *ou
 
 // The inspector that expected media flows get, one per thread and
 // plug-in: it judges a flow's first datagram as RTP or RTCP.
-class MediaInspector final : public kest_decoders::ExpectedFlows {
+class MediaInspector final : public oru::kit::ExpectedFlows {
 public:
   MediaInspector(uint32_t rtp, uint32_t rtcp)
       : ExpectedFlows(17, false), m_rtp(rtp), m_rtcp(rtcp) {}

@@ -1,7 +1,7 @@
 #include "sip/MessageDecoder.h"
 
-#include "common/AppAttach.h"
-#include "common/TransportPlugin.h"
+#include "transport/TransportPlugin.h"
+#include <kest/kit/Attach.h>
 
 #include <kest/FlowString.h>
 #include <kest/ProtocolRegistry.h>
@@ -335,12 +335,12 @@ thread_local MessageThread *t_thread = nullptr;
 thread_local MessageLauncher *t_launcher = nullptr;
 thread_local DatagramInspector *t_datagram = nullptr;
 
-kest_decoders::AppPorts Tcp(const PluginInfo &info) {
-  return kest_decoders::AppPorts{6, info.tcp_ports, info.tcp_port_count};
+oru::kit::AppPorts Tcp(const PluginInfo &info) {
+  return oru::kit::AppPorts{6, info.tcp_ports, info.tcp_port_count};
 }
 
-kest_decoders::AppPorts Udp(const PluginInfo &info) {
-  return kest_decoders::AppPorts{17, info.udp_ports, info.udp_port_count};
+oru::kit::AppPorts Udp(const PluginInfo &info) {
+  return oru::kit::AppPorts{17, info.udp_ports, info.udp_port_count};
 }
 
 template <class T> void Release(T *&object) {
@@ -426,18 +426,18 @@ bool PluginInitThread(const PluginInfo &info) {
 
 void PluginLinkThread(const PluginInfo &info) {
   if (t_launcher != nullptr) {
-    kest_decoders::Attach(t_launcher, Tcp(info));
+    oru::kit::Attach(t_launcher, Tcp(info));
   }
   if (t_datagram != nullptr) {
-    kest_decoders::Attach(t_datagram, Udp(info));
+    oru::kit::Attach(t_datagram, Udp(info));
   }
 }
 
 void PluginExitThread(const PluginInfo &info) {
   // The transports' threads may have ended first, and their stores with
   // them.
-  kest_decoders::Detach(t_launcher, Tcp(info));
-  kest_decoders::Detach(t_datagram, Udp(info));
+  oru::kit::Detach(t_launcher, Tcp(info));
+  oru::kit::Detach(t_datagram, Udp(info));
   Release(t_launcher);
   Release(t_datagram);
   if (t_thread != nullptr) {

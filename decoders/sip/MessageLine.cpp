@@ -1,6 +1,6 @@
 #include "sip/MessageLine.h"
 
-#include "common/FlowBytes.h"
+#include <kest/kit/FlowView.h>
 
 namespace kest_sip {
 
@@ -30,8 +30,8 @@ template <size_t N> constexpr size_t Count(const Word (&)[N]) {
   return N;
 }
 
-using kest_decoders::Match;
-using Cursor = kest_decoders::LineCursor;
+using oru::kit::Match;
+using Cursor = oru::kit::LineCursor;
 
 // One of the dialect's versions, whole.
 Match Version(Cursor &c, const Dialect &d) {

@@ -6,19 +6,23 @@
 #ifndef KEST_DECODERS_SMTPRULES_H
 #define KEST_DECODERS_SMTPRULES_H
 
-#include "common/LineDialog.h"
+#include <kest/kit/LineDecoder.h>
 
 namespace kest_decoders {
 
+using namespace oru::kit;
+
 struct SmtpRules {
-  static constexpr const char *kPlugin = "smtp";
-  static constexpr const char *kProtocol = "SMTP";
-  static constexpr oru::ModuleId kModule = 266;
+  static constexpr oru::kit::Spec kSpec{
+      .plugin = "smtp",
+      .module = oru::kit::MODULE_SMTP,
+      .protocols = {"SMTP"},
+      .attributes = {"smtp.helo", "smtp.mail_from"},
+      .tcp = true,
+      .tcp_ports = {25, 587},
+  };
+  static constexpr int kNotes = kNotesOf<SmtpRules>;
   // 465 is SMTP inside TLS from the first byte: nothing for this reader.
-  static constexpr uint16_t kPorts[] = {25, 587};
-  static constexpr size_t kPortCount = 2;
-  static constexpr int kNotes = 2;
-  static constexpr const char *kAttributes[kNotes] = {"smtp.helo", "smtp.mail_from"};
   enum { NOTE_HELO, NOTE_MAIL_FROM };
   // A text line is at most 1000 bytes with its CR LF.
   static constexpr uint32_t kMaxLine = 999;

@@ -5,18 +5,22 @@
 #ifndef KEST_DECODERS_SSHRULES_H
 #define KEST_DECODERS_SSHRULES_H
 
-#include "common/LineDialog.h"
+#include <kest/kit/LineDecoder.h>
 
 namespace kest_decoders {
 
+using namespace oru::kit;
+
 struct SshRules {
-  static constexpr const char *kPlugin = "ssh";
-  static constexpr const char *kProtocol = "SSH";
-  static constexpr oru::ModuleId kModule = 265;
-  static constexpr uint16_t kPorts[] = {22};
-  static constexpr size_t kPortCount = 1;
-  static constexpr int kNotes = 2;
-  static constexpr const char *kAttributes[kNotes] = {"ssh.client_banner", "ssh.server_banner"};
+  static constexpr oru::kit::Spec kSpec{
+      .plugin = "ssh",
+      .module = oru::kit::MODULE_SSH,
+      .protocols = {"SSH"},
+      .attributes = {"ssh.client_banner", "ssh.server_banner"},
+      .tcp = true,
+      .tcp_ports = {22},
+  };
+  static constexpr int kNotes = kNotesOf<SshRules>;
   // The line is at most 255 bytes with its CR LF.
   static constexpr uint32_t kMaxLine = 254;
   static constexpr uint32_t kMaxLines = 1;

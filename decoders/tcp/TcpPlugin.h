@@ -3,7 +3,7 @@
 #ifndef KEST_DECODERS_TCPPLUGIN_H
 #define KEST_DECODERS_TCPPLUGIN_H
 
-#include "common/TransportPlugin.h"
+#include "transport/TransportPlugin.h"
 
 #include <kest/Plugin.h>
 

@@ -3,8 +3,8 @@
 // ports where TLS is usual. The bytes decide: any port may carry it.
 #include "tls/TlsDpi.h"
 
-#include "common/AppAttach.h"
-#include "common/TransportPlugin.h"
+#include "transport/TransportPlugin.h"
+#include <kest/kit/Attach.h>
 
 #include <kest/InterfaceBroker.h>
 #include <kest/Plugin.h>
@@ -20,7 +20,7 @@ constexpr const char *kProtocol = "TLS";
 // HTTPS, SMTPS, NNTPS, LDAPS, DNS over TLS, FTPS data and control, TELNETS,
 // IMAPS, IRCS, POP3S, SIP over TLS, alternative HTTPS.
 constexpr uint16_t kPorts[] = {443, 465, 563, 636, 853, 989, 990, 992, 993, 994, 995, 5061, 8443};
-constexpr kest_decoders::AppPorts kWhere{6, kPorts, sizeof kPorts / sizeof kPorts[0]};
+constexpr oru::kit::AppPorts kWhere{6, kPorts, sizeof kPorts / sizeof kPorts[0]};
 
 // This thread's inspector, with the reference the plug-in holds. A plain
 // pointer: a thread-local with a destructor may be gone before kest_fini.
@@ -59,7 +59,7 @@ bool InitThread() {
 }
 
 void LinkThread() {
-  kest_decoders::Attach(t_inspector, kWhere);
+  oru::kit::Attach(t_inspector, kWhere);
 }
 
 void StartThread() {}
@@ -68,7 +68,7 @@ void ExitThread() {
   if (t_inspector == nullptr) {
     return;
   }
-  kest_decoders::Detach(t_inspector, kWhere);
+  oru::kit::Detach(t_inspector, kWhere);
   t_inspector->UnregisterAttributes();
   // Chains may still hold it; the last reference frees it.
   t_inspector->release();

@@ -156,6 +156,13 @@ public:
   bool Register(const fdt::string &name, int *target);
   // Drops the registration and frees its rows, without calling back.
   bool Unregister(const fdt::string &name);
+  // Whether this thread registered exactly `name` (a family's member names
+  // do not count).
+  bool IsRegistered(const char *name) const;
+  // The identifier this thread holds for plain name `name`, whoever
+  // registered it; 0 while nobody listens or when it is not registered.
+  // Lets two plug-ins of one thread report the same attribute.
+  int PlainId(const char *name) const;
 
   // Hands a listener value to the registration: a new identifier, stored
   // under the name's part behind the registered name, and the callback.

@@ -1,9 +1,9 @@
 // Lines read from a side's stream as a pure function of its blocks: the
 // same lines wherever the stream is cut into blocks, long lines cut to the
 // buffer but read whole, and a line without LF beyond the bound refused.
-#include "decoders/common/TextLine.h"
 #include "decoders/ftp/FtpAnnounce.h"
 #include "tests/support/TestHooks.h"
+#include <kest/kit/TextLine.h>
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -13,8 +13,8 @@
 
 namespace {
 
-using kest_decoders::LineRead;
-using kest_decoders::TextLine;
+using oru::kit::LineRead;
+using oru::kit::TextLine;
 
 // The stream in blocks cut at `cuts`, read to its end: each line, "<wait>"
 // or "<overlong>" for the last answer.
@@ -35,9 +35,9 @@ std::vector<std::string> Lines(const std::string &stream, std::vector<size_t> cu
   uint64_t pos = 0;
   for (;;) {
     TextLine line;
-    const LineRead read = kest_decoders::ReadLine(flow, pos, bound, line);
-    if (read != kest_decoders::LINE_READY) {
-      out.push_back(read == kest_decoders::LINE_WAIT ? "<wait>" : "<overlong>");
+    const LineRead read = oru::kit::ReadLine(flow, pos, bound, line);
+    if (read != oru::kit::LINE_READY) {
+      out.push_back(read == oru::kit::LINE_WAIT ? "<wait>" : "<overlong>");
       break;
     }
     out.push_back(std::string(line.text, line.length) + "/" + std::to_string(line.full));
@@ -79,9 +79,9 @@ TEST(TextLineReads, PlaceBeforeTheKeptBytesIsLost) {
   flow.m_next_pos = 108;
   TextLine line;
   uint64_t pos = 50;
-  EXPECT_EQ(kest_decoders::ReadLine(flow, pos, 100, line), kest_decoders::LINE_LOST);
+  EXPECT_EQ(oru::kit::ReadLine(flow, pos, 100, line), oru::kit::LINE_LOST);
   pos = 100;
-  EXPECT_EQ(kest_decoders::ReadLine(flow, pos, 100, line), kest_decoders::LINE_READY);
+  EXPECT_EQ(oru::kit::ReadLine(flow, pos, 100, line), oru::kit::LINE_READY);
   EXPECT_EQ(pos, 108u);
   flow.Reset();
 }

@@ -13,7 +13,7 @@ if(_sip_ready)
                                 ${CMAKE_CURRENT_LIST_DIR}/MessageConversations.cpp
                                 ${CMAKE_SOURCE_DIR}/decoders/sip/MessageLine.cpp
                                 ${CMAKE_SOURCE_DIR}/decoders/sip/Media.cpp
-                                ${CMAKE_SOURCE_DIR}/decoders/common/ExpectedFlows.cpp)
+)
   target_include_directories(kest_sip_tests PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/decoders
                                                     ${CMAKE_SOURCE_DIR}/tests/web)
   target_link_libraries(kest_sip_tests PRIVATE kest kest_test_support GTest::gtest_main)

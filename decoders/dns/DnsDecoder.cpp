@@ -1,0 +1,119 @@
+// The DNS decoder: names DNS, MDNS and LLMNR on UDP and TCP by the bytes of
+// their messages, on any port, and reports every message of a connection
+// ("dns.query", "dns.qtype", "dns.rcode", "dns.answers"). Over UDP a
+// datagram is a message; over TCP each message has a two-byte length in
+// front.
+#include "dns/DnsMessage.h"
+
+#include <kest/kit/Decoder.h>
+
+namespace {
+
+using oru::kit::ByteReader;
+using oru::kit::Verdict;
+
+enum Flavor { kDns, kMdns, kLlmnr };
+enum Attribute { kQuery, kQtype, kRcode, kAnswers };
+
+// The multicast groups of mDNS and LLMNR.
+constexpr oru::IpAddr kMdnsV4 = oru::IpAddr::FromV4(0xE00000FB);
+constexpr oru::IpAddr kMdnsV6{0xFF02000000000000ull, 0xFBull};
+constexpr oru::IpAddr kLlmnrV4 = oru::IpAddr::FromV4(0xE00000FC);
+constexpr oru::IpAddr kLlmnrV6{0xFF02000000000000ull, 0x10003ull};
+
+bool To(const oru::Tuple &t, const oru::IpAddr &v4, const oru::IpAddr &v6, uint16_t port) {
+  return ((t.dst == v4 || t.dst == v6) && t.dst_port == port) ||
+         ((t.src == v4 || t.src == v6) && t.src_port == port);
+}
+
+// Which of the three a connection of DNS messages is. The groups decide; the
+// answers of mDNS and LLMNR go back by unicast from the protocol's port, so
+// over UDP that port at either end counts as well. The bytes have already
+// said DNS: the port only tells the kind.
+Flavor FlavorOf(const oru::Tuple &t) {
+  if (To(t, kMdnsV4, kMdnsV6, 5353)) {
+    return kMdns;
+  }
+  if (To(t, kLlmnrV4, kLlmnrV6, 5355)) {
+    return kLlmnr;
+  }
+  if (t.protocol == 17 && t.src_port != 53 && t.dst_port != 53) {
+    if (t.src_port == 5353 || t.dst_port == 5353) {
+      return kMdns;
+    }
+    if (t.src_port == 5355 || t.dst_port == 5355) {
+      return kLlmnr;
+    }
+  }
+  return kDns;
+}
+
+struct Dns {
+  static constexpr oru::kit::Spec kSpec{
+      .plugin = "dns",
+      .module = oru::kit::MODULE_DNS,
+      .protocols = {"DNS", "MDNS", "LLMNR"},
+      .attributes = {"dns.query", "dns.qtype", "dns.rcode", "dns.answers"},
+      .tcp = true,
+      .tcp_ports = {53},
+      .udp = true,
+      .udp_ports = {53, 5353, 5355},
+      .tcp_framing = oru::kit::Framing::kRecords,
+      .records = {.offset = 0, .width = 2, .max = 0x10000 + 2, .min = 2 + kest_dns::kHeaderSize},
+  };
+  struct State {};
+  // The last message read; too large for the stack of every host.
+  struct Thread {
+    kest_dns::Summary summary;
+  };
+  using Session = oru::kit::Session<Dns>;
+
+  static Verdict Feed(Session &s, ByteReader message) {
+    if (s.tuple().protocol == 6) {
+      message.Skip(2);
+    }
+    kest_dns::Summary &m = s.thread().summary;
+    const kest_dns::Verdict verdict = kest_dns::Parse(message.Here(), message.Left(), m);
+    if (!s.named()) {
+      // A first message decides alone, so it must hold whole; one cut short
+      // by the server (TC) may end early.
+      const bool dns = verdict == kest_dns::Verdict::kDns ||
+                       (verdict == kest_dns::Verdict::kDnsDamaged && m.truncated);
+      if (!dns || !s.Name(FlavorOf(s.tuple()))) {
+        return Verdict::kNotMine;
+      }
+    }
+    if (verdict != kest_dns::Verdict::kNotDns) {
+      Report(s, m);
+    }
+    return Verdict::kNeedMore;
+  }
+
+  // Before the first message is whole, its header must hold.
+  static Verdict Early(Session &, ByteReader head) {
+    const size_t length = head.U16();
+    const size_t have = head.Left() < kest_dns::kHeaderSize ? head.Left() : kest_dns::kHeaderSize;
+    return kest_dns::PlausibleStart(head.Here(), have, length) ? Verdict::kNeedMore
+                                                               : Verdict::kNotMine;
+  }
+
+  // Every message reports what it has: the question (if any), the response
+  // code of a response, the answers worth naming.
+  static void Report(Session &s, const kest_dns::Summary &m) {
+    char word[16];
+    if (m.has_question) {
+      s.Publish(kQuery, m.query, m.query_length);
+      s.Publish(kQtype, word, kest_dns::FormatType(m.qtype, word, sizeof word));
+    }
+    if (m.response) {
+      s.Publish(kRcode, word, kest_dns::FormatRcode(m.rcode, word, sizeof word));
+    }
+    if (m.answers_length != 0) {
+      s.Publish(kAnswers, m.answers, m.answers_length);
+    }
+  }
+};
+
+} // namespace
+
+KEST_DECODER(Dns)

@@ -1,0 +1,70 @@
+// How an application decoder puts its inspector on connections: on every
+// port of TCP and/or UDP (its bytes decide, never the port), and again on
+// the protocol's well-known ports with priority 0, so that there it is
+// tried before the other decoders. The store keeps each inspector once per
+// chain, so a connection on a well-known port gets it once, early.
+//
+// Call Attach in the plug-in's LinkThread (the transports' stores are
+// registered by then) and Detach in its ExitThread; both run on the thread
+// that owns the stores.
+#ifndef KEST_KIT_ATTACH_H
+#define KEST_KIT_ATTACH_H
+
+#include <kest/Inspector.h>
+#include <kest/InterfaceBroker.h>
+#include <kest/IpPortRuleStore.h>
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace oru::kit {
+
+struct AppPorts {
+  // 6 for TCP or 17 for UDP.
+  uint8_t ip_protocol;
+  // Well-known ports, tried first; may be empty.
+  const uint16_t *ports;
+  size_t port_count;
+};
+
+// The transport's store on this thread, or null (its thread may have ended
+// first).
+inline oru::IpPortRuleStore *AppRules(uint8_t ip_protocol) {
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Peek();
+  const oru::ModuleId module = ip_protocol == 6 ? oru::MODULE_TCP : oru::MODULE_UDP;
+  return broker == nullptr ? nullptr
+                           : static_cast<oru::IpPortRuleStore *>(
+                                 broker->GetInterface(module, oru::INTERFACE_IPPORT_RULE_STORE));
+}
+
+// False when a store is missing or refused a rule (without memory).
+inline bool Attach(oru::Inspector *inspector, const AppPorts &where) {
+  oru::IpPortRuleStore *rules = AppRules(where.ip_protocol);
+  if (rules == nullptr || inspector == nullptr) {
+    return false;
+  }
+  bool ok = rules->AddRule(where.ip_protocol, oru::InspectorCallback(inspector), 0, {}, {}, 0,
+                           oru::IpPortRuleStore::EXPIRY_LOCAL, false);
+  for (size_t i = 0; i < where.port_count; ++i) {
+    ok = rules->AddRule(where.ip_protocol, oru::InspectorCallback(inspector), where.ports[i], {},
+                        {}, 0, oru::IpPortRuleStore::EXPIRY_LOCAL, true) &&
+         ok;
+  }
+  return ok;
+}
+
+inline void Detach(oru::Inspector *inspector, const AppPorts &where) {
+  oru::IpPortRuleStore *rules = AppRules(where.ip_protocol);
+  if (rules == nullptr || inspector == nullptr) {
+    return;
+  }
+  rules->RemoveRuleFast(where.ip_protocol, oru::InspectorCallback(inspector), 0, {}, {});
+  for (size_t i = 0; i < where.port_count; ++i) {
+    rules->RemoveRuleFast(where.ip_protocol, oru::InspectorCallback(inspector), where.ports[i], {},
+                          {});
+  }
+}
+
+} // namespace oru::kit
+
+#endif

@@ -1,0 +1,619 @@
+// The decoder kit: a protocol decoder as one declaration and one function.
+//
+// A decoder is a type with a Spec and, for the framings the kit reads itself,
+// a per-connection State and a Feed function:
+//
+//   struct Ntp {
+//     static constexpr oru::kit::Spec kSpec{
+//         .plugin = "ntp", .module = 1030, .protocols = {"NTP"},
+//         .attributes = {"ntp.version", "ntp.mode", "ntp.stratum"},
+//         .udp = true, .udp_ports = {123}};
+//     struct State {};
+//     static oru::kit::Verdict Feed(oru::kit::Session<Ntp> &s, oru::kit::ByteReader r);
+//   };
+//   KEST_DECODER(Ntp)
+//
+// The kit does the rest: the plug-in's entry table and version, registration
+// of protocols, module and attributes, one inspector per thread on every port
+// of the transports it names (its ports are tried first; they never decide),
+// a State per connection made on its first packet and dropped when the
+// inspector leaves the connection's chain, the framing of bytes into
+// messages, naming the protocol, and one rule for publishing attributes.
+//
+// A decoder may also have a per-thread D::Thread (made at thread start,
+// Session::thread()), and for records an Early(session, head) test that
+// judges the start of a record not yet whole (kNotMine leaves).
+//
+// Framing (Spec::tcp_framing; UDP is always one datagram per message):
+//   kDatagram  UDP only.
+//   kRecords   TCP records with a length field (Spec::records): each whole
+//              record, header included, in one piece. A record that lies
+//              across blocks is copied; the kit keeps (Sync) the bytes of a
+//              record still incomplete after the packet.
+//   kStream    TCP bytes in order as they come, one contiguous run per call;
+//              the decoder keeps what it needs of them.
+// Line dialogues (mail, file transfer, banners) have a framing of their own
+// in kest/kit/LineDecoder.h; decoders that need their own inspector name it
+// as D::Inspector (see Plugin below).
+//
+// Feed answers a Verdict. kNamed names the protocol (Session::Name for
+// another of the decoder's protocols) and goes on reading; kDone and
+// kNotMine leave the connection, keeping a name already given. Leaving is
+// never an abandon: every decoder shares the transport's chain, and an
+// abandon would end it for all of them.
+#ifndef KEST_KIT_DECODER_H
+#define KEST_KIT_DECODER_H
+
+#include <kest/AttributeMgr.h>
+#include <kest/Conn.h>
+#include <kest/FlowBuffer.h>
+#include <kest/Inspector.h>
+#include <kest/InterfaceBroker.h>
+#include <kest/PktInfo.h>
+#include <kest/Plugin.h>
+#include <kest/ProtocolRegistry.h>
+#include <kest/Runtime.h>
+#include <kest/fdt/ObjectPrefix.h>
+#include <kest/fdt/map.h>
+#include <kest/kit/Attach.h>
+#include <kest/kit/ByteReader.h>
+#include <kest/kit/FlowView.h>
+#include <kest/kit/ModuleIds.h>
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace oru::kit {
+
+enum class Verdict : uint8_t {
+  // Undecided, or named already and still reading: more, please.
+  kNeedMore,
+  // The protocol is certain: name it and go on reading.
+  kNamed,
+  // Nothing more to learn: leave the connection.
+  kDone,
+  // Not this protocol: leave the connection.
+  kNotMine,
+};
+
+enum class Framing : uint8_t { kDatagram, kRecords, kStream };
+
+// TCP records whose length stands in their header: `width` bytes (1 to 4)
+// at `offset`, big-endian unless `little_endian`. The record is the header
+// (`offset` + `width` bytes), then the field's value plus `adjust` bytes.
+struct RecordFormat {
+  uint8_t offset = 0;
+  uint8_t width = 2;
+  bool little_endian = false;
+  int32_t adjust = 0;
+  // The longest record taken, header included; a longer one is not this
+  // protocol's.
+  uint32_t max = 0x10000 + 2;
+  // The shortest record taken, header included.
+  uint32_t min = 2;
+};
+
+constexpr int kMaxProtocols = 4;
+constexpr int kMaxAttributes = 16;
+constexpr int kMaxPorts = 16;
+
+struct Spec {
+  // The plug-in's name; its file is <plugin>.plg.
+  const char *plugin = nullptr;
+  // The module number (kest/kit/ModuleIds.h) and name; the name defaults to
+  // the first protocol.
+  oru::ModuleId module = 0;
+  const char *module_name = nullptr;
+  // Protocols the decoder names; Session::Name(i) gives the i-th.
+  const char *protocols[kMaxProtocols] = {};
+  // Attribute names; Session::Publish(i, ...) reports the i-th.
+  const char *attributes[kMaxAttributes] = {};
+  // Where the decoder runs (every port), and the ports tried first.
+  bool tcp = false;
+  uint16_t tcp_ports[kMaxPorts] = {};
+  bool udp = false;
+  uint16_t udp_ports[kMaxPorts] = {};
+  Framing tcp_framing = Framing::kStream;
+  RecordFormat records = {};
+  // Messages (datagrams, records, runs of bytes) read per connection; the
+  // connection keeps its name beyond them but is no longer read.
+  uint32_t max_messages = 256;
+
+  constexpr int ProtocolCount() const {
+    int n = 0;
+    while (n < kMaxProtocols && protocols[n] != nullptr) {
+      ++n;
+    }
+    return n;
+  }
+  constexpr int AttributeCount() const {
+    int n = 0;
+    while (n < kMaxAttributes && attributes[n] != nullptr) {
+      ++n;
+    }
+    return n;
+  }
+  constexpr size_t PortCount(const uint16_t *ports) const {
+    size_t n = 0;
+    while (n < kMaxPorts && ports[n] != 0) {
+      ++n;
+    }
+    return n;
+  }
+  AppPorts Where(uint8_t ip_protocol) const {
+    const uint16_t *ports = ip_protocol == 6 ? tcp_ports : udp_ports;
+    return AppPorts{ip_protocol, ports, PortCount(ports)};
+  }
+  const char *ModuleName() const { return module_name != nullptr ? module_name : protocols[0]; }
+};
+
+// Reports a value of attribute `id` (0: nobody listens) for the thread's
+// active connection, when that connection's policy allows attributes. The
+// one rule every decoder of the kit follows.
+inline void PublishAttribute(int id, const void *value, size_t length) {
+  if (id < 1) {
+    return;
+  }
+  const oru::Conn *active = oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn);
+  oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
+  if (active == nullptr || (active->m_policy & oru::POLICY_ATTRIBUTES) == 0 || manager == nullptr) {
+    return;
+  }
+  manager->DispatchAttribute(id, static_cast<const uint8_t *>(value), static_cast<int>(length), 0,
+                             0);
+}
+
+// What a decoder's thread registers: its protocols' indices and the
+// identifiers of its attributes, kept current by the attribute manager.
+class Registration {
+public:
+  // Instance start-up: the protocols, the attribute names (a name another
+  // plug-in made already serves as it is) and the module. False when the
+  // module name is taken.
+  static bool Create(const Spec &spec) {
+    for (int i = 0; i < spec.ProtocolCount(); ++i) {
+      oru::RegisterProtocol(spec.protocols[i]);
+    }
+    for (int i = 0; i < spec.AttributeCount(); ++i) {
+      oru::AttributeMgr::Create(oru::fdt::string(spec.attributes[i]));
+    }
+    return oru::InterfaceBroker::RegisterModule(spec.module, spec.ModuleName());
+  }
+  static void Destroy(const Spec &spec) {
+    oru::InterfaceBroker::UnregisterModule(spec.module, spec.ModuleName());
+  }
+
+  // Thread start-up. False when a protocol has no index or without memory.
+  // An attribute that another plug-in of this thread registered already is
+  // shared: its identifier is read through the manager (Id).
+  bool Start(const Spec &spec) {
+    m_spec = &spec;
+    for (int i = 0; i < spec.ProtocolCount(); ++i) {
+      const int proto = oru::GetProtocolId(spec.protocols[i]);
+      if (proto <= 0) {
+        return false;
+      }
+      m_proto[i] = static_cast<uint32_t>(proto);
+    }
+    oru::AttributeMgr *manager = oru::AttributeMgr::Instance();
+    if (manager == nullptr) {
+      return false;
+    }
+    for (int i = 0; i < spec.AttributeCount(); ++i) {
+      m_own[i] = !manager->IsRegistered(spec.attributes[i]) &&
+                 manager->Register(oru::fdt::string(spec.attributes[i]), &m_ids[i]);
+    }
+    return true;
+  }
+  void Stop() {
+    oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
+    for (int i = 0; m_spec != nullptr && i < m_spec->AttributeCount(); ++i) {
+      if (m_own[i] && manager != nullptr) {
+        manager->Unregister(oru::fdt::string(m_spec->attributes[i]));
+      }
+      m_own[i] = false;
+      m_ids[i] = 0;
+    }
+  }
+
+  uint32_t Proto(int i = 0) const { return i >= 0 && i < kMaxProtocols ? m_proto[i] : 0; }
+  // The attribute's identifier now; 0 while nobody listens.
+  int Id(int attribute) const {
+    if (attribute < 0 || attribute >= kMaxAttributes || m_spec == nullptr) {
+      return 0;
+    }
+    if (m_own[attribute]) {
+      return m_ids[attribute];
+    }
+    oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
+    return manager != nullptr ? manager->PlainId(m_spec->attributes[attribute]) : 0;
+  }
+  void Publish(int attribute, const void *value, size_t length) const {
+    PublishAttribute(Id(attribute), value, length);
+  }
+  const Spec &spec() const { return *m_spec; }
+
+private:
+  const Spec *m_spec = nullptr;
+  uint32_t m_proto[kMaxProtocols] = {};
+  int m_ids[kMaxAttributes] = {};
+  bool m_own[kMaxAttributes] = {};
+};
+
+// Per-connection values of type T, by connection number, on one thread.
+template <class T> class ConnStates {
+public:
+  // The connection's value, made (value-initialised) on first use; null
+  // without memory.
+  T *Get(const oru::Conn &conn) {
+    typename Map::iterator it = m_map.find(conn.m_number);
+    if (it == m_map.end()) {
+      it = m_map.try_emplace(conn.m_number);
+      if (it == m_map.end()) {
+        return nullptr;
+      }
+    }
+    return &it->second;
+  }
+  T *Find(const oru::Conn &conn) {
+    typename Map::iterator it = m_map.find(conn.m_number);
+    return it == m_map.end() ? nullptr : &it->second;
+  }
+  void Drop(const oru::Conn &conn) { m_map.erase(conn.m_number); }
+  size_t Size() const { return m_map.size(); }
+
+private:
+  using Map = oru::fdt::map<uint64_t, T>;
+  Map m_map;
+};
+
+template <class D> class FramedInspector;
+
+// A decoder's per-thread state: D::Thread when it has one.
+struct NoThread {};
+template <class D> struct ThreadOf { using Type = NoThread; };
+template <class D>
+requires requires {
+  typename D::Thread;
+}
+struct ThreadOf<D> {
+  using Type = typename D::Thread;
+};
+
+// What Feed sees of the connection it reads.
+template <class D> class Session {
+public:
+  using Thread = typename ThreadOf<D>::Type;
+
+  Session(const Registration &reg, Thread &thread, typename D::State &state, oru::Conn &conn,
+          unsigned side, bool &named)
+      : m_reg(reg), m_thread(thread), m_state(state), m_conn(conn), m_side(side), m_named(named) {}
+
+  typename D::State &state() { return m_state; }
+  // The decoder's state on this thread (D::Thread), made at thread start.
+  Thread &thread() { return m_thread; }
+  oru::Conn &conn() { return m_conn; }
+  const oru::Tuple &tuple() const { return m_conn.m_tuple; }
+  // 0: the side of the connection's first end point (tuple().src), 1: the
+  // other.
+  unsigned side() const { return m_side; }
+  bool named() const { return m_named; }
+  // Names the connection with the decoder's i-th protocol, once; the first
+  // name given stays. False when the connection refused it.
+  bool Name(int i = 0) {
+    if (m_named) {
+      return true;
+    }
+    m_named = m_conn.PushProtocol(m_reg.Proto(i));
+    return m_named;
+  }
+  // Reports attribute `i` of the Spec, when someone listens and the
+  // connection's policy allows it.
+  void Publish(int i, const void *value, size_t length) { m_reg.Publish(i, value, length); }
+  void Publish(int i, const char *text) { Publish(i, text, TextSize(text)); }
+  const Registration &registration() const { return m_reg; }
+
+private:
+  static size_t TextSize(const char *text) {
+    size_t n = 0;
+    while (text != nullptr && text[n] != 0) {
+      ++n;
+    }
+    return n;
+  }
+
+  const Registration &m_reg;
+  Thread &m_thread;
+  typename D::State &m_state;
+  oru::Conn &m_conn;
+  unsigned m_side;
+  bool &m_named;
+};
+
+// The kit's inspector for decoders with a Feed function.
+template <class D> class FramedInspector final : public oru::Inspector {
+public:
+  using Thread = typename ThreadOf<D>::Type;
+
+  bool Start() {
+    m_thread = oru::fdt::CreateObject<Thread>(oru::fdt::OBJECT_LOCAL);
+    return m_thread != nullptr && m_reg.Start(D::kSpec);
+  }
+  void Stop() {
+    m_reg.Stop();
+    if (m_thread != nullptr) {
+      oru::fdt::DestroyObject(m_thread);
+      m_thread = nullptr;
+    }
+    if (m_scratch != nullptr) {
+      kest_free_local(m_scratch);
+      m_scratch = nullptr;
+    }
+  }
+  const Registration &registration() const { return m_reg; }
+  size_t Connections() const { return m_conns.Size(); }
+
+  unsigned int Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt, oru::Tuple &tuple,
+                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+    if (!conn || m_thread == nullptr) {
+      return oru::INSPECT_FINISHED;
+    }
+    Entry *entry = m_conns.Get(*conn);
+    if (entry == nullptr) {
+      // Without memory to follow the connection, this packet is all.
+      Entry once{};
+      Run(once, pkt, tuple, *conn);
+      return oru::INSPECT_FINISHED;
+    }
+    return Run(*entry, pkt, tuple, *conn);
+  }
+
+  void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+    if (conn) {
+      m_conns.Drop(*conn);
+    }
+  }
+
+private:
+  struct Entry {
+    typename D::State state{};
+    uint64_t next[2] = {0, 0};
+    uint32_t messages = 0;
+    bool seen[2] = {false, false};
+    bool named = false;
+  };
+
+  static constexpr const Spec &kSpec = D::kSpec;
+
+  unsigned Run(Entry &e, oru::PktInfo &pkt, const oru::Tuple &tuple, oru::Conn &conn) {
+    const unsigned side = pkt.side != 0 ? 1 : 0;
+    if (tuple.protocol != 6) {
+      if (pkt.data == nullptr) {
+        return oru::INSPECT_FINISHED;
+      }
+      return Message(e, conn, side, ByteReader(pkt.data, pkt.length)) ? oru::INSPECT_STAY
+                                                                      : oru::INSPECT_FINISHED;
+    }
+    oru::FlowBuffer &flow = conn.m_flow[side];
+    if (!e.seen[side]) {
+      e.next[side] = pkt.stream_pos;
+      e.seen[side] = true;
+    }
+    if (e.next[side] < flow.Begin() || e.next[side] > flow.End()) {
+      // What was kept is gone (a side holds only so much): the place in
+      // the stream cannot be found again.
+      return oru::INSPECT_FINISHED;
+    }
+    const bool go_on = kSpec.tcp_framing == Framing::kRecords ? Records(e, conn, side, flow)
+                                                              : Stream(e, conn, side, flow);
+    if (!go_on) {
+      return oru::INSPECT_FINISHED;
+    }
+    // The rest of a record is still to come: keep what there is of it.
+    if (e.next[side] < flow.End() && !flow.Sync()) {
+      return oru::INSPECT_FINISHED;
+    }
+    return oru::INSPECT_STAY;
+  }
+
+  // One message to the decoder; false to leave the connection.
+  bool Message(Entry &e, oru::Conn &conn, unsigned side, ByteReader bytes) {
+    Session<D> session(m_reg, *m_thread, e.state, conn, side, e.named);
+    const Verdict verdict = D::Feed(session, bytes);
+    if (verdict == Verdict::kNamed && !session.Name()) {
+      return false;
+    }
+    if (verdict == Verdict::kDone || verdict == Verdict::kNotMine) {
+      return false;
+    }
+    return ++e.messages < kSpec.max_messages;
+  }
+
+  bool Stream(Entry &e, oru::Conn &conn, unsigned side, const oru::FlowBuffer &flow) {
+    const uint64_t end = flow.End();
+    while (e.next[side] < end) {
+      unsigned long long start = 0;
+      const oru::FlowBuffer::Block *block = flow.GetBlock(e.next[side], start);
+      if (block == nullptr || block->data == nullptr || start + block->size <= e.next[side]) {
+        // A hole: the order of the bytes is lost.
+        return false;
+      }
+      const uint64_t offset = e.next[side] - start;
+      uint64_t n = block->size - offset;
+      if (n > end - e.next[side]) {
+        n = end - e.next[side];
+      }
+      e.next[side] += n;
+      if (!Message(e, conn, side, ByteReader(block->data + offset, static_cast<size_t>(n)))) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  bool Records(Entry &e, oru::Conn &conn, unsigned side, const oru::FlowBuffer &flow) {
+    const RecordFormat &f = kSpec.records;
+    const uint32_t header = static_cast<uint32_t>(f.offset) + f.width;
+    for (;;) {
+      const uint64_t next = e.next[side];
+      const uint64_t have = flow.End() - next;
+      if (have < header) {
+        return true;
+      }
+      uint8_t head[16];
+      const uint8_t *h = FlowSpan(flow, next, header, head, sizeof head);
+      if (h == nullptr) {
+        return false;
+      }
+      ByteReader field(h + f.offset, f.width);
+      const int64_t body = static_cast<int64_t>(field.Uint(f.width, f.little_endian)) + f.adjust;
+      const int64_t size = static_cast<int64_t>(header) + body;
+      if (body < 0 || size < f.min || size > f.max) {
+        return false;
+      }
+      if (have < static_cast<uint64_t>(size)) {
+        return Early(e, conn, side, flow, next, have);
+      }
+      const uint8_t *record = FlowSpan(flow, next, static_cast<size_t>(size), Scratch(),
+                                       m_scratch != nullptr ? f.max : 0);
+      if (record == nullptr) {
+        return false;
+      }
+      e.next[side] = next + static_cast<uint64_t>(size);
+      if (!Message(e, conn, side, ByteReader(record, static_cast<size_t>(size)))) {
+        return false;
+      }
+    }
+  }
+
+  // Before the protocol is named, a decoder with an Early test judges the
+  // start of a record that is not whole yet, so that foreign bytes leave
+  // at once rather than wait for a record that never ends.
+  bool Early(Entry &e, oru::Conn &conn, unsigned side, const oru::FlowBuffer &flow, uint64_t next,
+             uint64_t have) {
+    if constexpr (requires(Session<D> & s, ByteReader r) { D::Early(s, r); }) {
+      if (!e.named) {
+        uint8_t head[kEarlyBytes];
+        const size_t n = have < kEarlyBytes ? static_cast<size_t>(have) : kEarlyBytes;
+        const uint8_t *h = FlowSpan(flow, next, n, head, sizeof head);
+        Session<D> session(m_reg, *m_thread, e.state, conn, side, e.named);
+        return h != nullptr && D::Early(session, ByteReader(h, n)) != Verdict::kNotMine;
+      }
+    }
+    return true;
+  }
+
+  // Room for a record across blocks, made on first need.
+  uint8_t *Scratch() {
+    if (m_scratch == nullptr) {
+      m_scratch = static_cast<uint8_t *>(kest_malloc_local(kSpec.records.max));
+    }
+    return m_scratch;
+  }
+
+  // Bytes of an incomplete record that Early sees at most.
+  static constexpr size_t kEarlyBytes = 64;
+
+  Registration m_reg;
+  ConnStates<Entry> m_conns;
+  Thread *m_thread = nullptr;
+  uint8_t *m_scratch = nullptr;
+};
+
+template <class D> struct InspectorOf { using Type = FramedInspector<D>; };
+template <class D>
+requires requires {
+  typename D::Inspector;
+}
+struct InspectorOf<D> {
+  using Type = typename D::Inspector;
+};
+
+// The entry table of decoder D. D::Inspector, when D names one, replaces the
+// kit's framed inspector: an oru::Inspector, default-constructible, with
+// bool Start() and void Stop() run at the thread's start and end (Start
+// registers what the thread needs; a failed Start is followed by Stop), and
+// optionally void Link(), run once every plug-in of the thread has started.
+template <class D> struct Plugin {
+  using Inspector = typename InspectorOf<D>::Type;
+  static constexpr const Spec &kSpec = D::kSpec;
+
+  // This thread's inspector, with the reference the plug-in holds. A plain
+  // pointer: a thread-local with a destructor may be gone before the
+  // thread's kest_fini runs.
+  static inline thread_local Inspector *t_inspector = nullptr;
+
+  static const char *GetName() { return kSpec.plugin; }
+  static bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
+    if (own != nullptr) {
+      *own = oru::VersionRecord{kSdkMajor, 0, 0, 1, "kit"};
+    }
+    return library != nullptr && library->major == kSdkMajor;
+  }
+  static bool InitInstance() {
+    if constexpr (requires { D::InitInstance(); }) {
+      if (!D::InitInstance()) {
+        return false;
+      }
+    }
+    return Registration::Create(kSpec);
+  }
+  static bool InitThread() {
+    t_inspector = oru::fdt::CreateObject<Inspector>(oru::fdt::OBJECT_LOCAL);
+    if (t_inspector == nullptr) {
+      return false;
+    }
+    t_inspector->add_ref();
+    if (t_inspector->Start()) {
+      return true;
+    }
+    // The plug-in manager calls no ExitThread for a plug-in whose
+    // InitThread failed: give back what the start took.
+    ExitThread();
+    return false;
+  }
+  static void LinkThread() {
+    if constexpr (requires(Inspector & i) { i.Link(); }) {
+      if (t_inspector != nullptr) {
+        t_inspector->Link();
+      }
+    }
+    if (kSpec.tcp) {
+      Attach(t_inspector, kSpec.Where(6));
+    }
+    if (kSpec.udp) {
+      Attach(t_inspector, kSpec.Where(17));
+    }
+  }
+  static void StartThread() {}
+  static void ExitThread() {
+    if (t_inspector == nullptr) {
+      return;
+    }
+    if (kSpec.tcp) {
+      Detach(t_inspector, kSpec.Where(6));
+    }
+    if (kSpec.udp) {
+      Detach(t_inspector, kSpec.Where(17));
+    }
+    t_inspector->Stop();
+    // Chains may still hold it; the last reference frees it.
+    t_inspector->release();
+    t_inspector = nullptr;
+  }
+  static void ExitInstance() { Registration::Destroy(kSpec); }
+
+  static constexpr oru::PluginEntryTable kTable = {GetName,    GetVersion,  InitInstance,
+                                                   InitThread, LinkThread,  StartThread,
+                                                   ExitThread, ExitInstance};
+};
+
+} // namespace oru::kit
+
+// The plug-in's "query" entry point for decoder D.
+#define KEST_DECODER(D)                                                                            \
+  KEST_PLUGIN_QUERY {                                                                              \
+    return &::oru::kit::Plugin<D>::kTable;                                                         \
+  }
+
+#endif

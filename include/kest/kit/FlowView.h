@@ -1,0 +1,163 @@
+// Views over one side's reassembled bytes (oru::FlowBuffer) that read across
+// its blocks.
+//
+// FlowSpan gives `length` bytes from a position in one piece: in place when
+// one block holds them, copied into the caller's scratch otherwise.
+//
+// FlowBytes reads a flow's bytes one position at a time, looking a block up only when
+// the position leaves the block read last: a byte-wise scan costs one tree
+// search per block instead of one per byte. Reads give what
+// oru::FlowBuffer::At gives, DUMMY_VAL where no block covers the position.
+//
+// LineCursor reads a first line on it for the sniffers of the message
+// protocols (HTTP, SIP, RTSP, SSDP), which judge a line as it grows.
+#ifndef KEST_KIT_FLOWVIEW_H
+#define KEST_KIT_FLOWVIEW_H
+
+#include <kest.h>
+#include <kest/FlowBuffer.h>
+#include <stddef.h>
+#include <stdint.h>
+
+namespace oru::kit {
+
+// The `length` bytes at `pos` of `flow` in one piece: in place when one block
+// holds them, else copied into `scratch` (room for `scratch_size` bytes).
+// Null across a hole, before the flow's begin, or when scratch is too small.
+inline const uint8_t *FlowSpan(const oru::FlowBuffer &flow, uint64_t pos, size_t length,
+                               uint8_t *scratch, size_t scratch_size) {
+  unsigned long long start = 0;
+  const oru::FlowBuffer::Block *block = flow.GetBlock(pos, start);
+  if (block != nullptr && block->data != nullptr && pos + length <= start + block->size) {
+    return reinterpret_cast<const uint8_t *>(block->data + (pos - start));
+  }
+  if (scratch == nullptr || length > scratch_size) {
+    return nullptr;
+  }
+  size_t done = 0;
+  while (done < length) {
+    block = flow.GetBlock(pos + done, start);
+    if (block == nullptr || block->data == nullptr) {
+      return nullptr;
+    }
+    const size_t offset = static_cast<size_t>(pos + done - start);
+    size_t n = block->size - offset;
+    if (n > length - done) {
+      n = length - done;
+    }
+    kest_memcpy(scratch + done, block->data + offset, n);
+    done += n;
+  }
+  return scratch;
+}
+
+class FlowBytes {
+public:
+  explicit FlowBytes(const oru::FlowBuffer &flow) : m_flow(&flow) {}
+
+  char At(uint64_t pos) {
+    // Below m_start the difference wraps and is above any block's size.
+    if (pos - m_start >= m_size) {
+      unsigned long long start = 0;
+      const oru::FlowBuffer::Block *block = m_flow->GetBlock(pos, start);
+      if (block == nullptr || block->data == nullptr) {
+        return oru::FlowBuffer::DUMMY_VAL;
+      }
+      m_data = block->data;
+      m_start = start;
+      m_size = block->size;
+    }
+    return m_data[pos - m_start];
+  }
+
+  const oru::FlowBuffer &Flow() const { return *m_flow; }
+
+private:
+  const oru::FlowBuffer *m_flow;
+  const char *m_data = nullptr;
+  uint64_t m_start = 0;
+  uint64_t m_size = 0;
+};
+
+// How one reading of a growing line went: it may still match (kMore), it
+// did, or it cannot.
+enum class Match { kMore, kYes, kNo };
+
+// Reads the bytes of a line in order, up to the data's end or the length
+// limit, whichever comes first.
+class LineCursor {
+public:
+  LineCursor(const oru::FlowBuffer &flow, uint64_t from, uint64_t end, uint64_t limit)
+      : m_bytes(flow), m_pos(from), m_end(end < limit ? end : limit), m_limited(end >= limit) {}
+
+  bool AtEnd() const { return m_pos >= m_end; }
+  unsigned char Peek() { return static_cast<unsigned char>(m_bytes.At(m_pos)); }
+  void Skip() { ++m_pos; }
+  // Running out of bytes: more may come, unless the limit cut the line.
+  Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
+
+  // The next bytes against `text`: kYes when all were equal, kMore when the
+  // data ended first with all equal so far.
+  Match Literal(const char *text, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() != static_cast<unsigned char>(text[i])) {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  Match Digits(int n) {
+    for (int i = 0; i < n; ++i) {
+      if (AtEnd()) {
+        return OutOfBytes();
+      }
+      if (Peek() < '0' || Peek() > '9') {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return Match::kYes;
+  }
+
+  // "\r\n" or a bare "\n".
+  Match LineEnd() {
+    if (AtEnd()) {
+      return OutOfBytes();
+    }
+    if (Peek() == '\n') {
+      Skip();
+      return Match::kYes;
+    }
+    return Literal("\r\n", 2);
+  }
+
+  // Visible text up to the line's end; tabs allowed, other controls not.
+  Match Rest() {
+    while (!AtEnd()) {
+      const unsigned char b = Peek();
+      if (b == '\r' || b == '\n') {
+        return LineEnd();
+      }
+      if ((b < 0x20 && b != '\t') || b == 0x7f) {
+        return Match::kNo;
+      }
+      Skip();
+    }
+    return OutOfBytes();
+  }
+
+private:
+  FlowBytes m_bytes;
+  uint64_t m_pos;
+  uint64_t m_end;
+  bool m_limited;
+};
+
+} // namespace oru::kit
+
+#endif

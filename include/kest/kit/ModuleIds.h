@@ -1,0 +1,39 @@
+// Module numbers of the bundled decoders, in one place. A module number names
+// a plug-in towards the interface broker; two plug-ins of one instance must
+// not share one. The library keeps 1 (the system), 259 (TCP) and 260 (UDP)
+// for itself (kest/InterfaceBroker.h). Plug-ins from outside this tree take
+// numbers from MODULE_FIRST_FREE up.
+#ifndef KEST_KIT_MODULEIDS_H
+#define KEST_KIT_MODULEIDS_H
+
+#include <kest/InterfaceBroker.h>
+
+#include <stdint.h>
+
+namespace oru::kit {
+
+// The generation of the library the kit builds decoders for: a library of
+// another major version refuses them when it loads them.
+constexpr uint32_t kSdkMajor = 4;
+
+enum : ModuleId {
+  MODULE_WIRE = 261,
+  MODULE_DNS = 262,
+  MODULE_TLS = 263,
+  MODULE_HTTP = 264,
+  MODULE_SSH = 265,
+  MODULE_SMTP = 266,
+  MODULE_POP3 = 267,
+  MODULE_IMAP = 268,
+  MODULE_FTP = 269,
+  MODULE_QUIC = 270,
+  MODULE_SIP = 271,
+  MODULE_RTSP = 272,
+  MODULE_SSDP = 273,
+  // The first number no bundled decoder uses.
+  MODULE_FIRST_FREE = 1024,
+};
+
+} // namespace oru::kit
+
+#endif
