@@ -545,10 +545,7 @@ template <class D> struct Plugin {
 
   static const char *GetName() { return kSpec.plugin; }
   static bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
-    if (own != nullptr) {
-      *own = oru::VersionRecord{kSdkMajor, 0, 0, 1, "kit"};
-    }
-    return library != nullptr && library->major == kSdkMajor;
+    return SdkVersion(library, own);
   }
   static bool InitInstance() {
     if constexpr (requires { D::InitInstance(); }) {

@@ -1,4 +1,4 @@
-#include "packet/PacketParser.h"
+#include "wire/WireParser.h"
 
 namespace kest_decoders {
 
