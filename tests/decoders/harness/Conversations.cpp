@@ -6,7 +6,9 @@
 //   - over IPv6 as over IPv4,
 //   - with each TCP step cut in two at every byte (lines, records and
 //     hellos are read from the reassembled stream),
-// and with any one allocation failing, the run must neither crash nor leak.
+// and with any one allocation failing, or any step cut short, or any one
+// byte of a step changed, the run must neither crash nor leak (the
+// sanitizers watch the reads).
 //
 // Format of a .conv file, one case per block, blank lines and # between:
 //   case <what>                 begins a case
@@ -314,6 +316,36 @@ TEST_F(Conversations, NoAllocationFailureCrashesOrLeaks) {
     Configure(c, false);
   }
   EXPECT_GT(failed, static_cast<long>(cases.size()));
+}
+
+// Each step cut short (the rest of the case dropped), and each byte of a
+// step changed to a few values.
+TEST_F(Conversations, NoCutOrChangedByteCrashesOrLeaks) {
+  for (const Case &c : cases) {
+    Configure(c, true);
+    for (size_t i = 0; i < c.steps.size(); ++i) {
+      const std::string whole = c.steps[i].bytes;
+      if (whole.size() > 1500) {
+        continue;
+      }
+      Case changed = c;
+      changed.steps.resize(i + 1);
+      for (size_t cut = 0; cut < whole.size(); ++cut) {
+        changed.steps[i].bytes = whole.substr(0, cut);
+        Run(changed, 0, false, false);
+      }
+      changed.steps = c.steps;
+      for (size_t at = 0; at < whole.size(); ++at) {
+        const unsigned char b = static_cast<unsigned char>(whole[at]);
+        for (unsigned value : {0x00u, 0xFFu, b ^ 0x01u, b ^ 0x80u}) {
+          changed.steps[i].bytes = whole;
+          changed.steps[i].bytes[at] = static_cast<char>(value);
+          Run(changed, 0, false, false);
+        }
+      }
+    }
+    Configure(c, false);
+  }
 }
 
 } // namespace
