@@ -12,11 +12,15 @@
 //
 // Format of a .conv file, one case per block, blank lines and # between:
 //   case <what>                 begins a case
-//   tcp <port> | udp <port>     transport and the server's port
+//   tcp <port> | udp <port>     a connection, to the server's port; a case
+//                               may have several, one after the other, each
+//                               from its own client port
+
 //   c <text> | s <text>         a step from the client (side 0) or server;
 //                               C escapes: \r \n \t \0 \\ \xNN
 //   cx <hex> | sx <hex>         a step given in hex
-//   stack <A/B/C>               the stack the last packet reports
+//   stack <A/B/C>               the stack the connection's last packet
+//                               reports
 //   attr <name> <value>         an attribute, in order of delivery
 //   config <key> <value>        a policy setting for this case (back to "1"
 //                               after it)
@@ -43,13 +47,17 @@ struct Step {
   std::string bytes;
 };
 
-struct Case {
-  std::string file;
-  std::string what;
+struct Connection {
   uint8_t transport = 6;
   uint16_t port = 0;
   std::vector<Step> steps;
   std::string stack;
+};
+
+struct Case {
+  std::string file;
+  std::string what;
+  std::vector<Connection> conns;
   std::vector<std::string> attrs;
   std::vector<std::pair<std::string, std::string>> config;
   bool v4_only = false;
@@ -118,14 +126,17 @@ std::vector<Case> Load() {
       }
       Case &c = cases.back();
       if (word == "tcp" || word == "udp") {
-        c.transport = word == "tcp" ? 6 : 17;
-        c.port = static_cast<uint16_t>(std::stoi(rest));
+        c.conns.emplace_back();
+        c.conns.back().transport = word == "tcp" ? 6 : 17;
+        c.conns.back().port = static_cast<uint16_t>(std::stoi(rest));
+      } else if (c.conns.empty() && (word == "c" || word == "s" || word == "cx" || word == "sx")) {
+        ADD_FAILURE() << path << ": " << line << " before a connection";
       } else if (word == "c" || word == "s") {
-        c.steps.push_back({word == "s" ? 1 : 0, Unescape(rest)});
+        c.conns.back().steps.push_back({word == "s" ? 1 : 0, Unescape(rest)});
       } else if (word == "cx" || word == "sx") {
-        c.steps.push_back({word == "sx" ? 1 : 0, Hex(rest)});
+        c.conns.back().steps.push_back({word == "sx" ? 1 : 0, Hex(rest)});
       } else if (word == "stack") {
-        c.stack = rest;
+        c.conns.back().stack = rest;
       } else if (word == "attr") {
         const size_t gap = rest.find(' ');
         c.attrs.push_back(rest.substr(0, gap) + "=" +
@@ -172,6 +183,7 @@ int LastStack(kest_handle_t h, kest_result_t *result, int, kest_conn_id_t, void 
 }
 
 struct Outcome {
+  // The connections' stacks, joined by " | ".
   std::string stack;
   std::vector<std::string> attrs;
   bool operator==(const Outcome &) const = default;
@@ -221,46 +233,57 @@ protected:
     kest_idle(h);
   }
 
-  // Runs the case on a new connection, each step cut before byte `cut`
-  // (none when 0 or beyond it).
-  // Without `strict`, failures of the host calls are allowed (allocations
-  // fail on purpose).
+  // Runs the case's connections, each step cut before byte `cut` (none when
+  // 0 or beyond it). Without `strict`, failures of the host calls are
+  // allowed (allocations fail on purpose).
   Outcome Run(const Case &c, size_t cut, bool v6, bool strict = true) {
     {
       const std::lock_guard<std::mutex> hold(g_recorder.lock);
       g_recorder.values.clear();
     }
-    kest_endpoint_t client{KEST_FAMILY_IPV4, htons(40000), {10, 0, 0, 1}};
-    kest_endpoint_t server{KEST_FAMILY_IPV4, htons(c.port), {10, 0, 0, 2}};
-    if (v6) {
-      client = kest_endpoint_t{KEST_FAMILY_IPV6, htons(40000), {0x20, 0x01, 0x0d, 0xb8}};
-      server = client;
-      server.port = htons(c.port);
-      client.address[15] = 1;
-      server.address[15] = 2;
-    }
-    kest_conn_t conn = nullptr;
-    const int made = kest_conn_create(h, &client, &server, c.transport, &conn);
     Outcome out;
-    if (made != 0) {
-      EXPECT_FALSE(strict) << c.what;
-      return out;
-    }
-    for (const Step &step : c.steps) {
-      std::vector<std::string> pieces{step.bytes};
-      if (c.transport == 6 && cut != 0 && cut < step.bytes.size()) {
-        pieces = {step.bytes.substr(0, cut), step.bytes.substr(cut)};
+    uint16_t client_port = 40000;
+    for (const Connection &k : c.conns) {
+      kest_endpoint_t client{KEST_FAMILY_IPV4, htons(client_port++), {10, 0, 0, 1}};
+      kest_endpoint_t server{KEST_FAMILY_IPV4, htons(k.port), {10, 0, 0, 2}};
+      if (v6) {
+        client = kest_endpoint_t{KEST_FAMILY_IPV6, client.port, {0x20, 0x01, 0x0d, 0xb8}};
+        server = client;
+        server.port = htons(k.port);
+        client.address[15] = 1;
+        server.address[15] = 2;
       }
-      for (const std::string &piece : pieces) {
-        kest_classify(h, KEST_SELECTOR_CONN, piece.data(), static_cast<uint16_t>(piece.size()),
-                      conn, step.side, LastStack, &out.stack);
+      kest_conn_t conn = nullptr;
+      std::string stack;
+      if (kest_conn_create(h, &client, &server, k.transport, &conn) != 0) {
+        EXPECT_FALSE(strict) << c.what;
+        continue;
       }
+      for (const Step &step : k.steps) {
+        std::vector<std::string> pieces{step.bytes};
+        if (k.transport == 6 && cut != 0 && cut < step.bytes.size()) {
+          pieces = {step.bytes.substr(0, cut), step.bytes.substr(cut)};
+        }
+        for (const std::string &piece : pieces) {
+          kest_classify(h, KEST_SELECTOR_CONN, piece.data(), static_cast<uint16_t>(piece.size()),
+                        conn, step.side, LastStack, &stack);
+        }
+      }
+      const int destroyed = kest_conn_destroy(h, conn);
+      EXPECT_TRUE(destroyed == 0 || !strict) << c.what;
+      out.stack += (out.stack.empty() ? "" : " | ") + stack;
     }
-    const int destroyed = kest_conn_destroy(h, conn);
-    EXPECT_TRUE(destroyed == 0 || !strict) << c.what;
     const std::lock_guard<std::mutex> hold(g_recorder.lock);
     out.attrs = g_recorder.values;
     return out;
+  }
+
+  static std::string Stacks(const Case &c) {
+    std::string stacks;
+    for (const Connection &k : c.conns) {
+      stacks += (stacks.empty() ? "" : " | ") + k.stack;
+    }
+    return stacks;
   }
 
   static inline const std::vector<Case> cases = Load();
@@ -271,7 +294,7 @@ TEST_F(Conversations, EachEndsWithItsStackAndAttributes) {
   ASSERT_FALSE(cases.empty());
   for (const Case &c : cases) {
     Configure(c, true);
-    const Outcome expected{c.stack, c.attrs};
+    const Outcome expected{Stacks(c), c.attrs};
     EXPECT_EQ(Run(c, 0, false), expected) << c.file << ": " << c.what;
     if (!c.v4_only) {
       EXPECT_EQ(Run(c, 0, true), expected) << c.file << ": " << c.what << " over IPv6";
@@ -282,14 +305,13 @@ TEST_F(Conversations, EachEndsWithItsStackAndAttributes) {
 
 TEST_F(Conversations, SameResultWhereverTheStepsAreCut) {
   for (const Case &c : cases) {
-    if (c.transport != 6) {
-      continue;
-    }
     Configure(c, true);
     const Outcome whole = Run(c, 0, false);
     size_t longest = 0;
-    for (const Step &step : c.steps) {
-      longest = std::max(longest, step.bytes.size());
+    for (const Connection &k : c.conns) {
+      for (const Step &step : k.steps) {
+        longest = std::max(longest, k.transport == 6 ? step.bytes.size() : 0);
+      }
     }
     for (size_t cut = 1; cut < longest; ++cut) {
       EXPECT_EQ(Run(c, cut, false), whole) << c.file << ": " << c.what << " cut at " << cut;
@@ -318,29 +340,29 @@ TEST_F(Conversations, NoAllocationFailureCrashesOrLeaks) {
   EXPECT_GT(failed, static_cast<long>(cases.size()));
 }
 
-// Each step cut short (the rest of the case dropped), and each byte of a
-// step changed to a few values.
+// Each step cut short, and each byte of a step changed to a few values.
 TEST_F(Conversations, NoCutOrChangedByteCrashesOrLeaks) {
   for (const Case &c : cases) {
     Configure(c, true);
-    for (size_t i = 0; i < c.steps.size(); ++i) {
-      const std::string whole = c.steps[i].bytes;
-      if (whole.size() > 1500) {
-        continue;
-      }
-      Case changed = c;
-      changed.steps.resize(i + 1);
-      for (size_t cut = 0; cut < whole.size(); ++cut) {
-        changed.steps[i].bytes = whole.substr(0, cut);
-        Run(changed, 0, false, false);
-      }
-      changed.steps = c.steps;
-      for (size_t at = 0; at < whole.size(); ++at) {
-        const unsigned char b = static_cast<unsigned char>(whole[at]);
-        for (unsigned value : {0x00u, 0xFFu, b ^ 0x01u, b ^ 0x80u}) {
-          changed.steps[i].bytes = whole;
-          changed.steps[i].bytes[at] = static_cast<char>(value);
+    for (size_t n = 0; n < c.conns.size(); ++n) {
+      for (size_t i = 0; i < c.conns[n].steps.size(); ++i) {
+        const std::string whole = c.conns[n].steps[i].bytes;
+        if (whole.size() > 1500) {
+          continue;
+        }
+        Case changed = c;
+        std::string &bytes = changed.conns[n].steps[i].bytes;
+        for (size_t cut = 0; cut < whole.size(); ++cut) {
+          bytes = whole.substr(0, cut);
           Run(changed, 0, false, false);
+        }
+        for (size_t at = 0; at < whole.size(); ++at) {
+          const unsigned char b = static_cast<unsigned char>(whole[at]);
+          for (unsigned value : {0x00u, 0xFFu, b ^ 0x01u, b ^ 0x80u}) {
+            bytes = whole;
+            bytes[at] = static_cast<char>(value);
+            Run(changed, 0, false, false);
+          }
         }
       }
     }
