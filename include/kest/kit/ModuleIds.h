@@ -41,6 +41,7 @@ enum : ModuleId {
   MODULE_SIP = 271,
   MODULE_RTSP = 272,
   MODULE_SSDP = 273,
+  MODULE_NTP = 274,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
