@@ -27,6 +27,7 @@
 //   v4                          addresses matter: no IPv6 run
 #include "tests/support/LeakCheck.h"
 #include "tests/support/PluginFolder.h"
+#include "tests/support/StackNames.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -171,17 +172,6 @@ int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value
   return 0;
 }
 
-int LastStack(kest_handle_t h, kest_result_t *result, int, kest_conn_id_t, void *user, int) {
-  std::string names;
-  for (kest_proto_first(h, result); kest_proto_valid(h, result) != 0; kest_proto_next(h, result)) {
-    char name[32];
-    const char *got = kest_proto_get_name(h, kest_proto_get_index(h, result), name, sizeof name);
-    names += (names.empty() ? "" : "/") + std::string(got != nullptr ? got : "?");
-  }
-  *static_cast<std::string *>(user) = names;
-  return 0;
-}
-
 struct Outcome {
   // The connections' stacks, joined by " | ".
   std::string stack;
@@ -266,7 +256,7 @@ protected:
         }
         for (const std::string &piece : pieces) {
           kest_classify(h, KEST_SELECTOR_CONN, piece.data(), static_cast<uint16_t>(piece.size()),
-                        conn, step.side, LastStack, &stack);
+                        conn, step.side, kest_test::LastStack, &stack);
         }
       }
       const int destroyed = kest_conn_destroy(h, conn);
