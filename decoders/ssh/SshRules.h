@@ -12,65 +12,40 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct SshRules {
-  static constexpr oru::kit::Spec kSpec{.plugin = "ssh",
-                                        .module = oru::kit::MODULE_SSH,
-                                        .protocols = {"SSH"},
-                                        .attributes = {"ssh.client_banner", "ssh.server_banner"},
-                                        .tcp = true,
-                                        .tcp_ports = {22}};
+  static constexpr Spec kSpec{.plugin = "ssh",
+                              .module = MODULE_SSH,
+                              .protocols = {"SSH"},
+                              .attributes = {"ssh.client_banner", "ssh.server_banner"},
+                              .tcp = true,
+                              .tcp_ports = {22}};
   static constexpr int kNotes = kNotesOf<SshRules>;
   // The line is at most 255 bytes with its CR LF.
   static constexpr uint32_t kMaxLine = 254;
   static constexpr uint32_t kMaxLines = 1;
-
-  struct State {
-    uint8_t unused;
-  };
+  struct State {};
 
   static bool Opening(State &, unsigned, const char *bytes, uint32_t n) {
-    static const char kStart[] = "SSH-";
     for (uint32_t i = 0; i < n && i < 4; ++i) {
-      if (bytes[i] != kStart[i]) {
+      if (bytes[i] != "SSH-"[i]) {
         return false;
       }
     }
     return true;
   }
 
-  // A whole identification line: a known version, a software name that is
-  // not empty, printable ASCII only.
-  static bool IsBanner(const char *text, uint32_t length) {
-    static const char *const kVersions[] = {"SSH-2.0-", "SSH-1.99-", "SSH-1.5-"};
-    uint32_t head = 0;
-    for (const char *version : kVersions) {
-      const uint32_t n = TextLength(version);
-      uint32_t i = 0;
-      while (i < n && i < length && text[i] == version[i]) {
-        ++i;
-      }
-      if (i == n) {
-        head = n;
-        break;
-      }
-    }
-    if (head == 0 || length <= head || text[head] == ' ') {
-      return false;
-    }
-    for (uint32_t i = 0; i < length; ++i) {
-      if (text[i] < 0x20 || text[i] > 0x7E) {
-        return false;
-      }
-    }
-    return true;
-  }
-
+  // A whole line of a known version, a software name that is not empty and
+  // does not begin with a space, printable ASCII only.
   static unsigned Line(State &, Notes<kNotes> &notes, unsigned side, const char *text,
                        uint32_t length, uint32_t full) {
-    if (full != length || !IsBanner(text, length)) {
-      return LINE_NOT_MINE;
+    for (const char *version : {"SSH-2.0-", "SSH-1.99-", "SSH-1.5-"}) {
+      const uint32_t head = TextLength(version);
+      if (full == length && HasPrefix(text, length, version) && length > head &&
+          text[head] != ' ' && Printable(text, length)) {
+        notes.Set(side == 0 ? 0 : 1, text, length);
+        return LINE_MINE | LINE_SIDE_DONE;
+      }
     }
-    notes.Set(side == 0 ? 0 : 1, text, length);
-    return LINE_MINE | LINE_SIDE_DONE;
+    return LINE_NOT_MINE;
   }
 };
 

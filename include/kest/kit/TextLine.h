@@ -101,6 +101,25 @@ inline uint32_t TextLength(const char *s) {
   return n;
 }
 
+// `text` begins with `word`, byte for byte.
+inline bool HasPrefix(const char *text, uint32_t length, const char *word) {
+  uint32_t i = 0;
+  while (word[i] != '\0' && i < length && text[i] == word[i]) {
+    ++i;
+  }
+  return word[i] == '\0';
+}
+
+// Every byte of `text` is printable ASCII.
+inline bool Printable(const char *text, uint32_t length) {
+  for (uint32_t i = 0; i < length; ++i) {
+    if (text[i] < 0x20 || text[i] > 0x7E) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // `text` begins with `word`, any case.
 inline bool StartsWith(const char *text, uint32_t length, const char *word) {
   const uint32_t n = TextLength(word);
