@@ -7,17 +7,38 @@ include(CMakePackageConfigHelpers)
 set(KEST_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kest)
 set(KEST_INSTALL_PLUGINDIR ${CMAKE_INSTALL_LIBDIR}/kest/plugins)
 
-# Imported as kest::kest, kest::host and kest::plg.
+# An installed folder as an absolute path, for the paths between them.
+function(kest_full_dir var dir)
+  if(IS_ABSOLUTE "${dir}")
+    set(${var} "${dir}" PARENT_SCOPE)
+  else()
+    set(${var} "${CMAKE_INSTALL_PREFIX}/${dir}" PARENT_SCOPE)
+  endif()
+endfunction()
+kest_full_dir(_bindir "${CMAKE_INSTALL_BINDIR}")
+kest_full_dir(_libdir "${CMAKE_INSTALL_LIBDIR}")
+kest_full_dir(_plugindir "${KEST_INSTALL_PLUGINDIR}")
+
+# Imported as kest::kest, kest::host, kest::plg and, when it is built,
+# kest::kestcap.
 set_target_properties(kest-plg PROPERTIES EXPORT_NAME plg)
 set_target_properties(kest_host PROPERTIES EXPORT_NAME host)
-install(TARGETS kest kest_host kest-plg
+set(_exported kest kest_host kest-plg)
+if(TARGET kestcap)
+  list(APPEND _exported kestcap)
+  # The installed kestcap finds the library and its plug-in folder from its
+  # own place, so that an installed tree works wherever it was put, with no
+  # environment set (and never falls back to this build tree).
+  file(RELATIVE_PATH _bin_to_lib "${_bindir}" "${_libdir}")
+  file(RELATIVE_PATH _bin_to_plugins "${_bindir}" "${_plugindir}")
+  set_target_properties(kestcap PROPERTIES INSTALL_RPATH "$ORIGIN/${_bin_to_lib}")
+  target_compile_definitions(kestcap PRIVATE KESTCAP_INSTALLED_PLUGIN_DIR="${_bin_to_plugins}")
+endif()
+install(TARGETS ${_exported}
         EXPORT kestTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-if(TARGET kestcap)
-  install(TARGETS kestcap RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
 
 install(FILES ${CMAKE_SOURCE_DIR}/include/kest.h ${CMAKE_SOURCE_DIR}/tools/host/kest_host.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
