@@ -1,7 +1,7 @@
 # Install rules: the library and its headers, the host support library, the
-# packing tool, the project's decoder plug-ins, and two ways for other projects
-# to find them: a CMake package (find_package(kest), with kest_add_plugin) and
-# a pkg-config file.
+# packing tool and kestcap, the project's decoder plug-ins, two ways for other
+# projects to find them: a CMake package (find_package(kest), with
+# kest_add_plugin and kest_add_capture_test) and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
 set(KEST_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kest)
@@ -70,6 +70,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/kestConfigVersion.cma
 install(FILES ${CMAKE_BINARY_DIR}/cmake/kestConfig.cmake
               ${CMAKE_BINARY_DIR}/cmake/kestConfigVersion.cmake
               ${CMAKE_SOURCE_DIR}/cmake/KestPlugin.cmake
+              ${CMAKE_SOURCE_DIR}/cmake/KestCaptureTest.cmake
         DESTINATION ${KEST_INSTALL_CMAKEDIR})
 
 # The pkg-config file finds its prefix from its own place (${pcfiledir}), so
