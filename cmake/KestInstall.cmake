@@ -1,7 +1,8 @@
 # Install rules: the library and its headers, the host support library, the
 # packing tool and kestcap, the project's decoder plug-ins, two ways for other
 # projects to find them: a CMake package (find_package(kest), with
-# kest_add_plugin and kest_add_capture_test) and a pkg-config file.
+# kest_add_plugin and kest_add_capture_test) and a pkg-config file, and the
+# plug-in author's guide with a template project.
 include(CMakePackageConfigHelpers)
 
 set(KEST_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kest)
@@ -72,6 +73,11 @@ install(FILES ${CMAKE_BINARY_DIR}/cmake/kestConfig.cmake
               ${CMAKE_SOURCE_DIR}/cmake/KestPlugin.cmake
               ${CMAKE_SOURCE_DIR}/cmake/KestCaptureTest.cmake
         DESTINATION ${KEST_INSTALL_CMAKEDIR})
+
+# The plug-in guide, and the template project it starts from.
+install(FILES ${CMAKE_SOURCE_DIR}/docs/plugin-guide.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/plugin-template/
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/template USE_SOURCE_PERMISSIONS)
 
 # The pkg-config file finds its prefix from its own place (${pcfiledir}), so
 # that an install with --prefix, or a moved tree, still reads right.
