@@ -306,8 +306,8 @@ int Main(int argc, char **argv) {
   }
   const std::string plugins = options.plugins.empty() ? DefaultPluginFolder() : options.plugins;
   if (plugins.empty()) {
-    return Fail(kExitLibrary, "kestcap cannot find its own place, nor so its plug-in folder: "
-                              "give --plugins DIR");
+    return Fail(kExitLibrary, "kestcap cannot tell where it is installed (no /proc/self/exe), "
+                              "so it has no default plug-in folder: give --plugins DIR");
   }
   if (options.list_plugins) {
     return ListPlugins(plugins);
