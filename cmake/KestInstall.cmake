@@ -1,23 +1,45 @@
 # Install rules: the library and its headers, the host support library, the
-# packing tool, the project's decoder plug-ins, and two ways for other projects
-# to find them: a CMake package (find_package(kest), with kest_add_plugin) and
-# a pkg-config file.
+# packing tool and kestcap, the project's decoder plug-ins, two ways for other
+# projects to find them: a CMake package (find_package(kest), with
+# kest_add_plugin and kest_add_capture_test) and a pkg-config file, and the
+# plug-in author's guide with a template project.
 include(CMakePackageConfigHelpers)
 
 set(KEST_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kest)
 set(KEST_INSTALL_PLUGINDIR ${CMAKE_INSTALL_LIBDIR}/kest/plugins)
 
-# Imported as kest::kest, kest::host and kest::plg.
+# An installed folder as an absolute path, for the paths between them.
+function(kest_full_dir var dir)
+  if(IS_ABSOLUTE "${dir}")
+    set(${var} "${dir}" PARENT_SCOPE)
+  else()
+    set(${var} "${CMAKE_INSTALL_PREFIX}/${dir}" PARENT_SCOPE)
+  endif()
+endfunction()
+kest_full_dir(_bindir "${CMAKE_INSTALL_BINDIR}")
+kest_full_dir(_libdir "${CMAKE_INSTALL_LIBDIR}")
+kest_full_dir(_plugindir "${KEST_INSTALL_PLUGINDIR}")
+
+# Imported as kest::kest, kest::host, kest::plg and, when it is built,
+# kest::kestcap.
 set_target_properties(kest-plg PROPERTIES EXPORT_NAME plg)
 set_target_properties(kest_host PROPERTIES EXPORT_NAME host)
-install(TARGETS kest kest_host kest-plg
+set(_exported kest kest_host kest-plg)
+if(TARGET kestcap)
+  list(APPEND _exported kestcap)
+  # The installed kestcap finds the library and its plug-in folder from its
+  # own place, so that an installed tree works wherever it was put, with no
+  # environment set (and never falls back to this build tree).
+  file(RELATIVE_PATH _bin_to_lib "${_bindir}" "${_libdir}")
+  file(RELATIVE_PATH _bin_to_plugins "${_bindir}" "${_plugindir}")
+  set_target_properties(kestcap PROPERTIES INSTALL_RPATH "$ORIGIN/${_bin_to_lib}")
+  target_compile_definitions(kestcap PRIVATE KESTCAP_INSTALLED_PLUGIN_DIR="${_bin_to_plugins}")
+endif()
+install(TARGETS ${_exported}
         EXPORT kestTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-if(TARGET kestcap)
-  install(TARGETS kestcap RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
 
 install(FILES ${CMAKE_SOURCE_DIR}/include/kest.h ${CMAKE_SOURCE_DIR}/tools/host/kest_host.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
@@ -49,7 +71,13 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/kestConfigVersion.cma
 install(FILES ${CMAKE_BINARY_DIR}/cmake/kestConfig.cmake
               ${CMAKE_BINARY_DIR}/cmake/kestConfigVersion.cmake
               ${CMAKE_SOURCE_DIR}/cmake/KestPlugin.cmake
+              ${CMAKE_SOURCE_DIR}/cmake/KestCaptureTest.cmake
         DESTINATION ${KEST_INSTALL_CMAKEDIR})
+
+# The plug-in guide, and the template project it starts from.
+install(FILES ${CMAKE_SOURCE_DIR}/docs/plugin-guide.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/plugin-template/
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/template USE_SOURCE_PERMISSIONS)
 
 # The pkg-config file finds its prefix from its own place (${pcfiledir}), so
 # that an install with --prefix, or a moved tree, still reads right.

@@ -1,7 +1,9 @@
-# Installs this build into a folder of the build tree and builds a project of
-# its own against that folder only: a plug-in through find_package(kest) and
+# Installs this build into a folder of the build tree and builds projects of
+# their own against that folder only: a plug-in through find_package(kest) and
 # kest_add_plugin, a host on kest::kest and kest::host that classifies a
-# packet, and a host compiled from the pkg-config flags.
+# packet, a host compiled from the pkg-config flags, and the installed plug-in
+# template with its tests. The installed kestcap must start with no
+# environment at all.
 find_program(KEST_PKG_CONFIG NAMES pkg-config pkgconf)
 add_test(NAME InstallConsumer
          COMMAND ${CMAKE_COMMAND}
@@ -15,5 +17,7 @@ add_test(NAME InstallConsumer
                  -DCOMPILER_ID=${CMAKE_CXX_COMPILER_ID}
                  -DSANITIZE=${KEST_SANITIZE}
                  -DPKG_CONFIG=${KEST_PKG_CONFIG}
+                 -DCTEST=${CMAKE_CTEST_COMMAND}
+                 -DTEMPLATE_DIR=${CMAKE_INSTALL_DOCDIR}/template
                  -P ${CMAKE_CURRENT_LIST_DIR}/RunInstallTest.cmake)
 set_tests_properties(InstallConsumer PROPERTIES TIMEOUT 300)

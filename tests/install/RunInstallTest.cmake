@@ -1,6 +1,7 @@
 # cmake -DBUILD_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... -DGENERATOR=...
 #       -DBUILD_TYPE=... -DC_COMPILER=... -DCXX_COMPILER=... -DCOMPILER_ID=...
-#       -DSANITIZE=... -DPKG_CONFIG=... -P RunInstallTest.cmake
+#       -DSANITIZE=... -DPKG_CONFIG=... -DCTEST=... -DTEMPLATE_DIR=...
+#       -P RunInstallTest.cmake
 #
 # Everything happens under WORK_DIR, emptied first, so that nothing from an
 # earlier run can stand in for what this install provides.
@@ -46,12 +47,13 @@ endif()
 list(JOIN cflags " " cflags_string)
 list(JOIN ldflags " " ldflags_string)
 
-run("configure consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${consumer_build} -G ${GENERATOR}
-    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
-    -DCMAKE_BUILD_TYPE=${BUILD_TYPE} -DCMAKE_C_COMPILER=${C_COMPILER}
-    -DCMAKE_CXX_COMPILER=${CXX_COMPILER} "-DCMAKE_C_FLAGS=${cflags_string}"
-    "-DCMAKE_CXX_FLAGS=${cflags_string}" "-DCMAKE_EXE_LINKER_FLAGS=${ldflags_string}"
-    "-DCMAKE_MODULE_LINKER_FLAGS=${ldflags_string}" ${extra_args})
+set(configure_args -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix}
+    -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -DCMAKE_BUILD_TYPE=${BUILD_TYPE}
+    -DCMAKE_C_COMPILER=${C_COMPILER} -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
+    "-DCMAKE_C_FLAGS=${cflags_string}" "-DCMAKE_CXX_FLAGS=${cflags_string}"
+    "-DCMAKE_EXE_LINKER_FLAGS=${ldflags_string}" "-DCMAKE_MODULE_LINKER_FLAGS=${ldflags_string}"
+    ${extra_args})
+run("configure consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${consumer_build} ${configure_args})
 
 # The package must come from the fresh prefix and nowhere else.
 file(STRINGS ${consumer_build}/CMakeCache.txt kest_dir REGEX "^kest_DIR:")
@@ -83,3 +85,19 @@ string(STRIP "${run_output}" plugindir)
 run("compile pkg-config host" ${C_COMPILER} ${cflags} ${CONSUMER_DIR}/pc_host.c ${pc_flags}
     -lkest_host -lm ${ldflags} -Wl,-rpath,${libdir} -o ${WORK_DIR}/pc_host)
 run("pkg-config host" ${WORK_DIR}/pc_host ${plugindir})
+
+# The installed kestcap finds its library and its plug-ins from its own place.
+if(EXISTS ${prefix}/bin/kestcap)
+  run("installed kestcap, no environment" env -i ${prefix}/bin/kestcap --list-plugins)
+  if(NOT run_output MATCHES "  tcp  *tcp.plg [^\n]* Active")
+    message(FATAL_ERROR "the installed kestcap lists no active TCP decoder:\n${run_output}")
+  endif()
+endif()
+
+# The plug-in template, as an author starts from it: built from the installed
+# copy, its table and capture tests run.
+set(template_build ${WORK_DIR}/template-build)
+run("configure template" ${CMAKE_COMMAND} -S ${prefix}/${TEMPLATE_DIR} -B ${template_build}
+    ${configure_args})
+run("build template" ${CMAKE_COMMAND} --build ${template_build})
+run("template tests" ${CTEST} --test-dir ${template_build} --output-on-failure)

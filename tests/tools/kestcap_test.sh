@@ -1,7 +1,9 @@
 #!/bin/sh
 # kestcap end to end: JSON lines that parse and add up to the capture, one
 # connection per flow whichever way its packets go, the same connections on
-# one thread and on four, custom rules, and every error with its exit code.
+# one thread and on four, custom rules, plug-in folders (the default one,
+# missing transports, files that are not plug-ins), and every error with its
+# exit code.
 # Arguments: kestcap, the plug-in folder, the bundled capture, the shared
 # captures' folder (may be absent).
 set -u
@@ -77,17 +79,26 @@ fi
 jq -e -s 'any(.[]; .app == "MYAPP" and ."id.resp_p" == 8080)' "$work/rule" >/dev/null ||
   fail "the rule named no connection MYAPP"
 
-# Errors: exit code and the start of the one line on standard error.
+# Errors and plug-in folders: exit code and a line of the output.
 printf 'not a capture\n' >"$work/text.pcap"
 # A pcap header of link type 147 (reserved for private use), which kestcap
 # does not map.
 printf '\324\303\262\241\002\000\004\000\000\000\000\000\000\000\000\000\377\377\000\000\223\000\000\000' \
   >"$work/user0.pcap"
 head -c "$(($(wc -c <"$bundled") - 7))" "$bundled" >"$work/cut.pcap"
-mkdir "$work/empty"
+mkdir "$work/empty" "$work/dns-only" "$work/mixed" "$work/bin"
+cp "$plugins/dns.plg" "$work/dns-only/"
+# Beside the transports: a text file, an unpacked shared object and a .plg
+# file that is not packed.
+cp "$plugins/tcp.plg" "$plugins/udp.plg" "$work/mixed/"
+printf 'notes\n' >"$work/mixed/README"
+cp "$kestcap" "$work/mixed/hello.so"
+printf 'not packed\n' >"$work/mixed/junk.plg"
+# A copy of kestcap looks for its own installation's plug-ins, never the build's.
+cp "$kestcap" "$work/bin/kestcap"
 expect() {
   code="$1"; text="$2"; shift 2
-  "$kestcap" "$@" >/dev/null 2>"$work/err"
+  "${bin:-$kestcap}" "$@" >"$work/err" 2>&1
   got=$?
   [ "$got" -eq "$code" ] || fail "kestcap $*: exit $got, wanted $code"
   grep -q -e "$text" "$work/err" || fail "kestcap $*: no \"$text\" in: $(cat "$work/err")"
@@ -105,6 +116,16 @@ expect 3 "--rule NOPE TCP 1.2.3.4:5: refused" --plugins "$plugins" --rule 'NOPE 
 expect 3 "--config conn.default_policy.tunnels=2: refused" --plugins "$plugins" \
   --config conn.default_policy.tunnels=2 "$bundled"
 expect 0 "warning: .*cut short" --plugins "$plugins" "$work/cut.pcap"
+expect 0 "^  tcp  *tcp.plg .* Active$" --list-plugins --plugins "$plugins"
+expect 0 "^  tcp  *tcp.plg .* Active$" --list-plugins
+expect 3 "has neither the TCP decoder (tcp.plg) nor the UDP" --list-plugins --plugins "$work/dns-only"
+expect 3 "has neither the TCP decoder (tcp.plg) nor the UDP" --plugins "$work/dns-only" "$bundled"
+expect 0 "hello.so  *an unpacked shared object" --list-plugins --plugins "$work/mixed"
+expect 0 "junk.plg  *not loaded: not a packed plug-in" --list-plugins --plugins "$work/mixed"
+expect 0 "warning: $work/mixed/README: not a plug-in file" --plugins "$work/mixed" "$bundled"
+bin="$work/bin/kestcap"
+expect 3 "no plug-ins found in $work/lib/kest/plugins" "$bundled"
+bin=""
 "$kestcap" --help | grep -q "^Exit codes" || fail "--help lists no exit codes"
 
 [ "$failures" -eq 0 ] && echo "kestcap: all checks passed"

@@ -7,13 +7,14 @@ namespace kestcap {
 
 namespace {
 
-enum LongOnly { kPlugins = 256, kRule, kProtoAdd, kConfig, kAttr, kJson, kChanges };
+enum LongOnly { kPlugins = 256, kListPlugins, kRule, kProtoAdd, kConfig, kAttr, kJson, kChanges };
 
 const option kLong[] = {
     {"interface", required_argument, nullptr, 'i'},
     {"threads", required_argument, nullptr, 't'},
     {"help", no_argument, nullptr, 'h'},
     {"plugins", required_argument, nullptr, kPlugins},
+    {"list-plugins", no_argument, nullptr, kListPlugins},
     {"rule", required_argument, nullptr, kRule},
     {"proto-add", required_argument, nullptr, kProtoAdd},
     {"config", required_argument, nullptr, kConfig},
@@ -28,6 +29,7 @@ const option kLong[] = {
 const char *UsageText() {
   return "usage: kestcap [options] FILE [FILTER]\n"
          "       kestcap [options] -i IFACE [FILTER]\n"
+         "       kestcap [--plugins DIR] --list-plugins\n"
          "\n"
          "Classifies the connections of a capture file (pcap or pcapng; \"-\" reads\n"
          "standard input) or of a live interface with libkest and its plug-ins.\n"
@@ -38,8 +40,12 @@ const char *UsageText() {
          "                         spread by their outer IP addresses, so both\n"
          "                         directions, fragments and tunnelled flows stay on\n"
          "                         one thread\n"
-         "      --plugins DIR      plug-in folder (default: the installed one, then\n"
-         "                         the build's)\n"
+         "      --plugins DIR      plug-in folder (default: the one of this kestcap's\n"
+         "                         installation, or of its build tree); it needs\n"
+         "                         tcp.plg and udp.plg, and wire.plg for whole packets\n"
+         "      --list-plugins     list each plug-in of the folder with its version\n"
+         "                         and status, and the files in it that are not\n"
+         "                         plug-ins, then stop\n"
          "      --json             one JSON object per connection on standard output\n"
          "                         when it ends, instead of the table\n"
          "      --attr NAME        also report attribute NAME (repeatable)\n"
@@ -57,8 +63,8 @@ const char *UsageText() {
          "\n"
          "Exit codes: 0 done (also for a capture cut short, with a warning);\n"
          "1 bad option or argument; 2 the input could not be opened or read, or\n"
-         "its link type is not supported; 3 no plug-ins found, or the library\n"
-         "refused a setting or did not start.\n";
+         "its link type is not supported; 3 no plug-ins found, no TCP or UDP\n"
+         "decoder among them, or the library refused a setting or did not start.\n";
 }
 
 bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
@@ -85,6 +91,9 @@ bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
       return true;
     case kPlugins:
       out.plugins = optarg;
+      break;
+    case kListPlugins:
+      out.list_plugins = true;
       break;
     case kRule:
       out.rules.emplace_back(optarg);
@@ -117,7 +126,7 @@ bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
     }
   }
   std::vector<std::string> rest(argv + optind, argv + argc);
-  if (out.interface.empty()) {
+  if (out.interface.empty() && !out.list_plugins) {
     if (rest.empty()) {
       error = "no capture file given (try --help)";
       return false;

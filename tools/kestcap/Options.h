@@ -12,17 +12,18 @@ enum ExitCode {
   kExitOk = 0,
   kExitUsage = 1,   // a bad option or argument
   kExitInput = 2,   // the capture or interface could not be read
-  kExitLibrary = 3, // no plug-ins, or the library refused to start
+  kExitLibrary = 3, // no plug-ins, no TCP or UDP decoder, or the library refused to start
 };
 
 struct Options {
   std::string input;     // file name, "-" for standard input
   std::string interface; // -i: a live interface instead of a file
   std::string filter;    // BPF filter (live or file)
-  std::string plugins;   // empty: the installed folder, then the build's
+  std::string plugins;   // empty: the folder of kestcap's own installation
   int threads = 1;
   bool json = false;
   bool help = false;
+  bool list_plugins = false;      // list the plug-in folder and stop
   std::vector<std::string> attrs; // added to the default set
   std::vector<std::string> rules; // "PROTO MODULE RULE-TEXT"
   std::vector<std::string> protos;

@@ -18,7 +18,11 @@ constexpr int kMaxTunnels = 4;
 bool Worker::Start(std::string &error) {
   m_h = m_setup.handle;
   if (kest_init(m_h) != 0) {
-    error = "kest_init failed with error " + std::to_string(kest_errno);
+    // The missing transports were ruled out before: a plug-in refused the
+    // thread, or memory ran out.
+    error = "no classifying thread started (error " + std::to_string(kest_errno) +
+            "): a plug-in failed to start on it (the library's messages name it; "
+            "kestcap --list-plugins lists the folder)";
     return false;
   }
   m_started = true;

@@ -4,20 +4,19 @@
 #include "Changes.h"
 #include "FlowLog.h"
 #include "Options.h"
+#include "PluginFolder.h"
 #include "SpscRing.h"
 #include "Worker.h"
 
 #include "wire/WireParser.h"
 
 #include <kest.h>
-#include <kest_host.h>
 
 #include <atomic>
 #include <barrier>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <thread>
 #include <unistd.h>
@@ -51,30 +50,6 @@ void OnSignal(int) {
 int Fail(ExitCode code, const std::string &text) {
   std::fprintf(stderr, "kestcap: %s\n", text.c_str());
   return code;
-}
-
-bool HasPlugins(const std::filesystem::path &dir) {
-  std::error_code error;
-  for (const auto &entry : std::filesystem::directory_iterator(dir, error)) {
-    if (entry.path().extension() == ".plg") {
-      return true;
-    }
-  }
-  return false;
-}
-
-// The plug-in folder: the one asked for, else the installed one, else the
-// build's.
-std::string PluginFolder(const Options &options) {
-  if (!options.plugins.empty()) {
-    return options.plugins;
-  }
-  for (const char *dir : {KESTCAP_INSTALLED_PLUGIN_DIR, KESTCAP_BUILD_PLUGIN_DIR}) {
-    if (HasPlugins(dir)) {
-      return dir;
-    }
-  }
-  return KESTCAP_INSTALLED_PLUGIN_DIR;
 }
 
 // Custom protocols, settings and rules, in that order, before any packet.
@@ -329,6 +304,14 @@ int Main(int argc, char **argv) {
     std::fputs(UsageText(), stdout);
     return kExitOk;
   }
+  const std::string plugins = options.plugins.empty() ? DefaultPluginFolder() : options.plugins;
+  if (plugins.empty()) {
+    return Fail(kExitLibrary, "kestcap cannot tell where it is installed (no /proc/self/exe), "
+                              "so it has no default plug-in folder: give --plugins DIR");
+  }
+  if (options.list_plugins) {
+    return ListPlugins(plugins);
+  }
   CaptureInput input;
   const bool opened = options.interface.empty()
                           ? input.OpenFile(options.input, options.filter, error)
@@ -340,18 +323,24 @@ int Main(int argc, char **argv) {
   if (!options.changes.empty() && !LoadChanges(options.changes, change_list, error)) {
     return Fail(kExitUsage, "--changes: " + error);
   }
-  const std::string plugins = PluginFolder(options);
-  if (!HasPlugins(plugins)) {
+  const FolderScan scan = ScanFolder(plugins);
+  if (scan.plugins.empty()) {
     return Fail(kExitLibrary, "no plug-ins found in " + plugins + " (see --plugins)");
   }
-  kest_host_use_libc();
+  for (const Stray &stray : scan.strays) {
+    std::fprintf(stderr, "kestcap: warning: %s/%s: %s\n", plugins.c_str(), stray.name.c_str(),
+                 stray.why.c_str());
+  }
+  UseHostHooks();
   const kest_handle_t h = kest_open(plugins.c_str());
   if (h < 0) {
     return Fail(kExitLibrary, "the library did not open " + plugins + " (error " +
                                   std::to_string(kest_errno) + ")");
   }
   int code = kExitOk;
-  if (!Configure(h, options, error)) {
+  if (const std::string missing = MissingTransports(h, plugins); !missing.empty()) {
+    code = Fail(kExitLibrary, missing);
+  } else if (!Configure(h, options, error)) {
     code = Fail(kExitLibrary, error);
   } else {
     // Captures from files age by their own time stamps.
