@@ -21,8 +21,12 @@
 // messages, naming the protocol, and one rule for publishing attributes.
 //
 // A decoder may also have a per-thread D::Thread (made at thread start,
-// Session::thread()), and for records an Early(session, head) test that
-// judges the start of a record not yet whole (kNotMine leaves).
+// Session::thread()), for records an Early(session, head) test that
+// judges the start of a record not yet whole (kNotMine leaves), and a
+// Leave(session), run when the inspector leaves a connection that is the
+// thread's active one (after a verdict to leave, or at the connection's
+// end): the last chance to publish what waited. Session::side() means
+// nothing there.
 //
 // Framing (Spec::tcp_framing; UDP is always one datagram per message):
 //   kDatagram  UDP only.
@@ -369,9 +373,19 @@ public:
   }
 
   void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
-    if (conn) {
-      m_conns.Drop(*conn);
+    if (!conn) {
+      return;
     }
+    if constexpr (requires(Session<D> & s) { D::Leave(s); }) {
+      // Attributes go to the active connection: for another, nothing is said.
+      Entry *e = m_conns.Find(*conn);
+      if (e != nullptr && m_thread != nullptr &&
+          oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn) == conn.get()) {
+        Session<D> session(m_reg, *m_thread, e->state, *conn, 0, e->named);
+        D::Leave(session);
+      }
+    }
+    m_conns.Drop(*conn);
   }
 
 private:
