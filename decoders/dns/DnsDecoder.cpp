@@ -59,8 +59,7 @@ struct Dns {
       .udp = true,
       .udp_ports = {53, 5353, 5355},
       .tcp_framing = oru::kit::Framing::kRecords,
-      .records = {.offset = 0, .width = 2, .max = 0x10000 + 2, .min = 2 + kest_dns::kHeaderSize},
-  };
+      .records = {.offset = 0, .width = 2, .max = 0x10000 + 2, .min = 2 + kest_dns::kHeaderSize}};
   struct State {};
   // The last message read; too large for the stack of every host.
   struct Thread {

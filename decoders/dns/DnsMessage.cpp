@@ -1,5 +1,7 @@
 #include "dns/DnsMessage.h"
 
+#include <kest/kit/ByteReader.h>
+
 namespace kest_dns {
 
 namespace {
@@ -17,15 +19,6 @@ constexpr size_t kMaxWireName = 255;
 // Pointers followed per name. The pointers must also go ever further back
 // (see ReadName), which alone ends every walk; this only bounds the work.
 constexpr unsigned kMaxHops = 64;
-
-uint16_t Read16(const uint8_t *p) {
-  return static_cast<uint16_t>(p[0] << 8 | p[1]);
-}
-
-uint32_t Read32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-         static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
 
 // Text with a fixed capacity that refuses, rather than cuts, what does not fit.
 struct Text {
@@ -217,9 +210,9 @@ bool HeaderHolds(const uint8_t *data, size_t available, size_t length) {
     }
   }
   if (available >= kHeaderSize) {
-    const size_t qd = Read16(data + 4);
-    const size_t records =
-        static_cast<size_t>(Read16(data + 6)) + Read16(data + 8) + Read16(data + 10);
+    const size_t qd = oru::kit::LoadBe16(data + 4);
+    const size_t records = static_cast<size_t>(oru::kit::LoadBe16(data + 6)) +
+                           oru::kit::LoadBe16(data + 8) + oru::kit::LoadBe16(data + 10);
     const bool truncated = (data[2] & 0x02) != 0;
     // The smallest question is 5 bytes, the smallest record 11: counts that
     // cannot fit the length are not DNS (a truncated answer may promise
@@ -286,10 +279,10 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
   out.truncated = (data[2] & 0x02) != 0;
   out.opcode = (data[2] >> 3) & 0x0F;
   out.rcode = data[3] & 0x0F;
-  out.qdcount = Read16(data + 4);
-  out.ancount = Read16(data + 6);
-  out.nscount = Read16(data + 8);
-  out.arcount = Read16(data + 10);
+  out.qdcount = oru::kit::LoadBe16(data + 4);
+  out.ancount = oru::kit::LoadBe16(data + 6);
+  out.nscount = oru::kit::LoadBe16(data + 8);
+  out.arcount = oru::kit::LoadBe16(data + 10);
 
   size_t pos = kHeaderSize;
   for (unsigned i = 0; i < out.qdcount; ++i) {
@@ -297,8 +290,8 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
     size_t next = 0;
     bool holds = ReadName(data, length, pos, length, true, next, i == 0 ? &text : nullptr) &&
                  next + 4 <= length;
-    const uint16_t qtype = holds ? Read16(data + next) : 0;
-    const uint16_t qclass = holds ? Read16(data + next + 2) : 0;
+    const uint16_t qtype = holds ? oru::kit::LoadBe16(data + next) : 0;
+    const uint16_t qclass = holds ? oru::kit::LoadBe16(data + next + 2) : 0;
     if (!holds || !PlausibleType(qtype) || !PlausibleClass(qclass)) {
       // Once the first question stands, the message is DNS, if a damaged one.
       if (i == 0) {
@@ -329,10 +322,10 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
       // A message without questions has nothing else to stand on.
       return out.qdcount == 0 ? Verdict::kNotDns : Verdict::kDnsDamaged;
     }
-    const uint16_t type = Read16(data + next);
-    const uint16_t rclass = Read16(data + next + 2);
-    const uint32_t ttl = Read32(data + next + 4);
-    const size_t rdlength = Read16(data + next + 8);
+    const uint16_t type = oru::kit::LoadBe16(data + next);
+    const uint16_t rclass = oru::kit::LoadBe16(data + next + 2);
+    const uint32_t ttl = oru::kit::LoadBe32(data + next + 4);
+    const size_t rdlength = oru::kit::LoadBe16(data + next + 8);
     const size_t rdata = next + 10;
     // OPT puts the sender's payload size where the class goes.
     if (!PlausibleType(type) || (type != kTypeOpt && !PlausibleClass(rclass)) ||
@@ -497,7 +490,7 @@ size_t FormatIpv6(const uint8_t *address, char *out, size_t size) {
   out[0] = 0;
   uint16_t groups[8];
   for (int i = 0; i < 8; ++i) {
-    groups[i] = Read16(address + 2 * i);
+    groups[i] = oru::kit::LoadBe16(address + 2 * i);
   }
   // IPv4-mapped addresses keep the IPv4 part dotted.
   if (groups[0] == 0 && groups[1] == 0 && groups[2] == 0 && groups[3] == 0 && groups[4] == 0 &&

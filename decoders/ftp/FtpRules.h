@@ -19,14 +19,12 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct FtpRules {
-  static constexpr oru::kit::Spec kSpec{
-      .plugin = "ftp",
-      .module = oru::kit::MODULE_FTP,
-      .protocols = {"FTP", "FTP_DATA"},
-      .attributes = {"ftp.user"},
-      .tcp = true,
-      .tcp_ports = {21},
-  };
+  static constexpr oru::kit::Spec kSpec{.plugin = "ftp",
+                                        .module = oru::kit::MODULE_FTP,
+                                        .protocols = {"FTP", "FTP_DATA"},
+                                        .attributes = {"ftp.user"},
+                                        .tcp = true,
+                                        .tcp_ports = {21}};
   static constexpr int kNotes = kNotesOf<FtpRules>;
   static constexpr uint32_t kMaxLine = 1024;
   // Welcome texts run long.

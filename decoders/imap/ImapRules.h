@@ -17,14 +17,12 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct ImapRules {
-  static constexpr oru::kit::Spec kSpec{
-      .plugin = "imap",
-      .module = oru::kit::MODULE_IMAP,
-      .protocols = {"IMAP"},
-      .attributes = {},
-      .tcp = true,
-      .tcp_ports = {143},
-  };
+  static constexpr oru::kit::Spec kSpec{.plugin = "imap",
+                                        .module = oru::kit::MODULE_IMAP,
+                                        .protocols = {"IMAP"},
+                                        .attributes = {},
+                                        .tcp = true,
+                                        .tcp_ports = {143}};
   static constexpr int kNotes = kNotesOf<ImapRules>;
   // Capability lists make long greetings.
   static constexpr uint32_t kMaxLine = 8192;

@@ -15,14 +15,12 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct Pop3Rules {
-  static constexpr oru::kit::Spec kSpec{
-      .plugin = "pop3",
-      .module = oru::kit::MODULE_POP3,
-      .protocols = {"POP3"},
-      .attributes = {},
-      .tcp = true,
-      .tcp_ports = {110},
-  };
+  static constexpr oru::kit::Spec kSpec{.plugin = "pop3",
+                                        .module = oru::kit::MODULE_POP3,
+                                        .protocols = {"POP3"},
+                                        .attributes = {},
+                                        .tcp = true,
+                                        .tcp_ports = {110}};
   static constexpr int kNotes = kNotesOf<Pop3Rules>;
   static constexpr uint32_t kMaxLine = 1024;
   static constexpr uint32_t kMaxLines = 64;

@@ -13,14 +13,12 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct SmtpRules {
-  static constexpr oru::kit::Spec kSpec{
-      .plugin = "smtp",
-      .module = oru::kit::MODULE_SMTP,
-      .protocols = {"SMTP"},
-      .attributes = {"smtp.helo", "smtp.mail_from"},
-      .tcp = true,
-      .tcp_ports = {25, 587},
-  };
+  static constexpr oru::kit::Spec kSpec{.plugin = "smtp",
+                                        .module = oru::kit::MODULE_SMTP,
+                                        .protocols = {"SMTP"},
+                                        .attributes = {"smtp.helo", "smtp.mail_from"},
+                                        .tcp = true,
+                                        .tcp_ports = {25, 587}};
   static constexpr int kNotes = kNotesOf<SmtpRules>;
   // 465 is SMTP inside TLS from the first byte: nothing for this reader.
   enum { NOTE_HELO, NOTE_MAIL_FROM };

@@ -12,14 +12,12 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct SshRules {
-  static constexpr oru::kit::Spec kSpec{
-      .plugin = "ssh",
-      .module = oru::kit::MODULE_SSH,
-      .protocols = {"SSH"},
-      .attributes = {"ssh.client_banner", "ssh.server_banner"},
-      .tcp = true,
-      .tcp_ports = {22},
-  };
+  static constexpr oru::kit::Spec kSpec{.plugin = "ssh",
+                                        .module = oru::kit::MODULE_SSH,
+                                        .protocols = {"SSH"},
+                                        .attributes = {"ssh.client_banner", "ssh.server_banner"},
+                                        .tcp = true,
+                                        .tcp_ports = {22}};
   static constexpr int kNotes = kNotesOf<SshRules>;
   // The line is at most 255 bytes with its CR LF.
   static constexpr uint32_t kMaxLine = 254;

@@ -1,6 +1,6 @@
 // The entry point of tcp.plg.
-#include "tcp/TcpPlugin.h"
+#include "transport/Transports.h"
 
 KEST_PLUGIN_QUERY {
-  return kest_decoders::TcpPlugin::EntryTable();
+  return kest_decoders::TcpEntryTable();
 }

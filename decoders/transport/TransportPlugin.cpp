@@ -11,17 +11,8 @@
 
 namespace kest_decoders {
 
-namespace {
-
-constexpr oru::VersionRecord kVersion = {TransportPlugin::kMajor, 0, 0, 1, "decoders"};
-
-} // namespace
-
 bool TransportPlugin::GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) const {
-  if (own != nullptr) {
-    *own = kVersion;
-  }
-  return library != nullptr && library->major == kMajor;
+  return oru::kit::SdkVersion(library, own);
 }
 
 namespace {

@@ -15,6 +15,7 @@
 
 #include <kest/InterfaceBroker.h>
 #include <kest/Plugin.h>
+#include <kest/kit/ModuleIds.h>
 #include <stdint.h>
 
 namespace kest_decoders {
@@ -23,7 +24,7 @@ class TransportPlugin {
 public:
   // The library generation the decoders are built for: a library of another
   // major version is refused.
-  static constexpr uint32_t kMajor = 4;
+  static constexpr uint32_t kMajor = oru::kit::kSdkMajor;
 
   // `name` is the plug-in's and its rule store's; `protocol` names both the
   // protocol and the module `module`; `ip_protocol` is 6 or 17; `context`

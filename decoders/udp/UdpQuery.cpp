@@ -1,6 +1,6 @@
 // The entry point of udp.plg.
-#include "udp/UdpPlugin.h"
+#include "transport/Transports.h"
 
 KEST_PLUGIN_QUERY {
-  return kest_decoders::UdpPlugin::EntryTable();
+  return kest_decoders::UdpEntryTable();
 }

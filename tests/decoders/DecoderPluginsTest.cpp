@@ -103,7 +103,7 @@ TEST_F(DecoderPluginsTest, TwoThreadsClassifyThroughThePackedDecoders) {
 
 TEST_F(DecoderPluginsTest, EntryTablesAcceptOnlyTheirMajorVersion) {
   for (const oru::PluginEntryTable *table :
-       {kest_decoders::TcpPlugin::EntryTable(), kest_decoders::UdpPlugin::EntryTable()}) {
+       {kest_decoders::TcpEntryTable(), kest_decoders::UdpEntryTable()}) {
     SCOPED_TRACE(table->GetName());
     for (uint32_t major : {3u, 4u, 5u}) {
       const oru::VersionRecord library{major, 0, 0, 33, "13180"};

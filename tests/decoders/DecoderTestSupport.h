@@ -7,8 +7,7 @@
 #include "tests/conn/ConnTestSupport.h"
 #include "tests/support/StackNames.h"
 
-#include "tcp/TcpPlugin.h"
-#include "udp/UdpPlugin.h"
+#include "transport/Transports.h"
 
 #include <arpa/inet.h>
 #include <kest/ProtocolRegistry.h>
@@ -47,8 +46,8 @@ protected:
                          side, RecordingCallback, &recorder);
   }
 
-  const kest_decoders::TransportPlugin &kTcp = kest_decoders::TcpPlugin::Transport();
-  const kest_decoders::TransportPlugin &kUdp = kest_decoders::UdpPlugin::Transport();
+  const kest_decoders::TransportPlugin &kTcp = kest_decoders::TcpTransport();
+  const kest_decoders::TransportPlugin &kUdp = kest_decoders::UdpTransport();
   Recorder recorder;
 };
 

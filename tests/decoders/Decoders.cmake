@@ -39,10 +39,10 @@ endif()
 
 if(TARGET wire)
   add_dependencies(kest_tests wire)
-  get_target_property(_packet_plg wire KEST_PLUGIN_FILE)
-  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/PacketPluginTest.cpp APPEND PROPERTY
+  get_target_property(_wire_plg wire KEST_PLUGIN_FILE)
+  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/wire/WirePluginTest.cpp APPEND PROPERTY
                COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
-               KEST_TEST_PACKET_PLG="${_packet_plg}" KEST_TEST_PROBE_PLG="${_probe_plg}")
+               KEST_TEST_WIRE_PLG="${_wire_plg}" KEST_TEST_PROBE_PLG="${_probe_plg}")
 endif()
 
 # The tests on the shared captures need libpcap: a program of their own, so
@@ -58,7 +58,7 @@ if(KEST_PCAP_LIBRARY AND TARGET wire)
   add_dependencies(kest_capture_tests tcp udp wire probe)
   target_compile_definitions(kest_capture_tests PRIVATE
     KEST_TEST_PCAP_DIR="${CMAKE_SOURCE_DIR}/../shared/pcaps" KEST_TEST_TCP_PLG="${_tcp_plg}"
-    KEST_TEST_UDP_PLG="${_udp_plg}" KEST_TEST_PACKET_PLG="${_packet_plg}"
+    KEST_TEST_UDP_PLG="${_udp_plg}" KEST_TEST_WIRE_PLG="${_wire_plg}"
     KEST_TEST_PROBE_PLG="${_probe_plg}")
   gtest_discover_tests(kest_capture_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endif()

@@ -10,7 +10,7 @@
 #include "CaptureInput.h"
 #include "FlowLog.h"
 
-#include "packet/PacketParser.h"
+#include "wire/WireParser.h"
 
 #include <kest.h>
 #include <string>

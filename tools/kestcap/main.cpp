@@ -7,7 +7,7 @@
 #include "SpscRing.h"
 #include "Worker.h"
 
-#include "packet/PacketParser.h"
+#include "wire/WireParser.h"
 
 #include <kest.h>
 #include <kest_host.h>

@@ -18,6 +18,16 @@
 
 namespace oru::kit {
 
+// Big-endian numbers at `p`, for parsers that have checked the bounds
+// themselves.
+inline uint16_t LoadBe16(const uint8_t *p) {
+  return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+inline uint32_t LoadBe32(const uint8_t *p) {
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+         static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
 class ByteReader {
 public:
   ByteReader() = default;

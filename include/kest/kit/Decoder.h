@@ -61,7 +61,9 @@
 #include <kest/fdt/map.h>
 #include <kest/kit/Attach.h>
 #include <kest/kit/ByteReader.h>
+#include <kest/kit/ExpectedFlows.h>
 #include <kest/kit/FlowView.h>
+#include <kest/kit/InnerChain.h>
 #include <kest/kit/ModuleIds.h>
 
 #include <stddef.h>
@@ -97,6 +99,14 @@ struct RecordFormat {
   uint32_t min = 2;
 };
 
+// Connections that a decoder's messages announce (Session::Expect): on
+// which transport (6 or 17; 0 for none) and named with which of the
+// decoder's protocols.
+struct ExpectFormat {
+  uint8_t transport = 0;
+  uint8_t protocol = 0;
+};
+
 constexpr int kMaxProtocols = 4;
 constexpr int kMaxAttributes = 16;
 constexpr int kMaxPorts = 16;
@@ -119,6 +129,7 @@ struct Spec {
   uint16_t udp_ports[kMaxPorts] = {};
   Framing tcp_framing = Framing::kStream;
   RecordFormat records = {};
+  ExpectFormat expects = {};
   // Messages (datagrams, records, runs of bytes) read per connection; the
   // connection keeps its name beyond them but is no longer read.
   uint32_t max_messages = 256;
@@ -289,13 +300,21 @@ template <class D> class Session {
 public:
   using Thread = typename ThreadOf<D>::Type;
 
-  Session(const Registration &reg, Thread &thread, typename D::State &state, oru::Conn &conn,
-          unsigned side, bool &named)
-      : m_reg(reg), m_thread(thread), m_state(state), m_conn(conn), m_side(side), m_named(named) {}
+  // What the inspector lends a session beside the connection's state.
+  struct Links {
+    const Registration &reg;
+    Thread &thread;
+    ExpectedProtocol *expected;
+  };
+
+  Session(const Links &links, typename D::State &state, oru::Conn &conn, unsigned side, bool &named,
+          bool &hand_on)
+      : m_links(links), m_state(state), m_conn(conn), m_side(side), m_named(named),
+        m_hand_on(hand_on) {}
 
   typename D::State &state() { return m_state; }
   // The decoder's state on this thread (D::Thread), made at thread start.
-  Thread &thread() { return m_thread; }
+  Thread &thread() { return m_links.thread; }
   oru::Conn &conn() { return m_conn; }
   const oru::Tuple &tuple() const { return m_conn.m_tuple; }
   // 0: the side of the connection's first end point (tuple().src), 1: the
@@ -308,14 +327,27 @@ public:
     if (m_named) {
       return true;
     }
-    m_named = m_conn.PushProtocol(m_reg.Proto(i));
+    m_named = m_conn.PushProtocol(m_links.reg.Proto(i));
     return m_named;
+  }
+  // TCP: the bytes behind this message are another protocol's (an accepted
+  // STARTTLS, say). When the connection's policy allows a change of
+  // protocol, both sides' later bytes go to a fresh chain of the
+  // transport's decoders, which name what they find above this protocol;
+  // this decoder reads no more. Without the policy the connection is left.
+  void HandOn() { m_hand_on = true; }
+  // Expects a connection with `port` at `addr` (Spec::expects), named on its
+  // first packet, when the connection's policy allows future flows.
+  void Expect(const oru::IpAddr &addr, uint16_t port) {
+    if (m_links.expected != nullptr && ExpectedFlows::Allowed(m_conn)) {
+      m_links.expected->Expect(addr, port);
+    }
   }
   // Reports attribute `i` of the Spec, when someone listens and the
   // connection's policy allows it.
-  void Publish(int i, const void *value, size_t length) { m_reg.Publish(i, value, length); }
+  void Publish(int i, const void *value, size_t length) { m_links.reg.Publish(i, value, length); }
   void Publish(int i, const char *text) { Publish(i, text, TextSize(text)); }
-  const Registration &registration() const { return m_reg; }
+  const Registration &registration() const { return m_links.reg; }
 
 private:
   static size_t TextSize(const char *text) {
@@ -326,12 +358,12 @@ private:
     return n;
   }
 
-  const Registration &m_reg;
-  Thread &m_thread;
+  const Links &m_links;
   typename D::State &m_state;
   oru::Conn &m_conn;
   unsigned m_side;
   bool &m_named;
+  bool &m_hand_on;
 };
 
 // The kit's inspector for decoders with a Feed function.
@@ -341,9 +373,25 @@ public:
 
   bool Start() {
     m_thread = oru::fdt::CreateObject<Thread>(oru::fdt::OBJECT_LOCAL);
-    return m_thread != nullptr && m_reg.Start(D::kSpec);
+    if (m_thread == nullptr || !m_reg.Start(D::kSpec)) {
+      return false;
+    }
+    if (kSpec.expects.transport != 0) {
+      m_expected = oru::fdt::CreateObject<ExpectedProtocol>(
+          oru::fdt::OBJECT_LOCAL, kSpec.expects.transport, m_reg.Proto(kSpec.expects.protocol));
+      if (m_expected == nullptr) {
+        return false;
+      }
+      m_expected->add_ref();
+    }
+    return true;
   }
   void Stop() {
+    if (m_expected != nullptr) {
+      m_expected->Withdraw();
+      m_expected->release();
+      m_expected = nullptr;
+    }
     m_reg.Stop();
     if (m_thread != nullptr) {
       oru::fdt::DestroyObject(m_thread);
@@ -359,7 +407,9 @@ public:
 
   unsigned int Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo &pkt, oru::Tuple &tuple,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
-    if (!conn || m_thread == nullptr) {
+    if (!conn || m_thread == nullptr || conn.get() == m_inside) {
+      // An inner chain is built from the same rules, so it holds this
+      // inspector too: the bytes inside are not this protocol's.
       return oru::INSPECT_FINISHED;
     }
     Entry *entry = m_conns.Get(*conn);
@@ -369,19 +419,40 @@ public:
       Run(once, pkt, tuple, *conn);
       return oru::INSPECT_FINISHED;
     }
-    return Run(*entry, pkt, tuple, *conn);
+    if (entry->inner.get() != nullptr) {
+      return PassInner(*entry, pkt, tuple, conn);
+    }
+    const unsigned result = Run(*entry, pkt, tuple, *conn);
+    if (!entry->hand_on || tuple.protocol != 6) {
+      return result;
+    }
+    const uint64_t from[2] = {entry->seen[0] ? entry->next[0] : conn->m_flow[0].m_next_pos,
+                              entry->seen[1] ? entry->next[1] : conn->m_flow[1].m_next_pos};
+    entry->inner = InnerChain::Start(*conn, 6, m_reg.Proto(), from);
+    if (entry->inner.get() == nullptr) {
+      return oru::INSPECT_FINISHED;
+    }
+    // The handing message's packet may carry the first inner bytes.
+    return PassInner(*entry, pkt, tuple, conn);
   }
 
   void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
-    if (!conn) {
+    if (!conn || conn.get() == m_inside) {
+      // This inspector's entry of an inner chain: the outer reading goes on.
       return;
+    }
+    Entry *entry = m_conns.Find(*conn);
+    if (entry != nullptr && entry->inner.get() != nullptr) {
+      m_inside = conn.get();
+      entry->inner->End(conn);
+      m_inside = nullptr;
     }
     if constexpr (requires(Session<D> & s) { D::Leave(s); }) {
       // Attributes go to the active connection: for another, nothing is said.
-      Entry *e = m_conns.Find(*conn);
-      if (e != nullptr && m_thread != nullptr &&
+      if (entry != nullptr && m_thread != nullptr &&
           oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn) == conn.get()) {
-        Session<D> session(m_reg, *m_thread, e->state, *conn, 0, e->named);
+        const typename Session<D>::Links links{m_reg, *m_thread, m_expected};
+        Session<D> session(links, entry->state, *conn, 0, entry->named, entry->hand_on);
         D::Leave(session);
       }
     }
@@ -395,6 +466,9 @@ private:
     uint32_t messages = 0;
     bool seen[2] = {false, false};
     bool named = false;
+    bool hand_on = false;
+    // Set once the connection turned to another protocol.
+    oru::fdt::intrusive_ptr<InnerChain> inner;
   };
 
   static constexpr const Spec &kSpec = D::kSpec;
@@ -430,14 +504,27 @@ private:
     return oru::INSPECT_STAY;
   }
 
-  // One message to the decoder; false to leave the connection.
+  // The packet to the inner chain; the inspector leaves (never abandons,
+  // whatever the inner chain answered) once nothing inside waits.
+  unsigned PassInner(Entry &e, oru::PktInfo &pkt, oru::Tuple &tuple,
+                     oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+    m_inside = conn.get();
+    e.inner->Pass(pkt, tuple, conn);
+    const bool done = e.inner->Done();
+    m_inside = nullptr;
+    return done ? oru::INSPECT_FINISHED : oru::INSPECT_STAY;
+  }
+
+  // One message to the decoder; false to stop reading (to leave the
+  // connection, or to hand it on).
   bool Message(Entry &e, oru::Conn &conn, unsigned side, ByteReader bytes) {
-    Session<D> session(m_reg, *m_thread, e.state, conn, side, e.named);
+    const typename Session<D>::Links links{m_reg, *m_thread, m_expected};
+    Session<D> session(links, e.state, conn, side, e.named, e.hand_on);
     const Verdict verdict = D::Feed(session, bytes);
     if (verdict == Verdict::kNamed && !session.Name()) {
       return false;
     }
-    if (verdict == Verdict::kDone || verdict == Verdict::kNotMine) {
+    if (e.hand_on || verdict == Verdict::kDone || verdict == Verdict::kNotMine) {
       return false;
     }
     return ++e.messages < kSpec.max_messages;
@@ -510,7 +597,8 @@ private:
         uint8_t head[kEarlyBytes];
         const size_t n = have < kEarlyBytes ? static_cast<size_t>(have) : kEarlyBytes;
         const uint8_t *h = FlowSpan(flow, next, n, head, sizeof head);
-        Session<D> session(m_reg, *m_thread, e.state, conn, side, e.named);
+        const typename Session<D>::Links links{m_reg, *m_thread, m_expected};
+        Session<D> session(links, e.state, conn, side, e.named, e.hand_on);
         return h != nullptr && D::Early(session, ByteReader(h, n)) != Verdict::kNotMine;
       }
     }
@@ -532,6 +620,10 @@ private:
   ConnStates<Entry> m_conns;
   Thread *m_thread = nullptr;
   uint8_t *m_scratch = nullptr;
+  // Where announced connections are expected (Spec::expects).
+  ExpectedProtocol *m_expected = nullptr;
+  // The connection whose inner chain runs now.
+  oru::Conn *m_inside = nullptr;
 };
 
 template <class D> struct InspectorOf { using Type = FramedInspector<D>; };
@@ -559,10 +651,7 @@ template <class D> struct Plugin {
 
   static const char *GetName() { return kSpec.plugin; }
   static bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
-    if (own != nullptr) {
-      *own = oru::VersionRecord{kSdkMajor, 0, 0, 1, "kit"};
-    }
-    return library != nullptr && library->major == kSdkMajor;
+    return SdkVersion(library, own);
   }
   static bool InitInstance() {
     if constexpr (requires { D::InitInstance(); }) {

@@ -256,23 +256,23 @@ public:
       // inspector too: the bytes inside are not this protocol's lines.
       return oru::INSPECT_FINISHED;
     }
-    typename DialogMap::iterator it = m_dialogs.find(c->m_number);
-    if (it == m_dialogs.end()) {
+    Entry *found = m_dialogs.Find(*c);
+    if (found == nullptr) {
       // Most connections are not this protocol and say so in their first
       // bytes: they leave before any state is made for them.
       if (Foreign(c->m_flow[pkt.side != 0 ? 1 : 0], pkt.side != 0 ? 1 : 0)) {
         return oru::INSPECT_FINISHED;
       }
-      it = m_dialogs.try_emplace(c->m_number);
-      if (it == m_dialogs.end()) {
+      found = m_dialogs.Get(*c);
+      if (found == nullptr) {
         return oru::INSPECT_FINISHED;
       }
-      it->second.dialog.follow = (c->m_policy & oru::POLICY_CHAMELEON) != 0 ? 1 : 0;
+      found->dialog.follow = (c->m_policy & oru::POLICY_CHAMELEON) != 0 ? 1 : 0;
       if constexpr (Announcing<Rules>) {
-        it->second.dialog.state.expect = m_expected != nullptr && ExpectedFlows::Allowed(*c);
+        found->dialog.state.expect = m_expected != nullptr && ExpectedFlows::Allowed(*c);
       }
     }
-    Entry &entry = it->second;
+    Entry &entry = *found;
     if (entry.inner.get() != nullptr) {
       return PassInner(entry, pkt, tuple, conn);
     }
@@ -315,16 +315,16 @@ public:
       // This inspector's entry of the inner chain: the dialog goes on.
       return;
     }
-    typename DialogMap::iterator it = m_dialogs.find(c->m_number);
-    if (it == m_dialogs.end()) {
+    Entry *entry = m_dialogs.Find(*c);
+    if (entry == nullptr) {
       return;
     }
-    if (it->second.inner.get() != nullptr) {
+    if (entry->inner.get() != nullptr) {
       m_inside = c;
-      it->second.inner->End(conn);
+      entry->inner->End(conn);
       m_inside = nullptr;
     }
-    m_dialogs.erase(it);
+    m_dialogs.Drop(*c);
   }
 
   bool Start() {
@@ -359,7 +359,6 @@ private:
     // Set once the connection turned to TLS.
     oru::fdt::intrusive_ptr<InnerChain> inner;
   };
-  using DialogMap = oru::Map<uint64_t, Entry>;
 
   // Whether the side's first bytes cannot open one of the protocol's lines,
   // as the dialogue's first reading would find.
@@ -403,7 +402,7 @@ private:
     announced.count = 0;
   }
 
-  DialogMap m_dialogs;
+  ConnStates<Entry> m_dialogs;
   // Where announced connections are expected, for rules that announce.
   ExpectedProtocol *m_expected = nullptr;
   // The connection whose inner chain runs now.

@@ -1,4 +1,5 @@
-// Module numbers of the bundled decoders, in one place. A module number names
+// The kit's version and the module numbers of the bundled decoders, in one
+// place. A module number names
 // a plug-in towards the interface broker; two plug-ins of one instance must
 // not share one. The library keeps 1 (the system), 259 (TCP) and 260 (UDP)
 // for itself (kest/InterfaceBroker.h). Plug-ins from outside this tree take
@@ -7,6 +8,7 @@
 #define KEST_KIT_MODULEIDS_H
 
 #include <kest/InterfaceBroker.h>
+#include <kest/Plugin.h>
 
 #include <stdint.h>
 
@@ -15,6 +17,15 @@ namespace oru::kit {
 // The generation of the library the kit builds decoders for: a library of
 // another major version refuses them when it loads them.
 constexpr uint32_t kSdkMajor = 4;
+
+// The GetVersion entry point of every plug-in built with the kit: fills `own`
+// with the kit's version, true when `library` is of the same major version.
+inline bool SdkVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
+  if (own != nullptr) {
+    *own = oru::VersionRecord{kSdkMajor, 0, 0, 1, "kit"};
+  }
+  return library != nullptr && library->major == kSdkMajor;
+}
 
 enum : ModuleId {
   MODULE_WIRE = 261,

@@ -2,9 +2,9 @@
 // every packet parsed without a fault, and replayed through the packet
 // decoder with one answer each. Built apart from the other tests, as the
 // only ones that need libpcap.
-#include "tests/decoders/PacketTestSupport.h"
+#include "tests/decoders/wire/WireTestSupport.h"
 
-#include "packet/PacketParser.h"
+#include "wire/WireParser.h"
 
 #include <filesystem>
 #include <functional>
@@ -16,9 +16,9 @@ namespace {
 using kest_decoders::PacketForm;
 using kest_decoders::ParsedPacket;
 using kest_decoders::ParseResult;
-using kest_test::PacketPluginTest;
 using kest_test::Record;
 using kest_test::Result;
+using kest_test::WirePluginTest;
 
 using Visit = std::function<void(PacketForm form, const uint8_t *data, uint32_t length)>;
 
@@ -94,7 +94,7 @@ TEST(CapturesTest, ParseWithoutFault) {
 }
 
 // Every packet gets exactly one answer, and closing gives every block back.
-TEST_F(PacketPluginTest, SharedCapturesReplay) {
+TEST_F(WirePluginTest, SharedCapturesReplay) {
   const kest_handle_t h = OpenAll();
   long packets = 0, answers = 0, classified = 0;
   const bool found = EveryPacket([&](PacketForm form, const uint8_t *data, uint32_t n) {

@@ -42,7 +42,7 @@ TEST_F(HttpLoopbackTest, StackAndAttributes) {
   Seen seen;
   g_seen = &seen;
   const kest_handle_t h = kest_open(
-      Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_HTTP_PLG})
+      Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG, KEST_TEST_HTTP_PLG})
           .c_str());
   ASSERT_GT(h, 0);
   ASSERT_EQ(kest_init(h), 0);

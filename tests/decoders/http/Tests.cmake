@@ -22,7 +22,7 @@ if(TARGET http AND TARGET tcp AND TARGET udp AND TARGET wire)
   get_target_property(_http_plg http KEST_PLUGIN_FILE)
   target_compile_definitions(kest_http_tests PRIVATE
     KEST_TEST_TCP_PLG="${_http_tcp_plg}" KEST_TEST_UDP_PLG="${_http_udp_plg}"
-    KEST_TEST_PACKET_PLG="${_http_wire_plg}" KEST_TEST_HTTP_PLG="${_http_plg}"
+    KEST_TEST_WIRE_PLG="${_http_wire_plg}" KEST_TEST_HTTP_PLG="${_http_plg}"
     KEST_TEST_LOOPBACK_PCAP="${CMAKE_SOURCE_DIR}/examples/loopback.pcap")
   gtest_discover_tests(kest_http_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endif()

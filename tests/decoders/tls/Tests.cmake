@@ -13,7 +13,7 @@ if(TARGET tls AND TARGET tcp AND TARGET wire)
   endforeach()
   target_compile_definitions(kest_tls_tests PRIVATE
     KEST_TEST_TLS_PLG="${_plg_tls}" KEST_TEST_TCP_PLG="${_plg_tcp}"
-    KEST_TEST_UDP_PLG="${_plg_udp}" KEST_TEST_PACKET_PLG="${_plg_wire}"
+    KEST_TEST_UDP_PLG="${_plg_udp}" KEST_TEST_WIRE_PLG="${_plg_wire}"
     KEST_TEST_LOOPBACK_PCAP="${CMAKE_SOURCE_DIR}/examples/loopback.pcap")
   find_library(KEST_PCAP_LIBRARY pcap)
   if(KEST_PCAP_LIBRARY)

@@ -86,7 +86,7 @@ protected:
     PluginFolderFixture::SetUp();
     g_seen = &seen;
     h = kest_open(
-        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_TLS_PLG})
+        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG, KEST_TEST_TLS_PLG})
             .c_str());
     ASSERT_GT(h, 0);
     ASSERT_EQ(kest_init(h), 0);

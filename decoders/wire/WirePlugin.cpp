@@ -1,8 +1,8 @@
-#include "packet/PacketPlugin.h"
+#include "wire/WirePlugin.h"
 
-#include "packet/Defragmenter.h"
-#include "packet/PacketParser.h"
 #include "transport/TransportPlugin.h"
+#include "wire/Defragmenter.h"
+#include "wire/WireParser.h"
 
 #include <kest.h>
 #include <kest/Classification.h>
@@ -28,12 +28,12 @@ public:
 
 // One thread's decoder: a handler per packet form, the placeholder
 // connection, and the transports' segment entries.
-class PacketDecoder final : public oru::fdt::refcnt, public oru::IIdle {
+class WireDecoder final : public oru::fdt::refcnt, public oru::IIdle {
 public:
   KEST_DELETE_BY_PREFIX
 
   // The module under which the decoder offers its upkeep (INTERFACE_IDLE).
-  static constexpr oru::ModuleId kModule = 261;
+  static constexpr oru::ModuleId kModule = oru::kit::MODULE_WIRE;
   static constexpr const char *kModuleName = "WIRE";
 
   class Form final : public oru::IClassify {
@@ -42,17 +42,17 @@ public:
                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
       return m_decoder->Classify(m_form, packet, conn);
     }
-    PacketDecoder *m_decoder = nullptr;
+    WireDecoder *m_decoder = nullptr;
     PacketForm m_form = PacketForm::kIp;
   };
 
-  PacketDecoder() {
+  WireDecoder() {
     for (int i = 0; i < 3; ++i) {
       m_forms[i].m_decoder = this;
       m_forms[i].m_form = static_cast<PacketForm>(i + 1);
     }
   }
-  ~PacketDecoder() override {
+  ~WireDecoder() override {
     if (m_none != nullptr) {
       m_none->release();
     }
@@ -231,25 +231,19 @@ private:
 };
 
 // This thread's decoder, with the reference the plug-in holds.
-thread_local PacketDecoder *t_decoder = nullptr;
+thread_local WireDecoder *t_decoder = nullptr;
 
 const char *GetName() {
   return "wire";
 }
-bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
-  if (own != nullptr) {
-    *own = oru::VersionRecord{TransportPlugin::kMajor, 0, 0, 1, "decoders"};
-  }
-  return library != nullptr && library->major == TransportPlugin::kMajor;
-}
 bool InitInstance() {
-  for (int i = 1; i < PacketDecoder::kTunnelKinds; ++i) {
-    oru::RegisterProtocol(PacketDecoder::kTunnelNames[i]);
+  for (int i = 1; i < WireDecoder::kTunnelKinds; ++i) {
+    oru::RegisterProtocol(WireDecoder::kTunnelNames[i]);
   }
-  return oru::InterfaceBroker::RegisterModule(PacketDecoder::kModule, PacketDecoder::kModuleName);
+  return oru::InterfaceBroker::RegisterModule(WireDecoder::kModule, WireDecoder::kModuleName);
 }
 bool InitThread() {
-  t_decoder = oru::fdt::CreateObject<PacketDecoder>(oru::fdt::OBJECT_LOCAL);
+  t_decoder = oru::fdt::CreateObject<WireDecoder>(oru::fdt::OBJECT_LOCAL);
   if (t_decoder == nullptr) {
     return false;
   }
@@ -277,15 +271,16 @@ void ExitThread() {
   }
 }
 void ExitInstance() {
-  oru::InterfaceBroker::UnregisterModule(PacketDecoder::kModule, PacketDecoder::kModuleName);
+  oru::InterfaceBroker::UnregisterModule(WireDecoder::kModule, WireDecoder::kModuleName);
 }
 
-constexpr oru::PluginEntryTable kTable = {GetName,    GetVersion,  InitInstance, InitThread,
-                                          LinkThread, StartThread, ExitThread,   ExitInstance};
+constexpr oru::PluginEntryTable kTable = {GetName,    oru::kit::SdkVersion, InitInstance,
+                                          InitThread, LinkThread,           StartThread,
+                                          ExitThread, ExitInstance};
 
 } // namespace
 
-const oru::PluginEntryTable *PacketPlugin::EntryTable() {
+const oru::PluginEntryTable *WirePlugin::EntryTable() {
   return &kTable;
 }
 

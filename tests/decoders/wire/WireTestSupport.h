@@ -26,11 +26,11 @@ inline int Record(kest_handle_t h, kest_result_t *result, int code, kest_conn_id
   return 0;
 }
 
-class PacketPluginTest : public kest_test::PluginFolderFixture {
+class WirePluginTest : public kest_test::PluginFolderFixture {
 protected:
   kest_handle_t OpenAll() {
     const kest_handle_t h = kest_open(
-        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_PROBE_PLG})
+        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG, KEST_TEST_PROBE_PLG})
             .c_str());
     EXPECT_GT(h, 0);
     EXPECT_EQ(kest_init(h), 0);

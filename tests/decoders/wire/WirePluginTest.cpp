@@ -3,15 +3,15 @@
 // reassembled stream; fragments; custom rules.
 #include "tests/decoders/DecoderTestSupport.h"
 
-#include "tests/decoders/PacketTestSupport.h"
+#include "tests/decoders/wire/WireTestSupport.h"
 
 #include <map>
 
 namespace {
 
-using kest_test::PacketPluginTest;
 using kest_test::Record;
 using kest_test::Result;
+using kest_test::WirePluginTest;
 using Bytes = std::vector<uint8_t>;
 
 uint16_t Sum(const Bytes &b, size_t from, size_t to) {
@@ -109,7 +109,7 @@ Bytes Framed(int selector, const Bytes &ip) {
   return out;
 }
 
-TEST_F(PacketPluginTest, OneConversationInEveryForm) {
+TEST_F(WirePluginTest, OneConversationInEveryForm) {
   const kest_handle_t h = OpenAll();
   std::map<int, std::vector<std::string>> outcome;
   for (int run = 0; run < 6; ++run) {
@@ -160,7 +160,7 @@ TEST_F(PacketPluginTest, OneConversationInEveryForm) {
 
 // An IPv4 UDP datagram in two fragments, the second first: the first to
 // arrive waits (code 0); the datagram is classified with the last.
-TEST_F(PacketPluginTest, FragmentsMakeOneDatagram) {
+TEST_F(WirePluginTest, FragmentsMakeOneDatagram) {
   const kest_handle_t h = OpenAll();
   const std::string data = "0123456789abcdef0123456789abcdef";
   Bytes udp = {0x13, 0x88, 0x00, 0x35, 0, static_cast<uint8_t>(8 + data.size()), 0, 0};
@@ -272,11 +272,11 @@ Bytes Wrap(const Bytes &inner, bool gtp) {
 
 // Tunnels: the inner connection is classified, the tunnel under its
 // transport; with the tunnel policy off, the outer packet is what it is.
-TEST_F(PacketPluginTest, TunnelsOpenWithTheirPolicy) {
+TEST_F(WirePluginTest, TunnelsOpenWithTheirPolicy) {
   for (bool tunnels : {true, false}) {
     SCOPED_TRACE(tunnels);
     const kest_handle_t h = kest_open(
-        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG, KEST_TEST_PROBE_PLG})
+        Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG, KEST_TEST_PROBE_PLG})
             .c_str());
     ASSERT_GT(h, 0);
     ASSERT_EQ(kest_config_set(h, "conn.default_policy.tunnels", tunnels ? "1" : "0"), 0);
@@ -307,9 +307,9 @@ TEST_F(PacketPluginTest, TunnelsOpenWithTheirPolicy) {
 
 // A host's custom rule on the TCP module names its connections: here the
 // server 10.0.0.2 on port 8080.
-TEST_F(PacketPluginTest, CustomRulesNameConnections) {
+TEST_F(WirePluginTest, CustomRulesNameConnections) {
   const kest_handle_t h =
-      kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_PACKET_PLG}).c_str());
+      kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG}).c_str());
   ASSERT_GT(h, 0);
   const int myapp = kest_proto_add(h, "MYAPP", 0);
   ASSERT_GT(myapp, 0);

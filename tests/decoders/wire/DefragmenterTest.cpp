@@ -3,7 +3,7 @@
 // time-out and the memory cap.
 #include "tests/decoders/DecoderTestSupport.h"
 
-#include "packet/Defragmenter.h"
+#include "wire/Defragmenter.h"
 
 #include <algorithm>
 #include <random>

@@ -1,4 +1,6 @@
-#include "packet/PacketParser.h"
+#include "wire/WireParser.h"
+
+#include <kest/kit/ByteReader.h>
 
 namespace kest_decoders {
 
@@ -15,15 +17,6 @@ constexpr uint16_t kEtherMplsMulticast = 0x8848;
 constexpr uint16_t kPppIpv4 = 0x0021;
 constexpr uint16_t kPppIpv6 = 0x0057;
 
-uint16_t Be16(const uint8_t *p) {
-  return static_cast<uint16_t>(p[0] << 8 | p[1]);
-}
-
-uint32_t Be32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-         static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 // The offset of the IP header behind the link layer, or a result that ends
 // the parse.
 ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uint32_t &at) {
@@ -36,14 +29,14 @@ ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uin
     if (length < 16) {
       return ParseResult::kMalformed;
     }
-    type = Be16(data + 14);
+    type = oru::kit::LoadBe16(data + 14);
     at = 16;
     break;
   case PacketForm::kEthernet:
     if (length < 14) {
       return ParseResult::kMalformed;
     }
-    type = Be16(data + 12);
+    type = oru::kit::LoadBe16(data + 12);
     at = 14;
     break;
   default:
@@ -54,7 +47,7 @@ ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uin
     if (length < at + 4) {
       return ParseResult::kMalformed;
     }
-    type = Be16(data + at + 2);
+    type = oru::kit::LoadBe16(data + at + 2);
     at += 4;
   }
   if (type == kEtherMpls || type == kEtherMplsMulticast) {
@@ -81,7 +74,7 @@ ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uin
     if (length < at + 8) {
       return ParseResult::kMalformed;
     }
-    const uint16_t ppp = Be16(data + at + 6);
+    const uint16_t ppp = oru::kit::LoadBe16(data + at + 6);
     at += 8;
     if (ppp == kPppIpv4) {
       type = kEtherIpv4;
@@ -104,10 +97,10 @@ ParseResult Transport(const uint8_t *data, uint32_t at, uint32_t end, ParsedPack
     if (header < 20 || end < at + header) {
       return ParseResult::kMalformed;
     }
-    out.src_port = Be16(data + at);
-    out.dst_port = Be16(data + at + 2);
-    out.seq = Be32(data + at + 4);
-    out.ack = Be32(data + at + 8);
+    out.src_port = oru::kit::LoadBe16(data + at);
+    out.dst_port = oru::kit::LoadBe16(data + at + 2);
+    out.seq = oru::kit::LoadBe32(data + at + 4);
+    out.ack = oru::kit::LoadBe32(data + at + 8);
     out.tcp_flags = data[at + 13];
     out.payload = data + at + header;
     out.payload_length = end - at - header;
@@ -117,12 +110,12 @@ ParseResult Transport(const uint8_t *data, uint32_t at, uint32_t end, ParsedPack
     if (end < at + 8) {
       return ParseResult::kMalformed;
     }
-    const uint32_t udp_length = Be16(data + at + 4);
+    const uint32_t udp_length = oru::kit::LoadBe16(data + at + 4);
     if (udp_length < 8 || end < at + udp_length) {
       return ParseResult::kMalformed;
     }
-    out.src_port = Be16(data + at);
-    out.dst_port = Be16(data + at + 2);
+    out.src_port = oru::kit::LoadBe16(data + at);
+    out.dst_port = oru::kit::LoadBe16(data + at + 2);
     out.payload = data + at + 8;
     out.payload_length = udp_length - 8;
     return ParseResult::kOk;
@@ -138,17 +131,17 @@ ParseResult Ipv4(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket
   }
   const uint8_t *ip = data + at;
   const uint32_t header = (ip[0] & 0x0F) * 4u;
-  const uint32_t total = Be16(ip + 2);
+  const uint32_t total = oru::kit::LoadBe16(ip + 2);
   if (header < 20 || total < header || length < at + total) {
     return ParseResult::kMalformed;
   }
   out.ip_version = 4;
   out.protocol = ip[9];
-  out.src = oru::IpAddr::FromV4(Be32(ip + 12));
-  out.dst = oru::IpAddr::FromV4(Be32(ip + 16));
-  const uint16_t fragment = Be16(ip + 6);
+  out.src = oru::IpAddr::FromV4(oru::kit::LoadBe32(ip + 12));
+  out.dst = oru::IpAddr::FromV4(oru::kit::LoadBe32(ip + 16));
+  const uint16_t fragment = oru::kit::LoadBe16(ip + 6);
   if ((fragment & 0x3FFF) != 0) { // more fragments, or an offset
-    out.frag_id = Be16(ip + 4);
+    out.frag_id = oru::kit::LoadBe16(ip + 4);
     out.frag_offset = (fragment & 0x1FFFu) * 8u;
     out.frag_more = (fragment & 0x2000) != 0;
     out.payload = ip + header;
@@ -163,7 +156,7 @@ ParseResult Ipv6(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket
     return ParseResult::kMalformed;
   }
   const uint8_t *ip = data + at;
-  const uint32_t end = at + 40 + Be16(ip + 4);
+  const uint32_t end = at + 40 + oru::kit::LoadBe16(ip + 4);
   if (length < end) {
     return ParseResult::kMalformed;
   }
@@ -196,14 +189,14 @@ ParseResult Ipv6(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket
         return ParseResult::kMalformed;
       }
       out.protocol = data[p];
-      if ((Be16(data + p + 2) & 0xFFF9) == 0) {
+      if ((oru::kit::LoadBe16(data + p + 2) & 0xFFF9) == 0) {
         // An atomic fragment: offset 0 and no more to come.
         next = data[p];
         p += 8;
         continue;
       }
-      out.frag_id = Be32(data + p + 4);
-      out.frag_offset = Be16(data + p + 2) & 0xFFF8u;
+      out.frag_id = oru::kit::LoadBe32(data + p + 4);
+      out.frag_offset = oru::kit::LoadBe16(data + p + 2) & 0xFFF8u;
       out.frag_more = (data[p + 3] & 1) != 0;
       out.payload = data + p + 8;
       out.payload_length = end - p - 8;
@@ -248,7 +241,7 @@ bool Gre(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   if (n < 4) {
     return false;
   }
-  const uint16_t flags = Be16(p);
+  const uint16_t flags = oru::kit::LoadBe16(p);
   if ((flags & 0x0007) != 0) { // version 0 only
     return false;
   }
@@ -259,7 +252,7 @@ bool Gre(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   if (n < header) {
     return false;
   }
-  const uint16_t type = Be16(p + 2);
+  const uint16_t type = oru::kit::LoadBe16(p + 2);
   if (type == kEtherIpv4 || type == kEtherIpv6) {
     inner.form = PacketForm::kIp;
   } else if (type == 0x6558) {

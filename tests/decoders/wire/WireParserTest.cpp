@@ -1,6 +1,6 @@
 // Whole packets in the three forms: what the parser finds in hand-made
 // frames, and malformed input at every length.
-#include "packet/PacketParser.h"
+#include "wire/WireParser.h"
 
 #include <gtest/gtest.h>
 
@@ -89,7 +89,7 @@ Bytes Sll(uint16_t type, const Bytes &payload) {
   return Cat({s, payload});
 }
 
-TEST(PacketParserTest, Frames) {
+TEST(WireParserTest, Frames) {
   const Bytes tcp4 = Ipv4(6, Tcp(0x18, "GET"));
   const Bytes udp6 = Ipv6(17, Udp("query"));
   struct Row {
@@ -144,7 +144,7 @@ TEST(PacketParserTest, Frames) {
 
 // Cut short anywhere, a frame is malformed (or, within a link header, not
 // IP), never read past its end: each cut gets an allocation of its own size.
-TEST(PacketParserTest, EveryTruncationIsRefused) {
+TEST(WireParserTest, EveryTruncationIsRefused) {
   const Bytes frames[] = {
       Ether(0x0800, Ipv4(6, Tcp(0x02, "abc"))),
       Ether(0x86DD, Ipv6(0, Cat({{6, 0, 0, 0, 0, 0, 0, 0}, Tcp(0x10, "d")})), {0x8100}),

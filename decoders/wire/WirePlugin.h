@@ -2,7 +2,7 @@
 // and udp.plg, which keep the first protocol indices): takes the host's
 // three packet forms
 // (kest_classify with KEST_SELECTOR_IP, _ETHERNET, _LINUX_SLL), reads the
-// link, network and transport layers (PacketParser) and hands TCP and UDP
+// link, network and transport layers (WireParser) and hands TCP and UDP
 // segments to the transports (INTERFACE_TRANSPORT_SEGMENT), which find the
 // connection, enter the payload and run its inspectors. Everything else is
 // answered "not classified" (code 0) on a connection of number 0. With
@@ -17,7 +17,7 @@
 
 namespace kest_decoders {
 
-class PacketPlugin {
+class WirePlugin {
 public:
   static const oru::PluginEntryTable *EntryTable();
 };

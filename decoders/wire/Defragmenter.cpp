@@ -1,4 +1,4 @@
-#include "packet/Defragmenter.h"
+#include "wire/Defragmenter.h"
 
 #include <kest.h>
 

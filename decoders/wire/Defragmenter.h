@@ -13,8 +13,8 @@
 #ifndef KEST_DECODERS_DEFRAGMENTER_H
 #define KEST_DECODERS_DEFRAGMENTER_H
 
-#include "packet/PacketParser.h"
 #include "transport/SipHash.h"
+#include "wire/WireParser.h"
 
 #include <kest/fdt/List.h>
 #include <stdint.h>
