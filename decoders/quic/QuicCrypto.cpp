@@ -194,33 +194,11 @@ void Gcm128::Ctr(const uint8_t nonce[kNonceSize], const uint8_t *in, size_t leng
   }
 }
 
-bool Gcm128::Open(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aad_length,
-                  const uint8_t *in, size_t length, const uint8_t tag[kTagSize],
-                  uint8_t *out) const {
-  uint8_t expected[16];
-  Ghash(aad, aad_length, in, length, expected);
-  uint8_t j0[16];
-  memcpy(j0, nonce, kNonceSize);
-  j0[12] = j0[13] = j0[14] = 0;
-  j0[15] = 1;
-  uint8_t mask[16];
-  AES_encrypt(j0, mask, &m_aes);
-  uint8_t diff = 0;
-  for (size_t i = 0; i < kTagSize; ++i) {
-    diff |= static_cast<uint8_t>(expected[i] ^ mask[i] ^ tag[i]);
-  }
-  if (diff != 0) {
-    return false;
-  }
-  Ctr(nonce, in, length, out);
-  return true;
-}
-
-void Gcm128::Seal(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aad_length,
-                  const uint8_t *in, size_t length, uint8_t *out, uint8_t tag[kTagSize]) const {
-  Ctr(nonce, in, length, out);
+void Gcm128::Tag(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aad_length,
+                 const uint8_t *text, size_t length, uint8_t tag[kTagSize]) const {
   uint8_t hash[16];
-  Ghash(aad, aad_length, out, length, hash);
+  Ghash(aad, aad_length, text, length, hash);
+  // The hash masked with the key stream's block for J0 = nonce || 1.
   uint8_t j0[16];
   memcpy(j0, nonce, kNonceSize);
   j0[12] = j0[13] = j0[14] = 0;
@@ -230,6 +208,22 @@ void Gcm128::Seal(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aa
   for (size_t i = 0; i < kTagSize; ++i) {
     tag[i] = hash[i] ^ mask[i];
   }
+}
+
+bool Gcm128::Open(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aad_length,
+                  const uint8_t *in, size_t length, const uint8_t tag[kTagSize],
+                  uint8_t *out) const {
+  uint8_t expected[kTagSize];
+  Tag(nonce, aad, aad_length, in, length, expected);
+  uint8_t diff = 0;
+  for (size_t i = 0; i < kTagSize; ++i) {
+    diff |= static_cast<uint8_t>(expected[i] ^ tag[i]);
+  }
+  if (diff != 0) {
+    return false;
+  }
+  Ctr(nonce, in, length, out);
+  return true;
 }
 
 KeyFamily KeyFamilyOf(uint32_t version) {

@@ -44,14 +44,17 @@ public:
   // untouched, when it does not.
   bool Open(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aad_length,
             const uint8_t *in, size_t length, const uint8_t tag[kTagSize], uint8_t *out) const;
-  // Encrypts and writes the tag: the tests build packets with it.
-  void Seal(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aad_length,
-            const uint8_t *in, size_t length, uint8_t *out, uint8_t tag[kTagSize]) const;
+
+  // The two halves of the mode that Open puts together (and that the tests
+  // seal with): the counter-mode key stream over `in` into `out` (which may
+  // be `in`), and the tag of `aad` with a ciphertext.
+  void Ctr(const uint8_t nonce[kNonceSize], const uint8_t *in, size_t length, uint8_t *out) const;
+  void Tag(const uint8_t nonce[kNonceSize], const uint8_t *aad, size_t aad_length,
+           const uint8_t *text, size_t length, uint8_t tag[kTagSize]) const;
 
 private:
   void Ghash(const uint8_t *aad, size_t aad_length, const uint8_t *text, size_t length,
              uint8_t out[16]) const;
-  void Ctr(const uint8_t nonce[kNonceSize], const uint8_t *in, size_t length, uint8_t *out) const;
 
   AES_KEY m_aes;
   // The hash key H = E(K, 0), as two big-endian halves.

@@ -1,15 +1,13 @@
 #include "quic/QuicPacket.h"
 
+#include <kest/kit/ByteReader.h>
 #include <string.h>
 
 namespace kest_quic {
 
 namespace {
 
-uint32_t Load32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-         static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
+using oru::kit::ByteReader;
 
 bool IsDraft(uint32_t version) {
   return (version & 0xffffff00u) == 0xff000000u && (version & 0xff) != 0;
@@ -36,24 +34,14 @@ uint64_t DecodePacketNumber(int64_t largest, uint64_t truncated, unsigned bits) 
   return candidate;
 }
 
-} // namespace
-
-bool ReadVarint(const uint8_t *data, size_t length, size_t &pos, uint64_t &out) {
-  if (pos >= length) {
-    return false;
-  }
-  const size_t size = size_t{1} << (data[pos] >> 6);
-  if (length - pos < size) {
-    return false;
-  }
-  uint64_t v = data[pos] & 0x3f;
-  for (size_t i = 1; i < size; ++i) {
-    v = v << 8 | data[pos + i];
-  }
-  pos += size;
-  out = v;
-  return true;
+// An Initial's token: its length, then that many bytes. False when it runs
+// past the end.
+bool SkipToken(ByteReader &r) {
+  const uint64_t token = r.QuicVarint();
+  return r.Ok() && token <= r.Left() && r.Skip(static_cast<size_t>(token));
 }
+
+} // namespace
 
 bool KnownVersion(uint32_t version) {
   return version == kVersionNegotiation || version == kVersion1 || version == kVersion2 ||
@@ -104,35 +92,32 @@ HeaderStatus ParseLongHeader(const uint8_t *data, size_t length, LongHeader &out
   if (length < 7) {
     return HeaderStatus::kMalformed;
   }
-  out.first = data[0];
-  out.version = Load32(data + 1);
+  ByteReader r(data, length);
+  out.first = static_cast<uint8_t>(r.U8());
+  out.version = r.U32();
   if (!KnownVersion(out.version)) {
     return HeaderStatus::kUnknownVersion;
   }
-  size_t pos = 5;
-  out.dcid_length = data[pos++];
-  if (out.dcid_length > kMaxCid || length - pos < out.dcid_length + 1u) {
+  out.dcid_length = static_cast<uint8_t>(r.U8());
+  out.dcid = r.Here();
+  if (out.dcid_length > kMaxCid || !r.Skip(out.dcid_length)) {
     return HeaderStatus::kMalformed;
   }
-  out.dcid = data + pos;
-  pos += out.dcid_length;
-  out.scid_length = data[pos++];
-  if (out.scid_length > kMaxCid || length - pos < out.scid_length) {
+  out.scid_length = static_cast<uint8_t>(r.U8());
+  out.scid = r.Here();
+  if (!r.Ok() || out.scid_length > kMaxCid || !r.Skip(out.scid_length)) {
     return HeaderStatus::kMalformed;
   }
-  out.scid = data + pos;
-  pos += out.scid_length;
   out.pn_offset = 0;
   out.protected_length = 0;
   if (out.version == kVersionNegotiation) {
     // The other bits of the first byte are the server's to choose; the
     // list of versions it offers is what must hold.
-    const size_t list = length - pos;
-    if (list == 0 || list % 4 != 0) {
+    if (r.Empty() || r.Left() % 4 != 0) {
       return HeaderStatus::kMalformed;
     }
-    for (size_t i = pos; i < length; i += 4) {
-      if (Load32(data + i) == kVersionNegotiation) {
+    while (!r.Empty()) {
+      if (r.U32() == kVersionNegotiation) {
         return HeaderStatus::kMalformed;
       }
     }
@@ -152,26 +137,22 @@ HeaderStatus ParseLongHeader(const uint8_t *data, size_t length, LongHeader &out
   out.type = out.version == kVersion2 ? kV2Types[bits] : kV1Types[bits];
   if (out.type == PacketType::kRetry) {
     // A token of some length and the 16-byte integrity tag.
-    if (length - pos < 16) {
+    if (r.Left() < 16) {
       return HeaderStatus::kMalformed;
     }
     out.packet_length = length;
     return HeaderStatus::kOk;
   }
-  if (out.type == PacketType::kInitial) {
-    uint64_t token = 0;
-    if (!ReadVarint(data, length, pos, token) || token > length - pos) {
-      return HeaderStatus::kMalformed;
-    }
-    pos += static_cast<size_t>(token);
-  }
-  uint64_t rest = 0;
-  if (!ReadVarint(data, length, pos, rest) || rest < kMinProtected || rest > length - pos) {
+  if (out.type == PacketType::kInitial && !SkipToken(r)) {
     return HeaderStatus::kMalformed;
   }
-  out.pn_offset = pos;
+  const uint64_t rest = r.QuicVarint();
+  if (!r.Ok() || rest < kMinProtected || rest > r.Left()) {
+    return HeaderStatus::kMalformed;
+  }
+  out.pn_offset = static_cast<size_t>(r.Here() - data);
   out.protected_length = static_cast<size_t>(rest);
-  out.packet_length = pos + static_cast<size_t>(rest);
+  out.packet_length = out.pn_offset + out.protected_length;
   return HeaderStatus::kOk;
 }
 
@@ -200,39 +181,36 @@ unsigned GoogleNumber(uint32_t version) {
 
 // The public header of Q024 to Q043.
 bool ParsePublicHeader(const uint8_t *data, size_t length, GoogleHeader &out) {
-  const uint8_t flags = data[0];
+  ByteReader r(data, length);
+  const uint32_t flags = r.U8();
   // Version present, no public reset, the unused high bits clear.
   if ((flags & 0xc3) != 0x01) {
     return false;
   }
-  size_t pos = 1;
   switch (flags & 0x0c) {
   case 0x00:
     break;
   case 0x08:
   case 0x0c:
-    pos += 8;
+    r.Skip(8);
     break;
   default:
     // 0x04 alone: a one-byte connection ID once, a server's nonce later;
     // no client sends it.
     return false;
   }
-  if (length < pos + 4) {
-    return false;
-  }
-  out.version = Load32(data + pos);
-  pos += 4;
-  if (out.version >> 24 != 'Q' || !GoogleVersion(out.version) || GoogleNumber(out.version) > 43) {
+  out.version = r.U32();
+  if (!r.Ok() || out.version >> 24 != 'Q' || !GoogleVersion(out.version) ||
+      GoogleNumber(out.version) > 43) {
     return false;
   }
   out.long_form = false;
   // A server's version negotiation: the versions it offers fill the rest.
-  const size_t rest = length - pos;
-  if (rest > 0 && rest % 4 == 0) {
+  if (!r.Empty() && r.Left() % 4 == 0) {
+    ByteReader offered = r;
     bool all = true;
-    for (size_t i = pos; i < length && all; i += 4) {
-      all = GoogleVersion(Load32(data + i));
+    while (all && !offered.Empty()) {
+      all = GoogleVersion(offered.U32());
     }
     if (all) {
       out.header_length = 0;
@@ -240,12 +218,11 @@ bool ParsePublicHeader(const uint8_t *data, size_t length, GoogleHeader &out) {
     }
   }
   static constexpr uint8_t kPacketNumber[4] = {1, 2, 4, 6};
-  pos += kPacketNumber[(flags >> 4) & 3];
-  // The 12-byte hash and at least one frame byte.
-  if (pos > length || length - pos < 12 + 1) {
+  // The packet number, then the 12-byte hash and at least one frame byte.
+  if (!r.Skip(kPacketNumber[(flags >> 4) & 3]) || r.Left() < 12 + 1) {
     return false;
   }
-  out.header_length = pos;
+  out.header_length = static_cast<size_t>(r.Here() - data);
   return true;
 }
 
@@ -254,7 +231,8 @@ bool ParseGoogleLongHeader(const uint8_t *data, size_t length, GoogleHeader &out
   if ((data[0] & 0xc0) != 0xc0 || length < 6) {
     return false;
   }
-  out.version = Load32(data + 1);
+  ByteReader r(data + 1, length - 1);
+  out.version = r.U32();
   if (!GoogleVersion(out.version)) {
     return false;
   }
@@ -265,39 +243,30 @@ bool ParseGoogleLongHeader(const uint8_t *data, size_t length, GoogleHeader &out
   }
   out.long_form = true;
   out.header_length = 0;
-  size_t pos = 5;
   if (!tls && number < 50) {
-    const unsigned dcid = data[pos] >> 4, scid = data[pos] & 0x0f;
-    ++pos;
+    const uint32_t lengths = r.U8();
+    const unsigned dcid = lengths >> 4, scid = lengths & 0x0f;
     const size_t ids = (dcid != 0 ? dcid + 3u : 0u) + (scid != 0 ? scid + 3u : 0u);
     const size_t packet_number = (data[0] & 3) + 1u;
-    return length - pos > ids + packet_number;
+    return r.Left() > ids + packet_number;
   }
-  const size_t dcid = data[pos++];
-  if (dcid > kMaxCid || length - pos < dcid + 1u) {
+  const uint32_t dcid = r.U8();
+  if (dcid > kMaxCid || !r.Skip(dcid)) {
     return false;
   }
-  pos += dcid;
-  const size_t scid = data[pos++];
-  if (scid > kMaxCid || length - pos < scid) {
+  const uint32_t scid = r.U8();
+  if (!r.Ok() || scid > kMaxCid || !r.Skip(scid)) {
     return false;
   }
-  pos += scid;
   if ((data[0] & 0x30) != 0) {
-    return length > pos;
+    return !r.Empty();
   }
   // An Initial: the token and the Length, as in the IETF form.
-  uint64_t token = 0, rest = 0;
-  if (!ReadVarint(data, length, pos, token) || token > length - pos) {
+  if (!SkipToken(r)) {
     return false;
   }
-  pos += static_cast<size_t>(token);
-  return ReadVarint(data, length, pos, rest) && rest >= kMinProtected && rest <= length - pos;
-}
-
-uint32_t Load32Le(const uint8_t *p) {
-  return static_cast<uint32_t>(p[3]) << 24 | static_cast<uint32_t>(p[2]) << 16 |
-         static_cast<uint32_t>(p[1]) << 8 | p[0];
+  const uint64_t rest = r.QuicVarint();
+  return r.Ok() && rest >= kMinProtected && rest <= r.Left();
 }
 
 bool HostChar(uint8_t c) {
@@ -326,18 +295,22 @@ bool FindChloServerName(const uint8_t *data, size_t length, const uint8_t *&name
     if (memcmp(data + at, "CHLO", 4) != 0) {
       continue;
     }
-    const uint32_t tags = data[at + 4] | static_cast<uint32_t>(data[at + 5]) << 8;
-    const size_t table = at + 8;
-    if (tags == 0 || tags > kMaxTags || (length - table) / 8 < tags) {
+    // The tag count (two bytes, little-endian, then two of padding), a
+    // table of tags with the end offsets of their values, the values.
+    ByteReader r(data + at + 4, length - at - 4);
+    const uint32_t tags = r.U16Le();
+    r.Skip(2);
+    if (tags == 0 || tags > kMaxTags || r.Left() / 8 < tags) {
       continue;
     }
-    const size_t values = table + static_cast<size_t>(tags) * 8;
+    ByteReader table = r.Sub(static_cast<size_t>(tags) * 8);
+    const uint8_t *values = r.Here();
     uint32_t previous_tag = 0, previous_end = 0;
     bool ok = true, found = false;
     size_t start = 0, end = 0;
     for (uint32_t i = 0; i < tags && ok; ++i) {
-      const uint32_t tag = Load32Le(data + table + i * 8u);
-      const uint32_t stop = Load32Le(data + table + i * 8u + 4);
+      const uint32_t tag = table.U32Le();
+      const uint32_t stop = table.U32Le();
       // Tags in rising order, each value after the one before.
       ok = (i == 0 || tag > previous_tag) && stop >= previous_end;
       if (ok && tag == kSni) {
@@ -348,15 +321,15 @@ bool FindChloServerName(const uint8_t *data, size_t length, const uint8_t *&name
       previous_tag = tag;
       previous_end = stop;
     }
-    if (!ok || !found || end <= start || end - start > 255 || end > length - values) {
+    if (!ok || !found || end <= start || end - start > 255 || end > r.Left()) {
       continue;
     }
-    for (size_t i = values + start; i < values + end; ++i) {
-      if (!HostChar(data[i])) {
+    for (size_t i = start; i < end; ++i) {
+      if (!HostChar(values[i])) {
         return false;
       }
     }
-    name = data + values + start;
+    name = values + start;
     name_length = end - start;
     return true;
   }
@@ -402,59 +375,66 @@ bool OpenInitial(const uint8_t *packet, const LongHeader &header, const InitialK
 }
 
 FrameStatus ParseFrames(const uint8_t *data, size_t length, CryptoCallback on_crypto, void *user) {
-  size_t pos = 0;
-  while (pos < length) {
-    uint64_t type = 0;
-    if (!ReadVarint(data, length, pos, type)) {
+  ByteReader r(data, length);
+  while (!r.Empty()) {
+    const uint64_t type = r.QuicVarint();
+    if (!r.Ok()) {
       return FrameStatus::kMalformed;
     }
-    uint64_t a = 0, b = 0, c = 0;
     switch (type) {
     case 0x00: // PADDING
     case 0x01: // PING
       break;
-    case 0x02:   // ACK
-    case 0x03: { // ACK with ECN counts
-      uint64_t ranges = 0;
-      if (!ReadVarint(data, length, pos, a) || !ReadVarint(data, length, pos, b) ||
-          !ReadVarint(data, length, pos, ranges) || !ReadVarint(data, length, pos, c)) {
-        return FrameStatus::kMalformed;
-      }
+    case 0x02:        // ACK
+    case 0x03: {      // ACK with ECN counts
+      r.QuicVarint(); // largest acknowledged
+      r.QuicVarint(); // delay
+      const uint64_t ranges = r.QuicVarint();
+      r.QuicVarint(); // first range
       // Each range is two numbers of at least a byte: a count beyond the
       // bytes left is malformed before the loop runs long.
-      if (ranges > (length - pos) / 2) {
+      if (!r.Ok() || ranges > r.Left() / 2) {
         return FrameStatus::kMalformed;
       }
-      for (uint64_t i = 0; i < ranges; ++i) {
-        if (!ReadVarint(data, length, pos, a) || !ReadVarint(data, length, pos, b)) {
-          return FrameStatus::kMalformed;
-        }
+      for (uint64_t i = 0; i < ranges && r.Ok(); ++i) {
+        r.QuicVarint(); // gap
+        r.QuicVarint(); // range
       }
-      if (type == 0x03 && (!ReadVarint(data, length, pos, a) || !ReadVarint(data, length, pos, b) ||
-                           !ReadVarint(data, length, pos, c))) {
+      if (type == 0x03) {
+        r.QuicVarint(); // ECT(0), ECT(1), ECN-CE counts
+        r.QuicVarint();
+        r.QuicVarint();
+      }
+      if (!r.Ok()) {
         return FrameStatus::kMalformed;
       }
       break;
     }
-    case 0x06: // CRYPTO
-      if (!ReadVarint(data, length, pos, a) || !ReadVarint(data, length, pos, b) ||
-          b > length - pos) {
+    case 0x06: { // CRYPTO
+      const uint64_t offset = r.QuicVarint();
+      const uint64_t n = r.QuicVarint();
+      if (!r.Ok() || n > r.Left()) {
         return FrameStatus::kMalformed;
       }
       if (on_crypto != nullptr) {
-        on_crypto(user, a, data + pos, static_cast<size_t>(b));
+        on_crypto(user, offset, r.Here(), static_cast<size_t>(n));
       }
-      pos += static_cast<size_t>(b);
+      r.Skip(static_cast<size_t>(n));
       break;
-    case 0x1c: // CONNECTION_CLOSE (transport)
-    case 0x1d: // CONNECTION_CLOSE (application)
-      if (!ReadVarint(data, length, pos, a) ||
-          (type == 0x1c && !ReadVarint(data, length, pos, b)) ||
-          !ReadVarint(data, length, pos, c) || c > length - pos) {
+    }
+    case 0x1c:        // CONNECTION_CLOSE (transport)
+    case 0x1d: {      // CONNECTION_CLOSE (application)
+      r.QuicVarint(); // error code
+      if (type == 0x1c) {
+        r.QuicVarint(); // frame type
+      }
+      const uint64_t reason = r.QuicVarint();
+      if (!r.Ok() || reason > r.Left()) {
         return FrameStatus::kMalformed;
       }
-      pos += static_cast<size_t>(c);
+      r.Skip(static_cast<size_t>(reason));
       break;
+    }
     default:
       return FrameStatus::kStopped;
     }
@@ -485,8 +465,7 @@ CryptoStream::State CryptoStream::GetState() const {
   if (m_prefix < 4) {
     return State::kNeedMore;
   }
-  const uint32_t total = 4u + (static_cast<uint32_t>(m_data[1]) << 16 |
-                               static_cast<uint32_t>(m_data[2]) << 8 | m_data[3]);
+  const uint32_t total = Declared();
   if (total > kCapacity) {
     return State::kTooLarge;
   }
@@ -497,8 +476,11 @@ uint32_t CryptoStream::MessageLength() const {
   if (GetState() != State::kReady) {
     return 0;
   }
-  return 4u + (static_cast<uint32_t>(m_data[1]) << 16 | static_cast<uint32_t>(m_data[2]) << 8 |
-               m_data[3]);
+  return Declared();
+}
+
+uint32_t CryptoStream::Declared() const {
+  return 4u + ByteReader(m_data + 1, 3).U24();
 }
 
 } // namespace kest_quic

@@ -20,10 +20,6 @@ constexpr uint32_t kVersion1 = 0x00000001;
 constexpr uint32_t kVersion2 = 0x6b3343cf;
 constexpr size_t kMaxCid = 20;
 
-// A variable-length integer at data[pos]; advances pos. False when it runs
-// past `length`.
-bool ReadVarint(const uint8_t *data, size_t length, size_t &pos, uint64_t &out);
-
 // Versions a datagram may name QUIC with: 1, 2, the IETF drafts and the
 // version negotiation packet.
 bool KnownVersion(uint32_t version);
@@ -164,6 +160,8 @@ public:
 
 private:
   bool Have(uint32_t i) const { return (m_have[i >> 3] >> (i & 7)) & 1; }
+  // The first message's length with its header, as the header says.
+  uint32_t Declared() const;
 
   uint8_t m_data[kCapacity] = {};
   uint8_t m_have[kCapacity / 8] = {};

@@ -1,90 +1,46 @@
 #include "tls/TlsHello.h"
 
 #include <kest.h>
+#include <kest/kit/ByteReader.h>
 #include <string.h>
 
 namespace kest_tls {
 
 namespace {
 
-// A bounded reader: every read checks what is left and a failed read leaves
-// the reader spent, so that a chain of reads needs one test at its end.
-class Reader {
-public:
-  Reader(const uint8_t *data, size_t length) : m_p(data), m_left(length) {}
-
-  bool Ok() const { return m_ok; }
-  size_t Left() const { return m_left; }
-  const uint8_t *Here() const { return m_p; }
-
-  uint32_t U8() { return Take(1) ? m_p[-1] : 0; }
-  uint32_t U16() { return Take(2) ? (static_cast<uint32_t>(m_p[-2]) << 8 | m_p[-1]) : 0; }
-  uint32_t U24() {
-    return Take(3) ? (static_cast<uint32_t>(m_p[-3]) << 16 | static_cast<uint32_t>(m_p[-2]) << 8 |
-                      m_p[-1])
-                   : 0;
-  }
-  bool Skip(size_t n) { return Take(n); }
-  // A sub-reader over the next `n` bytes, which this reader passes.
-  Reader Sub(size_t n) {
-    const uint8_t *at = m_p;
-    return Take(n) ? Reader(at, n) : Reader(nullptr, 0, false);
-  }
-
-private:
-  Reader(const uint8_t *data, size_t length, bool ok) : m_p(data), m_left(length), m_ok(ok) {}
-  bool Take(size_t n) {
-    if (!m_ok || n > m_left) {
-      m_ok = false;
-      m_left = 0;
-      return false;
-    }
-    m_p += n;
-    m_left -= n;
-    return true;
-  }
-
-  const uint8_t *m_p;
-  size_t m_left;
-  bool m_ok = true;
-};
+using oru::kit::ByteReader;
 
 char Printable(uint8_t c) {
   return c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '?';
 }
 
-void ReadServerName(Reader r, HelloInfo &out) {
-  Reader list = r.Sub(r.U16());
-  while (list.Ok() && list.Left() != 0) {
-    const uint32_t name_type = list.U8();
-    Reader name = list.Sub(list.U16());
-    if (!list.Ok()) {
-      return;
-    }
-    if (name_type != 0 || name.Left() == 0) {
-      continue;
+void ReadServerName(ByteReader r, HelloInfo &out) {
+  // The first name of type host_name (0) that is not empty.
+  r.Prefixed(2).Tlv(1, 2, [&out](uint64_t name_type, ByteReader name) {
+    if (name_type != 0 || name.Empty()) {
+      return true;
     }
     // A name longer than any DNS name is not one: leave it out.
-    if (name.Left() > HelloInfo::kMaxName) {
-      return;
-    }
     const size_t n = name.Left();
+    if (n > HelloInfo::kMaxName) {
+      return false;
+    }
     for (size_t i = 0; i < n; ++i) {
       out.server_name[i] = Printable(name.Here()[i]);
     }
     out.server_name[n] = '\0';
     out.server_name_length = static_cast<uint16_t>(n);
     out.has_server_name = true;
-    return;
-  }
+    return false;
+  });
 }
 
-void ReadAlpn(Reader r, HelloInfo &out) {
-  Reader list = r.Sub(r.U16());
+void ReadAlpn(ByteReader r, HelloInfo &out) {
+  ByteReader list = r.Prefixed(2);
   size_t used = 0;
   bool first = true;
   while (list.Ok() && list.Left() != 0) {
-    Reader name = list.Sub(list.U8());
+    ByteReader name = list.Prefixed(1);
     if (!list.Ok()) {
       break;
     }
@@ -112,8 +68,8 @@ void ReadAlpn(Reader r, HelloInfo &out) {
   out.has_alpn = !first;
 }
 
-void ReadSigAlgs(Reader r, HelloInfo &out) {
-  Reader list = r.Sub(r.U16());
+void ReadSigAlgs(ByteReader r, HelloInfo &out) {
+  ByteReader list = r.Prefixed(2);
   while (list.Ok() && list.Left() >= 2) {
     const uint16_t v = static_cast<uint16_t>(list.U16());
     if (out.sig_alg_count == HelloInfo::kMaxSigAlgs) {
@@ -124,7 +80,7 @@ void ReadSigAlgs(Reader r, HelloInfo &out) {
   }
 }
 
-void ReadSupportedVersions(Reader r, bool client, HelloInfo &out) {
+void ReadSupportedVersions(ByteReader r, bool client, HelloInfo &out) {
   if (!client) {
     const uint16_t v = static_cast<uint16_t>(r.U16());
     if (r.Ok()) {
@@ -132,7 +88,7 @@ void ReadSupportedVersions(Reader r, bool client, HelloInfo &out) {
     }
     return;
   }
-  Reader list = r.Sub(r.U8());
+  ByteReader list = r.Prefixed(1);
   while (list.Ok() && list.Left() >= 2) {
     uint16_t v = static_cast<uint16_t>(list.U16());
     if (VersionText(v) == nullptr) {
@@ -147,23 +103,18 @@ void ReadSupportedVersions(Reader r, bool client, HelloInfo &out) {
   }
 }
 
-bool ReadExtensions(Reader &body, bool client, HelloInfo &out) {
+bool ReadExtensions(ByteReader &body, bool client, HelloInfo &out) {
   // Hellos of old versions may end before the extensions.
   if (body.Left() == 0) {
     return true;
   }
-  Reader all = body.Sub(body.U16());
+  ByteReader all = body.Prefixed(2);
   if (!body.Ok() || body.Left() != 0) {
     return false;
   }
-  while (all.Left() != 0) {
-    const uint16_t type = static_cast<uint16_t>(all.U16());
-    Reader data = all.Sub(all.U16());
-    if (!all.Ok()) {
-      return false;
-    }
+  return all.Tlv(2, 2, [client, &out](uint64_t type, ByteReader data) {
     if (out.extension_count < HelloInfo::kMaxExtensions) {
-      out.extensions[out.extension_count++] = type;
+      out.extensions[out.extension_count++] = static_cast<uint16_t>(type);
     } else {
       out.lists_cut = true;
     }
@@ -187,8 +138,8 @@ bool ReadExtensions(Reader &body, bool client, HelloInfo &out) {
     default:
       break;
     }
-  }
-  return true;
+    return true;
+  });
 }
 
 } // namespace
@@ -198,7 +149,7 @@ ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out) {
   if (data == nullptr) {
     return ParseStatus::kMalformed;
   }
-  Reader message(data, length);
+  ByteReader message(data, length);
   const uint32_t type = message.U8();
   const uint32_t body_length = message.U24();
   if (!message.Ok() || (type != kClientHello && type != kServerHello) ||
@@ -207,7 +158,7 @@ ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out) {
   }
   const bool client = type == kClientHello;
   out.type = static_cast<uint8_t>(type);
-  Reader body = message.Sub(body_length);
+  ByteReader body = message.Sub(body_length);
   out.legacy_version = static_cast<uint16_t>(body.U16());
   body.Skip(32); // random
   const uint32_t session_id = body.U8();
@@ -217,7 +168,7 @@ ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out) {
   body.Skip(session_id);
   if (client) {
     const uint32_t cipher_bytes = body.U16();
-    Reader ciphers = body.Sub(cipher_bytes);
+    ByteReader ciphers = body.Sub(cipher_bytes);
     if (!body.Ok() || cipher_bytes < 2 || cipher_bytes % 2 != 0) {
       return ParseStatus::kMalformed;
     }
@@ -275,9 +226,11 @@ HelloAssembler::State HelloAssembler::Fail() {
 }
 
 bool HelloAssembler::CheckRecordHeader() {
-  const uint32_t version = static_cast<uint32_t>(m_header[1]) << 8 | m_header[2];
-  const uint32_t length = static_cast<uint32_t>(m_header[3]) << 8 | m_header[4];
-  return m_header[0] == 22 && version >= 0x0301 && version <= 0x0304 && length != 0 &&
+  ByteReader header(m_header, sizeof m_header);
+  const uint32_t type = header.U8();
+  const uint32_t version = header.U16();
+  const uint32_t length = header.U16();
+  return type == 22 && version >= 0x0301 && version <= 0x0304 && length != 0 &&
          length <= kMaxRecord;
 }
 
@@ -301,8 +254,9 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
       if (m_header[0] == 21) {
         // An alert before the hello (a server's warning that it does not
         // know the name asked for, say): two bytes, passed over.
-        const uint32_t version = static_cast<uint32_t>(m_header[1]) << 8 | m_header[2];
-        if (version < 0x0301 || version > 0x0304 || m_header[3] != 0 || m_header[4] != 2) {
+        ByteReader header(m_header + 1, sizeof m_header - 1);
+        const uint32_t version = header.U16();
+        if (version < 0x0301 || version > 0x0304 || header.U16() != 2) {
           return Fail();
         }
         m_skip = true;
@@ -319,7 +273,7 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
         return Fail();
       }
       m_header_checked = true;
-      m_record_left = static_cast<uint32_t>(m_header[3]) << 8 | m_header[4];
+      m_record_left = ByteReader(m_header + 3, 2).U16();
       continue;
     }
     size_t n = length < m_record_left ? length : m_record_left;
@@ -341,8 +295,7 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
       if (m_hs_have < sizeof m_hs_header) {
         continue;
       }
-      const uint32_t body = static_cast<uint32_t>(m_hs_header[1]) << 16 |
-                            static_cast<uint32_t>(m_hs_header[2]) << 8 | m_hs_header[3];
+      const uint32_t body = ByteReader(m_hs_header + 1, 3).U24();
       // 38 bytes: the smallest ServerHello body (version, random, empty
       // session id, suite, compression).
       if (body < 38 || body > kMaxHandshake - sizeof m_hs_header) {

@@ -21,8 +21,12 @@
 // messages, naming the protocol, and one rule for publishing attributes.
 //
 // A decoder may also have a per-thread D::Thread (made at thread start,
-// Session::thread()), and for records an Early(session, head) test that
-// judges the start of a record not yet whole (kNotMine leaves).
+// Session::thread()), for records an Early(session, head) test that
+// judges the start of a record not yet whole (kNotMine leaves), and a
+// Leave(session), run when the inspector leaves a connection that is the
+// thread's active one (after a verdict to leave, or at the connection's
+// end): the last chance to publish what waited. Session::side() means
+// nothing there.
 //
 // Framing (Spec::tcp_framing; UDP is always one datagram per message):
 //   kDatagram  UDP only.
@@ -105,6 +109,7 @@ struct ExpectFormat {
 
 constexpr int kMaxProtocols = 4;
 constexpr int kMaxAttributes = 16;
+constexpr int kMaxBorrowed = 4;
 constexpr int kMaxPorts = 16;
 
 struct Spec {
@@ -118,6 +123,12 @@ struct Spec {
   const char *protocols[kMaxProtocols] = {};
   // Attribute names; Session::Publish(i, ...) reports the i-th.
   const char *attributes[kMaxAttributes] = {};
+  // Attribute names of another decoder that this one reports too (QUIC
+  // reports the TLS decoder's "tls.server_name"), numbered for
+  // Session::Publish after `attributes`. They are registered at link, once
+  // every plug-in of the thread has started, and only when none did: their
+  // own decoder keeps them whatever the order of the plug-ins.
+  const char *borrowed[kMaxBorrowed] = {};
   // Where the decoder runs (every port), and the ports tried first.
   bool tcp = false;
   uint16_t tcp_ports[kMaxPorts] = {};
@@ -143,6 +154,17 @@ struct Spec {
       ++n;
     }
     return n;
+  }
+  constexpr int BorrowedCount() const {
+    int n = 0;
+    while (n < kMaxBorrowed && borrowed[n] != nullptr) {
+      ++n;
+    }
+    return n;
+  }
+  // The i-th attribute name for Session::Publish, borrowed ones included.
+  constexpr const char *AttributeName(int i) const {
+    return i < AttributeCount() ? attributes[i] : borrowed[i - AttributeCount()];
   }
   constexpr size_t PortCount(const uint16_t *ports) const {
     size_t n = 0;
@@ -185,8 +207,8 @@ public:
     for (int i = 0; i < spec.ProtocolCount(); ++i) {
       oru::RegisterProtocol(spec.protocols[i]);
     }
-    for (int i = 0; i < spec.AttributeCount(); ++i) {
-      oru::AttributeMgr::Create(oru::fdt::string(spec.attributes[i]));
+    for (int i = 0; i < spec.AttributeCount() + spec.BorrowedCount(); ++i) {
+      oru::AttributeMgr::Create(oru::fdt::string(spec.AttributeName(i)));
     }
     return oru::InterfaceBroker::RegisterModule(spec.module, spec.ModuleName());
   }
@@ -216,11 +238,22 @@ public:
     }
     return true;
   }
+  // Thread link, after every plug-in's start: the borrowed attributes that
+  // no plug-in registered. The kit's framed inspector calls it; an
+  // inspector of a decoder's own calls it from its Link.
+  void Link() {
+    oru::AttributeMgr *manager = oru::AttributeMgr::Instance();
+    for (int i = Own(); manager != nullptr && i < Count(); ++i) {
+      const char *name = m_spec->AttributeName(i);
+      m_own[i] =
+          !manager->IsRegistered(name) && manager->Register(oru::fdt::string(name), &m_ids[i]);
+    }
+  }
   void Stop() {
     oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
-    for (int i = 0; m_spec != nullptr && i < m_spec->AttributeCount(); ++i) {
+    for (int i = 0; i < Count(); ++i) {
       if (m_own[i] && manager != nullptr) {
-        manager->Unregister(oru::fdt::string(m_spec->attributes[i]));
+        manager->Unregister(oru::fdt::string(m_spec->AttributeName(i)));
       }
       m_own[i] = false;
       m_ids[i] = 0;
@@ -230,14 +263,14 @@ public:
   uint32_t Proto(int i = 0) const { return i >= 0 && i < kMaxProtocols ? m_proto[i] : 0; }
   // The attribute's identifier now; 0 while nobody listens.
   int Id(int attribute) const {
-    if (attribute < 0 || attribute >= kMaxAttributes || m_spec == nullptr) {
+    if (attribute < 0 || attribute >= Count()) {
       return 0;
     }
     if (m_own[attribute]) {
       return m_ids[attribute];
     }
     oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
-    return manager != nullptr ? manager->PlainId(m_spec->attributes[attribute]) : 0;
+    return manager != nullptr ? manager->PlainId(m_spec->AttributeName(attribute)) : 0;
   }
   void Publish(int attribute, const void *value, size_t length) const {
     PublishAttribute(Id(attribute), value, length);
@@ -245,10 +278,13 @@ public:
   const Spec &spec() const { return *m_spec; }
 
 private:
+  int Own() const { return m_spec != nullptr ? m_spec->AttributeCount() : 0; }
+  int Count() const { return m_spec != nullptr ? Own() + m_spec->BorrowedCount() : 0; }
+
   const Spec *m_spec = nullptr;
   uint32_t m_proto[kMaxProtocols] = {};
-  int m_ids[kMaxAttributes] = {};
-  bool m_own[kMaxAttributes] = {};
+  int m_ids[kMaxAttributes + kMaxBorrowed] = {};
+  bool m_own[kMaxAttributes + kMaxBorrowed] = {};
 };
 
 // Per-connection values of type T, by connection number, on one thread.
@@ -398,6 +434,8 @@ public:
       m_scratch = nullptr;
     }
   }
+  // Every plug-in of the thread has started.
+  void Link() { m_reg.Link(); }
   const Registration &registration() const { return m_reg; }
   size_t Connections() const { return m_conns.Size(); }
 
@@ -442,6 +480,15 @@ public:
       m_inside = conn.get();
       entry->inner->End(conn);
       m_inside = nullptr;
+    }
+    if constexpr (requires(Session<D> & s) { D::Leave(s); }) {
+      // Attributes go to the active connection: for another, nothing is said.
+      if (entry != nullptr && m_thread != nullptr &&
+          oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn) == conn.get()) {
+        const typename Session<D>::Links links{m_reg, *m_thread, m_expected};
+        Session<D> session(links, entry->state, *conn, 0, entry->named, entry->hand_on);
+        D::Leave(session);
+      }
     }
     m_conns.Drop(*conn);
   }

@@ -34,6 +34,14 @@ inline Bytes CryptoFrame(uint64_t offset, const uint8_t *data, size_t length) {
   return f;
 }
 
+// AES-128-GCM encryption, which the decoder itself never needs: the key
+// stream over the plain text, then the tag over the result.
+inline void Seal(const kest_quic::Gcm128 &gcm, const uint8_t *nonce, const uint8_t *aad,
+                 size_t aad_length, const uint8_t *in, size_t length, uint8_t *out, uint8_t *tag) {
+  gcm.Ctr(nonce, in, length, out);
+  gcm.Tag(nonce, aad, aad_length, out, length, tag);
+}
+
 // A protected client Initial of `version` with a 4-byte packet number,
 // its frames padded to at least `pad_to` bytes.
 inline Bytes ClientInitial(uint32_t version, const Bytes &dcid, const Bytes &scid, uint32_t pn,
@@ -68,8 +76,8 @@ inline Bytes ClientInitial(uint32_t version, const Bytes &dcid, const Bytes &sci
   gcm.SetKey(keys.key);
   const size_t header_length = packet.size();
   packet.resize(header_length + frames.size() + 16);
-  gcm.Seal(nonce, packet.data(), header_length, frames.data(), frames.size(),
-           packet.data() + header_length, packet.data() + header_length + frames.size());
+  Seal(gcm, nonce, packet.data(), header_length, frames.data(), frames.size(),
+       packet.data() + header_length, packet.data() + header_length + frames.size());
   AES_KEY hp;
   AES_set_encrypt_key(keys.hp, 128, &hp);
   uint8_t mask[16];
