@@ -1,11 +1,11 @@
-#include "sip/Media.h"
+#include "message/Media.h"
 
 #include <kest/kit/AddressText.h>
 
 #include <kest/PktInfo.h>
 #include <kest/Runtime.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 namespace {
 
@@ -272,4 +272,4 @@ void MediaInspector::Expect(const oru::Conn &conn, const MediaList &media,
   }
 }
 
-} // namespace kest_sip
+} // namespace kest_message

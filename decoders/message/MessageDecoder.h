@@ -6,11 +6,11 @@
 //
 // Each plug-in (decoders/sip, decoders/rtsp, decoders/ssdp) is a
 // PluginInfo handed to the entry points at the bottom.
-#ifndef KEST_DECODERS_SIP_MESSAGEDECODER_H
-#define KEST_DECODERS_SIP_MESSAGEDECODER_H
+#ifndef KEST_DECODERS_MESSAGE_MESSAGEDECODER_H
+#define KEST_DECODERS_MESSAGE_MESSAGEDECODER_H
 
-#include "sip/Media.h"
-#include "sip/MessageLine.h"
+#include "message/Media.h"
+#include "message/MessageLine.h"
 
 #include <kest/InterfaceBroker.h>
 #include <kest/Plugin.h>
@@ -19,7 +19,7 @@
 #include <kest/WebDpiLauncher.h>
 #include <stdint.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 struct PluginInfo {
   const char *name;
@@ -143,6 +143,6 @@ template <const PluginInfo *kInfo> struct PluginEntries {
                                                    ExitThread, ExitInstance};
 };
 
-} // namespace kest_sip
+} // namespace kest_message
 
 #endif

@@ -7,8 +7,8 @@
 //
 // The parsers are pure functions of the bytes, for the tests and the fuzz
 // target; the expectation needs a thread of the instance.
-#ifndef KEST_DECODERS_SIP_MEDIA_H
-#define KEST_DECODERS_SIP_MEDIA_H
+#ifndef KEST_DECODERS_MESSAGE_MEDIA_H
+#define KEST_DECODERS_MESSAGE_MEDIA_H
 
 #include <kest/kit/ExpectedFlows.h>
 
@@ -19,7 +19,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 // One announced end point; an all-zero address is not known (the caller
 // fills in the sender's address).
@@ -77,6 +77,6 @@ private:
   uint32_t m_rtcp;
 };
 
-} // namespace kest_sip
+} // namespace kest_message
 
 #endif

@@ -7,21 +7,21 @@
 // Like the HTTP decoder's judgement it waits for the whole line before it
 // says yes, and gives up on a line longer than kMaxFirstLine, so that an
 // undecided side keeps a bounded number of bytes.
-#ifndef KEST_DECODERS_SIP_MESSAGELINE_H
-#define KEST_DECODERS_SIP_MESSAGELINE_H
+#ifndef KEST_DECODERS_MESSAGE_MESSAGELINE_H
+#define KEST_DECODERS_MESSAGE_MESSAGELINE_H
 
 #include <kest/FlowBuffer.h>
 #include <stddef.h>
 #include <stdint.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 struct Word {
   const char *text;
   uint8_t length;
 };
 
-#define KEST_SIP_WORD(text)                                                                        \
+#define KEST_MESSAGE_WORD(text)                                                                    \
   Word {                                                                                           \
     text, sizeof(text) - 1                                                                         \
   }
@@ -61,6 +61,6 @@ extern const Dialect kSip;
 extern const Dialect kRtsp;
 extern const Dialect kSsdp;
 
-} // namespace kest_sip
+} // namespace kest_message
 
 #endif

@@ -1,30 +1,32 @@
-#include "sip/MessageLine.h"
+#include "message/MessageLine.h"
 
 #include <kest/kit/FlowView.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 namespace {
 
-const Word kSipVersions[] = {KEST_SIP_WORD("SIP/2.0")};
+const Word kSipVersions[] = {KEST_MESSAGE_WORD("SIP/2.0")};
 const Word kSipMethods[] = {
-    KEST_SIP_WORD("INVITE"),  KEST_SIP_WORD("ACK"),       KEST_SIP_WORD("BYE"),
-    KEST_SIP_WORD("CANCEL"),  KEST_SIP_WORD("OPTIONS"),   KEST_SIP_WORD("REGISTER"),
-    KEST_SIP_WORD("PRACK"),   KEST_SIP_WORD("SUBSCRIBE"), KEST_SIP_WORD("NOTIFY"),
-    KEST_SIP_WORD("PUBLISH"), KEST_SIP_WORD("INFO"),      KEST_SIP_WORD("REFER"),
-    KEST_SIP_WORD("MESSAGE"), KEST_SIP_WORD("UPDATE"),
+    KEST_MESSAGE_WORD("INVITE"),  KEST_MESSAGE_WORD("ACK"),       KEST_MESSAGE_WORD("BYE"),
+    KEST_MESSAGE_WORD("CANCEL"),  KEST_MESSAGE_WORD("OPTIONS"),   KEST_MESSAGE_WORD("REGISTER"),
+    KEST_MESSAGE_WORD("PRACK"),   KEST_MESSAGE_WORD("SUBSCRIBE"), KEST_MESSAGE_WORD("NOTIFY"),
+    KEST_MESSAGE_WORD("PUBLISH"), KEST_MESSAGE_WORD("INFO"),      KEST_MESSAGE_WORD("REFER"),
+    KEST_MESSAGE_WORD("MESSAGE"), KEST_MESSAGE_WORD("UPDATE"),
 };
 
-const Word kRtspVersions[] = {KEST_SIP_WORD("RTSP/1.0"), KEST_SIP_WORD("RTSP/2.0")};
+const Word kRtspVersions[] = {KEST_MESSAGE_WORD("RTSP/1.0"), KEST_MESSAGE_WORD("RTSP/2.0")};
 const Word kRtspMethods[] = {
-    KEST_SIP_WORD("OPTIONS"),  KEST_SIP_WORD("DESCRIBE"),      KEST_SIP_WORD("ANNOUNCE"),
-    KEST_SIP_WORD("SETUP"),    KEST_SIP_WORD("PLAY"),          KEST_SIP_WORD("PAUSE"),
-    KEST_SIP_WORD("TEARDOWN"), KEST_SIP_WORD("GET_PARAMETER"), KEST_SIP_WORD("SET_PARAMETER"),
-    KEST_SIP_WORD("REDIRECT"), KEST_SIP_WORD("RECORD"),        KEST_SIP_WORD("PLAY_NOTIFY"),
+    KEST_MESSAGE_WORD("OPTIONS"),       KEST_MESSAGE_WORD("DESCRIBE"),
+    KEST_MESSAGE_WORD("ANNOUNCE"),      KEST_MESSAGE_WORD("SETUP"),
+    KEST_MESSAGE_WORD("PLAY"),          KEST_MESSAGE_WORD("PAUSE"),
+    KEST_MESSAGE_WORD("TEARDOWN"),      KEST_MESSAGE_WORD("GET_PARAMETER"),
+    KEST_MESSAGE_WORD("SET_PARAMETER"), KEST_MESSAGE_WORD("REDIRECT"),
+    KEST_MESSAGE_WORD("RECORD"),        KEST_MESSAGE_WORD("PLAY_NOTIFY"),
 };
 
-const Word kSsdpVersions[] = {KEST_SIP_WORD("HTTP/1.1"), KEST_SIP_WORD("HTTP/1.0")};
-const Word kSsdpMethods[] = {KEST_SIP_WORD("M-SEARCH"), KEST_SIP_WORD("NOTIFY")};
+const Word kSsdpVersions[] = {KEST_MESSAGE_WORD("HTTP/1.1"), KEST_MESSAGE_WORD("HTTP/1.0")};
+const Word kSsdpMethods[] = {KEST_MESSAGE_WORD("M-SEARCH"), KEST_MESSAGE_WORD("NOTIFY")};
 
 template <size_t N> constexpr size_t Count(const Word (&)[N]) {
   return N;
@@ -175,4 +177,4 @@ FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from, uint64_t en
                                                              : FirstLine::kNo;
 }
 
-} // namespace kest_sip
+} // namespace kest_message

@@ -1,4 +1,4 @@
-#include "sip/MessageDecoder.h"
+#include "message/MessageDecoder.h"
 
 #include "transport/TransportPlugin.h"
 #include <kest/kit/Attach.h>
@@ -7,7 +7,7 @@
 #include <kest/ProtocolRegistry.h>
 #include <kest/fdt/ObjectPrefix.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 namespace {
 
@@ -455,4 +455,4 @@ void PluginExitInstance(const PluginInfo &info) {
   oru::InterfaceBroker::UnregisterModule(info.module, info.module_name);
 }
 
-} // namespace kest_sip
+} // namespace kest_message
