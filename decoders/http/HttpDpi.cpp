@@ -1,11 +1,16 @@
 #include "http/HttpDpi.h"
 
-#include "http/HttpSniff.h"
+#include "message/MessageLine.h"
 #include <kest/kit/Attach.h>
 
 #include <kest/fdt/ObjectPrefix.h>
 
 namespace kest_http {
+
+using kest_message::FirstLine;
+using kest_message::HintsAtProtocol;
+using kest_message::JudgeOpening;
+using kest_message::kHttp;
 
 namespace {
 
@@ -37,27 +42,6 @@ bool ValueHas(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, const c
   return false;
 }
 
-// What a side's first line says. A side whose first byte is no longer held
-// was judged before and let go (its bytes flushed): not HTTP.
-FirstLine Judge(const oru::FlowBuffer &flow) {
-  if (flow.Begin() != 0 || flow.End() == 0) {
-    return FirstLine::kNotHttp;
-  }
-  return SniffFirstLine(flow, 0);
-}
-
-// Whether a side's rejected first line still names HTTP/1.x: a client that
-// sends a malformed request line ("GET/ HTTP/1.1") to a server that answers
-// with a status line. Only then is the other side's first line waited for,
-// so that other protocols' connections are not held up.
-bool NamesHttp(const oru::FlowBuffer &flow) {
-  if (flow.Begin() != 0 || flow.End() == 0) {
-    return false;
-  }
-  const uint64_t nl = flow.Find(0, '\n', kMaxFirstLine);
-  return flow.Find(0, "HTTP/1.", 7, nl) != flow.End();
-}
-
 } // namespace
 
 unsigned int HttpLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
@@ -65,7 +49,7 @@ unsigned int HttpLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, or
   const unsigned char side = SideOf(*conn);
   oru::FlowBuffer &own = conn->m_flow[side];
   const oru::FlowBuffer &other = conn->m_flow[1 - side];
-  const FirstLine line = Judge(own);
+  const FirstLine line = JudgeOpening(own, kHttp);
   if (line == FirstLine::kRequest || line == FirstLine::kResponse) {
     // A connection that something named before (a host's rule on the
     // transport) keeps that name: its messages are read, its stack is left.
@@ -80,9 +64,10 @@ unsigned int HttpLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, or
     // The line's bytes must outlive the packet until it is whole.
     return own.Sync() ? oru::INSPECT_STAY : oru::INSPECT_FINISHED;
   }
-  if (other.m_next_pos == 0 ? NamesHttp(own) : Judge(other) == FirstLine::kNeedMore) {
+  if (other.m_next_pos == 0 ? HintsAtProtocol(own, kHttp)
+                            : JudgeOpening(other, kHttp) == FirstLine::kNeedMore) {
     // The other side decides; this side's bytes need not stay.
-    if (own.m_next_pos < kMaxFirstLine) {
+    if (own.m_next_pos < kHttp.max_first_line) {
       return oru::INSPECT_STAY;
     }
   }

@@ -3,7 +3,7 @@
 // inspector per thread on every TCP port, tried first on HTTP's usual ports.
 #include "http/HttpDpi.h"
 #include "http/HttpRules.h"
-#include "http/HttpSniff.h"
+#include "message/MessageLine.h"
 #include "transport/TransportPlugin.h"
 #include <kest/kit/Attach.h>
 
@@ -52,9 +52,9 @@ bool StartThreadState() {
   if (t_thread == nullptr) {
     return false;
   }
-  for (size_t i = 0; i < kest_http::kMethodCount; ++i) {
-    const kest_http::MethodName &m = kest_http::kMethods[i];
-    if (!t_thread->methods.push_back(oru::WebMethod{m.name, m.length})) {
+  const kest_message::Dialect &d = kest_message::kHttp;
+  for (size_t i = 0; i < d.method_count; ++i) {
+    if (!t_thread->methods.push_back(oru::WebMethod{d.methods[i].text, d.methods[i].length})) {
       return false;
     }
   }

@@ -93,35 +93,6 @@ bool Named(oru::Conn &conn, uint32_t proto) {
   return false;
 }
 
-// Whether a rejected first line still carries the protocol's version word:
-// then the other side's first line is worth waiting for.
-bool NamesProtocol(const oru::FlowBuffer &flow, const Dialect &dialect) {
-  if (flow.Begin() != 0 || flow.End() == 0) {
-    return false;
-  }
-  // Text starts with a visible byte (or the blank lines the reader skips):
-  // binary streams need no search for the version.
-  const unsigned char first = static_cast<unsigned char>(flow.At(0));
-  if ((first < 0x21 || first > 0x7e) && first != '\r' && first != '\n') {
-    return false;
-  }
-  const uint64_t nl = flow.Find(0, '\n', kMaxFirstLine);
-  const Word &v = dialect.versions[0];
-  // The version up to and including its "/".
-  unsigned int n = 0;
-  while (n < v.length && v.text[n] != '/') {
-    ++n;
-  }
-  return flow.Find(0, v.text, n + 1, nl) != flow.End();
-}
-
-FirstLine Judge(const oru::FlowBuffer &flow, const Dialect &dialect) {
-  if (flow.Begin() != 0 || flow.End() == 0) {
-    return FirstLine::kNo;
-  }
-  return SniffFirstLine(flow, 0, flow.End(), dialect);
-}
-
 } // namespace
 
 void AnnounceBody(MessageThread &thread, oru::Conn &conn, unsigned char side,
@@ -162,7 +133,7 @@ unsigned int MessageLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt,
   const unsigned char side = SideOf(*conn);
   oru::FlowBuffer &own = conn->m_flow[side];
   const oru::FlowBuffer &other = conn->m_flow[1 - side];
-  const FirstLine line = Judge(own, dialect);
+  const FirstLine line = JudgeOpening(own, dialect);
   if (line == FirstLine::kRequest || line == FirstLine::kResponse) {
     if (!conn->PushProtocol(m_thread->proto)) {
       return oru::INSPECT_FINISHED;
@@ -172,9 +143,9 @@ unsigned int MessageLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt,
   if (line == FirstLine::kNeedMore) {
     return own.Sync() ? oru::INSPECT_STAY : oru::INSPECT_FINISHED;
   }
-  if (other.m_next_pos == 0 ? NamesProtocol(own, dialect)
-                            : Judge(other, dialect) == FirstLine::kNeedMore) {
-    if (own.m_next_pos < kMaxFirstLine) {
+  if (other.m_next_pos == 0 ? HintsAtProtocol(own, dialect)
+                            : JudgeOpening(other, dialect) == FirstLine::kNeedMore) {
+    if (own.m_next_pos < dialect.max_first_line) {
       return oru::INSPECT_STAY;
     }
   }

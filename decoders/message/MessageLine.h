@@ -1,11 +1,13 @@
 // Whether the first line of a message is a request or status line of one
-// web-shaped protocol (SIP, RTSP, SSDP): "INVITE sip:bob@b.example SIP/2.0",
-// "SIP/2.0 180 Ringing", "M-SEARCH * HTTP/1.1". The protocol's words (its
-// versions and methods) come in a Dialect, so the three plug-ins share the
-// judgement; it reads the reassembled bytes only, never the ports.
+// line-and-header protocol (HTTP, SIP, RTSP, SSDP): "GET /x HTTP/1.1",
+// "INVITE sip:bob@b.example SIP/2.0", "SIP/2.0 180 Ringing",
+// "M-SEARCH * HTTP/1.1". A protocol's words (its versions and methods) and
+// bounds come in a Dialect, so the four decoders share the judgement; it
+// reads the reassembled bytes only, never the ports.
 //
-// Like the HTTP decoder's judgement it waits for the whole line before it
-// says yes, and gives up on a line longer than kMaxFirstLine, so that an
+// The judgement waits for the whole line before it says yes, so that it
+// never names a connection that the message inspector then cannot read, and
+// gives up on a line longer than the dialect's max_first_line, so that an
 // undecided side keeps a bounded number of bytes.
 #ifndef KEST_DECODERS_MESSAGE_MESSAGELINE_H
 #define KEST_DECODERS_MESSAGE_MESSAGELINE_H
@@ -29,15 +31,26 @@ struct Word {
 struct Dialect {
   // The protocol word that versions start with ("SIP"), as the message
   // inspector wants it.
-  const char *protocol;
-  // Whole version tokens ("SIP/2.0").
-  const Word *versions;
-  size_t version_count;
+  const char *protocol = nullptr;
+  // Version tokens ("SIP/2.0"), each followed by `version_digits` digits
+  // ("HTTP/1." and one).
+  const Word *versions = nullptr;
+  size_t version_count = 0;
+  uint8_t version_digits = 0;
   // Request methods.
-  const Word *methods;
-  size_t method_count;
+  const Word *methods = nullptr;
+  size_t method_count = 0;
   // Requests must address "*" (SSDP's announcements and searches).
-  bool star_target;
+  bool star_target = false;
+  // Longest first line waited for, blank lines before it included.
+  uint32_t max_first_line = 4096;
+  // What a side's first line that is not the protocol's must still hold for
+  // the other side's first line to be worth waiting for ("SIP/"): a client
+  // that sends a malformed request to a server that answers well.
+  Word hint = {};
+  // Whether such a line must also begin as text does (a visible byte or a
+  // blank line), so that binary streams need no search for the hint.
+  bool hint_needs_text = false;
 };
 
 enum class FirstLine {
@@ -47,16 +60,25 @@ enum class FirstLine {
   kNo,
 };
 
-// Longest first line waited for, blank lines before it included.
-constexpr uint32_t kMaxFirstLine = 4096;
-
 // Judges the line that starts at `from`, reading below `end` only (cut to
 // the flow's End()). Blank lines before it are skipped. With an `end` that
 // is the end of a datagram, kNeedMore means a line cut short.
 FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from, uint64_t end,
                          const Dialect &dialect);
 
-// The three dialects.
+// What a side's first line says, from the stream's start. A side whose
+// first byte is no longer held was judged before and let go (its bytes
+// flushed): kNo, as for a side that sent nothing yet.
+FirstLine JudgeOpening(const oru::FlowBuffer &flow, const Dialect &dialect);
+
+// Whether a side's rejected first line still carries the dialect's hint
+// ("GET/ HTTP/1.1" to a server that answers with a status line). Only then
+// is the other side's first line waited for, so that other protocols'
+// connections are not held up.
+bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect);
+
+// The four dialects.
+extern const Dialect kHttp;
 extern const Dialect kSip;
 extern const Dialect kRtsp;
 extern const Dialect kSsdp;
