@@ -1,19 +1,32 @@
-// The decoder that SIP, RTSP and SSDP share: the same shape of messages as
-// HTTP, read by the SDK's message inspector on TCP and one datagram at a
-// time on UDP, named by their first line on any port, with their heads and
-// bodies as attributes under the protocol's prefix and, for SIP and RTSP,
-// the media flows they announce expected on UDP.
+// The message-line decoder: protocols shaped like HTTP (a first line, header
+// lines, a body by length, by chunks or to the close), read by the SDK's
+// message inspector (oru::WebDpi) on TCP, named by their first line on any
+// port, with the parts of their messages as attributes under the protocol's
+// prefix (oru::WebAttributes). HTTP, SIP, RTSP and SSDP are its dialects.
 //
-// Each plug-in (decoders/sip, decoders/rtsp, decoders/ssdp) is a
-// PluginInfo handed to the entry points at the bottom.
+// A plug-in is its kit Spec, a MessageOptions record and the launcher it
+// runs on every thread:
+//
+//   struct Rtsp {
+//     static constexpr oru::kit::Spec kSpec{
+//         .plugin = "rtsp", .module = oru::kit::MODULE_RTSP,
+//         .protocols = {"RTSP", "RTP", "RTCP"}, .tcp = true, .tcp_ports = {554}};
+//     static constexpr kest_message::MessageOptions kMessage{
+//         .dialect = &kest_message::kRtsp, .prefix = "rtsp", .transport = true};
+//     using Launcher = kest_message::MessageLauncher;
+//   };
+//   KEST_MESSAGE_DECODER(Rtsp)
+//
+// The attributes are the prefix's family of oru::WebAttributes, which
+// registers and publishes them; the Spec lists none.
 #ifndef KEST_DECODERS_MESSAGE_MESSAGEDECODER_H
 #define KEST_DECODERS_MESSAGE_MESSAGEDECODER_H
 
-#include "message/Media.h"
 #include "message/MessageLine.h"
 
-#include <kest/InterfaceBroker.h>
-#include <kest/Plugin.h>
+#include <kest/kit/Decoder.h>
+
+#include <kest/Conn.h>
 #include <kest/WebAttributes.h>
 #include <kest/WebDpi.h>
 #include <kest/WebDpiLauncher.h>
@@ -21,128 +34,96 @@
 
 namespace kest_message {
 
-struct PluginInfo {
-  const char *name;
-  oru::ModuleId module;
-  const char *module_name;
-  // The protocol's name ("SIP") and attribute prefix ("sip").
-  const char *protocol;
-  const char *prefix;
-  const Dialect *dialect;
-  // Where it runs; the ports are tried first.
-  bool tcp;
-  const uint16_t *tcp_ports;
-  size_t tcp_port_count;
-  bool udp;
-  const uint16_t *udp_ports;
-  size_t udp_port_count;
-  // SDP bodies announce media.
-  bool sdp;
-  // Transport headers announce media (RTSP).
-  bool transport;
+// What a message protocol needs beyond its Spec.
+struct MessageOptions {
+  // The words of its first lines.
+  const Dialect *dialect = nullptr;
+  // The attributes' prefix: "sip" gives "sip.request.uri" and the rest.
+  const char *prefix = nullptr;
+  // SDP bodies announce media flows (the Spec names "RTP" and "RTCP" second
+  // and third).
+  bool sdp = false;
+  // Transport headers announce media flows (RTSP).
+  bool transport = false;
   // A response names the protocol only with an ST or USN header (SSDP's
   // answers to searches, which are otherwise HTTP over UDP).
-  bool search_response;
+  bool search_response = false;
 };
 
-// What one thread's inspectors borrow.
-struct MessageThread {
-  const PluginInfo *info = nullptr;
-  oru::WebMethodTable methods;
-  oru::WebAttributes attributes;
-  uint32_t proto = 0;
-  // Null when the plug-in expects no media.
-  MediaInspector *media = nullptr;
-};
+inline unsigned char SideOf(const oru::Conn &conn) {
+  return conn.m_side != 0 ? 1 : 0;
+}
 
-// Bodies larger than this are not read for SDP.
-constexpr uint32_t kMaxSdp = 8192;
+// Whether the connection's stack holds the protocol.
+bool Holds(oru::Conn &conn, uint32_t proto);
 
-// One TCP connection's messages. Bodies are read here rather than by the
-// base, so that an SDP body can be kept whole and read.
-class MessageDpi final : public oru::WebDpi {
+// Before the message inspector reads the next message of `side`: requests
+// nobody answers (one direction captured) must not pile up beyond
+// kMaxOpen, and a response whose request was not seen answers a request of
+// its own, so that the rest of the connection is still read.
+constexpr size_t kMaxOpen = 16;
+void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side);
+
+// The thread's inspector on TCP: judges the first line of each side and,
+// once either side reads as the dialect's, names the protocol and launches
+// the connection's message inspector (MakeInspector). It holds what those
+// inspectors borrow: the method table, the attributes and the protocols.
+class LineLauncher : public oru::WebDpiLauncher {
 public:
-  explicit MessageDpi(MessageThread *thread)
-      : WebDpi(&thread->methods, nullptr, &thread->attributes), m_thread(thread) {}
-
-  static constexpr size_t kMaxOpen = 16;
-
-  unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
-                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
-  const char *GetProtocolWord() override { return m_thread->info->dialect->protocol; }
-  uint32_t GetProtocol() override { return m_thread->proto; }
-  bool Pipelining() override { return true; }
-  bool HasMessageBody(oru::WebHeader & /*header*/) override { return false; }
-  bool OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) override;
-
-private:
-  // Reads the body in progress; false while it waits for more.
-  bool Body(oru::Conn &conn, unsigned char side);
-
-  MessageThread *m_thread;
-  uint64_t m_body_start[2] = {0, 0};
-  uint64_t m_body_end[2] = {0, 0};
-  bool m_body_request[2] = {false, false};
-  bool m_body_sdp[2] = {false, false};
-};
-
-// The thread's inspector on every TCP port.
-class MessageLauncher final : public oru::WebDpiLauncher {
-public:
-  explicit MessageLauncher(MessageThread *thread) : m_thread(thread) {}
-
-  unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
-                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
-  oru::WebDpi *MakeInspector(oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
-
-private:
-  MessageThread *m_thread;
-};
-
-// The thread's inspector on every UDP port: each datagram is one message.
-class DatagramInspector final : public oru::Inspector {
-public:
-  explicit DatagramInspector(MessageThread *thread) : m_thread(thread) {}
+  // At the thread's start and end (a failed Start is followed by Stop).
+  bool Start(const oru::kit::Spec &spec, const MessageOptions &options);
+  void Stop();
 
   unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
 
+  const MessageOptions &options() const { return *m_options; }
+  const oru::WebMethodTable &methods() const { return m_methods; }
+  oru::WebAttributes &attributes() { return m_attributes; }
+  // The Spec's i-th protocol.
+  uint32_t Proto(int i = 0) const { return m_reg.Proto(i); }
+
+protected:
+  // Names a connection whose first line read as the dialect's; false
+  // leaves it.
+  virtual bool Name(oru::ParentDpi *parent, oru::Conn &conn);
+
 private:
-  MessageThread *m_thread;
+  const MessageOptions *m_options = nullptr;
+  oru::kit::Registration m_reg;
+  oru::WebMethodTable m_methods;
+  oru::WebAttributes m_attributes;
 };
 
-// The message head's media: SDP in the body [from, to) of `flow` and, for
-// RTSP, the Transport header. `side` sent the message.
-void AnnounceBody(MessageThread &thread, oru::Conn &conn, unsigned char side,
-                  const oru::FlowBuffer &flow, uint64_t from, uint64_t to);
-void AnnounceHead(MessageThread &thread, oru::Conn &conn, unsigned char side, bool request,
-                  const oru::WebHeader &header);
+// Whether two names are the same, for the Spec checks below.
+constexpr bool SameName(const char *a, const char *b) {
+  while (*a != 0 && *a == *b) {
+    ++a;
+    ++b;
+  }
+  return *a == *b;
+}
 
-// The entry points, for a plug-in's table.
-const char *PluginName(const PluginInfo &info);
-bool PluginVersion(const oru::VersionRecord *library, oru::VersionRecord *own);
-bool PluginInitInstance(const PluginInfo &info);
-bool PluginInitThread(const PluginInfo &info);
-void PluginLinkThread(const PluginInfo &info);
-void PluginExitThread(const PluginInfo &info);
-void PluginExitInstance(const PluginInfo &info);
+// The kit's decoder for message protocol P: P::kSpec, P::kMessage and
+// P::Launcher (a LineLauncher).
+template <class P> struct MessageDecoder {
+  static constexpr const oru::kit::Spec &kSpec = P::kSpec;
+  static_assert(!(P::kMessage.sdp || P::kMessage.transport) ||
+                    (kSpec.ProtocolCount() >= 3 && SameName(kSpec.protocols[1], "RTP") &&
+                     SameName(kSpec.protocols[2], "RTCP")),
+                "a decoder that announces media names RTP and RTCP second and third");
 
-// The entry table of the plug-in described by `*kInfo`: the entry points
-// take no arguments, so each plug-in gets functions of its own.
-template <const PluginInfo *kInfo> struct PluginEntries {
-  static const char *GetName() { return PluginName(*kInfo); }
-  static bool InitInstance() { return PluginInitInstance(*kInfo); }
-  static bool InitThread() { return PluginInitThread(*kInfo); }
-  static void LinkThread() { PluginLinkThread(*kInfo); }
-  static void StartThread() {}
-  static void ExitThread() { PluginExitThread(*kInfo); }
-  static void ExitInstance() { PluginExitInstance(*kInfo); }
+  class Inspector final : public P::Launcher {
+  public:
+    bool Start() { return P::Launcher::Start(P::kSpec, P::kMessage); }
+  };
 
-  static constexpr oru::PluginEntryTable kTable = {GetName,    PluginVersion, InitInstance,
-                                                   InitThread, LinkThread,    StartThread,
-                                                   ExitThread, ExitInstance};
+  static bool InitInstance() { return oru::WebAttributes::InitInstance(P::kMessage.prefix); }
 };
 
 } // namespace kest_message
+
+// The plug-in's "query" entry point for message protocol P.
+#define KEST_MESSAGE_DECODER(P) KEST_DECODER(::kest_message::MessageDecoder<P>)
 
 #endif
