@@ -5,14 +5,15 @@
 // prefix (oru::WebAttributes). HTTP, SIP, RTSP and SSDP are its dialects.
 //
 // A plug-in is its kit Spec, a MessageOptions record and the launcher it
-// runs on every thread:
+// runs on every thread (MessageLauncher for SIP, RTSP and SSDP, on TCP and
+// UDP; HttpLauncher for HTTP):
 //
 //   struct Rtsp {
 //     static constexpr oru::kit::Spec kSpec{
 //         .plugin = "rtsp", .module = oru::kit::MODULE_RTSP,
-//         .protocols = {"RTSP", "RTP", "RTCP"}, .tcp = true, .tcp_ports = {554}};
+//         .protocols = {"RTSP", "RTP", "RTCP"}, .tcp = true, .tcp_ports = {554, 8554}};
 //     static constexpr kest_message::MessageOptions kMessage{
-//         .dialect = &kest_message::kRtsp, .prefix = "rtsp", .transport = true};
+//         .dialect = &kest_message::kRtsp, .prefix = "rtsp", .sdp = true, .transport = true};
 //     using Launcher = kest_message::MessageLauncher;
 //   };
 //   KEST_MESSAGE_DECODER(Rtsp)
