@@ -13,7 +13,6 @@
 #include <kest/kit/ExpectedFlows.h>
 
 #include <kest/Conn.h>
-#include <kest/FlowBuffer.h>
 #include <kest/Inspector.h>
 #include <kest/IpAddr.h>
 #include <stddef.h>
@@ -49,10 +48,6 @@ void ParseSdp(const char *data, size_t size, MediaList &out);
 // RTSP connection's two ends.
 void ParseTransport(const char *data, size_t size, const oru::IpAddr &client,
                     const oru::IpAddr &server, MediaList &out);
-
-// Copies at most `room` bytes of the flow from `from` to `to` into `out`;
-// the number copied (fewer in a hole or past the end).
-size_t CopyOut(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, char *out, size_t room);
 
 // The inspector that expected media flows get, one per thread and
 // plug-in: it judges a flow's first datagram as RTP or RTCP.
