@@ -4,7 +4,7 @@
 // reads the same way.
 #include "FuzzFlow.h"
 
-#include "http/HttpSniff.h"
+#include "message/MessageLine.h"
 
 #include <kest/WebLine.h>
 #include <kest_host.h>
@@ -16,8 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   (void)hooks;
   static oru::WebMethodTable *methods = [] {
     auto *table = new oru::WebMethodTable;
-    for (size_t i = 0; i < kest_http::kMethodCount; ++i) {
-      table->push_back(oru::WebMethod{kest_http::kMethods[i].name, kest_http::kMethods[i].length});
+    const kest_message::Dialect &http = kest_message::kHttp;
+    for (size_t i = 0; i < http.method_count; ++i) {
+      table->push_back(oru::WebMethod{http.methods[i].text, http.methods[i].length});
     }
     return table;
   }();
@@ -29,7 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (end == 0) {
     return 0;
   }
-  const kest_http::FirstLine got = kest_http::SniffFirstLine(pieces.flow, 0);
+  const kest_message::FirstLine got =
+      kest_message::SniffFirstLine(pieces.flow, 0, end, kest_message::kHttp);
 
   char *whole_bytes = static_cast<char *>(malloc(end));
   for (uint64_t p = 0; p < end; ++p) {
@@ -40,18 +42,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     whole.AddBlock(0, whole_bytes, static_cast<uint16_t>(end), false);
     whole.m_last_start = 0;
     whole.m_next_pos = end;
-    if (kest_http::SniffFirstLine(whole, 0) != got) {
+    if (kest_message::SniffFirstLine(whole, 0, end, kest_message::kHttp) != got) {
       abort();
     }
     whole.Reset();
   }
   free(whole_bytes);
 
-  if (got == kest_http::FirstLine::kRequest || got == kest_http::FirstLine::kResponse) {
+  if (got == kest_message::FirstLine::kRequest || got == kest_message::FirstLine::kResponse) {
     oru::WebLine line(methods, "HTTP");
     unsigned long long pos = 0;
-    const int32_t want = got == kest_http::FirstLine::kRequest ? oru::WebLine::LINE_REQUEST
-                                                               : oru::WebLine::LINE_RESPONSE;
+    const int32_t want = got == kest_message::FirstLine::kRequest ? oru::WebLine::LINE_REQUEST
+                                                                  : oru::WebLine::LINE_RESPONSE;
     if (!line.Parse(pieces.flow, pos, true) || line.m_type != want) {
       abort();
     }

@@ -3,7 +3,7 @@
 // exactly the input's size so that a read past it shows, and the RTP
 // judgement on them. Every entry they
 // give has a port, and no more than the list holds.
-#include "sip/Media.h"
+#include "message/Media.h"
 
 #include <kest_host.h>
 #include <stdlib.h>
@@ -11,8 +11,8 @@
 
 namespace {
 
-void Check(const kest_sip::MediaList &media) {
-  if (media.count > kest_sip::MediaList::kMax) {
+void Check(const kest_message::MediaList &media) {
+  if (media.count > kest_message::MediaList::kMax) {
     abort();
   }
   for (size_t i = 0; i < media.count; ++i) {
@@ -34,18 +34,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size != 0) {
     memcpy(copy, data, size);
   }
-  kest_sip::MediaList sdp;
-  kest_sip::ParseSdp(copy, size, sdp);
+  kest_message::MediaList sdp;
+  kest_message::ParseSdp(copy, size, sdp);
   Check(sdp);
   // Readers add to what is there: a second body fills the rest.
-  kest_sip::ParseSdp(copy, size, sdp);
+  kest_message::ParseSdp(copy, size, sdp);
   Check(sdp);
-  kest_sip::MediaList transport;
-  kest_sip::ParseTransport(copy, size, oru::IpAddr::FromV4(0x0a000001),
-                           oru::IpAddr::FromV4(0x0a000002), transport);
+  kest_message::MediaList transport;
+  kest_message::ParseTransport(copy, size, oru::IpAddr::FromV4(0x0a000001),
+                               oru::IpAddr::FromV4(0x0a000002), transport);
   Check(transport);
   // The judgement of an expected flow's first datagram, on the same bytes.
-  if (kest_sip::MediaInspector::Judge(reinterpret_cast<const uint8_t *>(copy), size) > 2) {
+  if (kest_message::MediaInspector::Judge(reinterpret_cast<const uint8_t *>(copy), size) > 2) {
     abort();
   }
   free(copy);

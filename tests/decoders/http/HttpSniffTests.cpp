@@ -4,15 +4,15 @@
 #include "LeakCheck.h"
 #include "WebTestSupport.h"
 
-#include "http/HttpSniff.h"
+#include "message/MessageLine.h"
 
 #include <kest/WebLine.h>
 #include <string.h>
 
 namespace {
 
-using kest_http::FirstLine;
-using kest_http::SniffFirstLine;
+using kest_message::FirstLine;
+using kest_message::kHttp;
 using kest_test::FedFlow;
 
 struct Row {
@@ -49,27 +49,27 @@ const std::vector<Row> &Rows() {
       {"HTTP/1.1 200 OK", FirstLine::kNeedMore},
       {"UNSUB", FirstLine::kNeedMore},
       // Near misses.
-      {"GETX / HTTP/1.1\r\n", FirstLine::kNotHttp},
-      {"get / HTTP/1.1\r\n", FirstLine::kNotHttp},
-      {"GET/ HTTP/1.1\r\n", FirstLine::kNotHttp},
-      {"GET /HTTP/1.1\r\n", FirstLine::kNotHttp},
-      {"GET  / HTTP/1.1\r\n", FirstLine::kNotHttp},
-      {"GET / HTTP/2.0\r\n", FirstLine::kNotHttp},
-      {"GET / HTTP/1.1 \r\n", FirstLine::kNotHttp},
-      {"GET / HTTP/1.1\rX", FirstLine::kNotHttp},
-      {"GET /a\x01 HTTP/1.1\r\n", FirstLine::kNotHttp},
-      {"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", FirstLine::kNotHttp},
-      {"OPTIONS rtsp://cam/ RTSP/1.0\r\n", FirstLine::kNotHttp},
-      {"SSH-2.0-OpenSSH_9.6\r\n", FirstLine::kNotHttp},
-      {"HTTP/1.1 20 OK\r\n", FirstLine::kNotHttp},
-      {"HTTP/1.1 2000 OK\r\n", FirstLine::kNotHttp},
-      {"HTTP/1.1 200\r\n", FirstLine::kNotHttp},
-      {std::string("HTTP/1.1 200 O\x00K\r\n", 18), FirstLine::kNotHttp},
-      {"HTTP/2 200\r\n", FirstLine::kNotHttp},
-      {"RTSP/1.0 200 OK\r\n", FirstLine::kNotHttp},
-      {"220 smtp.example ESMTP\r\n", FirstLine::kNotHttp},
-      {std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11), FirstLine::kNotHttp},
-      {std::string("\x00\x00\x00\x00GET / HTTP/1.1\r\n", 20), FirstLine::kNotHttp},
+      {"GETX / HTTP/1.1\r\n", FirstLine::kNo},
+      {"get / HTTP/1.1\r\n", FirstLine::kNo},
+      {"GET/ HTTP/1.1\r\n", FirstLine::kNo},
+      {"GET /HTTP/1.1\r\n", FirstLine::kNo},
+      {"GET  / HTTP/1.1\r\n", FirstLine::kNo},
+      {"GET / HTTP/2.0\r\n", FirstLine::kNo},
+      {"GET / HTTP/1.1 \r\n", FirstLine::kNo},
+      {"GET / HTTP/1.1\rX", FirstLine::kNo},
+      {"GET /a\x01 HTTP/1.1\r\n", FirstLine::kNo},
+      {"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", FirstLine::kNo},
+      {"OPTIONS rtsp://cam/ RTSP/1.0\r\n", FirstLine::kNo},
+      {"SSH-2.0-OpenSSH_9.6\r\n", FirstLine::kNo},
+      {"HTTP/1.1 20 OK\r\n", FirstLine::kNo},
+      {"HTTP/1.1 2000 OK\r\n", FirstLine::kNo},
+      {"HTTP/1.1 200\r\n", FirstLine::kNo},
+      {std::string("HTTP/1.1 200 O\x00K\r\n", 18), FirstLine::kNo},
+      {"HTTP/2 200\r\n", FirstLine::kNo},
+      {"RTSP/1.0 200 OK\r\n", FirstLine::kNo},
+      {"220 smtp.example ESMTP\r\n", FirstLine::kNo},
+      {std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11), FirstLine::kNo},
+      {std::string("\x00\x00\x00\x00GET / HTTP/1.1\r\n", 20), FirstLine::kNo},
   };
   return rows;
 }
@@ -82,8 +82,8 @@ const char *Name(FirstLine f) {
     return "request";
   case FirstLine::kResponse:
     return "response";
-  case FirstLine::kNotHttp:
-    return "not-http";
+  case FirstLine::kNo:
+    return "no";
   }
   return "?";
 }
@@ -97,7 +97,7 @@ FirstLine Sniff(const std::string &text, const std::vector<size_t> &cuts = {}) {
     from = cut;
   }
   fed.Feed(text.substr(from));
-  return SniffFirstLine(fed.flow, 0);
+  return kest_message::SniffFirstLine(fed.flow, 0, fed.flow.End(), kHttp);
 }
 
 class HttpSniffTest : public kest_test::LeakCheck {};
@@ -130,9 +130,8 @@ TEST_F(HttpSniffTest, SplitInvariance) {
 // same way with the decoder's methods, so a connection named HTTP is read.
 TEST_F(HttpSniffTest, AgreesWithTheLineReader) {
   oru::WebMethodTable methods;
-  for (size_t i = 0; i < kest_http::kMethodCount; ++i) {
-    ASSERT_TRUE(methods.push_back(
-        oru::WebMethod{kest_http::kMethods[i].name, kest_http::kMethods[i].length}));
+  for (size_t i = 0; i < kHttp.method_count; ++i) {
+    ASSERT_TRUE(methods.push_back(oru::WebMethod{kHttp.methods[i].text, kHttp.methods[i].length}));
   }
   for (const Row &row : Rows()) {
     if (row.expected != FirstLine::kRequest && row.expected != FirstLine::kResponse) {
@@ -153,13 +152,13 @@ TEST_F(HttpSniffTest, AgreesWithTheLineReader) {
 // The line reader stops at the first method a token begins with: no method
 // may begin another.
 TEST_F(HttpSniffTest, NoMethodBeginsAnother) {
-  for (size_t i = 0; i < kest_http::kMethodCount; ++i) {
-    const kest_http::MethodName &a = kest_http::kMethods[i];
-    EXPECT_EQ(strlen(a.name), a.length) << a.name;
-    for (size_t j = 0; j < kest_http::kMethodCount; ++j) {
-      const kest_http::MethodName &b = kest_http::kMethods[j];
+  for (size_t i = 0; i < kHttp.method_count; ++i) {
+    const kest_message::Word &a = kHttp.methods[i];
+    EXPECT_EQ(strlen(a.text), a.length) << a.text;
+    for (size_t j = 0; j < kHttp.method_count; ++j) {
+      const kest_message::Word &b = kHttp.methods[j];
       if (i != j && a.length <= b.length) {
-        EXPECT_NE(strncmp(a.name, b.name, a.length), 0) << a.name << " begins " << b.name;
+        EXPECT_NE(strncmp(a.text, b.text, a.length), 0) << a.text << " begins " << b.text;
       }
     }
   }
@@ -169,12 +168,12 @@ TEST_F(HttpSniffTest, NoMethodBeginsAnother) {
 TEST_F(HttpSniffTest, BoundedWait) {
   const std::string head = "GET /";
   const std::string tail = " HTTP/1.1\r\n";
-  const size_t room = kest_http::kMaxFirstLine - head.size() - tail.size();
+  const size_t room = kHttp.max_first_line - head.size() - tail.size();
   EXPECT_EQ(Sniff(head + std::string(room, 'a') + tail), FirstLine::kRequest);
-  EXPECT_EQ(Sniff(head + std::string(room + 1, 'a') + tail), FirstLine::kNotHttp);
-  EXPECT_EQ(Sniff(head + std::string(room + 100, 'a')), FirstLine::kNotHttp);
-  EXPECT_EQ(Sniff(std::string(kest_http::kMaxFirstLine, '\n')), FirstLine::kNotHttp);
-  EXPECT_EQ(Sniff(std::string(kest_http::kMaxFirstLine - 1, '\n')), FirstLine::kNeedMore);
+  EXPECT_EQ(Sniff(head + std::string(room + 1, 'a') + tail), FirstLine::kNo);
+  EXPECT_EQ(Sniff(head + std::string(room + 100, 'a')), FirstLine::kNo);
+  EXPECT_EQ(Sniff(std::string(kHttp.max_first_line, '\n')), FirstLine::kNo);
+  EXPECT_EQ(Sniff(std::string(kHttp.max_first_line - 1, '\n')), FirstLine::kNeedMore);
 }
 
 } // namespace

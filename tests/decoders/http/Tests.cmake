@@ -1,9 +1,10 @@
 # The HTTP decoder's tests, in a program of their own: the first-line
-# judgement built in from its source, and the packed plug-ins on the
-# loopback capture (read with libpcap, when there is one).
+# judgement (the HTTP dialect of the message decoder) built in from its
+# source, and the packed plug-ins on the loopback capture (read with
+# libpcap, when there is one).
 if(TARGET http AND TARGET tcp AND TARGET udp AND TARGET wire)
   set(_http_sources ${CMAKE_CURRENT_LIST_DIR}/HttpSniffTests.cpp
-                    ${CMAKE_SOURCE_DIR}/decoders/http/HttpSniff.cpp)
+                    ${CMAKE_SOURCE_DIR}/decoders/message/MessageLine.cpp)
   find_library(KEST_PCAP_LIBRARY pcap)
   if(KEST_PCAP_LIBRARY)
     list(APPEND _http_sources ${CMAKE_CURRENT_LIST_DIR}/HttpLoopbackTests.cpp)

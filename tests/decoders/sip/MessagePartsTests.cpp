@@ -5,8 +5,8 @@
 #include "LeakCheck.h"
 #include "WebTestSupport.h"
 
-#include "sip/Media.h"
-#include "sip/MessageLine.h"
+#include "message/Media.h"
+#include "message/MessageLine.h"
 
 #include <arpa/inet.h>
 #include <string>
@@ -14,25 +14,25 @@
 
 namespace {
 
-using kest_sip::FirstLine;
+using kest_message::FirstLine;
 
 struct LineRow {
-  const kest_sip::Dialect *dialect;
+  const kest_message::Dialect *dialect;
   std::string text;
   FirstLine expected;
 };
 
-FirstLine Judge(const kest_sip::Dialect &d, const std::string &a, const std::string &b = "") {
+FirstLine Judge(const kest_message::Dialect &d, const std::string &a, const std::string &b = "") {
   kest_test::FedFlow fed;
   fed.Feed(a);
   fed.Feed(b);
-  return kest_sip::SniffFirstLine(fed.flow, 0, fed.flow.End(), d);
+  return kest_message::SniffFirstLine(fed.flow, 0, fed.flow.End(), d);
 }
 
 const std::vector<LineRow> &Lines() {
-  using kest_sip::kRtsp;
-  using kest_sip::kSip;
-  using kest_sip::kSsdp;
+  using kest_message::kRtsp;
+  using kest_message::kSip;
+  using kest_message::kSsdp;
   static const std::vector<LineRow> rows = {
       {&kSip, "INVITE sip:bob@biloxi.example.com SIP/2.0\r\n", FirstLine::kRequest},
       {&kSip, "\r\nREGISTER sip:registrar.example SIP/2.0\r\nVia: x\r\n", FirstLine::kRequest},
@@ -86,10 +86,10 @@ TEST_F(MessageLine, TableCutAnywhereAndEveryBeginning) {
   }
 }
 
-std::string Show(const kest_sip::MediaList &media) {
+std::string Show(const kest_message::MediaList &media) {
   std::string out;
   for (size_t i = 0; i < media.count; ++i) {
-    const kest_sip::MediaPort &m = media.items[i];
+    const kest_message::MediaPort &m = media.items[i];
     char addr[INET6_ADDRSTRLEN] = "-";
     if (m.addr.is_v4()) {
       const uint32_t v = htonl(m.addr.v4());
@@ -125,8 +125,8 @@ TEST(Media, SdpBodies) {
       {"c=IN IP4 10.0.0.256\r\nm=audio 99999 RTP/AVP 0\r\nm=audio x RTP/AVP\r\nm=", ""},
   };
   for (const auto &row : rows) {
-    kest_sip::MediaList media;
-    kest_sip::ParseSdp(row.body.data(), row.body.size(), media);
+    kest_message::MediaList media;
+    kest_message::ParseSdp(row.body.data(), row.body.size(), media);
     EXPECT_EQ(Show(media), row.expected) << row.body;
   }
 }
@@ -147,8 +147,8 @@ TEST(Media, TransportHeaders) {
       {"RTP/AVP;client_port=70000-70001;server_port=;source=1.2.3", ""},
   };
   for (const auto &row : rows) {
-    kest_sip::MediaList media;
-    kest_sip::ParseTransport(row.value.data(), row.value.size(), client, server, media);
+    kest_message::MediaList media;
+    kest_message::ParseTransport(row.value.data(), row.value.size(), client, server, media);
     EXPECT_EQ(Show(media), row.expected) << row.value;
   }
 }
@@ -158,12 +158,12 @@ TEST(Media, RtpJudgement) {
   const uint8_t rtcp[8] = {0x80, 200, 0x00, 0x01, 0xde, 0xad, 0xbe, 0xef};
   const uint8_t old[12] = {0x40, 0x00, 0x12, 0x34, 0, 0, 0, 1, 0xde, 0xad, 0xbe, 0xef};
   const uint8_t csrc[12] = {0x83, 0x00, 0x12, 0x34, 0, 0, 0, 1, 0xde, 0xad, 0xbe, 0xef};
-  EXPECT_EQ(kest_sip::MediaInspector::Judge(rtp, sizeof rtp), 1);
-  EXPECT_EQ(kest_sip::MediaInspector::Judge(rtcp, sizeof rtcp), 2);
-  EXPECT_EQ(kest_sip::MediaInspector::Judge(rtcp, 7), 0);
-  EXPECT_EQ(kest_sip::MediaInspector::Judge(old, sizeof old), 0);
-  EXPECT_EQ(kest_sip::MediaInspector::Judge(csrc, sizeof csrc), 0);
-  EXPECT_EQ(kest_sip::MediaInspector::Judge(rtp, 11), 0);
+  EXPECT_EQ(kest_message::MediaInspector::Judge(rtp, sizeof rtp), 1);
+  EXPECT_EQ(kest_message::MediaInspector::Judge(rtcp, sizeof rtcp), 2);
+  EXPECT_EQ(kest_message::MediaInspector::Judge(rtcp, 7), 0);
+  EXPECT_EQ(kest_message::MediaInspector::Judge(old, sizeof old), 0);
+  EXPECT_EQ(kest_message::MediaInspector::Judge(csrc, sizeof csrc), 0);
+  EXPECT_EQ(kest_message::MediaInspector::Judge(rtp, 11), 0);
 }
 
 } // namespace

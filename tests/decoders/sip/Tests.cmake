@@ -11,8 +11,8 @@ endforeach()
 if(_sip_ready)
   add_executable(kest_sip_tests ${CMAKE_CURRENT_LIST_DIR}/MessagePartsTests.cpp
                                 ${CMAKE_CURRENT_LIST_DIR}/MessageConversations.cpp
-                                ${CMAKE_SOURCE_DIR}/decoders/sip/MessageLine.cpp
-                                ${CMAKE_SOURCE_DIR}/decoders/sip/Media.cpp
+                                ${CMAKE_SOURCE_DIR}/decoders/message/MessageLine.cpp
+                                ${CMAKE_SOURCE_DIR}/decoders/message/Media.cpp
 )
   target_include_directories(kest_sip_tests PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/decoders
                                                     ${CMAKE_SOURCE_DIR}/tests/web)

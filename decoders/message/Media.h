@@ -7,19 +7,18 @@
 //
 // The parsers are pure functions of the bytes, for the tests and the fuzz
 // target; the expectation needs a thread of the instance.
-#ifndef KEST_DECODERS_SIP_MEDIA_H
-#define KEST_DECODERS_SIP_MEDIA_H
+#ifndef KEST_DECODERS_MESSAGE_MEDIA_H
+#define KEST_DECODERS_MESSAGE_MEDIA_H
 
 #include <kest/kit/ExpectedFlows.h>
 
 #include <kest/Conn.h>
-#include <kest/FlowBuffer.h>
 #include <kest/Inspector.h>
 #include <kest/IpAddr.h>
 #include <stddef.h>
 #include <stdint.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 // One announced end point; an all-zero address is not known (the caller
 // fills in the sender's address).
@@ -50,10 +49,6 @@ void ParseSdp(const char *data, size_t size, MediaList &out);
 void ParseTransport(const char *data, size_t size, const oru::IpAddr &client,
                     const oru::IpAddr &server, MediaList &out);
 
-// Copies at most `room` bytes of the flow from `from` to `to` into `out`;
-// the number copied (fewer in a hole or past the end).
-size_t CopyOut(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, char *out, size_t room);
-
 // The inspector that expected media flows get, one per thread and
 // plug-in: it judges a flow's first datagram as RTP or RTCP.
 class MediaInspector final : public oru::kit::ExpectedFlows {
@@ -77,6 +72,6 @@ private:
   uint32_t m_rtcp;
 };
 
-} // namespace kest_sip
+} // namespace kest_message
 
 #endif

@@ -1,11 +1,11 @@
-#include "sip/Media.h"
+#include "message/Media.h"
 
 #include <kest/kit/AddressText.h>
 
 #include <kest/PktInfo.h>
 #include <kest/Runtime.h>
 
-namespace kest_sip {
+namespace kest_message {
 
 namespace {
 
@@ -202,29 +202,6 @@ void ParseTransport(const char *data, size_t size, const oru::IpAddr &client,
   }
 }
 
-size_t CopyOut(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, char *out, size_t room) {
-  size_t n = 0;
-  uint64_t p = from;
-  while (p < to && n < room) {
-    unsigned long long start = 0;
-    const oru::FlowBuffer::Block *block = flow.GetBlock(p, start);
-    if (block == nullptr || p >= start + block->size) {
-      break;
-    }
-    uint64_t take = start + block->size - p;
-    if (take > to - p) {
-      take = to - p;
-    }
-    if (take > room - n) {
-      take = room - n;
-    }
-    kest_memcpy(out + n, block->data + (p - start), static_cast<size_t>(take));
-    n += static_cast<size_t>(take);
-    p += take;
-  }
-  return n;
-}
-
 int MediaInspector::Judge(const uint8_t *data, size_t size) {
   if (data == nullptr || size < 8 || (data[0] >> 6) != 2) {
     return 0;
@@ -272,4 +249,4 @@ void MediaInspector::Expect(const oru::Conn &conn, const MediaList &media,
   }
 }
 
-} // namespace kest_sip
+} // namespace kest_message

@@ -1,30 +1,47 @@
-// HTTP/1.x on TCP: a per-thread inspector on every port that judges the
-// first line of each side (HttpSniff) and, once either side reads as HTTP,
-// names the protocol and starts the connection's message inspector.
-#ifndef KEST_DECODERS_HTTP_HTTPDPI_H
-#define KEST_DECODERS_HTTP_HTTPDPI_H
+// HTTP/1.x on TCP, the HTTP dialect of the message decoder: the thread's
+// HttpLauncher judges the first line of each side and, once either side
+// reads as HTTP, names the protocol and starts the connection's
+// HttpInspector. Hosts' key/value rules (HttpRules.h) reach the
+// inspectors through the launcher's rule store.
+#ifndef KEST_DECODERS_HTTP_HTTPINSPECTOR_H
+#define KEST_DECODERS_HTTP_HTTPINSPECTOR_H
+
+#include "message/MessageDecoder.h"
 
 #include <kest/Conn.h>
-#include <kest/IpPortRuleStore.h>
 #include <kest/KeyValueRuleStore.h>
-#include <kest/WebAttributes.h>
 #include <kest/WebDpi.h>
-#include <kest/WebDpiLauncher.h>
 #include <stdint.h>
 
 namespace kest_http {
 
 class HttpCustomRules;
 
-// What the connections' inspectors of one thread borrow.
-struct HttpThread {
-  oru::WebMethodTable methods;
-  oru::WebAttributes attributes;
-  uint32_t http = 0;
-  uint32_t websocket = 0;
-  // The key/value rules hosts give to this module, and their front.
-  oru::KeyValueRuleStore *rules = nullptr;
-  HttpCustomRules *custom = nullptr;
+// The decoder's protocols, by their place in its Spec.
+enum : int { kHttpProto = 0, kWebSocketProto = 1 };
+
+// The thread's inspector on every TCP port, with what the connections'
+// inspectors borrow: besides the launcher's own, the key/value rules hosts
+// give to the module, and their front.
+class HttpLauncher : public kest_message::LineLauncher {
+public:
+  bool Start(const oru::kit::Spec &spec, const kest_message::MessageOptions &options);
+  void Stop();
+
+  oru::WebDpi *MakeInspector(oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
+  oru::KeyValueRuleStore *rules() const { return m_rules; }
+
+protected:
+  // A connection that something named before (a host's rule on the
+  // transport) keeps that name: its messages are read, its stack is left.
+  bool Name(oru::ParentDpi *parent, oru::Conn &conn) override;
+
+private:
+  oru::ModuleId m_module = 0;
+  oru::KeyValueRuleStore *m_rules = nullptr;
+  HttpCustomRules *m_custom = nullptr;
+  // Whether the connection being launched is to be named HTTP.
+  bool m_name_stack = true;
 };
 
 // One connection's messages. Beyond the shared machinery it answers
@@ -32,20 +49,17 @@ struct HttpThread {
 // holds one direction), lets requests queue up (pipelining) within a bound,
 // and after CONNECT or an upgrade hands the connection's bytes to the
 // transport's other inspectors when the policy allows it.
-class HttpDpi final : public oru::WebDpi {
+class HttpInspector final : public oru::WebDpi {
 public:
   // `name_stack` false leaves the connection's stack as it is.
-  HttpDpi(HttpThread *thread, bool name_stack)
-      : WebDpi(&thread->methods, thread->rules, &thread->attributes), m_thread(thread),
-        m_name_stack(name_stack) {}
-
-  // Requests a side may have open; older ones are dropped beyond it.
-  static constexpr size_t kMaxOpen = 16;
+  HttpInspector(HttpLauncher *launcher, bool name_stack)
+      : WebDpi(&launcher->methods(), launcher->rules(), &launcher->attributes()),
+        m_launcher(launcher), m_name_stack(name_stack) {}
 
   unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
   const char *GetProtocolWord() override { return "HTTP"; }
-  uint32_t GetProtocol() override { return m_thread->http; }
+  uint32_t GetProtocol() override { return m_launcher->Proto(kHttpProto); }
   bool Pipelining() override { return true; }
   bool HasMessageBody(oru::WebHeader &header) override;
   bool OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) override;
@@ -64,27 +78,12 @@ private:
   unsigned int StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                            oru::fdt::intrusive_ptr<oru::Conn> &conn);
 
-  HttpThread *m_thread;
+  HttpLauncher *m_launcher;
   bool m_name_stack;
   // Set by a response that ends HTTP on the connection.
   Switch m_switch = kNone;
   // Whether the attached inspectors have been set up for the tunnel.
   bool m_tunnel = false;
-};
-
-// The thread's inspector on every TCP port.
-class HttpLauncher final : public oru::WebDpiLauncher {
-public:
-  explicit HttpLauncher(HttpThread *thread) : m_thread(thread) {}
-
-  unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
-                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
-  oru::WebDpi *MakeInspector(oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
-
-private:
-  HttpThread *m_thread;
-  // Whether the connection being launched is to be named HTTP.
-  bool m_name_stack = true;
 };
 
 } // namespace kest_http

@@ -1,11 +1,14 @@
-#include "http/HttpDpi.h"
+#include "http/HttpInspector.h"
 
-#include "http/HttpSniff.h"
+#include "http/HttpRules.h"
 #include <kest/kit/Attach.h>
 
+#include <kest/InterfaceBroker.h>
 #include <kest/fdt/ObjectPrefix.h>
 
 namespace kest_http {
+
+using kest_message::SideOf;
 
 namespace {
 
@@ -15,10 +18,6 @@ namespace {
 // protocol word, which is read only while a first line is parsed.
 const char kHeadMark[] = "HTTP\0HEAD";
 const char kConnectMark[] = "HTTP\0CONNECT";
-
-unsigned char SideOf(const oru::Conn &conn) {
-  return conn.m_side != 0 ? 1 : 0;
-}
 
 // Whether a header line's name is `name` (any case).
 bool KeyIs(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, const char *name,
@@ -37,88 +36,62 @@ bool ValueHas(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, const c
   return false;
 }
 
-// What a side's first line says. A side whose first byte is no longer held
-// was judged before and let go (its bytes flushed): not HTTP.
-FirstLine Judge(const oru::FlowBuffer &flow) {
-  if (flow.Begin() != 0 || flow.End() == 0) {
-    return FirstLine::kNotHttp;
-  }
-  return SniffFirstLine(flow, 0);
-}
-
-// Whether a side's rejected first line still names HTTP/1.x: a client that
-// sends a malformed request line ("GET/ HTTP/1.1") to a server that answers
-// with a status line. Only then is the other side's first line waited for,
-// so that other protocols' connections are not held up.
-bool NamesHttp(const oru::FlowBuffer &flow) {
-  if (flow.Begin() != 0 || flow.End() == 0) {
-    return false;
-  }
-  const uint64_t nl = flow.Find(0, '\n', kMaxFirstLine);
-  return flow.Find(0, "HTTP/1.", 7, nl) != flow.End();
-}
-
 } // namespace
 
-unsigned int HttpLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
-                                   oru::fdt::intrusive_ptr<oru::Conn> &conn) {
-  const unsigned char side = SideOf(*conn);
-  oru::FlowBuffer &own = conn->m_flow[side];
-  const oru::FlowBuffer &other = conn->m_flow[1 - side];
-  const FirstLine line = Judge(own);
-  if (line == FirstLine::kRequest || line == FirstLine::kResponse) {
-    // A connection that something named before (a host's rule on the
-    // transport) keeps that name: its messages are read, its stack is left.
-    const oru::AppStack &stack = *conn->GetAppStack();
-    m_name_stack = stack.entries.empty() || stack.entries.back().proto == parent->GetProtocol();
-    if (m_name_stack && !conn->PushProtocol(m_thread->http)) {
-      return oru::INSPECT_FINISHED;
-    }
-    return Launch(parent, pkt, tuple, conn);
+bool HttpLauncher::Start(const oru::kit::Spec &spec, const kest_message::MessageOptions &options) {
+  m_module = spec.module;
+  if (!LineLauncher::Start(spec, options)) {
+    return false;
   }
-  if (line == FirstLine::kNeedMore) {
-    // The line's bytes must outlive the packet until it is whole.
-    return own.Sync() ? oru::INSPECT_STAY : oru::INSPECT_FINISHED;
+  m_rules = oru::fdt::CreateObject<oru::KeyValueRuleStore>(oru::fdt::OBJECT_LOCAL, options.prefix);
+  if (m_rules == nullptr) {
+    return false;
   }
-  if (other.m_next_pos == 0 ? NamesHttp(own) : Judge(other) == FirstLine::kNeedMore) {
-    // The other side decides; this side's bytes need not stay.
-    if (own.m_next_pos < kMaxFirstLine) {
-      return oru::INSPECT_STAY;
-    }
+  m_custom = oru::fdt::CreateObject<HttpCustomRules>(oru::fdt::OBJECT_LOCAL, *m_rules);
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+  if (m_custom == nullptr || broker == nullptr ||
+      !broker->RegisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE,
+                                 static_cast<oru::ICustomRule *>(m_custom))) {
+    oru::fdt::DestroyObject(m_custom);
+    m_custom = nullptr;
+    return false;
   }
-  return oru::INSPECT_FINISHED;
+  return true;
+}
+
+void HttpLauncher::Stop() {
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
+  if (m_custom != nullptr && broker != nullptr) {
+    broker->UnregisterInterface(m_module, oru::INTERFACE_CUSTOM_RULE,
+                                static_cast<oru::ICustomRule *>(m_custom));
+  }
+  oru::fdt::DestroyObject(m_custom);
+  m_custom = nullptr;
+  oru::fdt::DestroyObject(m_rules);
+  m_rules = nullptr;
+  LineLauncher::Stop();
+}
+
+bool HttpLauncher::Name(oru::ParentDpi *parent, oru::Conn &conn) {
+  const oru::AppStack &stack = *conn.GetAppStack();
+  m_name_stack = stack.entries.empty() || stack.entries.back().proto == parent->GetProtocol();
+  return !m_name_stack || conn.PushProtocol(Proto(kHttpProto));
 }
 
 oru::WebDpi *HttpLauncher::MakeInspector(oru::fdt::intrusive_ptr<oru::Conn> & /*conn*/) {
-  return oru::fdt::CreateObject<HttpDpi>(oru::fdt::OBJECT_LOCAL, m_thread, m_name_stack);
+  return oru::fdt::CreateObject<HttpInspector>(oru::fdt::OBJECT_LOCAL, this, m_name_stack);
 }
 
-unsigned int HttpDpi::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
-                              oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+unsigned int HttpInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                                    oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   if (m_switch != kNone) {
     return StartTunnel(parent, pkt, tuple, conn);
   }
-  const unsigned char side = SideOf(*conn);
-  // Requests nobody answers (one direction captured) must not pile up.
-  TransactionList &mine = m_transactions[side];
-  while (mine.size() >= kMaxOpen) {
-    mine.pop_front();
-  }
-  TransactionList &theirs = m_transactions[1 - side];
-  if (theirs.empty()) {
-    // A response whose request was not seen answers a request of its own,
-    // so that the rest of the connection is still read.
-    const oru::FlowBuffer &flow = conn->m_flow[side];
-    oru::WebLine line(m_methods, GetProtocolWord());
-    unsigned long long pos = flow.m_read_pos;
-    if (line.Parse(flow, pos, true) && line.m_type == oru::WebLine::LINE_RESPONSE) {
-      theirs.emplace_back();
-    }
-  }
+  kest_message::OpenTransaction(*this, *conn, SideOf(*conn));
   return InspectLine(parent, pkt, tuple, conn);
 }
 
-oru::WebTransaction *HttpDpi::AnsweredBy(const oru::WebHeader &header) {
+oru::WebTransaction *HttpInspector::AnsweredBy(const oru::WebHeader &header) {
   for (TransactionList &list : m_transactions) {
     if (!list.empty() && &list.front().header[1] == &header) {
       return &list.front();
@@ -127,7 +100,7 @@ oru::WebTransaction *HttpDpi::AnsweredBy(const oru::WebHeader &header) {
   return nullptr;
 }
 
-bool HttpDpi::HasMessageBody(oru::WebHeader &header) {
+bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
   const oru::FlowBuffer *flow = header.m_flow;
   if (flow == nullptr) {
     return false;
@@ -166,7 +139,7 @@ bool HttpDpi::HasMessageBody(oru::WebHeader &header) {
   return true;
 }
 
-bool HttpDpi::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) {
+bool HttpInspector::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) {
   if (header.m_type == oru::WebLine::LINE_REQUEST) {
     const oru::FlowBuffer &flow = conn->m_flow[SideOf(*conn)];
     const oru::FlowString &method = header.m_first;
@@ -181,18 +154,16 @@ bool HttpDpi::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHea
   }
   // Once named, HTTP stays where it is: a custom protocol a rule put above
   // it keeps the top of the stack for the connection's later messages.
-  for (const oru::AppEntry &entry : conn->GetAppStack()->entries) {
-    if (entry.proto == m_thread->http) {
-      return true;
-    }
-  }
-  return conn->PushProtocol(m_thread->http);
+  const uint32_t http = m_launcher->Proto(kHttpProto);
+  return kest_message::Holds(*conn, http) || conn->PushProtocol(http);
 }
 
-unsigned int HttpDpi::StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
-                                  oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+unsigned int HttpInspector::StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt,
+                                        oru::Tuple &tuple,
+                                        oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   if (!m_tunnel) {
-    if (m_switch == kWebSocket && m_name_stack && !conn->PushProtocol(m_thread->websocket)) {
+    if (m_switch == kWebSocket && m_name_stack &&
+        !conn->PushProtocol(m_launcher->Proto(kWebSocketProto))) {
       return AbandonConnection(parent, conn);
     }
     // WebSocket frames say nothing more; and only a connection that may
@@ -207,14 +178,14 @@ unsigned int HttpDpi::StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
     m_tunnel = true;
     const unsigned char other = static_cast<unsigned char>(1 - SideOf(*conn));
     parent->RegisterCallback(
-        conn, other, oru::InspectorCallback(this, oru::MakeInspectorMethod(&HttpDpi::Tunnel)),
+        conn, other, oru::InspectorCallback(this, oru::MakeInspectorMethod(&HttpInspector::Tunnel)),
         EVENT_DATA);
   }
   return Tunnel(parent, pkt, tuple, conn);
 }
 
-unsigned int HttpDpi::Tunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
-                             oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+unsigned int HttpInspector::Tunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                                   oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   // The parent may drop its reference while the new registration is stored.
   oru::fdt::intrusive_ptr<oru::Inspector> hold(this);
   const unsigned char side = SideOf(*conn);
@@ -239,9 +210,9 @@ unsigned int HttpDpi::Tunnel(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tup
       return result == oru::INSPECT_STAY ? oru::INSPECT_FINISHED : result;
     }
   }
-  parent->RegisterCallback(conn, side,
-                           oru::InspectorCallback(this, oru::MakeInspectorMethod(&HttpDpi::Tunnel)),
-                           EVENT_DATA);
+  parent->RegisterCallback(
+      conn, side, oru::InspectorCallback(this, oru::MakeInspectorMethod(&HttpInspector::Tunnel)),
+      EVENT_DATA);
   return result;
 }
 

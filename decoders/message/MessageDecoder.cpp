@@ -1,0 +1,85 @@
+#include "message/MessageDecoder.h"
+
+#include <kest/WebLine.h>
+
+namespace kest_message {
+
+bool Holds(oru::Conn &conn, uint32_t proto) {
+  for (const oru::AppEntry &entry : conn.GetAppStack()->entries) {
+    if (entry.proto == proto) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side) {
+  oru::WebDpi::TransactionList &mine = inspector.m_transactions[side];
+  while (mine.size() >= kMaxOpen) {
+    mine.pop_front();
+  }
+  oru::WebDpi::TransactionList &theirs = inspector.m_transactions[1 - side];
+  if (theirs.empty()) {
+    const oru::FlowBuffer &flow = conn.m_flow[side];
+    oru::WebLine line(inspector.m_methods, inspector.GetProtocolWord());
+    unsigned long long pos = flow.m_read_pos;
+    if (line.Parse(flow, pos, true) && line.m_type == oru::WebLine::LINE_RESPONSE) {
+      theirs.emplace_back();
+    }
+  }
+}
+
+bool LineLauncher::Start(const oru::kit::Spec &spec, const MessageOptions &options) {
+  m_options = &options;
+  const Dialect &d = *options.dialect;
+  for (size_t i = 0; i < d.method_count; ++i) {
+    if (!m_methods.push_back(oru::WebMethod{d.methods[i].text, d.methods[i].length})) {
+      return false;
+    }
+  }
+  if (!m_reg.Start(spec)) {
+    return false;
+  }
+  m_attributes.Initialize(options.prefix);
+  return true;
+}
+
+void LineLauncher::Stop() {
+  if (m_options != nullptr) {
+    m_attributes.ExitThread(m_options->prefix);
+  }
+  m_reg.Stop();
+}
+
+bool LineLauncher::Name(oru::ParentDpi * /*parent*/, oru::Conn &conn) {
+  return conn.PushProtocol(Proto());
+}
+
+unsigned int LineLauncher::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                                   oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  const Dialect &dialect = *m_options->dialect;
+  const unsigned char side = SideOf(*conn);
+  oru::FlowBuffer &own = conn->m_flow[side];
+  const oru::FlowBuffer &other = conn->m_flow[1 - side];
+  const FirstLine line = JudgeOpening(own, dialect);
+  if (line == FirstLine::kRequest || line == FirstLine::kResponse) {
+    if (!Name(parent, *conn)) {
+      return oru::INSPECT_FINISHED;
+    }
+    return Launch(parent, pkt, tuple, conn);
+  }
+  if (line == FirstLine::kNeedMore) {
+    // The line's bytes must outlive the packet until it is whole.
+    return own.Sync() ? oru::INSPECT_STAY : oru::INSPECT_FINISHED;
+  }
+  if (other.m_next_pos == 0 ? HintsAtProtocol(own, dialect)
+                            : JudgeOpening(other, dialect) == FirstLine::kNeedMore) {
+    // The other side decides; this side's bytes need not stay.
+    if (own.m_next_pos < dialect.max_first_line) {
+      return oru::INSPECT_STAY;
+    }
+  }
+  return oru::INSPECT_FINISHED;
+}
+
+} // namespace kest_message

@@ -1,0 +1,286 @@
+#include "message/MessageLine.h"
+
+#include <kest/kit/FlowView.h>
+
+namespace kest_message {
+
+namespace {
+
+// HTTP/1.x: "HTTP/1." and one digit. The methods of RFC 9110, PATCH and the
+// WebDAV family; no name is a prefix of another, so a growing token never
+// matches two.
+const Word kHttpVersions[] = {KEST_MESSAGE_WORD("HTTP/1.")};
+const Word kHttpMethods[] = {
+    KEST_MESSAGE_WORD("GET"),
+    KEST_MESSAGE_WORD("HEAD"),
+    KEST_MESSAGE_WORD("POST"),
+    KEST_MESSAGE_WORD("PUT"),
+    KEST_MESSAGE_WORD("DELETE"),
+    KEST_MESSAGE_WORD("CONNECT"),
+    KEST_MESSAGE_WORD("OPTIONS"),
+    KEST_MESSAGE_WORD("TRACE"),
+    KEST_MESSAGE_WORD("PATCH"),
+    KEST_MESSAGE_WORD("PROPFIND"),
+    KEST_MESSAGE_WORD("PROPPATCH"),
+    KEST_MESSAGE_WORD("MKCOL"),
+    KEST_MESSAGE_WORD("COPY"),
+    KEST_MESSAGE_WORD("MOVE"),
+    KEST_MESSAGE_WORD("LOCK"),
+    KEST_MESSAGE_WORD("UNLOCK"),
+    KEST_MESSAGE_WORD("SEARCH"),
+    KEST_MESSAGE_WORD("REPORT"),
+    KEST_MESSAGE_WORD("MKACTIVITY"),
+    KEST_MESSAGE_WORD("CHECKOUT"),
+    KEST_MESSAGE_WORD("CHECKIN"),
+    KEST_MESSAGE_WORD("UNCHECKOUT"),
+    KEST_MESSAGE_WORD("MERGE"),
+    KEST_MESSAGE_WORD("NOTIFY"),
+    KEST_MESSAGE_WORD("SUBSCRIBE"),
+    KEST_MESSAGE_WORD("UNSUBSCRIBE"),
+    KEST_MESSAGE_WORD("PURGE"),
+    KEST_MESSAGE_WORD("ACL"),
+    KEST_MESSAGE_WORD("MKCALENDAR"),
+    KEST_MESSAGE_WORD("LINK"),
+    KEST_MESSAGE_WORD("UNLINK"),
+    KEST_MESSAGE_WORD("BIND"),
+    KEST_MESSAGE_WORD("UNBIND"),
+    KEST_MESSAGE_WORD("REBIND"),
+    KEST_MESSAGE_WORD("LABEL"),
+    KEST_MESSAGE_WORD("UPDATE"),
+    KEST_MESSAGE_WORD("MKWORKSPACE"),
+    KEST_MESSAGE_WORD("ORDERPATCH"),
+    KEST_MESSAGE_WORD("VERSION-CONTROL"),
+    KEST_MESSAGE_WORD("BASELINE-CONTROL"),
+};
+
+const Word kSipVersions[] = {KEST_MESSAGE_WORD("SIP/2.0")};
+const Word kSipMethods[] = {
+    KEST_MESSAGE_WORD("INVITE"),  KEST_MESSAGE_WORD("ACK"),       KEST_MESSAGE_WORD("BYE"),
+    KEST_MESSAGE_WORD("CANCEL"),  KEST_MESSAGE_WORD("OPTIONS"),   KEST_MESSAGE_WORD("REGISTER"),
+    KEST_MESSAGE_WORD("PRACK"),   KEST_MESSAGE_WORD("SUBSCRIBE"), KEST_MESSAGE_WORD("NOTIFY"),
+    KEST_MESSAGE_WORD("PUBLISH"), KEST_MESSAGE_WORD("INFO"),      KEST_MESSAGE_WORD("REFER"),
+    KEST_MESSAGE_WORD("MESSAGE"), KEST_MESSAGE_WORD("UPDATE"),
+};
+
+const Word kRtspVersions[] = {KEST_MESSAGE_WORD("RTSP/1.0"), KEST_MESSAGE_WORD("RTSP/2.0")};
+const Word kRtspMethods[] = {
+    KEST_MESSAGE_WORD("OPTIONS"),       KEST_MESSAGE_WORD("DESCRIBE"),
+    KEST_MESSAGE_WORD("ANNOUNCE"),      KEST_MESSAGE_WORD("SETUP"),
+    KEST_MESSAGE_WORD("PLAY"),          KEST_MESSAGE_WORD("PAUSE"),
+    KEST_MESSAGE_WORD("TEARDOWN"),      KEST_MESSAGE_WORD("GET_PARAMETER"),
+    KEST_MESSAGE_WORD("SET_PARAMETER"), KEST_MESSAGE_WORD("REDIRECT"),
+    KEST_MESSAGE_WORD("RECORD"),        KEST_MESSAGE_WORD("PLAY_NOTIFY"),
+};
+
+const Word kSsdpVersions[] = {KEST_MESSAGE_WORD("HTTP/1.1"), KEST_MESSAGE_WORD("HTTP/1.0")};
+const Word kSsdpMethods[] = {KEST_MESSAGE_WORD("M-SEARCH"), KEST_MESSAGE_WORD("NOTIFY")};
+
+template <size_t N> constexpr size_t Count(const Word (&)[N]) {
+  return N;
+}
+
+using oru::kit::Match;
+using Cursor = oru::kit::LineCursor;
+
+// One of the dialect's versions, whole: its word and its digits.
+Match Version(Cursor &c, const Dialect &d) {
+  Match best = Match::kNo;
+  for (size_t i = 0; i < d.version_count; ++i) {
+    Cursor tried = c;
+    Match m = tried.Literal(d.versions[i].text, d.versions[i].length);
+    if (m == Match::kYes) {
+      m = tried.Digits(d.version_digits);
+    }
+    if (m == Match::kYes) {
+      c = tried;
+      return m;
+    }
+    if (m == Match::kMore) {
+      best = m;
+    }
+  }
+  return best;
+}
+
+// "VERSION NNN reason": the reason may be empty, but the blank before it is
+// required; only horizontal tabs among the control bytes.
+Match StatusLine(Cursor c, const Dialect &d) {
+  Match m = Version(c, d);
+  if (m == Match::kYes) {
+    m = c.Literal(" ", 1);
+  }
+  if (m == Match::kYes) {
+    m = c.Digits(3);
+  }
+  if (m == Match::kYes) {
+    m = c.Literal(" ", 1);
+  }
+  return m != Match::kYes ? m : c.Rest();
+}
+
+// Whether the token is a method (kYes) or the beginning of one (kMore).
+Match Method(const Dialect &d, const char *token, size_t n) {
+  Match best = Match::kNo;
+  for (size_t i = 0; i < d.method_count; ++i) {
+    const Word &w = d.methods[i];
+    // Most names differ from the token in their first letter.
+    if (n > w.length || (n != 0 && token[0] != w.text[0])) {
+      continue;
+    }
+    size_t k = 0;
+    while (k < n && token[k] == w.text[k]) {
+      ++k;
+    }
+    if (k == n) {
+      if (n == w.length) {
+        return Match::kYes;
+      }
+      best = Match::kMore;
+    }
+  }
+  return best;
+}
+
+// "METHOD target VERSION": one blank each side of a target of visible bytes
+// (above 0x7f allowed: some clients send raw UTF-8).
+Match RequestLine(Cursor c, const Dialect &d) {
+  char token[20] = {};
+  size_t n = 0;
+  while (true) {
+    if (c.AtEnd()) {
+      // A token that can still grow into a method waits for more.
+      return Method(d, token, n) == Match::kNo ? Match::kNo : c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == ' ') {
+      break;
+    }
+    if (n == sizeof token) {
+      return Match::kNo;
+    }
+    token[n++] = static_cast<char>(b);
+    if (Method(d, token, n) == Match::kNo) {
+      return Match::kNo;
+    }
+    c.Skip();
+  }
+  if (Method(d, token, n) != Match::kYes) {
+    return Match::kNo;
+  }
+  c.Skip();
+  size_t target = 0;
+  bool star = true;
+  while (true) {
+    if (c.AtEnd()) {
+      return c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == ' ') {
+      break;
+    }
+    if (b <= 0x20 || b == 0x7f) {
+      return Match::kNo;
+    }
+    star = star && b == '*';
+    ++target;
+    c.Skip();
+  }
+  if (target == 0 || (d.star_target && (target != 1 || !star))) {
+    return Match::kNo;
+  }
+  c.Skip();
+  const Match m = Version(c, d);
+  return m != Match::kYes ? m : c.LineEnd();
+}
+
+} // namespace
+
+const Dialect kHttp{
+    .protocol = "HTTP",
+    .versions = kHttpVersions,
+    .version_count = Count(kHttpVersions),
+    .version_digits = 1,
+    .methods = kHttpMethods,
+    .method_count = Count(kHttpMethods),
+    .max_first_line = 8192,
+    .hint = KEST_MESSAGE_WORD("HTTP/1."),
+};
+const Dialect kSip{
+    .protocol = "SIP",
+    .versions = kSipVersions,
+    .version_count = Count(kSipVersions),
+    .methods = kSipMethods,
+    .method_count = Count(kSipMethods),
+    .hint = KEST_MESSAGE_WORD("SIP/"),
+    .hint_needs_text = true,
+};
+const Dialect kRtsp{
+    .protocol = "RTSP",
+    .versions = kRtspVersions,
+    .version_count = Count(kRtspVersions),
+    .methods = kRtspMethods,
+    .method_count = Count(kRtspMethods),
+    .hint = KEST_MESSAGE_WORD("RTSP/"),
+    .hint_needs_text = true,
+};
+const Dialect kSsdp{
+    .protocol = "HTTP",
+    .versions = kSsdpVersions,
+    .version_count = Count(kSsdpVersions),
+    .methods = kSsdpMethods,
+    .method_count = Count(kSsdpMethods),
+    .star_target = true,
+    .hint = KEST_MESSAGE_WORD("HTTP/"),
+    .hint_needs_text = true,
+};
+
+FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from, uint64_t end,
+                         const Dialect &dialect) {
+  if (end > flow.End()) {
+    end = flow.End();
+  }
+  const uint64_t limit = from + dialect.max_first_line;
+  uint64_t p = from;
+  while (p < end && p < limit && (flow.At(p) == '\r' || flow.At(p) == '\n')) {
+    ++p;
+  }
+  if (p >= limit) {
+    return FirstLine::kNo;
+  }
+  if (p >= end) {
+    return FirstLine::kNeedMore;
+  }
+  const Match response = StatusLine(Cursor(flow, p, end, limit), dialect);
+  if (response == Match::kYes) {
+    return FirstLine::kResponse;
+  }
+  const Match request = RequestLine(Cursor(flow, p, end, limit), dialect);
+  if (request == Match::kYes) {
+    return FirstLine::kRequest;
+  }
+  return response == Match::kMore || request == Match::kMore ? FirstLine::kNeedMore
+                                                             : FirstLine::kNo;
+}
+
+FirstLine JudgeOpening(const oru::FlowBuffer &flow, const Dialect &dialect) {
+  if (flow.Begin() != 0 || flow.End() == 0) {
+    return FirstLine::kNo;
+  }
+  return SniffFirstLine(flow, 0, flow.End(), dialect);
+}
+
+bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect) {
+  if (flow.Begin() != 0 || flow.End() == 0) {
+    return false;
+  }
+  if (dialect.hint_needs_text) {
+    const unsigned char first = static_cast<unsigned char>(flow.At(0));
+    if ((first < 0x21 || first > 0x7e) && first != '\r' && first != '\n') {
+      return false;
+    }
+  }
+  const uint64_t nl = flow.Find(0, '\n', dialect.max_first_line);
+  return flow.Find(0, dialect.hint.text, dialect.hint.length, nl) != flow.End();
+}
+
+} // namespace kest_message

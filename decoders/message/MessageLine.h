@@ -1,0 +1,88 @@
+// Whether the first line of a message is a request or status line of one
+// line-and-header protocol (HTTP, SIP, RTSP, SSDP): "GET /x HTTP/1.1",
+// "INVITE sip:bob@b.example SIP/2.0", "SIP/2.0 180 Ringing",
+// "M-SEARCH * HTTP/1.1". A protocol's words (its versions and methods) and
+// bounds come in a Dialect, so the four decoders share the judgement; it
+// reads the reassembled bytes only, never the ports.
+//
+// The judgement waits for the whole line before it says yes, so that it
+// never names a connection that the message inspector then cannot read, and
+// gives up on a line longer than the dialect's max_first_line, so that an
+// undecided side keeps a bounded number of bytes.
+#ifndef KEST_DECODERS_MESSAGE_MESSAGELINE_H
+#define KEST_DECODERS_MESSAGE_MESSAGELINE_H
+
+#include <kest/FlowBuffer.h>
+#include <stddef.h>
+#include <stdint.h>
+
+namespace kest_message {
+
+struct Word {
+  const char *text;
+  uint8_t length;
+};
+
+#define KEST_MESSAGE_WORD(text)                                                                    \
+  Word {                                                                                           \
+    text, sizeof(text) - 1                                                                         \
+  }
+
+struct Dialect {
+  // The protocol word that versions start with ("SIP"), as the message
+  // inspector wants it.
+  const char *protocol = nullptr;
+  // Version tokens ("SIP/2.0"), each followed by `version_digits` digits
+  // ("HTTP/1." and one).
+  const Word *versions = nullptr;
+  size_t version_count = 0;
+  uint8_t version_digits = 0;
+  // Request methods.
+  const Word *methods = nullptr;
+  size_t method_count = 0;
+  // Requests must address "*" (SSDP's announcements and searches).
+  bool star_target = false;
+  // Longest first line waited for, blank lines before it included.
+  uint32_t max_first_line = 4096;
+  // What a side's first line that is not the protocol's must still hold for
+  // the other side's first line to be worth waiting for ("SIP/"): a client
+  // that sends a malformed request to a server that answers well.
+  Word hint = {};
+  // Whether such a line must also begin as text does (a visible byte or a
+  // blank line), so that binary streams need no search for the hint.
+  bool hint_needs_text = false;
+};
+
+enum class FirstLine {
+  kNeedMore, // a valid beginning so far
+  kRequest,
+  kResponse,
+  kNo,
+};
+
+// Judges the line that starts at `from`, reading below `end` only (cut to
+// the flow's End()). Blank lines before it are skipped. With an `end` that
+// is the end of a datagram, kNeedMore means a line cut short.
+FirstLine SniffFirstLine(const oru::FlowBuffer &flow, uint64_t from, uint64_t end,
+                         const Dialect &dialect);
+
+// What a side's first line says, from the stream's start. A side whose
+// first byte is no longer held was judged before and let go (its bytes
+// flushed): kNo, as for a side that sent nothing yet.
+FirstLine JudgeOpening(const oru::FlowBuffer &flow, const Dialect &dialect);
+
+// Whether a side's rejected first line still carries the dialect's hint
+// ("GET/ HTTP/1.1" to a server that answers with a status line). Only then
+// is the other side's first line waited for, so that other protocols'
+// connections are not held up.
+bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect);
+
+// The four dialects.
+extern const Dialect kHttp;
+extern const Dialect kSip;
+extern const Dialect kRtsp;
+extern const Dialect kSsdp;
+
+} // namespace kest_message
+
+#endif
