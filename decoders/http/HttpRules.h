@@ -7,37 +7,38 @@
 #ifndef KEST_DECODERS_HTTP_HTTPRULES_H
 #define KEST_DECODERS_HTTP_HTTPRULES_H
 
-#include <kest/ICustomRule.h>
-#include <kest/Inspector.h>
 #include <kest/KeyValueRuleStore.h>
-#include <kest/fdt/List.h>
+#include <kest/kit/CustomRuleList.h>
 
 namespace kest_http {
 
-class HttpCustomRules final : public oru::ICustomRule {
+class HttpCustomRules final : public oru::kit::CustomRuleList<HttpCustomRules> {
 public:
-  explicit HttpCustomRules(oru::KeyValueRuleStore &store) : m_store(store) {}
-  ~HttpCustomRules();
-  HttpCustomRules(const HttpCustomRules &) = delete;
-  HttpCustomRules &operator=(const HttpCustomRules &) = delete;
-
-  // -1 refuses text without a key and a value around "=", or a pattern the
-  // store does not take (longer than 50 bytes).
-  int AddCustomRule(const char *rule, int protocol, unsigned int *cookie) override;
-  void RemoveCustomRule(const char *rule, int protocol, unsigned int cookie) override;
-
-private:
-  struct Entry {
-    unsigned int cookie;
+  struct Key {
     oru::KeyValueRuleStore::string key;
     oru::KeyValueRuleStore::string value;
-    oru::InspectorCallback callback;
   };
-  void Remove(oru::List<Entry>::iterator it);
 
+  explicit HttpCustomRules(oru::KeyValueRuleStore &store) : m_store(store) {}
+  ~HttpCustomRules() { Clear(); }
+
+  // False for text without a key and a value around "=", or without memory
+  // for them.
+  static bool Parse(const char *rule, Key &out);
+  static bool Kept(const Key &copy, const Key &parsed) {
+    return copy.key.size() == parsed.key.size() && copy.value.size() == parsed.value.size();
+  }
+  // False for a pattern the store does not take (longer than 50 bytes).
+  bool Add(const Key &rule, const oru::InspectorCallback &callback) {
+    return m_store.AddRule(rule.key, rule.value, callback, true, 0,
+                           oru::KeyValueRuleStore::EXPIRY_LOCAL);
+  }
+  void Remove(const Key &rule, const oru::InspectorCallback &callback) {
+    m_store.RemoveRuleFast(rule.key, rule.value, callback);
+  }
+
+private:
   oru::KeyValueRuleStore &m_store;
-  oru::List<Entry> m_entries;
-  unsigned int m_last_cookie = 0;
 };
 
 } // namespace kest_http

@@ -7,38 +7,29 @@
 #ifndef KEST_DECODERS_CUSTOMRULES_H
 #define KEST_DECODERS_CUSTOMRULES_H
 
-#include <kest/ICustomRule.h>
-#include <kest/Inspector.h>
 #include <kest/IpPortRuleStore.h>
-#include <kest/fdt/List.h>
+#include <kest/kit/CustomRuleList.h>
 #include <stdint.h>
 
 namespace kest_decoders {
 
-class CustomRules final : public oru::ICustomRule {
+class CustomRules final : public oru::kit::CustomRuleList<CustomRules> {
 public:
+  using Key = oru::IpPortSpec;
+
   CustomRules(oru::IpPortRuleStore &store, uint8_t ip_protocol)
       : m_store(store), m_ip_protocol(ip_protocol) {}
-  ~CustomRules();
-  CustomRules(const CustomRules &) = delete;
-  CustomRules &operator=(const CustomRules &) = delete;
+  ~CustomRules() { Clear(); }
 
-  // -1 refuses text that is no address rule, or a port above 65535.
-  int AddCustomRule(const char *rule, int protocol, unsigned int *cookie) override;
-  void RemoveCustomRule(const char *rule, int protocol, unsigned int cookie) override;
+  // False for text that is no address rule, or a port above 65535.
+  bool Parse(const char *rule, Key &spec) const;
+  bool Kept(const Key &, const Key &) const { return true; }
+  bool Add(const Key &spec, const oru::InspectorCallback &callback);
+  void Remove(const Key &spec, const oru::InspectorCallback &callback);
 
 private:
-  struct Entry {
-    unsigned int cookie;
-    oru::IpPortSpec spec;
-    oru::InspectorCallback callback;
-  };
-  void Remove(oru::List<Entry>::iterator it);
-
   oru::IpPortRuleStore &m_store;
   uint8_t m_ip_protocol;
-  oru::List<Entry> m_entries;
-  unsigned int m_last_cookie = 0;
 };
 
 } // namespace kest_decoders
