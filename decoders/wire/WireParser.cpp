@@ -6,16 +6,19 @@ namespace kest_decoders {
 
 namespace {
 
-constexpr uint16_t kEtherIpv4 = 0x0800;
-constexpr uint16_t kEtherIpv6 = 0x86DD;
-constexpr uint16_t kEtherVlan = 0x8100;
-constexpr uint16_t kEtherQinQ = 0x88A8;
-constexpr uint16_t kEtherQinQOld = 0x9100;
-constexpr uint16_t kEtherPppoe = 0x8864;
-constexpr uint16_t kEtherMpls = 0x8847;
-constexpr uint16_t kEtherMplsMulticast = 0x8848;
-constexpr uint16_t kPppIpv4 = 0x0021;
-constexpr uint16_t kPppIpv6 = 0x0057;
+// Ether types and PPP protocol numbers.
+enum : uint16_t {
+  kEtherIpv4 = 0x0800,
+  kEtherIpv6 = 0x86DD,
+  kEtherVlan = 0x8100,
+  kEtherQinQ = 0x88A8,
+  kEtherQinQOld = 0x9100,
+  kEtherPppoe = 0x8864,
+  kEtherMpls = 0x8847,
+  kEtherMplsMulticast = 0x8848,
+  kPppIpv4 = 0x0021,
+  kPppIpv6 = 0x0057,
+};
 
 // The offset of the IP header behind the link layer, or a result that ends
 // the parse.
