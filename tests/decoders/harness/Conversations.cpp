@@ -21,7 +21,9 @@
 //   cx <hex> | sx <hex>         a step given in hex
 //   stack <A/B/C>               the stack the connection's last packet
 //                               reports
-//   attr <name> <value>         an attribute, in order of delivery
+//   attr <name> <value>         an attribute, in order of delivery; a case
+//                               lists every value of the attributes its
+//                               file names anywhere, and only those
 //   config <key> <value>        a policy setting for this case (back to "1"
 //                               after it)
 //   v4                          addresses matter: no IPv6 run
@@ -276,6 +278,24 @@ protected:
     return stacks;
   }
 
+  // The outcome with only the attributes that the case's file names.
+  static Outcome OfFile(const Case &c, Outcome out) {
+    std::set<std::string> names;
+    for (const Case &other : cases) {
+      for (const std::string &a : other.file == c.file ? other.attrs : std::vector<std::string>{}) {
+        names.insert(a.substr(0, a.find('=')));
+      }
+    }
+    std::vector<std::string> kept;
+    for (const std::string &a : out.attrs) {
+      if (names.count(a.substr(0, a.find('='))) != 0) {
+        kept.push_back(a);
+      }
+    }
+    out.attrs = kept;
+    return out;
+  }
+
   static inline const std::vector<Case> cases = Load();
   kest_handle_t h = -1;
 };
@@ -285,9 +305,9 @@ TEST_F(Conversations, EachEndsWithItsStackAndAttributes) {
   for (const Case &c : cases) {
     Configure(c, true);
     const Outcome expected{Stacks(c), c.attrs};
-    EXPECT_EQ(Run(c, 0, false), expected) << c.file << ": " << c.what;
+    EXPECT_EQ(OfFile(c, Run(c, 0, false)), expected) << c.file << ": " << c.what;
     if (!c.v4_only) {
-      EXPECT_EQ(Run(c, 0, true), expected) << c.file << ": " << c.what << " over IPv6";
+      EXPECT_EQ(OfFile(c, Run(c, 0, true)), expected) << c.file << ": " << c.what << " over IPv6";
     }
     Configure(c, false);
   }

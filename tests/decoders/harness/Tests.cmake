@@ -12,6 +12,17 @@ foreach(_plugin IN LISTS _all_plugins)
     list(APPEND _conv_targets ${_plugin})
   endif()
 endforeach()
+# kestcap over the bundled capture with every decoder, against its reviewed
+# output.
+if(_conv_targets)
+  kest_add_capture_test(NAME loopback_golden PLUGINS ${_conv_targets}
+                        CAPTURE ${CMAKE_SOURCE_DIR}/examples/loopback.pcap
+                        EXPECTED ${CMAKE_SOURCE_DIR}/tests/golden/loopback.pcap.jsonl
+                        KESTCAP_ARGS --attr tls.alpn --attr tls.version
+                                     --attr tls.client_fingerprint --attr dns.qtype
+                                     --attr dns.answers --attr http.response.header.server)
+endif()
+
 # The kit's own test decoder (toy.conv), packed beside them.
 if(_conv_targets)
   kest_add_plugin(NAME toy SOURCES ${CMAKE_CURRENT_LIST_DIR}/../fixtures/toy_decoder.cpp
