@@ -223,7 +223,7 @@ def sites_of(path, text):
         previous = prev_code
         prev_code = stripped
         label = re.match(r"(case\b|default\s*:)", previous) and previous.endswith(":")
-        if not (previous.endswith(";") or previous.endswith("{") or previous.endswith("}") or label):
+        if not (previous.endswith((";", "{", "}")) or label):
             continue
         if not code.endswith(";") or not balanced(code):
             continue
