@@ -21,18 +21,18 @@ space on each side, which tells a comparison from a template bracket.
 
 Usage: scripts/mutants.sh [options]
   --seed S        seed of the sample (default 26)
-  -n N            number of sites (default 64)
+  -n N            number of sites (default 40)
   --build DIR     build directory, configured and built already (default build)
   --paths P,...   folders or files to draw from (default: the library folders
                   runtime foundation conn flow rules web attributes config plugins,
                   and decoders)
-  --timeout SEC   wall-clock limit of one suite run (default: 4 times a clean
-                  run, at least 90); a run past it kills the mutant
+  --timeout SEC   wall-clock limit of one suite run (default: 3 times a clean
+                  run, at least 60); a run past it kills the mutant
   --jobs J        build and ctest parallelism (default 2)
   --ctest-args A  extra arguments for ctest, one string (e.g. "-E benchmarks")
   --list          print the sampled sites and stop, building nothing
 
-The seed set of record is the default: seed 26, 64 sites over the default folders: the
+The seed set of record is the default: seed 26, 40 sites over the default folders: the
 figures before and after a change of the tests are taken with exactly that.
 """
 
@@ -349,7 +349,7 @@ def main():
                                  formatter_class=argparse.RawDescriptionHelpFormatter,
                                  epilog="\n".join(__doc__.split("\n")[2:]))
     ap.add_argument("--seed", type=int, default=26)
-    ap.add_argument("-n", type=int, default=64)
+    ap.add_argument("-n", type=int, default=40)
     ap.add_argument("--build", default="build")
     ap.add_argument("--paths", default=",".join(LIBRARY))
     ap.add_argument("--timeout", type=float, default=0)
@@ -398,7 +398,7 @@ def main():
         print(out[-3000:])
         print("the suite fails on the unmutated tree", file=sys.stderr)
         return 2
-    limit = args.timeout or max(90.0, 4 * clean)
+    limit = args.timeout or max(60.0, 3 * clean)
     print("clean suite run: %.0f s; limit per mutant run: %.0f s" % (clean, limit))
     built = object_dependencies(build)
 
