@@ -89,43 +89,6 @@ TEST_F(PluginFileTest, ScanListsPlgFilesOfAnyCaseInAlphasortOrder) {
   EXPECT_TRUE(list.empty());
 }
 
-TEST_F(PluginFileTest, OpenGivesHandleAndTheTableOfQuery) {
-  WritePlugin(dir + "/query.plg", ReadFile(KEST_TEST_QUERY_PLUGIN));
-  const PluginEntryTable *entry = nullptr;
-  void *handle = Open(dir + "/query.plg", &entry);
-  ASSERT_NE(handle, nullptr) << kest_test::TakePrinted();
-  EXPECT_EQ(static_cast<const void *>(entry), dlsym(handle, "kest_test_table"));
-  EXPECT_EQ(CopiesInTmp(), Strings{});
-  PluginFile::Close(handle);
-  EXPECT_EQ(kest_test::TakePrinted(), "");
-}
-
-// The test plug-in keeps the name and bytes of the file it was loaded from, so
-// the copy can be checked for lengths that end on and inside key periods and
-// blocks.
-TEST_F(PluginFileTest, CopyHoldsThePlainBytesUnderTheProcessName) {
-  const Bytes object = ReadFile(KEST_TEST_QUERY_PLUGIN);
-  for (size_t length : {object.size() / 1024 * 1024 + 1024, object.size() + 16 - object.size() % 16,
-                        object.size() + 23 - object.size() % 16}) {
-    Bytes plain = object;
-    plain.resize(length, 0xa5);
-    const std::string path = dir + "/len" + std::to_string(length) + ".plg";
-    WritePlugin(path, plain);
-    const PluginEntryTable *entry = nullptr;
-    void *handle = Open(path, &entry);
-    ASSERT_NE(handle, nullptr) << kest_test::TakePrinted();
-
-    auto loaded_from = reinterpret_cast<const char *(*)()>(dlsym(handle, "kest_test_loaded_from"));
-    auto loaded =
-        reinterpret_cast<const char *(*)(size_t *)>(dlsym(handle, "kest_test_loaded_bytes"));
-    EXPECT_EQ(loaded_from(), CopyName(path));
-    size_t size = 0;
-    const unsigned char *bytes = reinterpret_cast<const unsigned char *>(loaded(&size));
-    EXPECT_EQ(Bytes(bytes, bytes + size), plain) << "length " << length;
-    PluginFile::Close(handle);
-  }
-}
-
 TEST_F(PluginFileTest, MissingQueryIsReported) {
   const std::string path = dir + "/noquery.plg";
   WritePlugin(path, ReadFile(KEST_TEST_NOQUERY_PLUGIN));
@@ -194,15 +157,20 @@ TEST_F(PluginFileTest, CopyModeComesFromTheEnvironment) {
   }
 }
 
-// A link planted at the name of the default copy, pointing at a file of the
-// attacker's choice, is written through and loaded by the default copy only.
-// Two plug-ins stay open at once, so that a name the loader uses again (a
-// descriptor number, a directory) cannot hand back the first object.
-TEST_F(PluginFileTest, HardenedCopiesKeepOffTheSharedNameAndLeaveNothing) {
+// Each mode loads the plain bytes (lengths that end on and inside the key's
+// period and the copy's blocks) and gives query's table. A link planted at
+// the name of the default copy, pointing at a file of the attacker's choice,
+// is written through and loaded by the default copy only. The plug-ins stay
+// open at once, so that a name the loader uses again (a descriptor number, a
+// directory) cannot hand back an earlier object.
+TEST_F(PluginFileTest, EveryModeLoadsThePlainBytesAndHardenedOnesLeaveNothing) {
   const std::string private_root = dir + "/private";
   fs::create_directory(private_root);
   kest_test::ScopedEnv env("TMPDIR", private_root.c_str());
   const Bytes object = ReadFile(KEST_TEST_QUERY_PLUGIN);
+  const size_t lengths[] = {object.size() / 1024 * 1024 + 1024,
+                            object.size() + 16 - object.size() % 16,
+                            object.size() + 23 - object.size() % 16};
   const struct {
     CopyMode mode;
     std::string loaded_prefix;
@@ -218,10 +186,11 @@ TEST_F(PluginFileTest, HardenedCopiesKeepOffTheSharedNameAndLeaveNothing) {
     SCOPED_TRACE(row.loaded_prefix);
     const std::string victim = dir + "/victim";
     kest_test::WriteFile(victim, {});
-    void *handles[2] = {};
-    Bytes plain[2] = {object, object};
-    plain[1].resize(object.size() + 100, 0x5a);
-    for (int i = 0; i < 2; ++i) {
+    void *handles[3] = {};
+    Bytes plain[3];
+    for (int i = 0; i < 3; ++i) {
+      plain[i] = object;
+      plain[i].resize(lengths[i], 0xa5);
       const std::string path = dir + "/copy" + std::to_string(i) + ".plg";
       WritePlugin(path, plain[i]);
       if (i == 0) {
@@ -230,9 +199,10 @@ TEST_F(PluginFileTest, HardenedCopiesKeepOffTheSharedNameAndLeaveNothing) {
       const PluginEntryTable *entry = nullptr;
       handles[i] = Open(path, &entry, row.mode);
       ASSERT_NE(handles[i], nullptr) << kest_test::TakePrinted();
+      EXPECT_EQ(static_cast<const void *>(entry), dlsym(handles[i], "kest_test_table"));
+      EXPECT_TRUE(i == 0 || handles[i] != handles[i - 1]);
     }
-    EXPECT_NE(handles[0], handles[1]);
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 3; ++i) {
       auto loaded_from =
           reinterpret_cast<const char *(*)()>(dlsym(handles[i], "kest_test_loaded_from"));
       auto loaded =
@@ -240,9 +210,12 @@ TEST_F(PluginFileTest, HardenedCopiesKeepOffTheSharedNameAndLeaveNothing) {
       auto modes = reinterpret_cast<void (*)(unsigned *, unsigned *)>(
           dlsym(handles[i], "kest_test_loaded_modes"));
       EXPECT_EQ(std::string(loaded_from()).rfind(row.loaded_prefix, 0), 0u) << loaded_from();
+      if (row.mode == CopyMode::kSharedTmp && i > 0) {
+        EXPECT_EQ(loaded_from(), CopyName(dir + "/copy" + std::to_string(i) + ".plg"));
+      }
       size_t size = 0;
       const unsigned char *bytes = reinterpret_cast<const unsigned char *>(loaded(&size));
-      EXPECT_EQ(Bytes(bytes, bytes + size), plain[i]);
+      EXPECT_EQ(Bytes(bytes, bytes + size), plain[i]) << "length " << lengths[i];
       unsigned file_mode = 0, dir_mode = 0;
       modes(&file_mode, &dir_mode);
       if (row.file_mode != 0) {
@@ -255,8 +228,9 @@ TEST_F(PluginFileTest, HardenedCopiesKeepOffTheSharedNameAndLeaveNothing) {
     EXPECT_EQ(fs::is_symlink(fs::symlink_status(trap)), !row.through_trap);
     fs::remove(trap);
     EXPECT_TRUE(fs::is_empty(private_root)) << "a private directory was left behind";
-    PluginFile::Close(handles[0]);
-    PluginFile::Close(handles[1]);
+    for (void *handle : handles) {
+      PluginFile::Close(handle);
+    }
     EXPECT_EQ(kest_test::TakePrinted(), "");
   }
 }

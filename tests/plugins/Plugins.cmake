@@ -47,12 +47,3 @@ target_compile_definitions(kest_tests PRIVATE
   KEST_TEST_PM_INITFAIL_DIR="${KEST_PM_PLUGIN_ROOT}/initfail"
   KEST_TEST_PM_THREADFAIL_DIR="${KEST_PM_PLUGIN_ROOT}/threadfail"
   KEST_TEST_PM_MEMTAGS_DIR="${KEST_PM_PLUGIN_ROOT}/memtags")
-
-# The loader's copy modes, tried on the packed transports and HTTP decoder.
-if(TARGET tcp AND TARGET udp AND TARGET http)
-  add_dependencies(kest_tests tcp udp http)
-  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/PluginCopyModeTest.cpp APPEND PROPERTY
-               COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="$<TARGET_PROPERTY:tcp,KEST_PLUGIN_FILE>"
-               KEST_TEST_UDP_PLG="$<TARGET_PROPERTY:udp,KEST_PLUGIN_FILE>"
-               KEST_TEST_HTTP_PLG="$<TARGET_PROPERTY:http,KEST_PLUGIN_FILE>")
-endif()

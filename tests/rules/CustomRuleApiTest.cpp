@@ -6,6 +6,7 @@
 #include <functional>
 #include <kest/Configuration.h>
 #include <kest/IpPortRuleString.h>
+#include <memory>
 #include <thread>
 
 namespace {
@@ -116,6 +117,33 @@ TEST_F(CustomRuleApiTest, ChangesReachEveryThreadAtItsNextIdlePass) {
   EXPECT_EQ(theirs.calls, (Calls{"+:443" + p + "200", "-:443" + p + "200"}));
   EXPECT_EQ(ItemNumber("customrule.ghost.10.0.0.1"), 5);
   kest_fini(h);
+}
+
+// Each thread's module, served from the plug-ins' thread start-up.
+thread_local std::unique_ptr<RecordingRuleModule> t_module;
+void ServeModule() {
+  t_module = std::make_unique<RecordingRuleModule>();
+  EXPECT_TRUE(t_module->Serve());
+}
+
+// Rules stored before a thread starts are applied by its start-up, after the
+// plug-ins' own start-ups have served the module: in key order, to each
+// thread's own module.
+TEST_F(CustomRuleApiTest, StoredRulesAreAppliedByEveryThreadStartUp) {
+  ASSERT_EQ(kest_rule_add(h, proto, "rec", "10.0.0.0-10.0.0.255"), 0);
+  ASSERT_EQ(kest_rule_add(h, proto, "rec", ":8080"), 0);
+  kest_test::SetTransportThreadStart(ServeModule);
+  const std::string p = "/" + std::to_string(proto) + "/";
+  for (bool own_thread : {false, true}) {
+    Calls heard;
+    auto life = [&] {
+      ASSERT_EQ(kest_init(h), 0);
+      heard = t_module->calls;
+      kest_fini(h);
+    };
+    own_thread ? std::thread(life).join() : life();
+    EXPECT_EQ(heard, (Calls{"+10.0.0.0-10.0.0.255" + p + "100", "+:8080" + p + "101"}));
+  }
 }
 
 } // namespace

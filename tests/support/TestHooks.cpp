@@ -126,6 +126,7 @@ void InstallHooks() {
   Take(g_log);
   AddTransportPlugin();
   SetTransportRegistration(true);
+  SetTransportThreadStart(nullptr);
 }
 
 void FailNthAllocation(long n) {

@@ -18,7 +18,8 @@ struct Allocation {
 
 // Fills all 43 hooks; the four allocation hooks go through the test allocator.
 // Resets counters, recording and failure plan. Adds the built-in transport
-// plug-in once per process and turns its protocols on (TransportPlugin.h).
+// plug-in once per process, turns its protocols on and its thread start-up
+// work off (TransportPlugin.h).
 void InstallHooks();
 
 // Fails the nth allocation from now (1 = the next one), on either heap; 0

@@ -12,6 +12,7 @@ namespace kest_test {
 namespace {
 
 std::atomic<bool> g_register{true};
+std::atomic<void (*)()> g_thread_start{nullptr};
 
 const char *GetName() {
   return kTransportPluginName;
@@ -31,6 +32,9 @@ bool InitInstance() {
 }
 
 bool InitThread() {
+  if (void (*start)() = g_thread_start.load()) {
+    start();
+  }
   return true;
 }
 
@@ -48,6 +52,10 @@ void AddTransportPlugin() {
 
 void SetTransportRegistration(bool on) {
   g_register = on;
+}
+
+void SetTransportThreadStart(void (*start)()) {
+  g_thread_start = start;
 }
 
 } // namespace kest_test

@@ -17,6 +17,11 @@ void AddTransportPlugin();
 // InstallHooks turns it on again.
 void SetTransportRegistration(bool on);
 
+// Runs `start` in the plug-in's thread start-up, as a plug-in that serves a
+// module on each thread does; null, the default and again after InstallHooks,
+// runs nothing.
+void SetTransportThreadStart(void (*start)());
+
 } // namespace kest_test
 
 #endif
