@@ -28,6 +28,13 @@
 // end): the last chance to publish what waited. Session::side() means
 // nothing there.
 //
+// Session::HandOn() passes a TCP connection's later bytes to a fresh chain
+// of the transport's decoders (an accepted STARTTLS), under the chameleon
+// policy; Session::Expect() names the connections a message announces
+// (Spec::expects), under the future-flows policy. Spec::borrowed names
+// attributes of another decoder that this one reports too (QUIC reports
+// TLS's): they are shared, whichever plug-in starts first.
+//
 // Framing (Spec::tcp_framing; UDP is always one datagram per message):
 //   kDatagram  UDP only.
 //   kRecords   TCP records with a length field (Spec::records): each whole
