@@ -20,7 +20,7 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 cmake -S "$root" -B "$root/build-tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
   -DKEST_SANITIZE=thread -DKEST_BUILD_BENCH=OFF >/dev/null
 cmake --build "$root/build-tsan" -j "$jobs" --target kest_tests kest_internal_tests kestcap \
-  tcp udp wire http
+  kest_dns_tests tcp udp wire http dns
 (cd "$root/build-tsan" && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j "$jobs" \
-  -R 'Concurrent|Thread|SyncEventQueue|Lifecycle|ConfigurationTest')
+  -R 'Concurrent|Thread|SyncEventQueue|Lifecycle|ConfigurationTest|ClockTest')
 echo "all tests passed"
