@@ -230,8 +230,14 @@ private:
   uint32_t m_tunnel_proto[kTunnelKinds] = {};
 };
 
-// This thread's decoder, with the reference the plug-in holds.
-thread_local WireDecoder *t_decoder = nullptr;
+// This thread's decoder in the current instance, with the reference the
+// plug-in holds, in a slot of the thread's block (no thread-local storage of
+// the plug-in's own).
+oru::ThreadLocalKey l_decoder{};
+oru::SlotRegistration s_decoder_slot(l_decoder);
+WireDecoder *&Current() {
+  return oru::ThreadPointer<WireDecoder>(l_decoder);
+}
 
 const char *GetName() {
   return "wire";
@@ -243,6 +249,7 @@ bool InitInstance() {
   return oru::InterfaceBroker::RegisterModule(WireDecoder::kModule, WireDecoder::kModuleName);
 }
 bool InitThread() {
+  WireDecoder *&t_decoder = Current();
   t_decoder = oru::fdt::CreateObject<WireDecoder>(oru::fdt::OBJECT_LOCAL);
   if (t_decoder == nullptr) {
     return false;
@@ -257,12 +264,14 @@ bool InitThread() {
   return true;
 }
 void LinkThread() {
+  WireDecoder *t_decoder = Current();
   if (t_decoder != nullptr) {
     t_decoder->Link();
   }
 }
 void StartThread() {}
 void ExitThread() {
+  WireDecoder *&t_decoder = Current();
   if (t_decoder != nullptr) {
     t_decoder->Unlink();
     t_decoder->Stop();

@@ -685,10 +685,16 @@ template <class D> struct Plugin {
   using Inspector = typename InspectorOf<D>::Type;
   static constexpr const Spec &kSpec = D::kSpec;
 
-  // This thread's inspector, with the reference the plug-in holds. A plain
-  // pointer: a thread-local with a destructor may be gone before the
-  // thread's kest_fini runs.
-  static inline thread_local Inspector *t_inspector = nullptr;
+  // The key of this thread's inspector, which holds the plug-in's reference,
+  // in the thread's slot block of the current instance: a thread that works
+  // in two instances has one inspector in each, and no plug-in needs
+  // thread-local storage of its own.
+  static inline oru::ThreadLocalKey l_inspector{};
+  static inline oru::SlotRegistration s_inspector_slot{l_inspector};
+  static Inspector *&Current() {
+    static_cast<void>(&s_inspector_slot);
+    return oru::ThreadPointer<Inspector>(l_inspector);
+  }
 
   static const char *GetName() { return kSpec.plugin; }
   static bool GetVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
@@ -703,6 +709,7 @@ template <class D> struct Plugin {
     return Registration::Create(kSpec);
   }
   static bool InitThread() {
+    Inspector *&t_inspector = Current();
     t_inspector = oru::fdt::CreateObject<Inspector>(oru::fdt::OBJECT_LOCAL);
     if (t_inspector == nullptr) {
       return false;
@@ -717,6 +724,7 @@ template <class D> struct Plugin {
     return false;
   }
   static void LinkThread() {
+    Inspector *t_inspector = Current();
     if constexpr (requires(Inspector & i) { i.Link(); }) {
       if (t_inspector != nullptr) {
         t_inspector->Link();
@@ -731,6 +739,7 @@ template <class D> struct Plugin {
   }
   static void StartThread() {}
   static void ExitThread() {
+    Inspector *&t_inspector = Current();
     if (t_inspector == nullptr) {
       return;
     }
