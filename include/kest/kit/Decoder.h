@@ -616,8 +616,9 @@ private:
       if (have < static_cast<uint64_t>(size)) {
         return Early(e, conn, side, flow, next, have);
       }
-      const uint8_t *record = FlowSpan(flow, next, static_cast<size_t>(size), Scratch(),
-                                       m_scratch != nullptr ? f.max : 0);
+      uint8_t *scratch = Scratch();
+      const uint8_t *record = FlowSpan(flow, next, static_cast<size_t>(size), scratch,
+                                       scratch != nullptr ? f.max : 0);
       if (record == nullptr) {
         return false;
       }
