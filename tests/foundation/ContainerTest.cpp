@@ -451,6 +451,13 @@ template <class A> void VectorLadders() {
   oru::fdt::vector<int, A> copy(source);
   EXPECT_EQ(Recorded<A>(sizeof(int)), (Sizes{31, 16, 31}));
   EXPECT_EQ(copy.size(), 20u);
+  // A move takes the block over and leaves the source empty.
+  const int *block = copy.data();
+  oru::fdt::vector<int, A> moved(std::move(copy)), assigned;
+  assigned = std::move(moved);
+  EXPECT_EQ(assigned.data(), block);
+  EXPECT_EQ(assigned.size(), 20u);
+  EXPECT_TRUE(copy.empty() && moved.empty() && moved.data() == nullptr);
 }
 
 using VectorTest = kest_test::LeakCheck;
