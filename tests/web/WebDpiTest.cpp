@@ -286,7 +286,8 @@ std::vector<Exchange> Exchanges() {
        {{0, "POST /a HTTP/1.1\r\nHost: one\r\nContent-Length: 5\r\n\r\n12345"
             "GET /b HTTP/1.1\r\nHost: two\r\n\r\n"},
         {1, chunked + "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nxyz"}},
-       {"POST /a HTTP/1.1", "GET /b HTTP/1.1", "HTTP/1.1 200 OK", "done", "HTTP/1.1 200 OK", "done"},
+       {"POST /a HTTP/1.1", "GET /b HTTP/1.1", "HTTP/1.1 200 OK", "done", "HTTP/1.1 200 OK",
+        "done"},
        "0/0"},
       {"100-continue",
        false,
