@@ -29,7 +29,9 @@ Usage: scripts/mutants.sh [options]
   --timeout SEC   wall-clock limit of one suite run (default: 3 times a clean
                   run, at least 60); a run past it kills the mutant
   --jobs J        build and ctest parallelism (default 2)
-  --ctest-args A  extra arguments for ctest, one string (e.g. "-E benchmarks")
+  --ctest-args A  extra arguments for ctest, one string (e.g. "-R IpPortRule")
+  --target T      build only this target (repeatable), for a run restricted
+                  with --ctest-args to the tests of a few programs
   --list          print the sampled sites and stop, building nothing
 
 The seed set of record is the default: seed 26, 40 sites over the default folders: the
@@ -355,6 +357,7 @@ def main():
     ap.add_argument("--timeout", type=float, default=0)
     ap.add_argument("--jobs", type=int, default=2)
     ap.add_argument("--ctest-args", default="")
+    ap.add_argument("--target", action="append", default=[])
     ap.add_argument("--list", action="store_true")
     args = ap.parse_args()
 
@@ -383,6 +386,8 @@ def main():
     signal.signal(signal.SIGHUP, on_signal)
 
     build_cmd = ["cmake", "--build", build, "-j", str(args.jobs)]
+    for target in args.target:
+        build_cmd += ["--target", target]
     ctest_cmd = ["ctest", "-j", str(args.jobs), "--stop-on-failure", "--output-on-failure"]
     ctest_cmd += args.ctest_args.split()
 

@@ -151,8 +151,8 @@ TEST_F(ProtocolRegistryTest, SetIndexRefusals) {
 TEST_F(ProtocolRegistryTest, GetNameCutsAndTerminates) {
   ASSERT_EQ(Add("HTTP"), 1);
   char buffer[16];
-  for (const auto &[size, expected] : {std::pair<int, const char *>{1, ""},
-                                       {3, "HT"}, {5, "HTTP"}, {16, "HTTP"}}) {
+  for (const auto &[size, expected] :
+       {std::pair<int, const char *>{1, ""}, {3, "HT"}, {5, "HTTP"}, {16, "HTTP"}}) {
     SCOPED_TRACE(size);
     std::fill(std::begin(buffer), std::end(buffer), 'x');
     EXPECT_EQ(kest_proto_get_name(h, 1, buffer, size), buffer);

@@ -1,13 +1,15 @@
-#include "ConnTestSupport.h"
+#include "../attributes/AttributeTestSupport.h"
 
 #include <kest/Clock.h>
+
+#include <cstring>
 
 namespace {
 
 using kest_test::ConnPtr;
 using oru::Conn;
 
-class ConnTest : public kest_test::ClassificationFixture {
+class ConnTest : public kest_test::AttributeFixture {
 protected:
   static ConnPtr MakeBase(unsigned long long number = 0, bool numbered = false) {
     void *block = kest_malloc_local(sizeof(Conn));
@@ -95,6 +97,38 @@ TEST_F(ConnTest, TablesInTheirOrderAndTheLastReferenceFreesAll) {
   oru::fdt::intrusive_ptr<oru::fdt::refcnt> counted(conn);
   counted.reset();
   EXPECT_EQ(kest_test::LiveBlocks(kest_test::Heap::Local), live);
+}
+
+// "conn.expired" carries the dying connection's number, only while someone
+// listens and the active connection allows attributes.
+TEST_F(ConnTest, ExpiredFollowsListenersAndTheActivePolicy) {
+  kest_test::TestConn *active = MakeConn(6);
+  kest_test::TestConn *dying = MakeConn(17);
+  EXPECT_EQ(dying->m_policy, 0xFFFFFFFFu) << "all default keys at 1";
+  active->Touch();
+  dying->oru::Conn::Expired();
+  EXPECT_TRUE(kest_test::g_deliveries.empty()) << "nobody listens";
+
+  ASSERT_EQ(SetListener("conn.expired"), 0);
+  kest_idle(h);
+  dying->oru::Conn::Expired();
+  ASSERT_EQ(kest_test::g_deliveries.size(), 1u);
+  const kest_test::Delivery d = kest_test::g_deliveries[0];
+  EXPECT_EQ(d.key, Key("conn.expired"));
+  EXPECT_EQ(d.conn_id, active->m_number);
+  EXPECT_EQ(d.packed, 0);
+  uint64_t number = 0;
+  ASSERT_EQ(d.value.size(), 8u);
+  std::memcpy(&number, d.value.data(), 8);
+  EXPECT_EQ(number, dying->m_number);
+
+  // The active connection's policy decides, not the dying one's.
+  ASSERT_EQ(kest_conn_policy_flags_disable(h, active->m_number, KEST_POLICY_ATTRIBUTES), 0);
+  dying->oru::Conn::Expired();
+  EXPECT_EQ(kest_test::g_deliveries.size(), 1u);
+  dying->Touch();
+  active->oru::Conn::Expired();
+  EXPECT_EQ(kest_test::g_deliveries.size(), 2u);
 }
 
 } // namespace

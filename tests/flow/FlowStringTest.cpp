@@ -65,6 +65,8 @@ TEST_F(FlowStringTest, Base64) {
       {"QQ==", 4, true, "A"},
       {"QQ==\r\n", 0, true, "A"}, // the length looks at the last four bytes as they are
       {"QUJDRA==", 7, true, "ABCD"},
+      {"aGk/Pn4=", 7, true, "hi?>~"}, // the rest of the alphabet: lower case, digits,
+      {"+/+/LWtlc3Q6OQ==", 13, true, "\xfb\xff\xbf-kest:9"}, // '+' and '/'
       {"QUJDR", 0, true, "ABC"}, // five bytes: no room, though it decodes
       {"Q===", 0, false, ""},
       {"QUJ*", 4, false, ""}, // outside the alphabet

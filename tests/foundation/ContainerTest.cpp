@@ -152,8 +152,8 @@ template <class A> struct MapOf {
   // the walk down from the greatest key against the model.
   static Pairs Contents(const C &c, bool balanced, std::mt19937 &random) {
     size_t count = 0;
-    CheckAvl(c.tree().root(), static_cast<decltype(c.tree().root())>(nullptr), -1L << 40,
-             1L << 40, balanced, count);
+    CheckAvl(c.tree().root(), static_cast<decltype(c.tree().root())>(nullptr), -1L << 40, 1L << 40,
+             balanced, count);
     Pairs out;
     for (auto it = c.begin(); it != c.end(); ++it) {
       out.emplace_back(it->first, it->second.v);
@@ -277,7 +277,8 @@ struct FailurePlan {
 };
 
 template <class Adapter> class SequenceTest : public kest_test::LeakCheck {};
-using Sequences = ::testing::Types<VectorOf<Local>, VectorOf<Shared>, ListOf<Local>, ListOf<Shared>>;
+using Sequences =
+    ::testing::Types<VectorOf<Local>, VectorOf<Shared>, ListOf<Local>, ListOf<Shared>>;
 TYPED_TEST_SUITE(SequenceTest, Sequences);
 
 TYPED_TEST(SequenceTest, RandomOperationsMatchAModel) {
@@ -451,6 +452,13 @@ template <class A> void VectorLadders() {
   oru::fdt::vector<int, A> copy(source);
   EXPECT_EQ(Recorded<A>(sizeof(int)), (Sizes{31, 16, 31}));
   EXPECT_EQ(copy.size(), 20u);
+  // A move takes the block over and leaves the source empty.
+  const int *block = copy.data();
+  oru::fdt::vector<int, A> moved(std::move(copy)), assigned;
+  assigned = std::move(moved);
+  EXPECT_EQ(assigned.data(), block);
+  EXPECT_EQ(assigned.size(), 20u);
+  EXPECT_TRUE(copy.empty() && moved.empty() && moved.data() == nullptr);
 }
 
 using VectorTest = kest_test::LeakCheck;
@@ -521,8 +529,8 @@ template <class S> void StringStates() {
   }
   EXPECT_EQ(kest_test::RecordedSizes(heap), (Sizes{16, 31, 63, 127}));
   EXPECT_EQ(std::string(s.begin(), s.end()), expected);
-  for (const auto &[asked, block_size] : {std::pair<size_t, size_t>{1, 1}, {5, 7}, {16, 16},
-                                          {17, 31}, {32, 32}, {33, 63}, {100, 127}}) {
+  const size_t reserves[][2] = {{1, 1}, {5, 7}, {16, 16}, {17, 31}, {32, 32}, {33, 63}, {100, 127}};
+  for (const auto &[asked, block_size] : reserves) {
     S r;
     kest_test::StartRecording();
     ASSERT_TRUE(r.reserve(asked) && r.reserve(asked - 1));
@@ -659,8 +667,8 @@ TEST_F(MapTest, StringKeysOrderByStrcmpUnlessFolded) {
   const struct {
     const char *a, *b;
     bool a_before_b;
-  } rows[] = {{"abc", "ABD", true}, {"ABD", "abc", false}, {"abc", "ABC", false},
-              {"ABC", "abc", false}, {"", "a", true},      {nullptr, "a", true},
+  } rows[] = {{"abc", "ABD", true},  {"ABD", "abc", false}, {"abc", "ABC", false},
+              {"ABC", "abc", false}, {"", "a", true},       {nullptr, "a", true},
               {"Z", "a", false}};
   for (const auto &r : rows) {
     const string sa(r.a), sb(r.b);
@@ -907,8 +915,8 @@ TYPED_TEST(HashTableTest, InsertsClimbAndErasesDescendThePrimeLadder) {
 
 // A fixed table refuses from trunc(0.8 * buckets) elements on.
 TYPED_TEST(HashTableTest, FixedTableStopsAtEightyPerCent) {
-  for (const auto &[buckets, accepted] : {std::pair<uint32_t, uint32_t>{0, 0},
-                                          {1, 0}, {2, 1}, {3, 2}, {5, 4}, {10, 8}, {101, 80}}) {
+  for (const auto &[buckets, accepted] :
+       {std::pair<uint32_t, uint32_t>{0, 0}, {1, 0}, {2, 1}, {3, 2}, {5, 4}, {10, 8}, {101, 80}}) {
     SCOPED_TRACE(buckets);
     typename TestFixture::Table t;
     t.set_auto_resize(false);
@@ -1182,17 +1190,23 @@ TYPED_TEST(TrieTest, RandomAddsMatchAModel) {
 TYPED_TEST(TrieTest, CaseVariantsShareANodeAndChildrenSortFolded) {
   typename TestFixture::Trie t;
   const size_t node_block = sizeof(oru::fdt::ObjectPrefix) + sizeof(t);
-  const std::pair<const char *, long> adds[] = {
-      {"host", 4}, {"HOST", 0}, {"hose", 1}, {"Content-Type", 12}, {"content-type", 0},
-      {"_", 1},    {"1", 1},    {"b", 1},    {"B", 0},             {"", 0}};
+  // Each name added, with the nodes it takes.
+  const char *const names[] = {"host", "HOST", "hose", "Content-Type", "content-type", "_", "1",
+                               "b",    "B",    ""};
+  const long nodes[] = {4, 0, 1, 12, 0, 1, 1, 1, 0, 0};
   for (int i = 0; i < 10; ++i) {
     kest_test::StartRecording();
-    ASSERT_TRUE(t.add(adds[i].first, i));
+    ASSERT_TRUE(t.add(names[i], i));
     const Sizes sizes = kest_test::RecordedSizes(Heap::Local);
-    EXPECT_EQ(std::count(sizes.begin(), sizes.end(), node_block), adds[i].second) << i;
+    EXPECT_EQ(std::count(sizes.begin(), sizes.end(), node_block), nodes[i]) << names[i];
   }
-  EXPECT_EQ(Dump(t), (Names{{"", {9}}, {"1", {6}}, {"Content-Type", {3, 4}}, {"_", {5}},
-                            {"b", {7, 8}}, {"hose", {2}}, {"host", {0, 1}}}));
+  EXPECT_EQ(Dump(t), (Names{{"", {9}},
+                            {"1", {6}},
+                            {"Content-Type", {3, 4}},
+                            {"_", {5}},
+                            {"b", {7, 8}},
+                            {"hose", {2}},
+                            {"host", {0, 1}}}));
   std::string letters;
   for (const auto *child : t.children()) {
     letters += child->letter();
@@ -1374,9 +1388,9 @@ using LayoutTest = kest_test::LeakCheck;
 TEST_F(LayoutTest, PluginsDependOnTheseLayouts) {
   constexpr size_t P = sizeof(void *);
   static_assert(sizeof(oru::fdt::vector<int>) == 3 * P); // begin, end, limit
-  static_assert(sizeof(string) == 3 * P);                 // begin, end, limit
-  static_assert(sizeof(oru::List<int>) == 2 * P);         // the sentinel: next, previous
-  static_assert(sizeof(oru::Map<int, string>) == P); // the root
+  static_assert(sizeof(string) == 3 * P);                // begin, end, limit
+  static_assert(sizeof(oru::List<int>) == 2 * P);        // the sentinel: next, previous
+  static_assert(sizeof(oru::Map<int, string>) == P);     // the root
   using AvlNode = oru::fdt::avl_node<int>;
   static_assert(offsetof(AvlNode, m_left) == 0 && offsetof(AvlNode, m_right) == P);
   static_assert(offsetof(AvlNode, m_parent) == 2 * P && offsetof(AvlNode, m_height) == 3 * P);

@@ -641,47 +641,23 @@ Verdict Judge(const Replay &clean, const Replay &got, const Plan &plan) {
 // ---------------------------------------------------------------------------
 // Forking at the Nth allocation
 
+// The verdicts of a sweep: failures the calls reported through their result
+// or kest_errno, failures the library or a decoder absorbed (counted, dropped,
+// done without), and the problems found.
 struct Figures {
-  struct Row {
-    long reported = 0;          // the call said so through its result or kest_errno
-    long absorbed = 0;          // the library or a decoder took it: counted, dropped, done without
-    std::map<int, long> errors; // kest_errno of the reported ones -> times
-  };
   long tried = 0;
   long reported = 0;
   long absorbed = 0;
   long restarts = 0;
-  std::map<std::string, Row> by_call; // by the call that met the (first) failure
   std::vector<std::string> problems;
 
   void Add(long n, const Verdict &v) {
     ++tried;
     restarts += v.restarts;
-    Row &row = by_call[v.call];
-    if (v.reported) {
-      ++reported;
-      ++row.reported;
-      ++row.errors[v.error];
-    } else {
-      ++absorbed;
-      ++row.absorbed;
-    }
+    ++(v.reported ? reported : absorbed);
     if (!v.problems.empty()) {
       problems.push_back("N = " + std::to_string(n) + " (in " + v.call + "):\n" + v.problems);
     }
-  }
-  std::string Text() const {
-    std::string out = std::to_string(tried) + " N tried, " + std::to_string(reported) +
-                      " failures reported through kest_errno, " + std::to_string(absorbed) +
-                      " absorbed, " + std::to_string(restarts) + " instances started again\n";
-    for (const auto &[name, row] : by_call) {
-      out += "  " + name + ": " + std::to_string(row.reported) + " reported";
-      for (const auto &[error, times] : row.errors) {
-        out += ", " + std::to_string(times) + " with kest_errno " + std::to_string(error);
-      }
-      out += "; " + std::to_string(row.absorbed) + " absorbed\n";
-    }
-    return out;
   }
 };
 
@@ -974,9 +950,9 @@ protected:
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("%s, shard %d of %d: %s, %zu frames, %ld allocations in the clean replay (%ld "
-                "before the last plug-in load), %.1f s\n%s",
+                "before the last plug-in load)\n",
                 what, GetParam() + 1, kShards, s.capture.c_str(), s.frames.size(),
-                s.clean.allocations, s.loaded, seconds, figures.Text().c_str());
+                s.clean.allocations, s.loaded);
     std::printf("figures: tried=%ld reported=%ld absorbed=%ld restarts=%ld problems=%zu "
                 "seconds=%.1f\n",
                 figures.tried, figures.reported, figures.absorbed, figures.restarts,

@@ -41,60 +41,6 @@ protected:
   }
 };
 
-// Every matching rule goes on the chain: priority 0 first, then the more
-// specific, the second end point before the first.
-TEST_F(IpPortRuleStoreTest, PrecedenceOfPortsRangesAndProtocol) {
-  const oru::IpAddr net_lo = V4(10, 0, 0, 0), net_hi = V4(10, 0, 0, 255);
-  ASSERT_TRUE(Add("any", 6, 0));
-  ASSERT_TRUE(Add("p80", 6, 80));
-  ASSERT_TRUE(Add("p80net", 6, 80, net_lo, net_hi));
-  ASSERT_TRUE(Add("narrow", 6, 0, V4(10, 0, 0, 1), V4(10, 0, 0, 20)));
-  ASSERT_TRUE(Add("wide", 6, 0, V4(10, 0, 0, 1), V4(10, 0, 0, 99)));
-  ASSERT_TRUE(Add("later", 6, 0, V4(10, 0, 0, 30), V4(10, 0, 0, 40)));
-  ASSERT_TRUE(Add("tls", 6, 443, {}, {}, true));
-  ASSERT_TRUE(
-      Add("v6", 6, 0, oru::IpAddr(0x20010db800000000, 0), oru::IpAddr(0x20010db800000000, ~0ull)));
-  // A low without a high, alone under its low, matches nothing.
-  ASSERT_TRUE(Add("lonely_low", 6, 0, V4(10, 0, 0, 2), {}));
-  ASSERT_TRUE(Add("udp", 17, 0));
-  const oru::IpAddr outside = V4(11, 0, 0, 1);
-  struct Row {
-    oru::IpAddr a;
-    uint16_t port_a;
-    oru::IpAddr b;
-    uint16_t port_b;
-    Names chain;
-  } rows[] = {
-      {outside, 1234, outside, 1235, {"any:1"}},
-      // A port on either side; with a range, port and address on one side.
-      {outside, 80, outside, 1, {"p80:1", "any:1"}},
-      {outside, 1, outside, 80, {"p80:1", "any:1"}},
-      {V4(10, 0, 0, 7), 80, outside, 1, {"p80net:1", "p80:1", "narrow:1", "wide:1", "any:1"}},
-      {V4(10, 0, 0, 7), 1, outside, 80, {"p80:1", "narrow:1", "wide:1", "any:1"}},
-      // Below the greatest high of a low, every range of that low applies.
-      {V4(10, 0, 0, 50), 1, outside, 2, {"narrow:1", "wide:1", "any:1"}},
-      {V4(10, 0, 0, 35), 1, outside, 2, {"later:1", "narrow:1", "wide:1", "any:1"}},
-      {V4(10, 0, 0, 99), 1, outside, 2, {"narrow:1", "wide:1", "any:1"}},
-      {V4(10, 0, 0, 100), 1, outside, 2, {"any:1"}},
-      // Priority 0 goes before everything.
-      {outside,
-       443,
-       V4(10, 0, 0, 1),
-       80,
-       {"tls:0", "p80net:1", "p80:1", "narrow:1", "wide:1", "any:1"}},
-      {oru::IpAddr(0x20010db800000000, 5), 1, outside, 2, {"v6:1", "any:1"}},
-  };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(::testing::PrintToString(row.chain));
-    EXPECT_EQ(Setup(row.a, row.port_a, row.b, row.port_b), row.chain);
-  }
-  EXPECT_EQ(Setup(outside, 1, outside, 2, 17), Names{"udp:1"});
-  EXPECT_EQ(Setup(outside, 1, outside, 2, 1), Names{});
-  EXPECT_TRUE(store->IsPortRegistered(6, 80));
-  EXPECT_FALSE(store->IsPortRegistered(6, 81));
-  EXPECT_FALSE(store->IsPortRegistered(17, 80));
-}
-
 TEST_F(IpPortRuleStoreTest, RemovalEmptiesTheIndexAndRangesDoNotRegisterAPort) {
   const oru::IpAddr lo = V4(10, 0, 0, 1), hi = V4(10, 0, 0, 9);
   ASSERT_TRUE(Add("a", 6, 80, lo, hi));
@@ -105,6 +51,8 @@ TEST_F(IpPortRuleStoreTest, RemovalEmptiesTheIndexAndRangesDoNotRegisterAPort) {
   ASSERT_TRUE(Add("c", 6, 0, lo, hi));
   ASSERT_TRUE(Add("d", 17, 0));
   EXPECT_TRUE(store->IsPortRegistered(6, 80));
+  EXPECT_FALSE(store->IsPortRegistered(6, 81));
+  EXPECT_FALSE(store->IsPortRegistered(17, 80));
   oru::IpPortSpec spec(lo, hi, 80, 6);
   EXPECT_EQ(store->FindRule(spec, X("b").Callback().method), &store->m_index.find(6)
                                                                   ->second.ports.find(80)
@@ -153,7 +101,11 @@ TEST_F(IpPortRuleStoreTest, RulesExpireOnTheLookUpPath) {
   EXPECT_TRUE(store->m_index.empty());
 }
 
-// A flat list of rules and the stated look-up, written the plain way.
+// A flat list of rules and the stated look-up, written the plain way: every
+// matching rule goes on the chain, priority 0 first, then the more specific
+// (a port on either side; with a range, port and address on one side; below
+// the greatest high of a low, every range of that low), the second end point
+// before the first.
 struct ModelRule {
   std::string name;
   uint8_t proto;

@@ -1,5 +1,6 @@
-// The rule store core: merge order, duplicate removal, expiry by second and
-// the announcement of used rules to other threads.
+// The rule store core: duplicate removal, expiry by second and the
+// announcement of used rules to other threads. Merge order is checked with
+// the IP/port store's look-ups against a model.
 #include "ChainTestSupport.h"
 #include "InstanceFixture.h"
 #include "LeakCheck.h"
@@ -52,27 +53,6 @@ protected:
   oru::fdt::intrusive_ptr<oru::Conn> conn;
   oru::fdt::intrusive_ptr<ScriptedInspector> pool[26];
 };
-
-TEST_F(RuleStoreTest, MergeOrdersByPriorityLaterListsFirstAmongEquals) {
-  Merge({{0, 1}});
-  Merge({{1, 1}});
-  EXPECT_EQ(ChainNames(chain), (Names{"B:1", "A:1"}));
-  chain.Clear(conn);
-
-  Merge({{0, 1}});
-  Merge({{1, 0}});
-  EXPECT_EQ(ChainNames(chain), (Names{"B:0", "A:1"}));
-  chain.Clear(conn);
-
-  Merge({{2, 0}});
-  Merge({{0, 0}, {1, 0}});
-  EXPECT_EQ(ChainNames(chain), (Names{"A:0", "B:0", "C:0"}));
-  chain.Clear(conn);
-
-  // A list that alternates looks its place up again at each change.
-  Merge({{0, 1}, {1, 0}, {2, 1}});
-  EXPECT_EQ(ChainNames(chain), (Names{"B:0", "C:1", "A:1"}));
-}
 
 // UniqueChain keeps the first occurrence of each callback, by the one rule
 // (object and method), against a plain model, also past its room on the

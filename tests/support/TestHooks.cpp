@@ -49,17 +49,11 @@ void Release(Heap heap, void *block) {
   }
 }
 
-void *MallocLocal(size_t size) {
-  return Allocate(Heap::Local, size);
+template <Heap H> void *Malloc(size_t size) {
+  return Allocate(H, size);
 }
-void FreeLocal(void *block) {
-  Release(Heap::Local, block);
-}
-void *MallocShared(size_t size) {
-  return Allocate(Heap::Shared, size);
-}
-void FreeShared(void *block) {
-  Release(Heap::Shared, block);
+template <Heap H> void Free(void *block) {
+  Release(H, block);
 }
 
 void Append(std::string &out, const char *format, va_list args) {
@@ -69,18 +63,11 @@ void Append(std::string &out, const char *format, va_list args) {
   out += buffer;
 }
 
-int Printf(const char *format, ...) {
+// kest_printf and kest_diag_printf, each into its own text.
+template <std::string *Out> int Print(const char *format, ...) {
   va_list args;
   va_start(args, format);
-  Append(g_printed, format, args);
-  va_end(args);
-  return 0;
-}
-
-int DiagPrintf(const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  Append(g_diag, format, args);
+  Append(*Out, format, args);
   va_end(args);
   return 0;
 }
@@ -109,12 +96,12 @@ std::string Take(std::string &text) {
 
 void InstallHooks() {
   kest_host_use_libc();
-  kest_malloc_local = MallocLocal;
-  kest_free_local = FreeLocal;
-  kest_malloc_shared = MallocShared;
-  kest_free_shared = FreeShared;
-  kest_printf = Printf;
-  kest_diag_printf = DiagPrintf;
+  kest_malloc_local = Malloc<Heap::Local>;
+  kest_free_local = Free<Heap::Local>;
+  kest_malloc_shared = Malloc<Heap::Shared>;
+  kest_free_shared = Free<Heap::Shared>;
+  kest_printf = Print<&g_printed>;
+  kest_diag_printf = Print<&g_diag>;
   kest_log_message = LogMessage;
   g_fail_at = 0;
   g_fail_all = false;
