@@ -42,7 +42,7 @@ template <class Rules> void Converse(const uint8_t *data, size_t size) {
         abort();
       }
     }
-    for (int i = 0; i < Rules::kNotes; ++i) {
+    for (int i = 0; i < oru::kit::kNotesOf<Rules>; ++i) {
       if (dialog.notes.length[i] > oru::kit::kNoteCapacity) {
         abort();
       }

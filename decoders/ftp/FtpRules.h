@@ -19,20 +19,17 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct FtpRules {
-  static constexpr oru::kit::Spec kSpec{.plugin = "ftp",
-                                        .module = oru::kit::MODULE_FTP,
-                                        .protocols = {"FTP", "FTP_DATA"},
-                                        .attributes = {"ftp.user"},
-                                        .tcp = true,
-                                        .tcp_ports = {21}};
-  static constexpr int kNotes = kNotesOf<FtpRules>;
+  static constexpr Spec kSpec{.plugin = "ftp",
+                              .module = MODULE_FTP,
+                              .protocols = {"FTP", "FTP_DATA"},
+                              .attributes = {"ftp.user"},
+                              .tcp = true,
+                              .tcp_ports = {21}};
   static constexpr uint32_t kMaxLine = 1024;
   // Welcome texts run long.
   static constexpr uint32_t kMaxLines = 128;
   // Once named, a control connection is read to its end for announcements.
   static constexpr uint32_t kMaxLinesNamed = 0xffffffffu;
-
-  enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
 
   // Commands shared with other protocols first, FTP's own from kOwn on.
   static constexpr int kUser = 0;
@@ -82,13 +79,13 @@ struct FtpRules {
     return false;
   }
 
-  static unsigned Mine(State &state, const Notes<kNotes> &notes) {
+  static unsigned Mine(State &state, const auto &notes) {
     state.mine = 1;
     return notes.filled[0] != 0 && state.expect == 0 ? LINE_MINE | LINE_DONE : LINE_MINE;
   }
 
-  static unsigned ServerLine(State &state, const Notes<kNotes> &notes, unsigned side,
-                             const char *text, uint32_t length) {
+  static unsigned ServerLine(State &state, const auto &notes, unsigned side, const char *text,
+                             uint32_t length) {
     const int code = ReplyCode(text, length);
     FtpEndpoint announced;
     if (state.expect != 0 && state.open_reply == 0 && ServerAnnounce(text, length, announced)) {
@@ -137,7 +134,7 @@ struct FtpRules {
     return LINE_GO_ON;
   }
 
-  static unsigned ClientLine(State &state, Notes<kNotes> &notes, unsigned side, const char *text,
+  static unsigned ClientLine(State &state, auto &notes, unsigned side, const char *text,
                              uint32_t length) {
     const int command = CommandOf(text, length);
     if (command < 0) {
@@ -171,8 +168,8 @@ struct FtpRules {
     return LINE_GO_ON;
   }
 
-  static unsigned Line(State &state, Notes<kNotes> &notes, unsigned side, const char *text,
-                       uint32_t length, uint32_t /*full*/) {
+  static unsigned Line(State &state, auto &notes, unsigned side, const char *text, uint32_t length,
+                       uint32_t /*full*/) {
     if (state.role[side] == ROLE_NONE) {
       state.role[side] = ReplyCode(text, length) >= 0 ? ROLE_SERVER : ROLE_CLIENT;
     }

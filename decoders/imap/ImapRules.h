@@ -17,19 +17,16 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct ImapRules {
-  static constexpr oru::kit::Spec kSpec{.plugin = "imap",
-                                        .module = oru::kit::MODULE_IMAP,
-                                        .protocols = {"IMAP"},
-                                        .attributes = {},
-                                        .tcp = true,
-                                        .tcp_ports = {143}};
-  static constexpr int kNotes = kNotesOf<ImapRules>;
+  static constexpr Spec kSpec{.plugin = "imap",
+                              .module = MODULE_IMAP,
+                              .protocols = {"IMAP"},
+                              .attributes = {},
+                              .tcp = true,
+                              .tcp_ports = {143}};
   // Capability lists make long greetings.
   static constexpr uint32_t kMaxLine = 8192;
   static constexpr uint32_t kMaxLines = 64;
   static constexpr uint32_t kMaxTag = 64;
-
-  enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
 
   // Commands that open a session first, from kOpeners on the rest.
   static constexpr int kOpeners = 4;
@@ -167,8 +164,8 @@ struct ImapRules {
     return state.greeted != 0 || state.tagged >= 2 ? LINE_MINE | LINE_LEARNT | plain : plain;
   }
 
-  static unsigned Line(State &state, Notes<kNotes> &, unsigned side, const char *text,
-                       uint32_t length, uint32_t /*full*/) {
+  static unsigned Line(State &state, auto &, unsigned side, const char *text, uint32_t length,
+                       uint32_t /*full*/) {
     if (state.role[side] == ROLE_NONE) {
       const bool untagged = StartsWith(text, length, "* ") || IsCommand(text, length, "+");
       const uint32_t tag = TagLength(text, length);

@@ -15,17 +15,14 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct Pop3Rules {
-  static constexpr oru::kit::Spec kSpec{.plugin = "pop3",
-                                        .module = oru::kit::MODULE_POP3,
-                                        .protocols = {"POP3"},
-                                        .attributes = {},
-                                        .tcp = true,
-                                        .tcp_ports = {110}};
-  static constexpr int kNotes = kNotesOf<Pop3Rules>;
+  static constexpr Spec kSpec{.plugin = "pop3",
+                              .module = MODULE_POP3,
+                              .protocols = {"POP3"},
+                              .attributes = {},
+                              .tcp = true,
+                              .tcp_ports = {110}};
   static constexpr uint32_t kMaxLine = 1024;
   static constexpr uint32_t kMaxLines = 64;
-
-  enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
 
   // Commands that do not tell a POP3 client first; shared with FTP next;
   // POP3's own from kOwn on.
@@ -140,8 +137,8 @@ struct Pop3Rules {
     return plain;
   }
 
-  static unsigned Line(State &state, Notes<kNotes> &, unsigned side, const char *text,
-                       uint32_t length, uint32_t /*full*/) {
+  static unsigned Line(State &state, auto &, unsigned side, const char *text, uint32_t length,
+                       uint32_t /*full*/) {
     if (state.role[side] == ROLE_NONE) {
       state.role[side] = IsStatus(text, length) ? ROLE_SERVER : ROLE_CLIENT;
     }

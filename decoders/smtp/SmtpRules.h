@@ -13,20 +13,18 @@ namespace kest_decoders {
 using namespace oru::kit;
 
 struct SmtpRules {
-  static constexpr oru::kit::Spec kSpec{.plugin = "smtp",
-                                        .module = oru::kit::MODULE_SMTP,
-                                        .protocols = {"SMTP"},
-                                        .attributes = {"smtp.helo", "smtp.mail_from"},
-                                        .tcp = true,
-                                        .tcp_ports = {25, 587}};
-  static constexpr int kNotes = kNotesOf<SmtpRules>;
+  static constexpr Spec kSpec{.plugin = "smtp",
+                              .module = MODULE_SMTP,
+                              .protocols = {"SMTP"},
+                              .attributes = {"smtp.helo", "smtp.mail_from"},
+                              .tcp = true,
+                              .tcp_ports = {25, 587}};
   // 465 is SMTP inside TLS from the first byte: nothing for this reader.
   enum { NOTE_HELO, NOTE_MAIL_FROM };
   // A text line is at most 1000 bytes with its CR LF.
   static constexpr uint32_t kMaxLine = 999;
   static constexpr uint32_t kMaxLines = 64;
 
-  enum Role : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
   enum Verb {
     VERB_EHLO,
     VERB_HELO,
@@ -84,13 +82,12 @@ struct SmtpRules {
     return TextSpan{rest.text, end};
   }
 
-  static unsigned Mine(State &state, const Notes<kNotes> &notes) {
+  static unsigned Mine(State &state, const auto &notes) {
     state.mine = 1;
     return notes.filled[NOTE_MAIL_FROM] != 0 ? LINE_MINE | LINE_DONE : LINE_MINE;
   }
 
-  static unsigned ServerLine(State &state, const Notes<kNotes> &notes, const char *text,
-                             uint32_t length) {
+  static unsigned ServerLine(State &state, const auto &notes, const char *text, uint32_t length) {
     const int code = ReplyCode(text, length);
     if (code < 0) {
       return state.mine != 0 ? LINE_GO_ON : LINE_NOT_MINE;
@@ -123,8 +120,7 @@ struct SmtpRules {
     return LINE_GO_ON;
   }
 
-  static unsigned ClientLine(State &state, Notes<kNotes> &notes, const char *text,
-                             uint32_t length) {
+  static unsigned ClientLine(State &state, auto &notes, const char *text, uint32_t length) {
     const int verb = VerbOf(text, length);
     if (verb < 0) {
       // After AUTH the client sends its credentials as bare lines.
@@ -172,8 +168,8 @@ struct SmtpRules {
     return state.mine != 0 && notes.filled[NOTE_MAIL_FROM] != 0 ? LINE_DONE : LINE_GO_ON;
   }
 
-  static unsigned Line(State &state, Notes<kNotes> &notes, unsigned side, const char *text,
-                       uint32_t length, uint32_t /*full*/) {
+  static unsigned Line(State &state, auto &notes, unsigned side, const char *text, uint32_t length,
+                       uint32_t /*full*/) {
     if (state.role[side] == ROLE_NONE) {
       state.role[side] = ReplyCode(text, length) >= 0 ? ROLE_SERVER : ROLE_CLIENT;
     }

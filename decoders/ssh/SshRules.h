@@ -18,25 +18,19 @@ struct SshRules {
                               .attributes = {"ssh.client_banner", "ssh.server_banner"},
                               .tcp = true,
                               .tcp_ports = {22}};
-  static constexpr int kNotes = kNotesOf<SshRules>;
   // The line is at most 255 bytes with its CR LF.
   static constexpr uint32_t kMaxLine = 254;
   static constexpr uint32_t kMaxLines = 1;
   struct State {};
 
   static bool Opening(State &, unsigned, const char *bytes, uint32_t n) {
-    for (uint32_t i = 0; i < n && i < 4; ++i) {
-      if (bytes[i] != "SSH-"[i]) {
-        return false;
-      }
-    }
-    return true;
+    return MayBeginWith(bytes, n, "SSH-");
   }
 
   // A whole line of a known version, a software name that is not empty and
   // does not begin with a space, printable ASCII only.
-  static unsigned Line(State &, Notes<kNotes> &notes, unsigned side, const char *text,
-                       uint32_t length, uint32_t full) {
+  static unsigned Line(State &, auto &notes, unsigned side, const char *text, uint32_t length,
+                       uint32_t full) {
     for (const char *version : {"SSH-2.0-", "SSH-1.99-", "SSH-1.5-"}) {
       const uint32_t head = TextLength(version);
       if (full == length && HasPrefix(text, length, version) && length > head &&

@@ -10,23 +10,6 @@ namespace {
 
 const char kHex[] = "0123456789abcdef";
 
-const char *VersionCode(uint16_t version) {
-  switch (version) {
-  case 0x0304:
-    return "13";
-  case 0x0303:
-    return "12";
-  case 0x0302:
-    return "11";
-  case 0x0301:
-    return "10";
-  case 0x0300:
-    return "s3";
-  default:
-    return "00";
-  }
-}
-
 bool Alnum(uint8_t c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }

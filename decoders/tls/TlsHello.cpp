@@ -195,19 +195,43 @@ ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out) {
   return ReadExtensions(body, client, out) ? ParseStatus::kOk : ParseStatus::kMalformed;
 }
 
-const char *VersionText(uint16_t version) {
-  switch (version) {
-  case 0x0301:
-    return "1.0";
-  case 0x0302:
-    return "1.1";
-  case 0x0303:
-    return "1.2";
-  case 0x0304:
-    return "1.3";
-  default:
-    return (version >> 8) == 0x7f || (version >> 8) == 0xfb ? "1.3" : nullptr;
+namespace {
+
+// The versions a hello can name: the text of "tls.version" and the two
+// characters of the client fingerprint. SSL 3 has a code but no text: its
+// hellos are not TLS to this decoder.
+struct KnownVersion {
+  uint16_t version;
+  const char *text;
+  const char *code;
+};
+constexpr KnownVersion kVersions[] = {{0x0300, nullptr, "s3"},
+                                      {0x0301, "1.0", "10"},
+                                      {0x0302, "1.1", "11"},
+                                      {0x0303, "1.2", "12"},
+                                      {0x0304, "1.3", "13"}};
+
+const KnownVersion *FindVersion(uint16_t version) {
+  for (const KnownVersion &known : kVersions) {
+    if (known.version == version) {
+      return &known;
+    }
   }
+  return nullptr;
+}
+
+} // namespace
+
+const char *VersionText(uint16_t version) {
+  if (const KnownVersion *known = FindVersion(version)) {
+    return known->text;
+  }
+  return (version >> 8) == 0x7f || (version >> 8) == 0xfb ? "1.3" : nullptr;
+}
+
+const char *VersionCode(uint16_t version) {
+  const KnownVersion *known = FindVersion(version);
+  return known != nullptr ? known->code : "00";
 }
 
 HelloAssembler::~HelloAssembler() {

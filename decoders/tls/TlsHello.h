@@ -103,6 +103,9 @@ ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out);
 // drafts (0x7fxx) and the experimental 1.3 variants some large sites run
 // (0xfbxx) read as "1.3".
 const char *VersionText(uint16_t version);
+// The version's two characters in the client fingerprint: "10" .. "13",
+// "s3" for SSL 3, "00" for anything else.
+const char *VersionCode(uint16_t version);
 
 // The version a ServerHello settles on: supported_versions if present, else
 // its legacy version.

@@ -29,18 +29,14 @@ ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uin
     at = 0;
     return ParseResult::kOk;
   case PacketForm::kLinuxSll:
-    if (length < 16) {
-      return ParseResult::kMalformed;
-    }
-    type = oru::kit::LoadBe16(data + 14);
-    at = 16;
-    break;
   case PacketForm::kEthernet:
-    if (length < 14) {
+    // Both headers end with the ether type: 14 bytes of Ethernet, 16 of
+    // Linux cooked capture.
+    at = form == PacketForm::kEthernet ? 14 : 16;
+    if (length < at) {
       return ParseResult::kMalformed;
     }
-    type = oru::kit::LoadBe16(data + 12);
-    at = 14;
+    type = oru::kit::LoadBe16(data + at - 2);
     break;
   default:
     return ParseResult::kNotIp;
@@ -171,22 +167,23 @@ ParseResult Ipv6(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket
   // Extension headers, each bounded by the payload length.
   for (int hops = 0; hops < 16; ++hops) {
     switch (next) {
-    case 0:  // hop-by-hop options
-    case 43: // routing
-    case 60: // destination options
-      if (end < p + 8 || end < p + (data[p + 1] + 1u) * 8u) {
+    case 0:    // hop-by-hop options
+    case 43:   // routing
+    case 60:   // destination options
+    case 51: { // authentication header
+      if (end < p + 8) {
+        return ParseResult::kMalformed;
+      }
+      // The authentication header counts 4-byte words less two, the others
+      // 8-byte units less one.
+      const uint32_t size = next == 51 ? (data[p + 1] + 2u) * 4u : (data[p + 1] + 1u) * 8u;
+      if (end < p + size) {
         return ParseResult::kMalformed;
       }
       next = data[p];
-      p += (data[p + 1] + 1u) * 8u;
+      p += size;
       continue;
-    case 51: // authentication header
-      if (end < p + 8 || end < p + (data[p + 1] + 2u) * 4u) {
-        return ParseResult::kMalformed;
-      }
-      next = data[p];
-      p += (data[p + 1] + 2u) * 4u;
-      continue;
+    }
     case 44: // fragment
       if (end < p + 8) {
         return ParseResult::kMalformed;

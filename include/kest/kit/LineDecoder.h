@@ -20,7 +20,9 @@
 //   State                         per-connection state, zero to begin with
 //   Opening(state, side, bytes, n)    false when a side's first line cannot
 //                                     begin with these bytes
-//   Line(state, notes, side, text, length, full)   a bit set of LINE_* below
+//   Line(state, notes, side, text, length, full)   a bit set of LINE_* below;
+//                                 `notes` (take it as `auto &`) holds one
+//                                 text per attribute, set by index
 //
 // A protocol that can turn to TLS on the same connection (STARTTLS and its
 // kin) says LINE_TLS at the line that accepts it. When the connection's
@@ -123,6 +125,10 @@ struct Announcements {
     }
   }
 };
+
+// Who a side has shown itself to be, for rules that tell clients from
+// servers by what they say rather than by who connected.
+enum LineRole : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
 
 // Notes of a protocol's rules: one per attribute.
 template <class Rules> constexpr int kNotesOf = Rules::kSpec.AttributeCount();

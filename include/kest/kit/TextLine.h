@@ -110,6 +110,17 @@ inline bool HasPrefix(const char *text, uint32_t length, const char *word) {
   return word[i] == '\0';
 }
 
+// The first `length` bytes of a line that has not ended yet can still begin
+// with `word`, byte for byte.
+inline bool MayBeginWith(const char *text, uint32_t length, const char *word) {
+  for (uint32_t i = 0; i < length && word[i] != '\0'; ++i) {
+    if (text[i] != word[i]) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // Every byte of `text` is printable ASCII.
 inline bool Printable(const char *text, uint32_t length) {
   for (uint32_t i = 0; i < length; ++i) {
