@@ -407,12 +407,9 @@ bool Same(const Call &call, const Call &clean) {
 
 // The index of the clean replay's call that made allocation n, or -1.
 long CallOf(const Replay &clean, long n) {
-  for (size_t i = 0; i < clean.calls.size(); ++i) {
-    if (clean.calls[i].first < n && n <= clean.calls[i].last) {
-      return static_cast<long>(i);
-    }
-  }
-  return -1;
+  auto it = std::find_if(clean.calls.begin(), clean.calls.end(),
+                         [n](const Call &c) { return c.first < n && n <= c.last; });
+  return it == clean.calls.end() ? -1 : it - clean.calls.begin();
 }
 
 std::string Describe(const std::vector<Answer> &answers) {
@@ -428,8 +425,7 @@ std::string Describe(const std::vector<Answer> &answers) {
 std::vector<std::string> FreshAttrs(const Replay &r, size_t k, long after) {
   std::vector<std::string> out;
   for (const Attr &a : r.attrs[k]) {
-    auto first = r.first.find(a.id);
-    if (first != r.first.end() && first->second > after) {
+    if (auto first = r.first.find(a.id); first != r.first.end() && first->second > after) {
       out.push_back(a.text);
     }
   }
@@ -445,36 +441,22 @@ template <typename T> bool Within(const std::vector<T> &part, const std::vector<
   return i == part.size();
 }
 
-// Whether a stack is the start of another: the same protocols, or the same
-// index where the registry had no memory left for a name.
-bool StartOf(const Answer &part, const Answer &whole) {
-  if (part.indices.size() > whole.indices.size()) {
-    return false;
-  }
-  for (size_t i = 0; i < part.indices.size(); ++i) {
-    const bool same = part.names[i].empty() ? part.indices[i] == whole.indices[i]
-                                            : part.names[i] == whole.names[i];
-    if (!same) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // Whether every answer names the start of a stack that one of the clean
-// answers names: what a missing piece of the instance leaves of a
-// classification.
+// answers names (the same protocols, or the same index where the registry had
+// no memory left for a name): what a missing piece of the instance leaves.
 bool LessOf(const std::vector<Answer> &got, const std::vector<Answer> &clean) {
-  for (const Answer &a : got) {
-    bool found = false;
-    for (const Answer &c : clean) {
-      found = found || StartOf(a, c);
+  auto start_of = [](const Answer &part, const Answer &whole) {
+    for (size_t i = 0; i < part.indices.size(); ++i) {
+      if (i >= whole.indices.size() || (part.names[i].empty() ? part.indices[i] != whole.indices[i]
+                                                              : part.names[i] != whole.names[i])) {
+        return false;
+      }
     }
-    if (!found) {
-      return false;
-    }
-  }
-  return true;
+    return true;
+  };
+  return std::all_of(got.begin(), got.end(), [&](const Answer &a) {
+    return std::any_of(clean.begin(), clean.end(), [&](const Answer &c) { return start_of(a, c); });
+  });
 }
 
 // How far a replay may fall short of the clean one where it is compared.
@@ -488,11 +470,8 @@ enum class Measure {
 // against the clean replay.
 std::string Compare(const Replay &clean, const Replay &got, long after, Measure measure) {
   for (size_t k = static_cast<size_t>(after + 1); k < clean.answers.size(); ++k) {
-    bool fresh = true;
-    for (const Answer &a : clean.answers[k]) {
-      fresh = fresh && (a.id == 0 || clean.first.at(a.id) > after);
-    }
-    if (!fresh) {
+    if (!std::all_of(clean.answers[k].begin(), clean.answers[k].end(),
+                     [&](const Answer &a) { return a.id == 0 || clean.first.at(a.id) > after; })) {
       continue;
     }
     const bool answers = measure == Measure::kInstance ? LessOf(got.answers[k], clean.answers[k])
