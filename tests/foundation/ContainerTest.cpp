@@ -1003,6 +1003,21 @@ TEST_F(ContainerTest, HashNeedRehashFollowsThePolicy) {
   }
 }
 
+// Past the largest prime the table keeps its buckets and chains grow longer:
+// the policy's answer of the present count must start no rehash.
+TEST_F(ContainerTest, HashBeyondTheLargestPrimeChainsGrowLonger) {
+  oru::fdt::hash_table<uint32_t, int> t;
+  const uint32_t n = 90000; // more than 0.8 * 102013
+  for (uint32_t i = 0; i < n; ++i) {
+    ASSERT_NE(t.insert(i * 7u, static_cast<int>(i)), t.end()) << i;
+    t.touch(i * 7u);
+  }
+  EXPECT_FALSE(t.migrating());
+  EXPECT_EQ(t.bucket_count(), 102013u);
+  EXPECT_EQ(t.find(7u * (n - 1))->second, static_cast<int>(n - 1));
+  EXPECT_TRUE(ValidateHash(t));
+}
+
 // ---------------------------------------------------------------------------
 // trie
 
