@@ -493,7 +493,6 @@ std::string Compare(const Replay &clean, const Replay &got, long after, Measure 
 struct Verdict {
   std::string call; // the call that met the first failure
   bool reported = false;
-  int error = 0;
   long restarts = 0;
   std::string problems;
 };
@@ -512,7 +511,6 @@ Verdict Judge(const Replay &clean, const Replay &got, const Plan &plan) {
   }
   const Call &call = got.calls[static_cast<size_t>(at)];
   v.call = call.name;
-  v.error = call.error;
   v.reported = Failed(call);
   if (!got.started && plan.restart) {
     v.problems += "no instance could be started again\n";
@@ -618,16 +616,14 @@ Forking g_fork;
 // parent's exit handlers or flushing its buffers.
 void Finish(const Replay &replay) {
   const Verdict v = Judge(*g_fork.clean, replay, g_run.plan);
-  const std::string text = v.call + "\n" + std::to_string(v.reported) + " " +
-                           std::to_string(v.error) + " " + std::to_string(v.restarts) + "\n" +
-                           v.problems;
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t put = write(g_fork.pipe, text.data() + done, text.size() - done);
-    if (put <= 0) {
+  const std::string text = (v.call.empty() ? "-" : v.call) + " " + std::to_string(v.reported) +
+                           " " + std::to_string(v.restarts) + "\n" + v.problems;
+  for (size_t done = 0, put = 0; done < text.size(); done += put) {
+    const ssize_t wrote = write(g_fork.pipe, text.data() + done, text.size() - done);
+    if (wrote <= 0) {
       break;
     }
-    done += static_cast<size_t>(put);
+    put = static_cast<size_t>(wrote);
   }
   _exit(0);
 }
@@ -673,21 +669,21 @@ void Fork(long n, bool restart) {
     waitpid(pid, &status, 0);
   }
   Verdict v;
-  const size_t line = text.find('\n');
-  const size_t line2 = line == std::string::npos ? line : text.find('\n', line + 1);
+  char call[64] = "";
   int reported = 0;
-  if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 || line2 == std::string::npos ||
-      std::sscanf(text.c_str() + line + 1, "%d %d %ld", &reported, &v.error, &v.restarts) != 3) {
+  const size_t line = text.find('\n');
+  if (pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 && line != std::string::npos &&
+      std::sscanf(text.c_str(), "%63s %d %ld", call, &reported, &v.restarts) == 3) {
+    v.call = call;
+    v.reported = reported != 0;
+    v.problems = text.substr(line + 1);
+  } else {
     const long at = CallOf(*g_fork.clean, n);
     v.call = at < 0 ? "?" : g_fork.clean->calls[static_cast<size_t>(at)].name;
     v.problems = pid < 0 ? "no child process\n"
                  : WIFSIGNALED(status)
                      ? "the replay died of signal " + std::to_string(WTERMSIG(status)) + "\n"
                      : "the replay ended with status " + std::to_string(WEXITSTATUS(status)) + "\n";
-  } else {
-    v.call = text.substr(0, line);
-    v.reported = reported != 0;
-    v.problems = text.substr(line2 + 1);
   }
   g_fork.figures->Add(n, v);
 }
