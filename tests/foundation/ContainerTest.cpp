@@ -996,6 +996,14 @@ TEST_F(ContainerTest, HashNeedRehashFollowsThePolicy) {
   using oru::fdt::hash_table_primes;
   EXPECT_EQ(hash_table_prime_at_least(0.0f), 2u);
   EXPECT_EQ(hash_table_prime_at_least(5e6f), 102013u);
+  // Each bucket count is a prime, ascending up to the last.
+  EXPECT_EQ(hash_table_primes[oru::fdt::hash_table_prime_count - 1], 102013u);
+  for (size_t i = 0; i < oru::fdt::hash_table_prime_count; ++i) {
+    for (uint32_t d = 2; d * d <= hash_table_primes[i]; ++d) {
+      EXPECT_NE(hash_table_primes[i] % d, 0u) << hash_table_primes[i];
+    }
+    EXPECT_GT(hash_table_primes[i], 1u);
+  }
   for (size_t i = 1; i < oru::fdt::hash_table_prime_count; ++i) {
     EXPECT_LT(hash_table_primes[i - 1], hash_table_primes[i]);
     EXPECT_EQ(hash_table_prime_at_least(hash_table_primes[i]), hash_table_primes[i]);
@@ -1271,6 +1279,9 @@ TEST_F(ContainerTest, IntrusivePtrCountFollowsHoldersAndTheLastOneDeletes) {
     EXPECT_EQ(raw->use_count(), 2);
     a.reset();
     EXPECT_EQ(raw->use_count(), 1);
+    intrusive_ptr<Prefixed> d;
+    d = c;
+    EXPECT_EQ(raw->use_count(), 2);
     EXPECT_EQ(g_destroyed, 0);
   }
   EXPECT_EQ(g_destroyed, 1);
@@ -1297,7 +1308,9 @@ TEST_F(ContainerTest, IntrusivePtrCountFollowsHoldersAndTheLastOneDeletes) {
   intrusive_ptr<SecondBase> back = oru::fdt::static_pointer_cast<SecondBase>(base);
   EXPECT_EQ(back, derived);
   EXPECT_EQ(back->Id(), 1);
+  EXPECT_FALSE(back == nullptr || back < derived || derived < back);
   back.reset();
+  EXPECT_TRUE(back == nullptr);
   derived.reset();
   EXPECT_EQ(g_destroyed, 4);
   intrusive_ptr<oru::fdt::refcnt> last(std::move(base));
