@@ -408,6 +408,8 @@ template <class A> Sizes Recorded(size_t unit = 1) {
 }
 
 template <class A> void VectorLadders() {
+  // No block for nothing, nor for more than the address space holds.
+  EXPECT_TRUE(A::allocate(0) == nullptr && A::allocate(SIZE_MAX / 2) == nullptr);
   oru::fdt::vector<int, A> v;
   kest_test::StartRecording();
   for (int i = 1; i <= 100; ++i) {
