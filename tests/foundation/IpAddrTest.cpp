@@ -80,26 +80,19 @@ TEST(IpAddrTest, LayoutIsTwoHostOrderNumbersHighFirst) {
 }
 
 TEST(IpAddrTest, OrderIsHighThenLowUnsigned) {
-  const std::vector<IpAddr> ascending = {
-      IpAddr(0, 0),
-      IpAddr(0, 1),
-      IpAddr(0, 0x100000000u),
-      IpAddr(0, 0xffffffffffffffffu),
-      IpAddr(1, 0),
-      IpAddr(0x8000000000000000u, 0),
-      IpAddr(0xffffffffffffffffu, 0xffffffffffffffffu),
-  };
-  for (size_t i = 0; i < ascending.size(); ++i) {
-    for (size_t j = 0; j < ascending.size(); ++j) {
-      SCOPED_TRACE(testing::Message() << i << " vs " << j);
-      const IpAddr &a = ascending[i];
-      const IpAddr &b = ascending[j];
-      EXPECT_EQ(a == b, i == j);
-      EXPECT_EQ(a != b, i != j);
-      EXPECT_EQ(a < b, i < j);
-      EXPECT_EQ(a > b, i > j);
-      EXPECT_EQ(a <= b, i <= j);
-      EXPECT_EQ(a >= b, i >= j);
+  const IpAddr ascending[] = {IpAddr(0, 0),
+                              IpAddr(0, 1),
+                              IpAddr(0, 0x100000000u),
+                              IpAddr(0, 0xffffffffffffffffu),
+                              IpAddr(1, 0),
+                              IpAddr(0x8000000000000000u, 0),
+                              IpAddr(~0ull, ~0ull)};
+  for (size_t i = 0; i < std::size(ascending); ++i) {
+    for (size_t j = 0; j < std::size(ascending); ++j) {
+      const IpAddr &a = ascending[i], &b = ascending[j];
+      EXPECT_TRUE((a == b) == (i == j) && (a != b) == (i != j) && (a < b) == (i < j) &&
+                  (a > b) == (i > j) && (a <= b) == (i <= j) && (a >= b) == (i >= j))
+          << i << " vs " << j;
     }
   }
 }

@@ -16,10 +16,10 @@ std::string Text(const oru::ipv4 &address) {
 
 using Ipv4Test = kest_test::LeakCheck;
 
-// Text is stored byte-swapped and printed without swapping back, so the octets
-// come out reversed. Text that does not parse, or reads zero, is the invalid
-// address; from_str then leaves its output alone (except for zero, which
-// parses).
+// Text and integers are stored byte-swapped and printed without swapping back,
+// so the octets come out reversed. Text that does not parse, or reads zero, is
+// the invalid address; from_str then leaves its output alone (except for zero,
+// which parses), and an assignment of it leaves the value.
 TEST_F(Ipv4Test, ParsesDottedTextAndPrintsItWithOctetsReversed) {
   struct Row {
     const char *text;
@@ -49,23 +49,15 @@ TEST_F(Ipv4Test, ParsesDottedTextAndPrintsItWithOctetsReversed) {
       const bool parses = row.value != 0 || std::string(row.text) == "0.0.0.0";
       EXPECT_EQ(oru::ipv4::from_str(row.text, &out), parses);
       EXPECT_EQ(out, parses ? row.value : 0xdeadbeefu);
+      oru::ipv4 assigned(0x01020304u);
+      assigned = row.text;
+      EXPECT_EQ(assigned.get_value(), parses ? row.value : 0x04030201u);
     }
   }
-}
-
-// An integer is stored byte-swapped; text replaces the value only when it
-// parses.
-TEST_F(Ipv4Test, IntegersAreStoredByteSwappedAndBadTextAssignsNothing) {
   EXPECT_EQ(Text(oru::ipv4(0xc0000201u)), "1.2.0.192");
+  EXPECT_FALSE(oru::ipv4().is_valid());
   oru::ipv4 assigned;
-  EXPECT_FALSE(assigned.is_valid());
-  assigned = 0x01020304u;
-  EXPECT_EQ(assigned.get_value(), 0x04030201u);
-  for (const char *bad : {"bad", "1.2.3.256"}) {
-    assigned = bad;
-    EXPECT_EQ(assigned.get_value(), 0x04030201u) << bad;
-  }
-  assigned = "9.8.7.6";
+  assigned = 0x09080706u;
   EXPECT_EQ(oru::ipv4(assigned).get_value(), 0x06070809u);
 }
 

@@ -34,15 +34,13 @@ protected:
     InstanceFixture::TearDown();
   }
 
-  static std::string ObjName(uint32_t number, int size = 64) {
+  template <class Space> static std::string Name(uint32_t number, int size = 64) {
     std::vector<char> buf(static_cast<size_t>(size));
-    MemTag::Obj::Name(number, buf.data(), size);
+    Space::Name(number, buf.data(), size);
     return buf.data();
   }
-  static std::string CtxName(uint32_t number) {
-    char buf[64];
-    MemTag::Ctx::Name(number, buf, sizeof(buf));
-    return buf;
+  static std::string ObjName(uint32_t number, int size = 64) {
+    return Name<MemTag::Obj>(number, size);
   }
 
   kest_handle_t h = -1;
@@ -53,24 +51,21 @@ TEST_F(MemTagInitTest, BuiltInTablesAreNumberedInOrder) {
   EXPECT_EQ(MemTag::Ctx::Count(), 12u);
   EXPECT_STREQ(oru::Configuration::GetItem("memtag.obj.chain.rule").c_str(), "8");
   EXPECT_STREQ(oru::Configuration::GetItem("memtag.ctx.configuration.general").c_str(), "11");
-  struct Row {
+  const struct {
     uint32_t number;
     const char *obj, *ctx;
-  };
-  const Row rows[] = {
-      {0, "unspec", "unspec"},
-      {1, "appstack.appproto", "udp.inspect"},
-      {4, "flowbuffer.data", "tcp.handoff"},
-      {8, "chain.rule", "tls.general"},
-      {9, "unspec", "pluginmgr.general"},
-      {11, "unspec", "configuration.general"},
-      {12, "unspec", "unspec"},
-      {1000, "unspec", "unspec"},
-  };
-  for (const Row &row : rows) {
+  } rows[] = {{0, "unspec", "unspec"},
+              {1, "appstack.appproto", "udp.inspect"},
+              {4, "flowbuffer.data", "tcp.handoff"},
+              {8, "chain.rule", "tls.general"},
+              {9, "unspec", "pluginmgr.general"},
+              {11, "unspec", "configuration.general"},
+              {12, "unspec", "unspec"},
+              {1000, "unspec", "unspec"}};
+  for (const auto &row : rows) {
     SCOPED_TRACE(row.number);
     EXPECT_EQ(ObjName(row.number), row.obj);
-    EXPECT_EQ(CtxName(row.number), row.ctx);
+    EXPECT_EQ(Name<MemTag::Ctx>(row.number), row.ctx);
   }
   EXPECT_EQ(MemTag::Obj::Lookup("flowbuffer.block"), 3u);
   EXPECT_EQ(MemTag::Ctx::Lookup("flowbuffer.block"), 0u);

@@ -1,40 +1,26 @@
 // Memory failure on the whole road: a real capture replayed in-process the
 // way kestcap feeds it (frames into kest_classify on the capture's own clock,
 // the default attribute listeners, conn.expired, idle passes), through every
-// built decoder plug-in, while the test allocator fails on purpose.
+// built decoder plug-in. A clean replay counts the allocations A and notes the
+// call that made each; then for every N in 1..A (the scenarios) the Nth
+// allocation fails, and the replay must give every block of both heaps back
+// after kest_fini and kest_close answer 0; each call that met the failure
+// goes on or fails as the host interface says it fails for want of memory
+// (kCalls below), every later call answers as in the clean replay, and every
+// connection that starts after the failure is classified as in the clean
+// replay. A failed kest_open or kest_init is answered as a host does: the
+// instance is opened again, and the whole capture must come out as clean. A
+// failure absorbed while the instance starts may leave it without a plug-in,
+// a name or a listener, as the interface allows: it may then classify less,
+// never otherwise. A second sweep fails a burst of allocations from N on: the
+// instance must recover for the connections that start after.
 //
-// A clean replay first counts the allocations A and notes which call made
-// each. Then, for every N in 1..A, an instance has exactly its Nth allocation
-// fail, and the replay must
-//  - give every block of both heaps back once the instance is closed, with
-//    kest_fini and kest_close answering 0;
-//  - have each call that met the failure either go on as if nothing had
-//    happened or fail as the host interface says it fails for want of
-//    memory (kest_open and kest_init -1 with ENOMEM, a listener -1 with
-//    ENOMEM or EINVAL, ...), and every later call answer as in the clean
-//    replay;
-//  - classify every connection that starts after the failure as the clean
-//    replay did: same answers, same stacks, same attributes.
-// A failed kest_open or kest_init is answered as a host answers it: the
-// instance is taken down and opened again, and then the whole capture must
-// come out as in the clean replay. A failure that kest_open or kest_init
-// absorbs may leave the instance without what it took (a plug-in, a name, an
-// inspector of the thread), as the interface allows: the replay may then
-// classify less, never otherwise. One that a listener's setting absorbs may
-// leave that attribute unheard on the thread.
-// A second sweep fails every allocation from N on for a burst and then stops
-// failing: the instance must recover for the connections that start after.
-//
-// Replays are deterministic up to the failure, so none is started from
-// nothing: a driver replay runs clean and forks at each N; the child fails
-// that allocation, replays the rest of the capture, judges itself against the
-// clean replay and reports through a pipe. A crash or a sanitizer report in a
-// child fails the sweep with its N.
-//
-// KEST_SWEEP_CAPTURE, KEST_SWEEP_STRIDE, KEST_SWEEP_BURST, KEST_SWEEP_LOAD_STRIDE
-// and KEST_SWEEP_RESTART_STRIDE choose another capture and how densely it is
-// swept (scripts/fault_sweep.sh). KEST_SWEEP_ONLY=N tries that N alone and
-// prints its replay against the clean one.
+// Replays are deterministic up to the failure: a driver replay runs clean
+// and forks at each N; the child fails that allocation, replays the rest,
+// judges itself and reports through a pipe. A crash or a sanitizer report in
+// a child fails the sweep with its N. KEST_SWEEP_CAPTURE, _STRIDE, _BURST,
+// _LOAD_STRIDE and _RESTART_STRIDE choose the capture and how densely it is
+// swept (scripts/fault_sweep.sh); KEST_SWEEP_ONLY=N tries that N alone.
 #include "TestHooks.h"
 #include "TransportPlugin.h"
 
@@ -42,9 +28,6 @@
 #include <kest.h>
 #include <link.h>
 #include <pcap/pcap.h>
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -81,24 +64,22 @@ std::vector<Frame> ReadCapture(const std::string &path, std::string &error) {
     error = text;
     return frames;
   }
-  int form = 1;
+  // The host's frame form for each link type, and the bytes before the IP
+  // header that kestcap strips.
+  const struct {
+    int link, form;
+    uint32_t skip;
+  } links[] = {{DLT_EN10MB, 2, 0}, {DLT_LINUX_SLL, 3, 0}, {DLT_RAW, 1, 0}, {DLT_IPV4, 1, 0},
+               {DLT_IPV6, 1, 0},   {DLT_NULL, 1, 4},      {DLT_LOOP, 1, 4}};
+  int form = 0;
   uint32_t skip = 0;
-  switch (pcap_datalink(pcap)) {
-  case DLT_EN10MB:
-    form = 2;
-    break;
-  case DLT_LINUX_SLL:
-    form = 3;
-    break;
-  case DLT_RAW:
-  case DLT_IPV4:
-  case DLT_IPV6:
-    break;
-  case DLT_NULL:
-  case DLT_LOOP:
-    skip = 4;
-    break;
-  default:
+  for (const auto &l : links) {
+    if (l.link == pcap_datalink(pcap)) {
+      form = l.form;
+      skip = l.skip;
+    }
+  }
+  if (form == 0) {
     error = "link type " + std::to_string(pcap_datalink(pcap)) + " is not swept";
     pcap_close(pcap);
     return frames;
@@ -120,15 +101,13 @@ std::vector<Frame> ReadCapture(const std::string &path, std::string &error) {
 // ---------------------------------------------------------------------------
 // One replay
 
-const char *const kAttrs[] = {
-    "http.request.header.host",
-    "http.request.uri",
-    "http.request.method",
-    "http.request.header.user-agent",
-    "http.response.code",
-    "tls.server_name",
-    "dns.query",
-};
+const char *const kAttrs[] = {"http.request.header.host",
+                              "http.request.uri",
+                              "http.request.method",
+                              "http.request.header.user-agent",
+                              "http.response.code",
+                              "tls.server_name",
+                              "dns.query"};
 
 // The frame index of the calls before the first frame and after the last.
 constexpr long kSetup = -1;
@@ -287,10 +266,7 @@ kest_handle_t Start(const std::string &plugins) {
   if (h <= 0) {
     return 0;
   }
-  Note("kest_clock_set_mode", [&] {
-    kest_clock_set_mode(h, 1);
-    return 0;
-  });
+  Note("kest_clock_set_mode", [&] { return kest_clock_set_mode(h, 1), 0; });
   if (Note("kest_init", [&] { return kest_init(h); }) != 0) {
     // The thread's slot block stays after a failed start: kest_fini clears it.
     Note("kest_fini", [&] { return kest_fini(h); });
@@ -302,10 +278,7 @@ kest_handle_t Start(const std::string &plugins) {
     Note("kest_attr_callback_set", [&] { return kest_attr_callback_set(h, name, OnAttr); });
   }
   // Listeners and identifiers reach the thread in its idle pass.
-  Note("kest_idle", [&] {
-    kest_idle(h);
-    return 0;
-  });
+  Note("kest_idle", [&] { return kest_idle(h), 0; });
   g_run.names.clear();
   g_run.expired_key =
       Note("kest_attr_key_get", [&] { return kest_attr_key_get(h, "conn.expired"); });
@@ -343,10 +316,7 @@ Replay ReplayCapture(const std::vector<Frame> &frames, const std::string &plugin
       g_run.frame = static_cast<long>(i);
       const uint64_t ms = frame.ts_us / 1000;
       if (ms != clock_ms) {
-        Note("kest_clock_set", [&] {
-          kest_clock_set(h, ms);
-          return 0;
-        });
+        Note("kest_clock_set", [&] { return kest_clock_set(h, ms), 0; });
         clock_ms = ms;
       }
       Note("kest_classify", [&] {
@@ -356,17 +326,11 @@ Replay ReplayCapture(const std::vector<Frame> &frames, const std::string &plugin
       });
       // A timer's idle pass now and then, as a live host has.
       if (i % 16 == 15) {
-        Note("kest_idle", [&] {
-          kest_idle(h);
-          return 0;
-        });
+        Note("kest_idle", [&] { return kest_idle(h), 0; });
       }
     }
     g_run.frame = kTeardown;
-    Note("kest_idle", [&] {
-      kest_idle(h);
-      return 0;
-    });
+    Note("kest_idle", [&] { return kest_idle(h), 0; });
     Note("kest_fini", [&] { return kest_fini(h); });
     Note("kest_close", [&] { return kest_close(h); });
   }
@@ -385,74 +349,67 @@ Replay ReplayCapture(const std::vector<Frame> &frames, const std::string &plugin
 // ---------------------------------------------------------------------------
 // Judging a replay against the clean one
 
-// Whether a failed call failed as the host interface says it fails for want
-// of memory.
-bool DocumentedFailure(const Call &call) {
-  const std::string &name = call.name;
-  if (name == "kest_open") {
+// How each call of the host interface reports a failure, and the failures it
+// may report for want of memory.
+struct CallKind {
+  const char *name;
+  bool returns_nothing; // then kest_errno alone tells a failure
+  int failed_at_most;   // a result at most this is a failure
+  int documented_min, documented_max;
+  std::vector<int> errors; // kest_errno of a documented failure
+};
+const CallKind kCalls[] = {
     // The configuration store reports an item it could not take in as a
     // refusal (EINVAL), whatever the reason.
-    return call.result == -1 && (call.error == KEST_ENOMEM || call.error == KEST_EINVAL);
-  }
-  if (name == "kest_init") {
-    // A protocol name that cannot be looked up reads as absent, and a
-    // missing transport is EPROTO, also when memory was the reason.
-    return call.result == -1 && (call.error == KEST_ENOMEM || call.error == KEST_EPROTO);
-  }
-  if (name == "kest_attr_callback_set") {
-    // The store refuses a new item for want of memory (ENOMEM), or without a
-    // word of its own when the key cannot even be split, which the call
-    // reports as a refusal (EINVAL).
-    return call.result == -1 && (call.error == KEST_ENOMEM || call.error == KEST_EINVAL);
-  }
-  if (name == "kest_classify") {
+    {"kest_open", false, 0, -1, -1, {KEST_ENOMEM, KEST_EINVAL}},
+    // A protocol name that cannot be looked up reads as absent, and a missing
+    // transport is EPROTO, also when memory was the reason.
+    {"kest_init", false, -1, -1, -1, {KEST_ENOMEM, KEST_EPROTO}},
+    // A key that cannot even be split is refused without a word of its own.
+    {"kest_attr_callback_set", false, -1, -1, -1, {KEST_ENOMEM, KEST_EINVAL}},
     // A decoder that could not take the packet leaves what it raised.
-    return call.result == -1 && (call.error == 0 || call.error == KEST_ENOMEM);
+    {"kest_classify", false, -1, -1, -1, {0, KEST_ENOMEM}},
+    // 0 or -1: no listener is active for the name on this thread yet.
+    {"kest_attr_key_get", false, 0, INT32_MIN, 0, {0}},
+    {"kest_idle", true, 0, 0, 0, {KEST_ENOMEM}},
+    {"kest_clock_set", true, 0, 0, 0, {KEST_ENOMEM}},
+    {"kest_clock_set_mode", true, 0, 0, 0, {}},
+    {"kest_fini", false, -1, 0, -1, {}},
+    {"kest_close", false, -1, 0, -1, {}},
+};
+
+const CallKind &KindOf(const Call &call) {
+  for (const CallKind &kind : kCalls) {
+    if (call.name == kind.name) {
+      return kind;
+    }
   }
-  if (name == "kest_idle" || name == "kest_clock_set") {
-    return call.error == KEST_ENOMEM;
-  }
-  if (name == "kest_attr_key_get") {
-    // No listener is active for the name on this thread yet.
-    return call.result <= 0 && call.error == 0;
-  }
-  return false;
+  return kCalls[std::size(kCalls) - 1]; // as kest_close: no failure is documented
 }
 
-bool ReturnsNothing(const Call &call) {
-  return call.name == "kest_idle" || call.name == "kest_clock_set" ||
-         call.name == "kest_clock_set_mode";
-}
-
-// Whether a call failed. kest_errno speaks only for a call that failed, save
-// for the calls that return nothing; an attribute key of 0 or -1 means that
-// no listener is active for the name on the thread.
+// kest_errno speaks only for a call that failed, save for the calls that
+// return nothing.
 bool Failed(const Call &call) {
-  if (ReturnsNothing(call)) {
-    return call.error != 0;
-  }
-  if (call.name == "kest_open" || call.name == "kest_attr_key_get") {
-    return call.result <= 0;
-  }
-  return call.result < 0;
+  const CallKind &kind = KindOf(call);
+  return kind.returns_nothing ? call.error != 0 : call.result <= kind.failed_at_most;
+}
+
+bool DocumentedFailure(const Call &call) {
+  const CallKind &kind = KindOf(call);
+  return kind.documented_min <= call.result && call.result <= kind.documented_max &&
+         std::find(kind.errors.begin(), kind.errors.end(), call.error) != kind.errors.end();
 }
 
 // Whether a call answered as its counterpart in the clean replay.
 bool Same(const Call &call, const Call &clean) {
-  if (ReturnsNothing(call)) {
-    return call.error == clean.error;
-  }
-  return call.result == clean.result;
+  return KindOf(call).returns_nothing ? call.error == clean.error : call.result == clean.result;
 }
 
 // The index of the clean replay's call that made allocation n, or -1.
 long CallOf(const Replay &clean, long n) {
-  for (size_t i = 0; i < clean.calls.size(); ++i) {
-    if (clean.calls[i].first < n && n <= clean.calls[i].last) {
-      return static_cast<long>(i);
-    }
-  }
-  return -1;
+  auto it = std::find_if(clean.calls.begin(), clean.calls.end(),
+                         [n](const Call &c) { return c.first < n && n <= c.last; });
+  return it == clean.calls.end() ? -1 : it - clean.calls.begin();
 }
 
 std::string Describe(const std::vector<Answer> &answers) {
@@ -468,8 +425,7 @@ std::string Describe(const std::vector<Answer> &answers) {
 std::vector<std::string> FreshAttrs(const Replay &r, size_t k, long after) {
   std::vector<std::string> out;
   for (const Attr &a : r.attrs[k]) {
-    auto first = r.first.find(a.id);
-    if (first != r.first.end() && first->second > after) {
+    if (auto first = r.first.find(a.id); first != r.first.end() && first->second > after) {
       out.push_back(a.text);
     }
   }
@@ -485,36 +441,22 @@ template <typename T> bool Within(const std::vector<T> &part, const std::vector<
   return i == part.size();
 }
 
-// Whether a stack is the start of another: the same protocols, or the same
-// index where the registry had no memory left for a name.
-bool StartOf(const Answer &part, const Answer &whole) {
-  if (part.indices.size() > whole.indices.size()) {
-    return false;
-  }
-  for (size_t i = 0; i < part.indices.size(); ++i) {
-    const bool same = part.names[i].empty() ? part.indices[i] == whole.indices[i]
-                                            : part.names[i] == whole.names[i];
-    if (!same) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // Whether every answer names the start of a stack that one of the clean
-// answers names: what a missing piece of the instance leaves of a
-// classification.
+// answers names (the same protocols, or the same index where the registry had
+// no memory left for a name): what a missing piece of the instance leaves.
 bool LessOf(const std::vector<Answer> &got, const std::vector<Answer> &clean) {
-  for (const Answer &a : got) {
-    bool found = false;
-    for (const Answer &c : clean) {
-      found = found || StartOf(a, c);
+  auto start_of = [](const Answer &part, const Answer &whole) {
+    for (size_t i = 0; i < part.indices.size(); ++i) {
+      if (i >= whole.indices.size() || (part.names[i].empty() ? part.indices[i] != whole.indices[i]
+                                                              : part.names[i] != whole.names[i])) {
+        return false;
+      }
     }
-    if (!found) {
-      return false;
-    }
-  }
-  return true;
+    return true;
+  };
+  return std::all_of(got.begin(), got.end(), [&](const Answer &a) {
+    return std::any_of(clean.begin(), clean.end(), [&](const Answer &c) { return start_of(a, c); });
+  });
 }
 
 // How far a replay may fall short of the clean one where it is compared.
@@ -528,11 +470,8 @@ enum class Measure {
 // against the clean replay.
 std::string Compare(const Replay &clean, const Replay &got, long after, Measure measure) {
   for (size_t k = static_cast<size_t>(after + 1); k < clean.answers.size(); ++k) {
-    bool fresh = true;
-    for (const Answer &a : clean.answers[k]) {
-      fresh = fresh && (a.id == 0 || clean.first.at(a.id) > after);
-    }
-    if (!fresh) {
+    if (!std::all_of(clean.answers[k].begin(), clean.answers[k].end(),
+                     [&](const Answer &a) { return a.id == 0 || clean.first.at(a.id) > after; })) {
       continue;
     }
     const bool answers = measure == Measure::kInstance ? LessOf(got.answers[k], clean.answers[k])
@@ -554,7 +493,6 @@ std::string Compare(const Replay &clean, const Replay &got, long after, Measure 
 struct Verdict {
   std::string call; // the call that met the first failure
   bool reported = false;
-  int error = 0;
   long restarts = 0;
   std::string problems;
 };
@@ -573,7 +511,6 @@ Verdict Judge(const Replay &clean, const Replay &got, const Plan &plan) {
   }
   const Call &call = got.calls[static_cast<size_t>(at)];
   v.call = call.name;
-  v.error = call.error;
   v.reported = Failed(call);
   if (!got.started && plan.restart) {
     v.problems += "no instance could be started again\n";
@@ -668,7 +605,6 @@ struct Forking {
   long count = 1; // allocations a child fails
   // Every restart_stride-th child starts a failed instance again.
   size_t restart_stride = 1;
-  bool dump = false; // children print what they did
   Figures *figures = nullptr;
   int pipe = -1; // the child's end
   void *(*malloc_local)(size_t) = nullptr;
@@ -676,54 +612,18 @@ struct Forking {
 };
 Forking g_fork;
 
-// Prints where a replay differs from the clean one, and the blocks it lost
-// with where they were taken (under LeakSanitizer).
-void Dump(const Replay &clean, const Replay &got) {
-  for (size_t i = 0; i < got.calls.size(); ++i) {
-    const Call &c = got.calls[i];
-    if (Failed(c) || i >= clean.calls.size() || !Same(c, clean.calls[i])) {
-      std::fprintf(stderr, "call %zu: %s of frame %ld answered %d with kest_errno %d\n", i,
-                   c.name.c_str(), c.frame, c.result, c.error);
-    }
-  }
-  for (size_t k = 0; k < got.answers.size(); ++k) {
-    if (got.answers[k] != clean.answers[k]) {
-      std::fprintf(stderr, "frame %zu: %s, clean %s\n", k, Describe(got.answers[k]).c_str(),
-                   Describe(clean.answers[k]).c_str());
-    }
-    std::string mine, theirs;
-    for (const Attr &a : got.attrs[k]) {
-      mine += a.text + "; ";
-    }
-    for (const Attr &a : clean.attrs[k]) {
-      theirs += a.text + "; ";
-    }
-    if (mine != theirs) {
-      std::fprintf(stderr, "frame %zu: attributes %s, clean %s\n", k, mine.c_str(), theirs.c_str());
-    }
-  }
-#ifdef __SANITIZE_ADDRESS__
-  __lsan_do_recoverable_leak_check();
-#endif
-}
-
 // In the child: judges the replay, reports and leaves without running the
 // parent's exit handlers or flushing its buffers.
 void Finish(const Replay &replay) {
   const Verdict v = Judge(*g_fork.clean, replay, g_run.plan);
-  if (g_fork.dump) {
-    Dump(*g_fork.clean, replay);
-  }
-  const std::string text = v.call + "\n" + std::to_string(v.reported) + " " +
-                           std::to_string(v.error) + " " + std::to_string(v.restarts) + "\n" +
-                           v.problems;
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t put = write(g_fork.pipe, text.data() + done, text.size() - done);
-    if (put <= 0) {
+  const std::string text = (v.call.empty() ? "-" : v.call) + " " + std::to_string(v.reported) +
+                           " " + std::to_string(v.restarts) + "\n" + v.problems;
+  for (size_t done = 0, put = 0; done < text.size(); done += put) {
+    const ssize_t wrote = write(g_fork.pipe, text.data() + done, text.size() - done);
+    if (wrote <= 0) {
       break;
     }
-    done += static_cast<size_t>(put);
+    put = static_cast<size_t>(wrote);
   }
   _exit(0);
 }
@@ -769,21 +669,21 @@ void Fork(long n, bool restart) {
     waitpid(pid, &status, 0);
   }
   Verdict v;
-  const size_t line = text.find('\n');
-  const size_t line2 = line == std::string::npos ? line : text.find('\n', line + 1);
+  char call[64] = "";
   int reported = 0;
-  if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 || line2 == std::string::npos ||
-      std::sscanf(text.c_str() + line + 1, "%d %d %ld", &reported, &v.error, &v.restarts) != 3) {
+  const size_t line = text.find('\n');
+  if (pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 && line != std::string::npos &&
+      std::sscanf(text.c_str(), "%63s %d %ld", call, &reported, &v.restarts) == 3) {
+    v.call = call;
+    v.reported = reported != 0;
+    v.problems = text.substr(line + 1);
+  } else {
     const long at = CallOf(*g_fork.clean, n);
     v.call = at < 0 ? "?" : g_fork.clean->calls[static_cast<size_t>(at)].name;
     v.problems = pid < 0 ? "no child process\n"
                  : WIFSIGNALED(status)
                      ? "the replay died of signal " + std::to_string(WTERMSIG(status)) + "\n"
                      : "the replay ended with status " + std::to_string(WEXITSTATUS(status)) + "\n";
-  } else {
-    v.call = text.substr(0, line);
-    v.reported = reported != 0;
-    v.problems = text.substr(line2 + 1);
   }
   g_fork.figures->Add(n, v);
 }
@@ -940,7 +840,6 @@ protected:
     }
     if (const long only = EnvNumber("KEST_SWEEP_ONLY", 0); only > 0) {
       g_fork.at.assign(GetParam() == 0 ? 1 : 0, only);
-      g_fork.dump = true;
     }
     const long planned = static_cast<long>(g_fork.at.size());
     Hooks();

@@ -9,51 +9,38 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <utility>
 
 namespace kest_test {
 
 namespace {
 
-std::atomic<long> g_count{0};
-std::atomic<long> g_fail_at{0};
-std::atomic<bool> g_fail_all{false};
-std::atomic<bool> g_fail_onwards{false};
-std::atomic<long> g_live_local{0};
-std::atomic<long> g_live_shared{0};
-std::atomic<bool> g_recording{false};
+std::atomic<long> g_count{0}, g_fail_at{0}, g_live[2];
+std::atomic<bool> g_fail_all{false}, g_fail_onwards{false}, g_recording{false};
 std::mutex g_mutex;
 std::vector<Allocation> g_recorded;
 std::string g_printed, g_diag, g_log;
 
-void *Allocate(Heap heap, size_t size) {
+template <Heap H> void *Malloc(size_t size) {
   const long n = ++g_count;
   if (g_recording) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_recorded.push_back({heap, size});
+    g_recorded.push_back({H, size});
   }
-  long target = g_fail_at.load();
+  const long target = g_fail_at.load();
   if (g_fail_all || (target != 0 && (n == target || (g_fail_onwards && n > target)))) {
     return nullptr;
   }
   void *block = std::malloc(size == 0 ? 1 : size);
-  if (block != nullptr) {
-    ++(heap == Heap::Local ? g_live_local : g_live_shared);
-  }
+  g_live[static_cast<int>(H)] += block != nullptr;
   return block;
 }
 
-void Release(Heap heap, void *block) {
+template <Heap H> void Free(void *block) {
   if (block != nullptr) {
-    --(heap == Heap::Local ? g_live_local : g_live_shared);
+    --g_live[static_cast<int>(H)];
     std::free(block);
   }
-}
-
-template <Heap H> void *Malloc(size_t size) {
-  return Allocate(H, size);
-}
-template <Heap H> void Free(void *block) {
-  Release(H, block);
 }
 
 void Append(std::string &out, const char *format, va_list args) {
@@ -73,23 +60,19 @@ template <std::string *Out> int Print(const char *format, ...) {
 }
 
 void LogMessage(const char *level, const char *function, const char *format, ...) {
-  {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_log += std::string(level) + " " + function + ": ";
-  }
+  const std::string head = std::string(level) + " " + function + ": ";
   va_list args;
   va_start(args, format);
-  Append(g_log, format, args);
+  std::string text;
+  Append(text, format, args);
   va_end(args);
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_log += "|";
+  g_log += head + text + "|";
 }
 
 std::string Take(std::string &text) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  std::string out;
-  out.swap(text);
-  return out;
+  return std::exchange(text, std::string());
 }
 
 } // namespace
@@ -104,9 +87,7 @@ void InstallHooks() {
   kest_diag_printf = Print<&g_diag>;
   kest_log_message = LogMessage;
   g_fail_at = 0;
-  g_fail_all = false;
-  g_fail_onwards = false;
-  g_recording = false;
+  g_fail_all = g_fail_onwards = g_recording = false;
   ResetCounts();
   Take(g_printed);
   Take(g_diag);
@@ -143,13 +124,11 @@ void StartRecording() {
 std::vector<Allocation> StopRecording() {
   g_recording = false;
   std::lock_guard<std::mutex> lock(g_mutex);
-  std::vector<Allocation> out;
-  out.swap(g_recorded);
-  return out;
+  return std::exchange(g_recorded, {});
 }
 
 long LiveBlocks(Heap heap) {
-  return heap == Heap::Local ? g_live_local : g_live_shared;
+  return g_live[static_cast<int>(heap)];
 }
 
 std::string TakePrinted() {

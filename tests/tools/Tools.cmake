@@ -44,13 +44,13 @@ if(TARGET kestcap AND KEST_JQ AND KEST_PYTHON3 AND EXISTS /usr/bin/time)
     set(_flows_max_kb 32000)
   endif()
   add_test(NAME kestcap_hostile
-           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/hostile_test.sh $<TARGET_FILE:kestcap>
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/hostile_test.sh hostile $<TARGET_FILE:kestcap>
                    ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/scripts/hostile_pcap.py
                    ${CMAKE_CURRENT_BINARY_DIR}/hostile ${_hostile_max_kb})
   set_tests_properties(kestcap_hostile PROPERTIES TIMEOUT 120)
   add_test(NAME kestcap_flows_bounded
-           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/flows_test.sh $<TARGET_FILE:kestcap>
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/hostile_test.sh flows $<TARGET_FILE:kestcap>
                    ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/scripts/flows_pcap.py
-                   ${CMAKE_CURRENT_BINARY_DIR}/flows 100000 1000 ${_flows_max_kb})
+                   ${CMAKE_CURRENT_BINARY_DIR}/flows ${_flows_max_kb} 100000 1000)
   set_tests_properties(kestcap_flows_bounded PROPERTIES TIMEOUT 120)
 endif()

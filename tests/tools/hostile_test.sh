@@ -1,17 +1,19 @@
 #!/bin/sh
-# kestcap over a generated capture of hostile traffic (scripts/hostile_pcap.py):
-# on one thread and on two, as a table and as JSON lines, it exits 0 without
-# a sanitizer report, reads every packet, accounts for each one as
-# classified, not classified or malformed, reports connections that hold
-# exactly the classified packets, each once and with a sane duration, and
-# stays under a peak resident size.
-# Arguments: kestcap, the plug-in folder, the generator, a folder to write
-# in, the bound on the peak resident size in KB. KEST_HOSTILE_SEED picks
-# another capture.
+# kestcap over generated traffic, under a bound on the peak resident size and
+# without a sanitizer report:
+#  hostile: hostile traffic (scripts/hostile_pcap.py; KEST_HOSTILE_SEED picks
+#    another capture) on one thread and on two, as a table and as JSON lines:
+#    every packet read and accounted for as classified, not classified or
+#    malformed, connections that hold exactly the classified packets, each
+#    once and with a sane duration, and the valid conversations decoded;
+#  flows: many more flows than the connection limits hold
+#    (scripts/flows_pcap.py): every flow reported exactly once, while the
+#    resident size stays within what the limits allow.
+# Arguments: hostile|flows, kestcap, the plug-in folder, the generator, a
+# folder to write in, the bound in KB [, the number of flows, the limit of
+# each transport].
 set -u
-kestcap="$1"; plugins="$2"; generator="$3"; work="$4"; max_kb="$5"
-seed="${KEST_HOSTILE_SEED:-1}"
-cap="$work/hostile-$seed.pcap"
+mode="$1"; kestcap="$2"; plugins="$3"; generator="$4"; work="$5"; max_kb="$6"
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 # A sanitizer build holds freed memory back to catch late uses; a small
@@ -20,11 +22,19 @@ ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16"
 export ASAN_OPTIONS
 
 mkdir -p "$work"
-python3 "$generator" "$cap" --seed "$seed" 2>"$work/gen.err" || {
+if [ "$mode" = flows ]; then
+  flows="$7"; limit="$8"
+  cap="$work/flows-$flows.pcap"
+  set -- --flows "$flows"
+else
+  seed="${KEST_HOSTILE_SEED:-1}"
+  cap="$work/hostile-$seed.pcap"
+  set -- --seed "$seed"
+fi
+python3 "$generator" "$cap" "$@" 2>"$work/gen.err" || {
   echo "FAIL: the generator failed: $(cat "$work/gen.err")"
   exit 1
 }
-written="$(sed -n 's/.*: \([0-9]*\) packets, .*/\1/p' "$work/gen.err")"
 
 # Runs kestcap with the arguments given, output to $work/out; checks the
 # exit code, the sanitizers' silence and the peak resident size.
@@ -44,50 +54,50 @@ run() {
   echo "kestcap $what: peak resident size $rss KB"
 }
 
-# The totals line of a table run, as "read classified not malformed
-# connections"; nothing when the line is not there.
-totals() {
+if [ "$mode" = flows ]; then
+  run --json --config "tcp.max_connections=$limit" --config "udp.max_connections=$limit"
+  lines="$(wc -l <"$work/out")"
+  [ "$lines" -eq "$flows" ] || fail "$lines JSON lines for $flows flows"
+  distinct="$(jq -r '"\(.proto) \(."id.orig_h") \(."id.orig_p")"' "$work/out" | sort -u | wc -l)"
+  [ "$distinct" -eq "$flows" ] || fail "$distinct distinct flows reported of $flows"
+fi
+
+written="$(sed -n 's/.*: \([0-9]*\) packets, .*/\1/p' "$work/gen.err")"
+for threads in 1 2; do
+  [ "$mode" = hostile ] || break
+  t="$threads thread(s)"
+  run --threads "$threads"
+  # The totals line: read, classified, not classified, malformed, connections.
   line="$(tail -n 1 "$work/out")"
   case "$line" in
   *" packets read, "*" classified, "*" not classified, "*" malformed, "*" connections, "*)
-    echo "$line" | tr -c '0-9\n' ' ' | awk '{ print $1, $2, $3, $4, $5 }' ;;
+    # shellcheck disable=SC2046 # the five numbers, one word each
+    set -- $(echo "$line" | tr -c '0-9\n' ' ' | awk '{ print $1, $2, $3, $4, $5 }') ;;
+  *) fail "$t: no totals line"; continue ;;
   esac
-}
-
-for threads in 1 2; do
-  run --threads "$threads"
-  # shellcheck disable=SC2046 # the five numbers, one word each
-  set -- $(totals)
-  if [ $# -ne 5 ]; then
-    fail "$threads thread(s): no totals line"
-    continue
-  fi
   read=$1 classified=$2 connections=$5
-  echo "$threads thread(s): $(tail -n 1 "$work/out")"
-  [ "$read" -eq "$written" ] || fail "$threads thread(s): $read packets read, $written written"
-  [ "$read" -eq $(($2 + $3 + $4)) ] ||
-    fail "$threads thread(s): $read read but $2 + $3 + $4 accounted"
+  echo "$t: $line"
+  [ "$read" -eq "$written" ] || fail "$t: $read packets read, $written written"
+  [ "$read" -eq $(($2 + $3 + $4)) ] || fail "$t: $read read but $2 + $3 + $4 accounted"
 
   run --threads "$threads" --json
-  jq -c . "$work/out" >/dev/null || fail "$threads thread(s): a JSON line does not parse"
+  jq -c . "$work/out" >/dev/null || fail "$t: a JSON line does not parse"
   lines="$(wc -l <"$work/out")"
-  [ "$lines" -eq "$connections" ] ||
-    fail "$threads thread(s): $lines JSON lines, $connections connections"
+  [ "$lines" -eq "$connections" ] || fail "$t: $lines JSON lines, $connections connections"
   held="$(jq -s 'map(.orig_pkts + .resp_pkts) | add // 0' "$work/out")"
-  [ "$held" -eq "$classified" ] ||
-    fail "$threads thread(s): connections hold $held packets, $classified classified"
+  [ "$held" -eq "$classified" ] || fail "$t: connections hold $held packets, $classified classified"
   # A connection once; time stamps that go back make no negative duration.
   jq -r '"\(.proto) \(."id.orig_h") \(."id.orig_p") \(."id.resp_h") \(."id.resp_p") \(.ts) \(.stack)"' \
-    "$work/out" | sort | uniq -d | grep -q . && fail "$threads thread(s): a connection twice"
+    "$work/out" | sort | uniq -d | grep -q . && fail "$t: a connection twice"
   jq -e -s 'all(.[]; .duration >= 0 and .duration < 86400)' "$work/out" >/dev/null ||
-    fail "$threads thread(s): a duration out of range"
+    fail "$t: a duration out of range"
   # The decoders ran on the valid conversations among the rest.
   for app in HTTP DNS TLS; do
     jq -e -s --arg app "$app" 'any(.[]; .app == $app)' "$work/out" >/dev/null ||
-      fail "$threads thread(s): no $app connection"
+      fail "$t: no $app connection"
   done
 done
 
-rm -f "$cap"
-[ "$failures" -eq 0 ] && echo "hostile capture: all checks passed"
+rm -f "$cap" "$work/out"
+[ "$failures" -eq 0 ] && echo "$mode: all checks passed"
 [ "$failures" -eq 0 ]

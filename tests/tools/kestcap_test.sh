@@ -1,9 +1,7 @@
 #!/bin/sh
 # kestcap end to end: JSON lines that parse and add up to the capture, one
-# connection per flow whichever way its packets go, the same connections on
-# one thread and on four, custom rules, plug-in folders (the default one,
-# missing transports, files that are not plug-ins), and every error with its
-# exit code.
+# connection per flow either way, the same on one thread and on four, custom
+# rules, plug-in folders, and every error with its exit code.
 # Arguments: kestcap, the plug-in folder, the bundled capture, the shared
 # captures' folder (may be absent).
 set -u
@@ -20,7 +18,7 @@ totals() {
 }
 
 check_capture() {
-  cap="$1"
+  cap="$1"; counts=""
   name="$(basename "$cap")"
   if ! "$kestcap" --plugins "$plugins" --json "$cap" >"$work/one" 2>"$work/err"; then
     fail "$name: kestcap --json failed: $(cat "$work/err")"
@@ -42,7 +40,8 @@ check_capture() {
     fail "$name: both directions of a flow made two connections"
   # The counts add up: every packet read is classified, not classified or
   # malformed, and the connections hold exactly the classified ones.
-  set -- $(totals "$cap")
+  counts="$(totals "$cap")"
+  set -- $counts
   [ $# -eq 4 ] || { fail "$name: no totals line"; return; }
   [ "$1" -eq $(($2 + $3 + $4)) ] || fail "$name: $1 read but $2 + $3 + $4 accounted"
   held="$(jq -s 'map(.orig_pkts + .resp_pkts) | add // 0' "$work/one")"
@@ -61,6 +60,8 @@ check_capture() {
 }
 
 check_capture "$bundled"
+# Standard input reads as the file does.
+[ "$(totals - <"$bundled")" = "$counts" ] || fail "standard input reads differently"
 if [ -d "$shared" ]; then
   for cap in http_ipv6.pcap dns.pcap bittorrent.pcap quickplay.pcap rdp.pcap hls.pcapng \
     fragmented-4.pcap ipv6-fragmented-dns.pcap 4in6tunnel.pcap http-vlan-0.pcap \
@@ -68,9 +69,6 @@ if [ -d "$shared" ]; then
     [ -f "$shared/$cap" ] && check_capture "$shared/$cap"
   done
 fi
-
-# Standard input reads as the file does.
-[ "$(totals - <"$bundled")" = "$(totals "$bundled")" ] || fail "standard input reads differently"
 
 # A custom protocol named by a rule shows as the application.
 "$kestcap" --plugins "$plugins" --json --proto-add MYAPP \
