@@ -9,10 +9,8 @@
 #include <kest/SyncEventQueue.h>
 
 #include <algorithm>
-#include <barrier>
 #include <cstring>
 #include <random>
-#include <thread>
 
 namespace {
 
@@ -87,17 +85,6 @@ TEST_F(RuleStoreTest, UniqueChainKeepsFirstOccurrences) {
   Merge({{0, 0}});
   ListStore::UniqueChain(chain);
   EXPECT_EQ(ChainNames(chain), Names{"A:0"});
-}
-
-TEST_F(RuleStoreTest, AddToListRefusesARepeatedCallback) {
-  ListStore::RuleList one, two;
-  EXPECT_TRUE(store.AddToList(one, ListStore::MakeRule(X(0)->Callback(), 1)));
-  EXPECT_FALSE(store.AddToList(one, ListStore::MakeRule(X(0)->Callback(), 0)));
-  EXPECT_TRUE(store.AddToList(one, ListStore::MakeRule(X(0)->SecondCallback(), 1)));
-  EXPECT_TRUE(store.AddToList(two, ListStore::MakeRule(X(0)->Callback(), 1)));
-  EXPECT_EQ(one.size(), 2u);
-  EXPECT_EQ(one.front().bucket, nullptr);
-  EXPECT_TRUE(store.m_expiry.empty());
 }
 
 // Time-outs on the thread's clock, set by the host.
@@ -181,92 +168,68 @@ TEST_F(RuleExpiryTest, RulesExpireAtTheirSecondLeastRecentlyFoundFirst) {
   EXPECT_EQ(Bucket(106), std::vector<uint32_t>{6});
 }
 
-// One thread's store with its handler of the rule-use event, as a store's
-// owner sets it up.
-struct ThreadStore : oru::EventTarget {
+// The ports of the rules armed at `second`, least recently found first.
+std::vector<uint16_t> Armed(oru::IpPortRuleStore &store, unsigned long long second) {
+  std::vector<uint16_t> ports;
+  auto node = store.m_expiry.find(second);
+  if (node != store.m_expiry.end()) {
+    for (auto &entry : node->second) {
+      ports.push_back(entry.second->spec.port);
+    }
+  }
+  return ports;
+}
+
+// A store with its owner's handler of the rule-use event, which keeps what it
+// hears and applies it to `target`: in a program, another thread's store.
+struct Announcing : oru::EventTarget {
   oru::IpPortRuleStore store{"test"};
+  oru::IpPortRuleStore *target = nullptr;
   std::vector<std::vector<uint8_t>> heard;
 
-  explicit ThreadStore(uint32_t event) {
+  explicit Announcing(uint32_t event) {
     store.m_event = event;
     oru::SyncEventQueue::Instance()->InstallHandler(event, this,
-                                                    oru::MakeEventMethod(&ThreadStore::OnRuleUsed));
+                                                    oru::MakeEventMethod(&Announcing::OnRuleUsed));
   }
-  ~ThreadStore() {
+  ~Announcing() {
     oru::SyncEventQueue::Instance()->InstallHandler(store.m_event, nullptr, nullptr);
   }
   void OnRuleUsed(const void *data, uint32_t length) {
     const uint8_t *bytes = static_cast<const uint8_t *>(data);
     heard.emplace_back(bytes, bytes + length);
-    store.ApplyAnnouncement(data, length);
-  }
-  // The ports of the rules armed at `second`, least recently found first.
-  std::vector<uint16_t> Bucket(unsigned long long second) {
-    std::vector<uint16_t> ports;
-    auto node = store.m_expiry.find(second);
-    if (node != store.m_expiry.end()) {
-      for (auto &entry : node->second) {
-        ports.push_back(entry.second->spec.port);
-      }
-    }
-    return ports;
+    EXPECT_TRUE(target->ApplyAnnouncement(data, length));
   }
 };
 
-// A synced rule found on one thread is announced to every thread; the other
-// thread's store finds the same rule and makes it its most recently found.
-TEST_F(RuleExpiryTest, SyncedUseReachesAnotherThreadAtItsIdlePass) {
-  Log other_log;
-  oru::fdt::intrusive_ptr<ScriptedInspector> x(ScriptedInspector::Make("X", &log));
+// Finding a synced rule posts its method and spec; applied to another store
+// it makes that store's rule of the same spec and method (its own inspector)
+// the most recently found of its second.
+TEST_F(RuleExpiryTest, SyncedUseIsAnnouncedAndAppliedElsewhere) {
   const uint32_t event = oru::SyncEventQueue::RegisterEvent("test.rule_used");
   ASSERT_NE(event, 0u);
+  Announcing mine(event);
+  oru::IpPortRuleStore theirs("theirs");
+  mine.target = &theirs;
+  oru::fdt::intrusive_ptr<ScriptedInspector> x(ScriptedInspector::Make("X", &log)),
+      y(ScriptedInspector::Make("Y", &log));
   const oru::IpAddr low = oru::IpAddr::FromV4(0x0A000001), high = oru::IpAddr::FromV4(0x0A0000FF);
-  // Inspectors belong to one thread, like their stores: each thread has its
-  // own, and the other thread's store finds its rule by spec and method.
-  auto add = [&](ThreadStore &t, ScriptedInspector &by, uint16_t port,
-                 oru::IpPortRuleStore::ExpiryType type) {
-    return t.store.AddRule(6, by.Callback(), port, low, high, 10, type, false);
-  };
-
-  std::barrier step(2);
-  std::vector<uint16_t> before, after;
-  std::thread other([&] {
-    ASSERT_EQ(kest_init(h), 0);
-    oru::Runtime::l_instance_id = h;
-    kest_clock_set(h, 100999);
-    {
-      oru::fdt::intrusive_ptr<ScriptedInspector> y(ScriptedInspector::Make("Y", &other_log));
-      ThreadStore mine(event);
-      EXPECT_TRUE(add(mine, *y, 80, ListStore::EXPIRY_SYNCED));
-      EXPECT_TRUE(add(mine, *y, 81, ListStore::EXPIRY_SYNCED));
-      before = mine.Bucket(110);
-      step.arrive_and_wait(); // the first thread finds its rule
-      step.arrive_and_wait();
-      kest_idle(h);
-      oru::Runtime::l_instance_id = h;
-      after = mine.Bucket(110);
-    }
-    kest_fini(h);
-  });
-
-  ThreadStore mine(event);
-  ASSERT_TRUE(add(mine, *x, 80, ListStore::EXPIRY_SYNCED));
-  ASSERT_TRUE(add(mine, *x, 81, ListStore::EXPIRY_LOCAL));
-  step.arrive_and_wait();
-  Enter();
+  for (auto [store, by, port, type] : {std::tuple{&mine.store, &x, 80, ListStore::EXPIRY_SYNCED},
+                                       std::tuple{&mine.store, &x, 81, ListStore::EXPIRY_LOCAL},
+                                       std::tuple{&theirs, &y, 80, ListStore::EXPIRY_SYNCED},
+                                       std::tuple{&theirs, &y, 81, ListStore::EXPIRY_SYNCED}}) {
+    ASSERT_TRUE(store->AddRule(6, (*by)->Callback(), static_cast<uint16_t>(port), low, high, 10,
+                               type, false));
+  }
   mine.store.SetupInspection(oru::IpAddr::FromV4(0x0A000005), oru::IpAddr::FromV4(0x0B000001), 80,
                              81, 6, chain);
   EXPECT_EQ(chain.size(), 1u); // one callback, found through both rules
-  step.arrive_and_wait();
-  other.join();
-  Enter();
-  EXPECT_EQ(before, (std::vector<uint16_t>{80, 81}));
-  EXPECT_EQ(after, (std::vector<uint16_t>{81, 80}));
-
-  // The poster hears its own announcement: the method's two words, then the
-  // spec field by field, 52 bytes. Only the synced rule (port 80) posted.
+  EXPECT_EQ(Armed(theirs, 110), (std::vector<uint16_t>{80, 81}));
   kest_idle(h);
   Enter();
+  EXPECT_EQ(Armed(theirs, 110), (std::vector<uint16_t>{81, 80}));
+  // The method's two words, then the spec field by field, 52 bytes. Only the
+  // synced rule (port 80) posted.
   ASSERT_EQ(mine.heard.size(), 1u);
   std::vector<uint8_t> expected(52, 0);
   const oru::InspectorMethodWords words = oru::SplitMethod(&oru::Inspector::Inspect);
@@ -277,6 +240,7 @@ TEST_F(RuleExpiryTest, SyncedUseReachesAnotherThreadAtItsIdlePass) {
   expected[48] = 80;
   expected[50] = 6;
   EXPECT_EQ(mine.heard[0], expected);
+  EXPECT_FALSE(theirs.ApplyAnnouncement(expected.data(), 15)) << "shorter than a method";
   chain.Clear(conn);
 }
 
