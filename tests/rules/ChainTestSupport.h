@@ -87,9 +87,7 @@ public:
   using RuleStore::AddToList;
   using RuleStore::DisarmExpiry;
   using RuleStore::MergeIntoChain;
-  using RuleStore::RemoveFromList;
   using RuleStore::RunExpiry;
-  using RuleStore::UniqueChain;
 
   void Expire(Rule *rule) override {
     expired.push_back(rule->priority);

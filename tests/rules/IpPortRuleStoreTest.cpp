@@ -1,19 +1,23 @@
 // The IP/port rule store against a brute-force model: what a connection
 // matches and in which order, adds, removals, look-ups by spec and expiry on
-// the look-up path; then failing memory.
+// the look-up path; then failing memory. Then the rule store core's expiry
+// order and the announcement of used rules.
 #include "ChainTestSupport.h"
 #include "InstanceFixture.h"
 #include "TestHooks.h"
 
 #include <kest/Conn.h>
+#include <kest/SyncEventQueue.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <random>
 
 namespace {
 
 using kest_test::ChainNames;
+using kest_test::ListStore;
 using kest_test::Log;
 using kest_test::ScriptedInspector;
 using Names = std::vector<std::string>;
@@ -121,8 +125,9 @@ TEST_F(IpPortRuleStoreTest, AgreesWithABruteForceModel) {
   for (int i = 0; i < 3000; ++i) {
     ModelRule r;
     // One inspector per letter, with two methods; duplicates are refused
-    // only within a list.
-    r.name = std::string(1, char('a' + random() % 12)) + (random() % 4 == 0 ? "'" : "");
+    // only within a list. Half the chains hold more callbacks than the
+    // duplicate removal keeps on its stack.
+    r.name = std::string(1, char('a' + random() % 20)) + (random() % 4 == 0 ? "'" : "");
     r.first = r.name < "c";
     r.proto = random() % 4 == 0 ? 17 : random() % 50 == 0 ? 9 : 6;
     r.port = static_cast<uint16_t>(random() % 3 == 0 ? 0 : 79 + random() % 4);
@@ -228,6 +233,156 @@ TEST_F(IpPortRuleStoreTest, FailingAllocationsAtEveryStep) {
     }
     chain.Clear(conn);
   }
+}
+
+// The ports of the rules armed at `second`, least recently found first.
+template <class S> std::vector<uint32_t> Armed(S &store, unsigned long long second) {
+  std::vector<uint32_t> ports;
+  auto node = store.m_expiry.find(second);
+  if (node != store.m_expiry.end()) {
+    for (auto &entry : node->second) {
+      ports.push_back(entry.second->spec.port);
+    }
+  }
+  return ports;
+}
+
+// Time-outs on the thread's clock, set by the host.
+class RuleExpiryTest : public kest_test::ThreadedFixture {
+protected:
+  void SetUp() override {
+    ThreadedFixture::SetUp();
+    kest_clock_set_mode(h, 1);
+    At(100);
+    Enter();
+    store.lists = {&list};
+  }
+  void TearDown() override {
+    Enter();
+    chain.Clear(conn);
+    list.clear();
+    store.m_expiry.clear();
+    ThreadedFixture::TearDown();
+  }
+  void At(uint64_t second) { kest_clock_set(h, second * 1000 + 999); }
+  bool Add(uint32_t id, uint32_t timeout, ListStore::ExpiryType type = ListStore::EXPIRY_LOCAL) {
+    ListStore::Rule rule =
+        ListStore::MakeRule(ScriptedInspector::Make("R", &log)->Callback(), id, timeout, type);
+    rule.spec.port = static_cast<uint16_t>(id);
+    return store.AddToList(list, rule);
+  }
+  std::vector<uint32_t> Bucket(unsigned long long second) { return Armed(store, second); }
+
+  Log log;
+  ListStore store;
+  ListStore::RuleList list;
+  oru::InspectorChain chain;
+  oru::fdt::intrusive_ptr<oru::Conn> conn;
+};
+
+TEST_F(RuleExpiryTest, RulesExpireAtTheirSecondLeastRecentlyFoundFirst) {
+  ASSERT_TRUE(Add(1, 1));
+  ASSERT_TRUE(Add(2, 1));
+  ASSERT_TRUE(Add(3, 0));
+  ASSERT_TRUE(Add(4, 5));
+  EXPECT_EQ(Bucket(101), (std::vector<uint32_t>{1, 2}));
+  EXPECT_EQ(list.back().bucket, store.m_expiry.find(105ull).node());
+
+  // Merging finds each armed rule in list order, so the latest found is the
+  // last merged; finding rule 1 alone makes it the most recent of its second.
+  store.MergeIntoChain(list, chain);
+  EXPECT_EQ(Bucket(101), (std::vector<uint32_t>{1, 2}));
+  list.front().bucket->m_value.second.touch(&list.front());
+  EXPECT_EQ(Bucket(101), (std::vector<uint32_t>{2, 1}));
+
+  store.RunExpiry();
+  EXPECT_TRUE(store.expired.empty());
+  At(101);
+  store.RunExpiry();
+  EXPECT_EQ(store.expired, (std::vector<uint32_t>{2, 1}));
+  EXPECT_EQ(store.m_expiry.size(), 1u);
+  // Chain entries are copies: they outlive their rules.
+  EXPECT_EQ(chain.size(), 4u);
+
+  // One pass a second; a disarmed rule never expires, its bucket goes at its
+  // second.
+  ListStore::DisarmExpiry(&list.back());
+  EXPECT_EQ(list.back().bucket, nullptr);
+  EXPECT_EQ(Bucket(105), std::vector<uint32_t>{});
+  ASSERT_TRUE(Add(5, 4)); // due at 105, beside the disarmed one
+  At(105);
+  store.RunExpiry();
+  EXPECT_EQ(store.expired, (std::vector<uint32_t>{2, 1, 5}));
+  EXPECT_TRUE(store.m_expiry.empty());
+  EXPECT_EQ(list.size(), 2u);
+  ASSERT_TRUE(Add(6, 1));
+  store.RunExpiry();
+  EXPECT_EQ(store.m_last_expire, 105u);
+  EXPECT_EQ(Bucket(106), std::vector<uint32_t>{6});
+}
+
+// A store with its owner's handler of the rule-use event, which keeps what it
+// hears and applies it to `target`: in a program, another thread's store.
+struct Announcing : oru::EventTarget {
+  oru::IpPortRuleStore store{"test"};
+  oru::IpPortRuleStore *target = nullptr;
+  std::vector<std::vector<uint8_t>> heard;
+
+  explicit Announcing(uint32_t event) {
+    store.m_event = event;
+    oru::SyncEventQueue::Instance()->InstallHandler(event, this,
+                                                    oru::MakeEventMethod(&Announcing::OnRuleUsed));
+  }
+  ~Announcing() {
+    oru::SyncEventQueue::Instance()->InstallHandler(store.m_event, nullptr, nullptr);
+  }
+  void OnRuleUsed(const void *data, uint32_t length) {
+    const uint8_t *bytes = static_cast<const uint8_t *>(data);
+    heard.emplace_back(bytes, bytes + length);
+    EXPECT_TRUE(target->ApplyAnnouncement(data, length));
+  }
+};
+
+// Finding a synced rule posts its method and spec; applied to another store
+// it makes that store's rule of the same spec and method (its own inspector)
+// the most recently found of its second.
+TEST_F(RuleExpiryTest, SyncedUseIsAnnouncedAndAppliedElsewhere) {
+  const uint32_t event = oru::SyncEventQueue::RegisterEvent("test.rule_used");
+  ASSERT_NE(event, 0u);
+  Announcing mine(event);
+  oru::IpPortRuleStore theirs("theirs");
+  mine.target = &theirs;
+  oru::fdt::intrusive_ptr<ScriptedInspector> x(ScriptedInspector::Make("X", &log)),
+      y(ScriptedInspector::Make("Y", &log));
+  const oru::IpAddr low = oru::IpAddr::FromV4(0x0A000001), high = oru::IpAddr::FromV4(0x0A0000FF);
+  for (auto [store, by, port, type] : {std::tuple{&mine.store, &x, 80, ListStore::EXPIRY_SYNCED},
+                                       std::tuple{&mine.store, &x, 81, ListStore::EXPIRY_LOCAL},
+                                       std::tuple{&theirs, &y, 80, ListStore::EXPIRY_SYNCED},
+                                       std::tuple{&theirs, &y, 81, ListStore::EXPIRY_SYNCED}}) {
+    ASSERT_TRUE(store->AddRule(6, (*by)->Callback(), static_cast<uint16_t>(port), low, high, 10,
+                               type, false));
+  }
+  mine.store.SetupInspection(oru::IpAddr::FromV4(0x0A000005), oru::IpAddr::FromV4(0x0B000001), 80,
+                             81, 6, chain);
+  EXPECT_EQ(chain.size(), 1u); // one callback, found through both rules
+  EXPECT_EQ(Armed(theirs, 110), (std::vector<uint32_t>{80, 81}));
+  kest_idle(h);
+  Enter();
+  EXPECT_EQ(Armed(theirs, 110), (std::vector<uint32_t>{81, 80}));
+  // The method's two words, then the spec field by field, 52 bytes. Only the
+  // synced rule (port 80) posted.
+  ASSERT_EQ(mine.heard.size(), 1u);
+  std::vector<uint8_t> expected(52, 0);
+  const oru::InspectorMethodWords words = oru::SplitMethod(&oru::Inspector::Inspect);
+  std::memcpy(&expected[0], &words.function, 8);
+  std::memcpy(&expected[8], &words.adjustment, 8);
+  std::memcpy(&expected[16], &low, 16);
+  std::memcpy(&expected[32], &high, 16);
+  expected[48] = 80;
+  expected[50] = 6;
+  EXPECT_EQ(mine.heard[0], expected);
+  EXPECT_FALSE(theirs.ApplyAnnouncement(expected.data(), 15)) << "shorter than a method";
+  chain.Clear(conn);
 }
 
 } // namespace
