@@ -9,7 +9,10 @@
 #include <kest/ProtocolRegistry.h>
 
 #include <algorithm>
+#include <fstream>
 #include <iterator>
+#include <map>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -23,20 +26,27 @@ protected:
     InstanceFixture::SetUp();
     // The registry starts empty: no plug-in names "TCP" or "UDP".
     kest_test::SetTransportRegistration(false);
+    Fresh();
+  }
+  void TearDown() override {
+    Close();
+    InstanceFixture::TearDown();
+  }
+  // A new instance, on the test thread. Whatever an earlier instance of this
+  // row left is gone, as after a fresh start.
+  void Fresh() {
     h = Open();
     ASSERT_GT(h, 0);
     oru::Runtime::l_instance_id = h;
-    // Whatever an earlier instance of this row left is gone, as after a
-    // fresh start.
     ProtocolRegistry::ExitInstance();
     ASSERT_TRUE(ProtocolRegistry::InitInstance());
   }
-  void TearDown() override {
+  void Close() {
     oru::Runtime::l_instance_id = h;
     ProtocolRegistry::ExitInstance();
     InstanceTable::SetState(h, oru::INST_OPEN);
     oru::Runtime::l_instance_id = 0;
-    InstanceFixture::TearDown();
+    kest_close(h);
   }
   void Opening() { InstanceTable::SetState(h, oru::INST_OPENING); }
 
@@ -51,120 +61,88 @@ protected:
   kest_handle_t h = -1;
 };
 
-// A name keeps its first number; a wanted index that is taken is given to a
-// second name as well, under the first one's name, and never moves the count.
-// A fresh instance knows no protocol and says so without an error.
-TEST_F(ProtocolRegistryTest, AddCountsOnAndAWantedIndexLeavesTheCount) {
-  EXPECT_EQ(kest_proto_max_index(h), 0);
-  EXPECT_EQ(kest_proto_find_index(h, "A"), -1);
-  EXPECT_EQ(Name(1), "(null)");
-  EXPECT_EQ(kest_errno, 0);
-  EXPECT_EQ(Add("A"), 1);
-  EXPECT_EQ(Add("B"), 2);
-  EXPECT_STREQ(oru::Configuration::GetItem("guid.B").c_str(), "2");
-  EXPECT_EQ(kest_proto_find_index(h, "B"), 2);
-  EXPECT_EQ(kest_proto_find_index(h, "b"), -1); // exact, case included
-  for (int wanted : {0, 9}) {
+// The steps of protocol_registry.txt.
+TEST_F(ProtocolRegistryTest, Scenarios) {
+  const std::string file = __FILE__;
+  std::ifstream in(file.substr(0, file.rfind('/')) + "/protocol_registry.txt");
+  ASSERT_TRUE(in);
+  const std::map<std::string, int> errors = {
+      {"0", 0}, {"EINVAL", KEST_EINVAL}, {"EEXIST", KEST_EEXIST}, {"EBUSY", KEST_EBUSY}};
+  const std::map<std::string, oru::InstanceState> states = {{"closed", oru::INST_CLOSED},
+                                                            {"open", oru::INST_OPEN},
+                                                            {"threaded", oru::INST_THREADED},
+                                                            {"opening", oru::INST_OPENING}};
+  std::string title;
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("== ", 0) == 0) {
+      title = line;
+      Close();
+      Fresh();
+      continue;
+    }
+    if (line.empty() || line[0] == '#') {
+      continue;
+    }
+    SCOPED_TRACE(title + " | " + line);
+    std::istringstream words(line);
+    std::string op, a, b, c, arrow, want, error;
+    words >> op;
+    while (words >> arrow && arrow != "=>") {
+      (a.empty() ? a : b.empty() ? b : c) = arrow;
+    }
+    words >> want >> error;
+    const char *name = a == "-" ? nullptr : a.c_str();
+    auto number = [](const std::string &s) { return s.empty() ? 0 : std::stoi(s); };
     kest_errno = 0;
-    EXPECT_EQ(Add("A", wanted), 0);
-    EXPECT_EQ(kest_errno, KEST_EEXIST);
-  }
-  EXPECT_EQ(oru::GetProtocolId("A"), 1);
-  EXPECT_EQ(Add("X", 5), 5);
-  EXPECT_EQ(Add("Y", 5), 5);
-  EXPECT_EQ(oru::GetProtocolId("Y"), 5);
-  EXPECT_EQ(Name(5), "X");
-  EXPECT_EQ(Add("Z"), 3);
-  EXPECT_EQ(kest_proto_max_index(h), 5);
-  EXPECT_EQ(ProtocolRegistry::HighestIndex(), 5);
-}
-
-// Removal leaves the item with an empty value; the count does not go back.
-TEST_F(ProtocolRegistryTest, RemoveLeavesAnEmptyItemAndAddGivesANewNumber) {
-  ASSERT_EQ(Add("A"), 1);
-  ASSERT_EQ(Add("B"), 2);
-  EXPECT_TRUE(ProtocolRegistry::RemoveProtocol("A"));
-  EXPECT_EQ(kest_proto_find_index(h, "A"), -1);
-  EXPECT_EQ(Name(1), "(null)");
-  kest_test::TakeDiag();
-  EXPECT_EQ(kest_config_dump(h), 0);
-  EXPECT_NE(kest_test::TakeDiag().find(": guid.A = \n"), std::string::npos);
-  EXPECT_FALSE(ProtocolRegistry::RemoveProtocol("A"));
-  EXPECT_FALSE(ProtocolRegistry::RemoveProtocol("never"));
-  EXPECT_EQ(Add("A"), 3);
-  EXPECT_EQ(Name(3), "A");
-  EXPECT_EQ(Name(2), "B");
-}
-
-// Moving onto a taken index shares it under the newcomer's name; adding counts
-// past a placed number; the highest index follows the moves.
-TEST_F(ProtocolRegistryTest, SetIndexMovesSharesAndIsSkippedByTheCount) {
-  ASSERT_EQ(Add("A"), 1);
-  ASSERT_EQ(Add("B"), 2);
-  ASSERT_EQ(kest_proto_set_index(h, "B", 3), 0);
-  EXPECT_EQ(Add("C"), 4);
-  EXPECT_EQ(Name(2), "(null)");
-  EXPECT_EQ(Name(3), "B");
-  EXPECT_EQ(kest_proto_set_index(h, "C", 4), 0) << "to its own index";
-  ASSERT_EQ(kest_proto_set_index(h, "A", 40), 0);
-  EXPECT_EQ(kest_proto_max_index(h), 40);
-  EXPECT_EQ(kest_proto_set_index(h, "C", 3), 0);
-  EXPECT_EQ(kest_proto_find_index(h, "B"), 3);
-  EXPECT_EQ(kest_proto_find_index(h, "C"), 3);
-  EXPECT_EQ(Name(3), "C");
-  EXPECT_EQ(Name(4), "(null)");
-  // Removing B leaves the entry of index 3 to C, whose name it carries.
-  EXPECT_TRUE(ProtocolRegistry::RemoveProtocol("B"));
-  EXPECT_EQ(Name(3), "C");
-  EXPECT_TRUE(ProtocolRegistry::RemoveProtocol("A"));
-  EXPECT_EQ(kest_proto_max_index(h), 3);
-}
-
-TEST_F(ProtocolRegistryTest, SetIndexRefusals) {
-  ASSERT_EQ(Add("A"), 1);
-  const struct {
-    kest_handle_t handle;
-    const char *name;
-    int index;
-  } cases[] = {{h, "Q", 5}, {h, "A", 0}, {h, "A", -4}, {h, nullptr, 2}, {0, "A", 2}};
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.index);
-    EXPECT_TRUE(kest_test::Refused(kest_proto_set_index(c.handle, c.name, c.index), KEST_EINVAL));
-  }
-  EXPECT_EQ(oru::GetProtocolId("A"), 1);
-  EXPECT_EQ(oru::GetProtocolId("Q"), 0);
-  // While a thread has a context the state refuses before the arguments are
-  // looked at; after kest_fini it allows again.
-  ASSERT_NE(Add("TCP"), 0);
-  ASSERT_NE(Add("UDP"), 0);
-  oru::Runtime::l_instance_id = 0;
-  ASSERT_EQ(kest_init(h), 0);
-  for (int index : {7, 0}) {
-    EXPECT_TRUE(kest_test::Refused(kest_proto_set_index(h, "A", index), KEST_EBUSY));
-  }
-  ASSERT_EQ(kest_fini(h), 0);
-  EXPECT_EQ(kest_proto_set_index(h, "A", 7), 0);
-  oru::Runtime::l_instance_id = h;
-  EXPECT_EQ(oru::GetProtocolId("A"), 7);
-}
-
-TEST_F(ProtocolRegistryTest, GetNameCutsAndTerminates) {
-  ASSERT_EQ(Add("HTTP"), 1);
-  char buffer[16];
-  for (const auto &[size, expected] :
-       {std::pair<int, const char *>{1, ""}, {3, "HT"}, {5, "HTTP"}, {16, "HTTP"}}) {
-    SCOPED_TRACE(size);
+    std::string got = "-";
+    char buffer[16];
     std::fill(std::begin(buffer), std::end(buffer), 'x');
-    EXPECT_EQ(kest_proto_get_name(h, 1, buffer, size), buffer);
-    EXPECT_STREQ(buffer, expected);
+    if (op == "add") {
+      got = std::to_string(Add(name, number(b)));
+    } else if (op == "find") {
+      got = std::to_string(kest_proto_find_index(h, name));
+    } else if (op == "max") {
+      got = std::to_string(kest_proto_max_index(h));
+    } else if (op == "highest") {
+      got = std::to_string(ProtocolRegistry::HighestIndex());
+    } else if (op == "name") {
+      got = Name(number(a));
+    } else if (op == "id") {
+      got = std::to_string(oru::GetProtocolId(name));
+    } else if (op == "remove") {
+      got = std::to_string(ProtocolRegistry::RemoveProtocol(name));
+    } else if (op == "set" || op == "set0") {
+      got = std::to_string(kest_proto_set_index(op == "set" ? h : 0, name, number(b)));
+    } else if (op == "item") {
+      got = oru::Configuration::GetItem(name).c_str();
+    } else if (op == "dump") {
+      kest_test::TakeDiag();
+      EXPECT_EQ(kest_config_dump(h), 0);
+      const std::string dump = kest_test::TakeDiag(), key = ": " + a + " = ";
+      const size_t at = dump.find(key);
+      got = at == std::string::npos
+                ? "<none>"
+                : dump.substr(at + key.size(), dump.find('\n', at) - at - key.size());
+    } else if (op == "register") {
+      oru::RegisterProtocol(name);
+    } else if (op == "state") {
+      InstanceTable::SetState(h, states.at(a));
+    } else if (op == "getname") {
+      const char *out =
+          kest_proto_get_name(h, number(a), c == "nobuf" ? nullptr : buffer, number(b));
+      EXPECT_TRUE(out == nullptr || out == buffer);
+      got = out ? out : "(null)";
+    } else {
+      ASSERT_TRUE(op == "init" || op == "fini") << op;
+      oru::Runtime::l_instance_id = 0;
+      got = std::to_string(op == "init" ? kest_init(h) : kest_fini(h));
+      oru::Runtime::l_instance_id = h;
+    }
+    EXPECT_EQ(got.empty() ? "<empty>" : got, want);
+    if (!error.empty()) {
+      EXPECT_EQ(kest_errno, errors.at(error));
+    }
   }
-  for (auto [index, size, name] : {std::tuple{1, 0, buffer}, std::tuple{1, -1, buffer},
-                                   std::tuple{1, 4, static_cast<char *>(nullptr)}}) {
-    EXPECT_EQ(kest_proto_get_name(h, index, name, size), nullptr);
-    EXPECT_EQ(kest_errno, KEST_EINVAL);
-  }
-  EXPECT_EQ(kest_proto_get_name(h, 0, buffer, 4), nullptr);
-  EXPECT_EQ(kest_errno, 0);
 }
 
 // The thread start-up check wants both "TCP" and "UDP". Without them the
@@ -186,28 +164,6 @@ TEST_F(ProtocolRegistryTest, ThreadCheckWantsTcpAndUdp) {
     EXPECT_EQ(ProtocolRegistry::InitThread(), ok);
     EXPECT_EQ(kest_errno, ok ? 0 : KEST_EPROTO);
   }
-}
-
-// Plug-ins count from one and share a name; only while the instance opens,
-// and a name that has an index keeps it.
-TEST_F(ProtocolRegistryTest, RegistrationWhileOpening) {
-  for (oru::InstanceState state : {oru::INST_CLOSED, oru::INST_OPEN, oru::INST_THREADED}) {
-    InstanceTable::SetState(h, state);
-    oru::RegisterProtocol("UDP");
-    EXPECT_EQ(oru::GetProtocolId("UDP"), 0) << state;
-  }
-  Opening();
-  ASSERT_EQ(Add("DNS", 9), 9);
-  for (const char *name : {"TCP", "UDP", "TCP", "DNS", "HTTP"}) {
-    oru::RegisterProtocol(name);
-  }
-  EXPECT_EQ(oru::GetProtocolId("TCP"), 1);
-  EXPECT_EQ(oru::GetProtocolId("UDP"), 2);
-  EXPECT_EQ(oru::GetProtocolId("DNS"), 9);
-  // The count rose once for TCP.
-  EXPECT_EQ(oru::GetProtocolId("HTTP"), 3);
-  EXPECT_STREQ(oru::Configuration::GetItem("guid.HTTP").c_str(), "3");
-  EXPECT_EQ(Name(3), "HTTP");
 }
 
 // Each allocation of a registration, an add and a move fails once in turn. A

@@ -6,11 +6,19 @@ set(KEST_PM_PLUGIN_SOURCE ${CMAKE_CURRENT_LIST_DIR}/fixtures/recording_plugin.cp
 set(KEST_PM_PLUGIN_ROOT ${CMAKE_BINARY_DIR}/tests/plugins)
 
 # kest_pm_plugin(<scenario> <file> <name> [<definition>...]): <file>.plg in the
-# scenario's directory, reporting the plug-in name <name>.
+# scenario's directory, reporting the plug-in name <name>; the definitions
+# replace the defaults of the same names.
 function(kest_pm_plugin scenario file name)
   kest_add_plugin(NAME ${file} SOURCES ${KEST_PM_PLUGIN_SOURCE}
                   OUTPUT_DIRECTORY ${KEST_PM_PLUGIN_ROOT}/${scenario} LIBRARIES ${CMAKE_DL_LIBS})
-  target_compile_definitions(${file}_so PRIVATE PLUGIN_TAG="${file}" PLUGIN_NAME="${name}" ${ARGN})
+  set(defs PLUGIN_MAJOR=1 PLUGIN_PATCH=0 PLUGIN_BUILD=0 PLUGIN_COMPATIBLE=true
+           PLUGIN_INIT_INSTANCE=true PLUGIN_INIT_THREAD=true PLUGIN_MEMTAGS=false)
+  foreach(def ${ARGN})
+    string(REGEX REPLACE "=.*" "" key ${def})
+    list(FILTER defs EXCLUDE REGEX "^${key}=")
+  endforeach()
+  target_compile_definitions(${file}_so PRIVATE PLUGIN_TAG="${file}" PLUGIN_NAME="${name}" ${defs}
+                                                ${ARGN})
   add_dependencies(kest_tests ${file})
 endfunction()
 

@@ -13,6 +13,7 @@
 #include <kest/ParentDpi.h>
 #include <kest/fdt/ObjectPrefix.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
@@ -86,9 +87,7 @@ public:
   using RuleStore::AddToList;
   using RuleStore::DisarmExpiry;
   using RuleStore::MergeIntoChain;
-  using RuleStore::RemoveFromList;
   using RuleStore::RunExpiry;
-  using RuleStore::UniqueChain;
 
   void Expire(Rule *rule) override {
     expired.push_back(rule->priority);
@@ -125,6 +124,33 @@ inline std::vector<std::string> ChainNames(const oru::InspectorChain &chain) {
                   ":" + std::to_string(e.priority));
   }
   return out;
+}
+
+// The model of a look-up's chain: each list, in turn, goes in front of the
+// earlier entries of its priority, by priority; then each name once, the
+// entry that sorted first staying. As ChainNames prints.
+using ModelList = std::vector<std::pair<std::string, uint32_t>>;
+inline std::vector<std::string> ModelMerge(const std::vector<ModelList> &lists) {
+  ModelList chain;
+  for (const ModelList &list : lists) {
+    size_t pos = 0;
+    for (size_t i = 0; i < list.size(); ++i) {
+      if (i == 0 || list[i].second != list[i - 1].second) {
+        for (pos = 0; pos < chain.size() && chain[pos].second < list[i].second;) {
+          ++pos;
+        }
+      }
+      chain.insert(chain.begin() + static_cast<long>(pos++), list[i]);
+    }
+  }
+  std::vector<std::string> names, seen;
+  for (const auto &[name, priority] : chain) {
+    if (std::find(seen.begin(), seen.end(), name) == seen.end()) {
+      seen.push_back(name);
+      names.push_back(name + ":" + std::to_string(priority));
+    }
+  }
+  return names;
 }
 
 // A store of type Store on a thread of an open instance, with named

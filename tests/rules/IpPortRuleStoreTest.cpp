@@ -1,19 +1,23 @@
-// The IP/port rule store: what a connection matches and in which order, against
-// a brute-force model; removal, expiry on the look-up path and failing memory.
+// The IP/port rule store against a brute-force model: what a connection
+// matches and in which order, adds, removals, look-ups by spec and expiry on
+// the look-up path; then failing memory. Then the rule store core's expiry
+// order and the announcement of used rules.
 #include "ChainTestSupport.h"
 #include "InstanceFixture.h"
-#include "LeakCheck.h"
 #include "TestHooks.h"
 
 #include <kest/Conn.h>
+#include <kest/SyncEventQueue.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <random>
 
 namespace {
 
 using kest_test::ChainNames;
+using kest_test::ListStore;
 using kest_test::Log;
 using kest_test::ScriptedInspector;
 using Names = std::vector<std::string>;
@@ -25,14 +29,13 @@ oru::IpAddr V4(uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
 
 class IpPortRuleStoreTest : public kest_test::StoreFixture<Store> {
 protected:
+  // "x" names x's Inspect, "x'" its second method.
+  oru::InspectorCallback Cb(const std::string &name) {
+    return name.back() == '\'' ? X(name.substr(0, 1)).SecondCallback() : X(name).Callback();
+  }
   bool Add(const std::string &name, uint8_t proto, uint16_t port, oru::IpAddr low = {},
            oru::IpAddr high = {}, bool first = false, uint32_t timeout = 0) {
-    return store->AddRule(proto, X(name).Callback(), port, low, high, timeout, Store::EXPIRY_LOCAL,
-                          first);
-  }
-  void Remove(const std::string &name, uint8_t proto, uint16_t port, oru::IpAddr low = {},
-              oru::IpAddr high = {}) {
-    store->RemoveRuleFast(proto, X(name).Callback(), port, low, high);
+    return store->AddRule(proto, Cb(name), port, low, high, timeout, Store::EXPIRY_LOCAL, first);
   }
   Names Setup(oru::IpAddr a, uint16_t port_a, oru::IpAddr b, uint16_t port_b, uint8_t proto = 6) {
     chain.Clear(conn);
@@ -40,66 +43,6 @@ protected:
     return ChainNames(chain);
   }
 };
-
-TEST_F(IpPortRuleStoreTest, RemovalEmptiesTheIndexAndRangesDoNotRegisterAPort) {
-  const oru::IpAddr lo = V4(10, 0, 0, 1), hi = V4(10, 0, 0, 9);
-  ASSERT_TRUE(Add("a", 6, 80, lo, hi));
-  EXPECT_FALSE(store->IsPortRegistered(6, 80));
-  ASSERT_TRUE(Add("b", 6, 80));
-  EXPECT_FALSE(Add("b", 6, 80));
-  ASSERT_TRUE(Add("b", 6, 80, lo, hi));
-  ASSERT_TRUE(Add("c", 6, 0, lo, hi));
-  ASSERT_TRUE(Add("d", 17, 0));
-  EXPECT_TRUE(store->IsPortRegistered(6, 80));
-  EXPECT_FALSE(store->IsPortRegistered(6, 81));
-  EXPECT_FALSE(store->IsPortRegistered(17, 80));
-  oru::IpPortSpec spec(lo, hi, 80, 6);
-  EXPECT_EQ(store->FindRule(spec, X("b").Callback().method), &store->m_index.find(6)
-                                                                  ->second.ports.find(80)
-                                                                  ->second.ranges.find(lo)
-                                                                  ->second.find(hi)
-                                                                  ->second.front());
-  EXPECT_EQ(store->FindRule(spec, nullptr), nullptr);
-  Remove("b", 6, 80);
-  EXPECT_FALSE(store->IsPortRegistered(6, 80));
-  // Ranges and ports that are not there are no error.
-  Remove("a", 6, 80, lo, V4(10, 0, 0, 10));
-  Remove("a", 6, 81, lo, hi);
-  Remove("a", 9, 80, lo, hi);
-  for (const auto &[name, port, l, h] :
-       {std::tuple{"a", 80, lo, hi}, std::tuple{"b", 80, lo, hi}, std::tuple{"c", 0, lo, hi}}) {
-    EXPECT_FALSE(store->m_index.empty());
-    Remove(name, 6, static_cast<uint16_t>(port), l, h);
-  }
-  EXPECT_EQ(store->m_index.size(), 1u);
-  Remove("d", 17, 0);
-  EXPECT_TRUE(store->m_index.empty());
-}
-
-// Rules with a time-out are found up to their second and gone at the first
-// look-up after it; entries already on a chain survive.
-TEST_F(IpPortRuleStoreTest, RulesExpireOnTheLookUpPath) {
-  kest_clock_set_mode(h, 1);
-  kest_clock_set(h, 100000);
-  Enter();
-  ASSERT_TRUE(Add("t", 6, 80, {}, {}, false, 2));
-  ASSERT_TRUE(Add("r", 6, 80, V4(1, 0, 0, 0), V4(1, 0, 0, 9), false, 2));
-  ASSERT_TRUE(Add("keep", 6, 80));
-  store->m_allow_expiry = false;
-  EXPECT_FALSE(Add("refused", 6, 80, {}, {}, false, 2));
-  for (uint64_t ms : {100000, 101999}) {
-    kest_clock_set(h, ms);
-    Enter();
-    EXPECT_EQ(Setup(V4(1, 0, 0, 1), 80, V4(2, 0, 0, 0), 9), (Names{"r:1", "t:1", "keep:1"}));
-  }
-  kest_clock_set(h, 102000);
-  Enter();
-  EXPECT_EQ(Setup(V4(1, 0, 0, 1), 80, V4(2, 0, 0, 0), 9), (Names{"r:1", "t:1", "keep:1"}));
-  EXPECT_EQ(Setup(V4(1, 0, 0, 1), 80, V4(2, 0, 0, 0), 9), Names{"keep:1"});
-  EXPECT_TRUE(store->m_expiry.empty());
-  Remove("keep", 6, 80);
-  EXPECT_TRUE(store->m_index.empty());
-}
 
 // A flat list of rules and the stated look-up, written the plain way: every
 // matching rule goes on the chain, priority 0 first, then the more specific
@@ -112,18 +55,25 @@ struct ModelRule {
   uint16_t port;
   oru::IpAddr low, high;
   bool first;
+  uint64_t due; // the second it expires at; 0: never
+
+  bool Ranged() const { return !(low.is_zero() && high.is_zero()); }
+  // In the same list of the index as `o`.
+  bool SameList(const ModelRule &o) const {
+    return proto == o.proto && port == o.port && Ranged() == o.Ranged() &&
+           (!Ranged() || (low == o.low && high == o.high));
+  }
 };
 
 Names ModelChain(const std::vector<ModelRule> &rules, oru::IpAddr a, uint16_t port_a, oru::IpAddr b,
                  uint16_t port_b, uint8_t proto) {
-  std::vector<std::vector<const ModelRule *>> merges;
-  auto absent = [](const ModelRule &r) { return r.low.is_zero() && r.high.is_zero(); };
+  std::vector<kest_test::ModelList> merges;
   auto list = [&](uint16_t port, bool ranged, oru::IpAddr low, oru::IpAddr high) {
-    std::vector<const ModelRule *> out;
+    kest_test::ModelList out;
     for (const ModelRule &r : rules) {
-      if (r.proto == proto && r.port == port && absent(r) != ranged &&
+      if (r.proto == proto && r.port == port && r.Ranged() == ranged &&
           (!ranged || (r.low == low && r.high == high))) {
-        out.push_back(&r);
+        out.emplace_back(r.name, r.first ? 0 : 1);
       }
     }
     if (!out.empty()) {
@@ -133,7 +83,7 @@ Names ModelChain(const std::vector<ModelRule> &rules, oru::IpAddr a, uint16_t po
   auto ranges = [&](uint16_t port, oru::IpAddr addr) {
     std::map<oru::IpAddr, std::vector<oru::IpAddr>> by_low;
     for (const ModelRule &r : rules) {
-      if (r.proto == proto && r.port == port && !absent(r)) {
+      if (r.proto == proto && r.port == port && r.Ranged()) {
         by_low[r.low].push_back(r.high);
       }
     }
@@ -155,33 +105,17 @@ Names ModelChain(const std::vector<ModelRule> &rules, oru::IpAddr a, uint16_t po
     list(port, false, {}, {});
     ranges(port, addr);
   }
-  // Each merge goes in front of its priority's earlier entries.
-  std::vector<std::pair<const ModelRule *, uint32_t>> chain;
-  for (const auto &merge : merges) {
-    size_t pos = 0;
-    for (size_t i = 0; i < merge.size(); ++i) {
-      const uint32_t p = merge[i]->first ? 0 : 1;
-      if (i == 0 || (merge[i - 1]->first ? 0u : 1u) != p) {
-        pos = 0;
-        while (pos < chain.size() && chain[pos].second < p) {
-          ++pos;
-        }
-      }
-      chain.insert(chain.begin() + static_cast<long>(pos), {merge[i], p});
-      ++pos;
-    }
-  }
-  Names names;
-  for (auto &[r, p] : chain) {
-    std::string n = r->name + ":" + std::to_string(p);
-    if (std::find(names.begin(), names.end(), n) == names.end()) {
-      names.push_back(n);
-    }
-  }
-  return names;
+  return kest_test::ModelMerge(merges);
 }
 
-TEST_F(IpPortRuleStoreTest, LookUpsAgreeWithABruteForceModel) {
+TEST_F(IpPortRuleStoreTest, AgreesWithABruteForceModel) {
+  kest_clock_set_mode(h, 1);
+  uint64_t now = 100;
+  kest_clock_set(h, now * 1000);
+  Enter();
+  store->AllowExpiry(false);
+  EXPECT_FALSE(Add("a", 6, 80, {}, {}, false, 2)) << "time-outs refused";
+  store->AllowExpiry(true);
   std::mt19937 random(2024);
   auto addr = [&]() {
     const uint32_t v = random() % 24;
@@ -190,51 +124,69 @@ TEST_F(IpPortRuleStoreTest, LookUpsAgreeWithABruteForceModel) {
   std::vector<ModelRule> model;
   for (int i = 0; i < 3000; ++i) {
     ModelRule r;
-    // One inspector per name, so duplicates are only refused within a list.
-    r.name = std::string(1, char('a' + random() % 12));
+    // One inspector per letter, with two methods; duplicates are refused
+    // only within a list. Half the chains hold more callbacks than the
+    // duplicate removal keeps on its stack.
+    r.name = std::string(1, char('a' + random() % 20)) + (random() % 4 == 0 ? "'" : "");
     r.first = r.name < "c";
-    r.proto = random() % 4 == 0 ? 17 : 6;
+    r.proto = random() % 4 == 0 ? 17 : random() % 50 == 0 ? 9 : 6;
     r.port = static_cast<uint16_t>(random() % 3 == 0 ? 0 : 79 + random() % 4);
     r.low = addr();
     r.high = random() % 8 == 0 ? oru::IpAddr() : addr();
-    if (random() % 5 == 0 && !model.empty()) {
-      // Removing a rule that exists, or one that does not.
-      const ModelRule gone = model[random() % model.size()];
-      store->RemoveRuleFast(gone.proto, X(gone.name).Callback(), gone.port, gone.low, gone.high);
-      model.erase(std::remove_if(model.begin(), model.end(),
-                                 [&](const ModelRule &m) {
-                                   return m.name == gone.name && m.proto == gone.proto &&
-                                          m.port == gone.port && m.low == gone.low &&
-                                          m.high == gone.high;
-                                 }),
-                  model.end());
+    const uint32_t timeout = random() % 6 == 0 ? 1 + random() % 3 : 0;
+    r.due = timeout == 0 ? 0 : now + timeout;
+    oru::IpPortSpec spec(r.low, r.high, r.port, r.proto);
+    // The rule with this spec and method: by method alone within the list.
+    const auto held = std::find_if(model.begin(), model.end(), [&](const ModelRule &m) {
+      return m.SameList(r) && (m.name.back() == '\'') == (r.name.back() == '\'');
+    });
+    const Store::Rule *found = store->FindRule(spec, Cb(r.name).method);
+    ASSERT_EQ(found != nullptr, held != model.end()) << "step " << i;
+    EXPECT_TRUE(!found || (found->spec.port == r.port && found->spec.protocol == r.proto));
+    EXPECT_EQ(store->FindRule(spec, nullptr), nullptr);
+    auto same = [&](const ModelRule &m) { return m.SameList(r) && m.name == r.name; };
+    if (random() % 5 == 0) {
+      // Removing a rule that exists, or one that most likely does not.
+      if (random() % 2 == 0 && !model.empty()) {
+        r = model[random() % model.size()];
+      }
+      store->RemoveRuleFast(r.proto, Cb(r.name), r.port, r.low, r.high);
+      model.erase(std::remove_if(model.begin(), model.end(), same), model.end());
       continue;
     }
-    const bool duplicate = std::any_of(model.begin(), model.end(), [&](const ModelRule &m) {
-      const bool same_list =
-          m.proto == r.proto && m.port == r.port &&
-          (m.low.is_zero() && m.high.is_zero()) == (r.low.is_zero() && r.high.is_zero()) &&
-          ((r.low.is_zero() && r.high.is_zero()) || (m.low == r.low && m.high == r.high));
-      return same_list && m.name == r.name;
-    });
-    ASSERT_EQ(store->AddRule(r.proto, X(r.name).Callback(), r.port, r.low, r.high, 0,
-                             Store::EXPIRY_LOCAL, r.first),
-              !duplicate);
+    const bool duplicate = std::any_of(model.begin(), model.end(), same);
+    ASSERT_EQ(Add(r.name, r.proto, r.port, r.low, r.high, r.first, timeout), !duplicate);
     if (!duplicate) {
       model.push_back(r);
     }
     if (i % 10 == 0) {
+      if (random() % 3 == 0) {
+        now += 1 + random() % 2;
+        kest_clock_set(h, now * 1000 + random() % 1000);
+        Enter();
+      }
       const oru::IpAddr a = addr(), b = addr();
       const uint16_t pa = static_cast<uint16_t>(78 + random() % 5),
                      pb = static_cast<uint16_t>(78 + random() % 5);
       const uint8_t proto = random() % 3 == 0 ? 17 : 6;
+      // Rules due by now are still found by this look-up, and gone after it.
       ASSERT_EQ(Setup(a, pa, b, pb, proto), ModelChain(model, a, pa, b, pb, proto)) << "step " << i;
+      model.erase(std::remove_if(model.begin(), model.end(),
+                                 [&](const ModelRule &m) { return m.due != 0 && m.due <= now; }),
+                  model.end());
+      EXPECT_EQ(store->IsPortRegistered(proto, pa),
+                std::any_of(model.begin(), model.end(), [&](const ModelRule &m) {
+                  return m.proto == proto && m.port == pa && pa != 0 && !m.Ranged();
+                }));
     }
   }
   for (const ModelRule &r : model) {
-    store->RemoveRuleFast(r.proto, X(r.name).Callback(), r.port, r.low, r.high);
+    store->RemoveRuleFast(r.proto, Cb(r.name), r.port, r.low, r.high);
   }
   EXPECT_TRUE(store->m_index.empty());
+  for (auto it = store->m_expiry.begin(); it != store->m_expiry.end(); ++it) {
+    EXPECT_TRUE(it->second.empty()) << "a removed rule stayed armed";
+  }
 }
 
 // Under failing memory an add answers false and a look-up loses entries,
@@ -283,25 +235,154 @@ TEST_F(IpPortRuleStoreTest, FailingAllocationsAtEveryStep) {
   }
 }
 
-// Custom rule text becomes a spec only with a port a store can hold.
-class IpPortSpecTest : public kest_test::LeakCheck {};
-
-TEST_F(IpPortSpecTest, FromRuleStringRefusesPortsAbove65535) {
-  struct Row {
-    const char *text;
-    bool ok;
-    uint16_t port;
-  } rows[] = {{"10.0.0.1-10.0.0.9:8080", true, 8080},
-              {":65535", true, 65535},
-              {":65536", false, 0},
-              {":70000", false, 0},
-              {"10.0.0.9-10.0.0.1", false, 0}};
-  for (const Row &row : rows) {
-    oru::IpPortSpec spec;
-    EXPECT_EQ(oru::IpPortSpec::FromRuleString(oru::IpPortRuleString(row.text), 6, spec), row.ok)
-        << row.text;
-    EXPECT_EQ(spec.port, row.port) << row.text;
+// The ports of the rules armed at `second`, least recently found first.
+template <class S> std::vector<uint32_t> Armed(S &store, unsigned long long second) {
+  std::vector<uint32_t> ports;
+  auto node = store.m_expiry.find(second);
+  if (node != store.m_expiry.end()) {
+    for (auto &entry : node->second) {
+      ports.push_back(entry.second->spec.port);
+    }
   }
+  return ports;
+}
+
+// Time-outs on the thread's clock, set by the host.
+class RuleExpiryTest : public kest_test::ThreadedFixture {
+protected:
+  void SetUp() override {
+    ThreadedFixture::SetUp();
+    kest_clock_set_mode(h, 1);
+    At(100);
+    Enter();
+    store.lists = {&list};
+  }
+  void TearDown() override {
+    Enter();
+    chain.Clear(conn);
+    list.clear();
+    store.m_expiry.clear();
+    ThreadedFixture::TearDown();
+  }
+  void At(uint64_t second) { kest_clock_set(h, second * 1000 + 999); }
+  bool Add(uint32_t id, uint32_t timeout, ListStore::ExpiryType type = ListStore::EXPIRY_LOCAL) {
+    ListStore::Rule rule =
+        ListStore::MakeRule(ScriptedInspector::Make("R", &log)->Callback(), id, timeout, type);
+    rule.spec.port = static_cast<uint16_t>(id);
+    return store.AddToList(list, rule);
+  }
+  std::vector<uint32_t> Bucket(unsigned long long second) { return Armed(store, second); }
+
+  Log log;
+  ListStore store;
+  ListStore::RuleList list;
+  oru::InspectorChain chain;
+  oru::fdt::intrusive_ptr<oru::Conn> conn;
+};
+
+TEST_F(RuleExpiryTest, RulesExpireAtTheirSecondLeastRecentlyFoundFirst) {
+  ASSERT_TRUE(Add(1, 1));
+  ASSERT_TRUE(Add(2, 1));
+  ASSERT_TRUE(Add(3, 0));
+  ASSERT_TRUE(Add(4, 5));
+  EXPECT_EQ(Bucket(101), (std::vector<uint32_t>{1, 2}));
+  EXPECT_EQ(list.back().bucket, store.m_expiry.find(105ull).node());
+
+  // Merging finds each armed rule in list order, so the latest found is the
+  // last merged; finding rule 1 alone makes it the most recent of its second.
+  store.MergeIntoChain(list, chain);
+  EXPECT_EQ(Bucket(101), (std::vector<uint32_t>{1, 2}));
+  list.front().bucket->m_value.second.touch(&list.front());
+  EXPECT_EQ(Bucket(101), (std::vector<uint32_t>{2, 1}));
+
+  store.RunExpiry();
+  EXPECT_TRUE(store.expired.empty());
+  At(101);
+  store.RunExpiry();
+  EXPECT_EQ(store.expired, (std::vector<uint32_t>{2, 1}));
+  EXPECT_EQ(store.m_expiry.size(), 1u);
+  // Chain entries are copies: they outlive their rules.
+  EXPECT_EQ(chain.size(), 4u);
+
+  // One pass a second; a disarmed rule never expires, its bucket goes at its
+  // second.
+  ListStore::DisarmExpiry(&list.back());
+  EXPECT_EQ(list.back().bucket, nullptr);
+  EXPECT_EQ(Bucket(105), std::vector<uint32_t>{});
+  ASSERT_TRUE(Add(5, 4)); // due at 105, beside the disarmed one
+  At(105);
+  store.RunExpiry();
+  EXPECT_EQ(store.expired, (std::vector<uint32_t>{2, 1, 5}));
+  EXPECT_TRUE(store.m_expiry.empty());
+  EXPECT_EQ(list.size(), 2u);
+  ASSERT_TRUE(Add(6, 1));
+  store.RunExpiry();
+  EXPECT_EQ(store.m_last_expire, 105u);
+  EXPECT_EQ(Bucket(106), std::vector<uint32_t>{6});
+}
+
+// A store with its owner's handler of the rule-use event, which keeps what it
+// hears and applies it to `target`: in a program, another thread's store.
+struct Announcing : oru::EventTarget {
+  oru::IpPortRuleStore store{"test"};
+  oru::IpPortRuleStore *target = nullptr;
+  std::vector<std::vector<uint8_t>> heard;
+
+  explicit Announcing(uint32_t event) {
+    store.m_event = event;
+    oru::SyncEventQueue::Instance()->InstallHandler(event, this,
+                                                    oru::MakeEventMethod(&Announcing::OnRuleUsed));
+  }
+  ~Announcing() {
+    oru::SyncEventQueue::Instance()->InstallHandler(store.m_event, nullptr, nullptr);
+  }
+  void OnRuleUsed(const void *data, uint32_t length) {
+    const uint8_t *bytes = static_cast<const uint8_t *>(data);
+    heard.emplace_back(bytes, bytes + length);
+    EXPECT_TRUE(target->ApplyAnnouncement(data, length));
+  }
+};
+
+// Finding a synced rule posts its method and spec; applied to another store
+// it makes that store's rule of the same spec and method (its own inspector)
+// the most recently found of its second.
+TEST_F(RuleExpiryTest, SyncedUseIsAnnouncedAndAppliedElsewhere) {
+  const uint32_t event = oru::SyncEventQueue::RegisterEvent("test.rule_used");
+  ASSERT_NE(event, 0u);
+  Announcing mine(event);
+  oru::IpPortRuleStore theirs("theirs");
+  mine.target = &theirs;
+  oru::fdt::intrusive_ptr<ScriptedInspector> x(ScriptedInspector::Make("X", &log)),
+      y(ScriptedInspector::Make("Y", &log));
+  const oru::IpAddr low = oru::IpAddr::FromV4(0x0A000001), high = oru::IpAddr::FromV4(0x0A0000FF);
+  for (auto [store, by, port, type] : {std::tuple{&mine.store, &x, 80, ListStore::EXPIRY_SYNCED},
+                                       std::tuple{&mine.store, &x, 81, ListStore::EXPIRY_LOCAL},
+                                       std::tuple{&theirs, &y, 80, ListStore::EXPIRY_SYNCED},
+                                       std::tuple{&theirs, &y, 81, ListStore::EXPIRY_SYNCED}}) {
+    ASSERT_TRUE(store->AddRule(6, (*by)->Callback(), static_cast<uint16_t>(port), low, high, 10,
+                               type, false));
+  }
+  mine.store.SetupInspection(oru::IpAddr::FromV4(0x0A000005), oru::IpAddr::FromV4(0x0B000001), 80,
+                             81, 6, chain);
+  EXPECT_EQ(chain.size(), 1u); // one callback, found through both rules
+  EXPECT_EQ(Armed(theirs, 110), (std::vector<uint32_t>{80, 81}));
+  kest_idle(h);
+  Enter();
+  EXPECT_EQ(Armed(theirs, 110), (std::vector<uint32_t>{81, 80}));
+  // The method's two words, then the spec field by field, 52 bytes. Only the
+  // synced rule (port 80) posted.
+  ASSERT_EQ(mine.heard.size(), 1u);
+  std::vector<uint8_t> expected(52, 0);
+  const oru::InspectorMethodWords words = oru::SplitMethod(&oru::Inspector::Inspect);
+  std::memcpy(&expected[0], &words.function, 8);
+  std::memcpy(&expected[8], &words.adjustment, 8);
+  std::memcpy(&expected[16], &low, 16);
+  std::memcpy(&expected[32], &high, 16);
+  expected[48] = 80;
+  expected[50] = 6;
+  EXPECT_EQ(mine.heard[0], expected);
+  EXPECT_FALSE(theirs.ApplyAnnouncement(expected.data(), 15)) << "shorter than a method";
+  chain.Clear(conn);
 }
 
 } // namespace

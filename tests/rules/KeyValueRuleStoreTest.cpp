@@ -8,8 +8,8 @@
 #include <kest/Conn.h>
 #include <kest/KeyValueRuleStore.h>
 
+#include <algorithm>
 #include <cstring>
-
 #include <map>
 #include <random>
 
@@ -46,47 +46,6 @@ protected:
     return ChainNames(chain);
   }
 };
-
-TEST_F(KeyValueRuleStoreTest, PatternsLongestFirstThenByKind) {
-  const std::string stem49(49, 's');
-  ASSERT_TRUE(Add("Host", "abc"));
-  ASSERT_TRUE(Add("Host", "ab*"));
-  ASSERT_TRUE(Add("Host", "*c"));
-  ASSERT_TRUE(Add("Host", "xyzw"));
-  ASSERT_TRUE(Add("Host", "xy*"));
-  ASSERT_TRUE(Add("Host", "*", true));
-  ASSERT_TRUE(Add("Host", "*lo", true));
-  ASSERT_TRUE(Add("Host", stem49 + "*"));
-  ASSERT_TRUE(Add("Agent", "*bot*"));
-  EXPECT_FALSE(Add("Agent", "*bot*"));
-  EXPECT_FALSE(Add("Agent", ""));
-  EXPECT_TRUE(Add("Agent", std::string(50, 'p')));
-  EXPECT_FALSE(Add("Agent", std::string(51, 'q')));
-  EXPECT_FALSE(Add("Cookie", std::string(51, 'q'))); // the key stays
-  struct Row {
-    const char *key;
-    std::string value;
-    Names chain;
-  } rows[] = {
-      {"Host", "abc", {"abc:5", "*c:6"}}, // "ab*" loses to the deeper "abc"
-      {"host", "abx", {"*:2", "ab*:7"}},  // keys ignore case
-      {"Host", "ABC", {"*:2"}},           // values do not
-      {"Host", "xyz", {"*:2"}},           // ends on a node without rules
-      {"Host", "xyq", {"*:2", "xy*:7"}},
-      {"Host", "hello", {"*lo:2"}}, // the longer reverse pattern wins
-      {"Host", "", {}},
-      {"Host", stem49 + std::string(11, 't'), {"*:2", stem49 + "*:7"}},
-      {"Agent", "Googlebot*", {"*bot*:6"}}, // its last "*" is a literal byte
-      {"Agent", "Googlebot/2.1", {}},
-      {"Agent", std::string(50, 'p'), {std::string(50, 'p') + ":5"}},
-      {"Other", "abc", {}},
-  };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.value);
-    EXPECT_EQ(Lookup(row.key, row.value), row.chain);
-  }
-  EXPECT_NE(store->m_index.find("Cookie"), store->m_index.end());
-}
 
 TEST_F(KeyValueRuleStoreTest, RemovalKeepsOrDropsNodesAsStated) {
   // "ab" is the only node at its level: removing its rule takes "abc" too.
@@ -151,8 +110,56 @@ TEST_F(KeyValueRuleStoreTest, FindRuleAndTheAnnouncementText) {
                                                 static_cast<uint32_t>(bytes.size() - 16), read));
 }
 
-// Values held in a flow, in random blocks, match as the same text in memory.
-TEST_F(KeyValueRuleStoreTest, FlowLookUpsAgreeWithStringLookUps) {
+// The stored patterns of one key and one direction, as plain strings (a
+// "*text" pattern stored backwards), with their rules in order of adding.
+using Patterns = std::map<std::string, kest_test::ModelList>;
+
+// Whether some pattern begins with `s`: a node of the trie.
+bool Node(const Patterns &p, const std::string &s) {
+  auto it = p.lower_bound(s);
+  return it != p.end() && it->first.compare(0, s.size(), s) == 0;
+}
+
+// The rules a walk of `v` ends on, the deepest match winning: the whole value;
+// else, when it ends on a node, that node's own "*" (a run of "*" nodes);
+// else the "*" beside the deepest node the walk passed, which ends the walk
+// even without rules. Null when nothing matched.
+const kest_test::ModelList *Walk(const Patterns &p, const std::string &v) {
+  static const kest_test::ModelList none;
+  auto rules = [&](const std::string &s) { return p.count(s) ? &p.at(s) : &none; };
+  if (v.empty()) {
+    return nullptr;
+  }
+  size_t k = 0;
+  while (k < v.size() && Node(p, v.substr(0, k + 1))) {
+    ++k;
+  }
+  size_t depth = k;
+  if (k == v.size()) {
+    if (p.count(v)) {
+      return &p.at(v);
+    }
+    for (std::string s = v + "*"; Node(p, s); s += "*") {
+      if (p.count(s)) {
+        return &p.at(s);
+      }
+    }
+    if (v.size() < 2) {
+      return nullptr;
+    }
+    depth = v.size() - 2;
+  }
+  for (size_t i = depth + 1; i-- > 0;) {
+    if (Node(p, v.substr(0, i) + "*")) {
+      return rules(v.substr(0, i) + "*");
+    }
+  }
+  return nullptr;
+}
+
+// Matches by a plain model of the two tries against the store, by strings
+// and by flows of the same text in random blocks.
+TEST_F(KeyValueRuleStoreTest, LookUpsAgreeWithAModel) {
   std::mt19937 random(5);
   const char *keys[] = {"Host", "Agent", "Cookie"};
   auto text = [&](size_t n) {
@@ -162,17 +169,54 @@ TEST_F(KeyValueRuleStoreTest, FlowLookUpsAgreeWithStringLookUps) {
     }
     return t;
   };
-  for (int i = 0; i < 300; ++i) {
-    std::string pattern = text(1 + random() % 6);
+  std::map<std::string, std::pair<Patterns, Patterns>> model; // lower-case key: forward, back
+  for (int i = 0; i < 400; ++i) {
+    std::string pattern = text(random() % 8 == 0 ? 48 + random() % 5 : random() % 7);
     if (random() % 3 == 0) {
       pattern = "*" + pattern;
     }
-    Add(keys[random() % 3], pattern, random() % 2 == 0, 0, pattern + std::to_string(i % 7));
+    const std::string key = keys[random() % 3], name = pattern + std::to_string(i % 7);
+    const bool first = random() % 2 == 0, back = !pattern.empty() && pattern[0] == '*';
+    std::string lower = key;
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    Patterns &p = back ? model[lower].second : model[lower].first;
+    const std::string stored = back ? std::string(pattern.rbegin(), pattern.rend()) : pattern;
+    const uint32_t priority = (back                                        ? 2
+                               : !pattern.empty() && pattern.back() == '*' ? 3
+                                                                           : 1) +
+                              (first ? 0 : 4);
+    auto &rules = p[stored];
+    const bool ok =
+        !pattern.empty() && pattern.size() <= 50 &&
+        std::none_of(rules.begin(), rules.end(), [&](const auto &r) { return r.first == name; });
+    if (rules.empty() && !ok) {
+      p.erase(stored);
+    }
+    ASSERT_EQ(Add(key, pattern, first, 0, name), ok) << pattern;
+    if (ok) {
+      rules.emplace_back(name, priority);
+    }
   }
-  for (int q = 0; q < 400; ++q) {
-    const char *key = keys[random() % 3];
+  for (int q = 0; q < 600; ++q) {
+    const char *key = q % 50 == 0 ? "Other" : keys[random() % 3];
+    std::string lower = key, asked = key;
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    if (random() % 4 == 0) {
+      asked = lower; // keys ignore case
+    }
     const std::string value = text(random() % 70);
-    const std::string line = std::string(key) + ": " + value;
+    // The forward walk reads the first 50 bytes, the backward one the last.
+    const std::string head = value.substr(0, 50),
+                      tail(value.rbegin(), value.rbegin() + std::min<size_t>(50, value.size()));
+    std::vector<kest_test::ModelList> lists;
+    for (const auto *list : {Walk(model[lower].first, head), Walk(model[lower].second, tail)}) {
+      if (list) {
+        lists.push_back(*list);
+      }
+    }
+    const Names names = kest_test::ModelMerge(lists);
+    ASSERT_EQ(Lookup(asked, value), names) << key << ": " << value;
+    const std::string line = asked + ": " + value;
     oru::FlowBuffer flow;
     uint64_t at = 0;
     while (at < line.size()) {
@@ -182,16 +226,18 @@ TEST_F(KeyValueRuleStoreTest, FlowLookUpsAgreeWithStringLookUps) {
       at += n;
     }
     flow.m_next_pos = at;
-    const unsigned key_end = static_cast<unsigned>(std::strlen(key));
+    const unsigned key_end = static_cast<unsigned>(asked.size());
     const unsigned value_start = key_end + 2, value_end = static_cast<unsigned>(line.size());
-    const Names expected = Lookup(key, value);
     chain.Clear(conn);
-    store->SetupRule(flow, key, value_start, value_end, chain);
-    EXPECT_EQ(ChainNames(chain), expected) << line;
+    store->SetupRule(flow, asked.c_str(), value_start, value_end, chain);
+    EXPECT_EQ(ChainNames(chain), names) << line;
     chain.Clear(conn);
     store->SetupRule(flow, 0, key_end, value_start, value_end, chain);
-    EXPECT_EQ(ChainNames(chain), expected) << line;
+    EXPECT_EQ(ChainNames(chain), names) << line;
   }
+  // A failed add leaves its key behind.
+  EXPECT_FALSE(Add("Cookie2", std::string(51, 'q')));
+  EXPECT_NE(store->m_index.find("Cookie2"), store->m_index.end());
   // A flow key that begins with a stored key but is longer searches left of
   // it: "Hostname" is not found although "Hostname" is stored.
   ASSERT_TRUE(Add("Hostname", "a"));

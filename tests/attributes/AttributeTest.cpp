@@ -1,4 +1,11 @@
+// The attribute manager: names and families, producers' identifiers,
+// listeners in every order and under failing memory, and values delivered
+// from the packet path to the host.
 #include "AttributeTestSupport.h"
+
+#include <atomic>
+#include <thread>
+#include <tuple>
 
 namespace {
 
@@ -163,6 +170,85 @@ TEST_F(AttributeMgrTest, RegisterAndChangeSurviveFailingAllocations) {
       }
     }
   }
+}
+
+int g_value_id = 0;
+
+// A producer on the packet path: it reports only while someone listens.
+void ReportValue(kest_test::TestClassify *self, oru::ClassifyPacket *) {
+  self->m_conn->Touch();
+  if (g_value_id > 0) {
+    AttributeMgr::Instance()->DispatchAttribute(g_value_id, (const uint8_t *)"abc", 3, 1, 2);
+  }
+}
+
+TEST_F(AttributeMgrTest, ValuesReachTheListenerWithTheRunningUserWord) {
+  ASSERT_TRUE(AttributeMgr::Create(Name("d.value")));
+  ASSERT_TRUE(manager->Register(Name("d.value"), &g_value_id));
+  ASSERT_EQ(SetListener("d.value"), 0);
+  handler.m_conn = MakeConn(6);
+  handler.m_flags = 0x43;
+  handler.m_action = ReportValue;
+  kest_test::Recorder first, second; // the user words of two calls
+  // The idle pass of kest_classify brings the listener before the plug-in runs.
+  for (kest_test::Recorder *user : {&first, &second}) {
+    ASSERT_EQ(kest_classify(h, KEST_SELECTOR_FORM_1, kPacket, sizeof(kPacket), nullptr, 0,
+                            kest_test::RecordingCallback, user),
+              0);
+  }
+  ASSERT_EQ(kest_test::g_deliveries.size(), 2u);
+  for (const kest_test::Delivery &d : kest_test::g_deliveries) {
+    EXPECT_EQ(d.handle, h);
+    EXPECT_EQ(d.conn_id, handler.m_conn->m_number);
+    EXPECT_EQ(d.key, Key("d.value"));
+    EXPECT_EQ(d.value, "abc");
+    EXPECT_EQ(d.packed, 0x20001);
+  }
+  EXPECT_EQ(kest_test::g_deliveries[0].user, &first);
+  EXPECT_EQ(kest_test::g_deliveries[1].user, &second);
+
+  manager->SetHandler(nullptr);
+  ReportValue(&handler, nullptr);
+  EXPECT_EQ(kest_test::g_deliveries.size(), 2u) << "no handler, no delivery";
+  ASSERT_EQ(SetListener("d.value", nullptr), 0);
+  kest_idle(h);
+  EXPECT_EQ(g_value_id, 0) << "the producer stops";
+}
+
+// A listener and a default policy set here reach a second thread at its next
+// idle pass, not before; connections built later follow the policy.
+TEST_F(AttributeMgrTest, ChangesReachAnotherThreadAtItsIdlePass) {
+  ASSERT_TRUE(AttributeMgr::Create(Name("x.seen")));
+  std::atomic<int> step{0};
+  std::tuple<int, int, uint32_t> seen[2]; // the producer's id, the key, a new connection's policy
+  std::thread other([&] {
+    EXPECT_EQ(kest_init(h), 0);
+    oru::Runtime::l_instance_id = h;
+    int id = 0;
+    EXPECT_TRUE(AttributeMgr::Instance()->Register(Name("x.seen"), &id));
+    step = 1;
+    while (step != 2) {
+      std::this_thread::yield();
+    }
+    for (auto &s : seen) {
+      kest_test::ConnPtr conn(kest_test::TestConn::Make(6));
+      s = {id, kest_attr_key_get(h, "x.seen"), conn->m_policy};
+      kest_idle(h);
+    }
+    kest_fini(h);
+  });
+  while (step != 1) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(SetListener("x.seen"), 0);
+  EXPECT_EQ(kest_config_set(h, "conn.default_policy.tunnels", "2"), -1);
+  EXPECT_EQ(kest_config_set(h, "conn.default_policy.tunnels", "0"), 0);
+  step = 2;
+  other.join();
+  EXPECT_EQ(seen[0], std::make_tuple(0, 0, 0xFFFFFFFFu));
+  const int id = std::get<0>(seen[1]);
+  EXPECT_GT(id, 0);
+  EXPECT_EQ(seen[1], std::make_tuple(id, id, 0xFFFFFFFFu & ~oru::POLICY_TUNNELS));
 }
 
 } // namespace
