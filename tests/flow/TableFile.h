@@ -1,0 +1,67 @@
+// Tables of cases kept in text files beside the tests that read them: one row
+// a line, blank lines and lines starting with '#' skipped.
+#ifndef KEST_TESTS_TABLEFILE_H
+#define KEST_TESTS_TABLEFILE_H
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace kest_test {
+
+// The rows of the file `name` in the folder of the source file `source`.
+inline std::vector<std::string> TableRows(const char *source, const char *name) {
+  std::ifstream in(std::filesystem::path(source).parent_path() / name);
+  EXPECT_TRUE(in.good()) << name;
+  std::vector<std::string> rows;
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line[0] != '#') {
+      rows.push_back(line);
+    }
+  }
+  return rows;
+}
+
+// Text with the escapes \r \n \t \0 \\ and \xNN.
+inline std::string Unescape(const std::string &text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\' || i + 1 == text.size()) {
+      out += text[i];
+    } else if (const char c = text[++i]; c == 'x') {
+      out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else {
+      out += c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c == '0' ? '\0' : c;
+    }
+  }
+  return out;
+}
+
+// The reverse: bytes other than printable ASCII as escapes.
+inline std::string Escape(const std::string &bytes) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (const char c : bytes) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    if (const char *e = c == '\\'   ? "\\\\"
+                        : c == '\r' ? "\\r"
+                        : c == '\n' ? "\\n"
+                        : c == '\t' ? "\\t"
+                                    : nullptr) {
+      out += e;
+    } else if (u >= 0x20 && u < 0x7f) {
+      out += c;
+    } else {
+      out += {'\\', 'x', kHex[u >> 4], kHex[u & 15]};
+    }
+  }
+  return out;
+}
+
+} // namespace kest_test
+
+#endif
