@@ -121,51 +121,35 @@ TEST_F(FlowBufferTest, StatisticsFollowTheThreadClock) {
   const kest_handle_t h = Open();
   ASSERT_EQ(kest_init(h), 0);
   kest_clock_set_mode(h, 1);
-  const struct {
-    uint64_t clock;
-    unsigned size;
-    uint32_t avg_payload, max_payload, avg_gap, max_gap, last_time;
-  } rows[] = {
-      {0, 800, 800, 800, 0, 0, 0},     // a last time of 0 means no payload yet,
-      {100, 160, 720, 800, 0, 0, 100}, // so no gap here
-      {200, 160, 650, 800, 100, 100, 200},
-      {200, 160, 588, 800, 87, 100, 200},         // same clock: the gap average decays
-      {k4G + 600, 2000, 764, 800, 126, 126, 600}, // low 32 bits only
-      {k4G, 0, 668, 800, 35, 126, 0},             // clock went back: the gap wraps
-      {k4G + 100, 8, 585, 800, 30, 126, 100},     // last time 0 again: gap 0
-  };
   FlowBuffer flow;
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.clock);
-    kest_clock_set(h, row.clock);
+  for (const std::string &row : kest_test::TableRows(__FILE__, "flow_rows.txt", "stats")) {
+    SCOPED_TRACE(row);
+    std::istringstream in(row);
+    uint64_t clock = 0;
+    unsigned size = 0;
+    uint32_t avg_payload = 0, max_payload = 0, avg_gap = 0, max_gap = 0, last_time = 0;
+    in >> clock >> size >> avg_payload >> max_payload >> avg_gap >> max_gap >> last_time;
+    kest_clock_set(h, clock);
     oru::Runtime::l_instance_id = h;
-    flow.UpdateStats(row.size);
+    flow.UpdateStats(size);
     oru::Runtime::l_instance_id = 0;
-    EXPECT_EQ(flow.AvgPayloadSize(), row.avg_payload);
-    EXPECT_EQ(flow.m_max_payload, row.max_payload);
-    EXPECT_EQ(flow.AvgInterPayloadGap(), row.avg_gap);
-    EXPECT_EQ(flow.m_max_gap, row.max_gap);
-    EXPECT_EQ(flow.m_last_time, row.last_time);
+    EXPECT_EQ(flow.AvgPayloadSize(), avg_payload);
+    EXPECT_EQ(flow.m_max_payload, max_payload);
+    EXPECT_EQ(flow.AvgInterPayloadGap(), avg_gap);
+    EXPECT_EQ(flow.m_max_gap, max_gap);
+    EXPECT_EQ(flow.m_last_time, last_time);
   }
   flow.m_base_pos = 77;
   flow.Reset();
   EXPECT_EQ(flow.m_base_pos, 77u) << "the writer's position survives a reset";
   EXPECT_EQ(flow.AvgPayloadSize(), 585u) << "and so do the statistics";
   EXPECT_EQ(kest_fini(h), 0);
-  // Rates from the averages; the last wraps.
-  const struct {
-    uint32_t payload, gap;
-    unsigned pkts, bits;
-  } rates[] = {{100, 0, 0, 0},
-               {100, 3, 333, 266400},
-               {1500, 1000, 1, 12000},
-               {1500, 1001, 0, 0},
-               {600000000, 1, 1000, 2521530368u}};
-  for (const auto &row : rates) {
-    flow.m_avg_payload = row.payload;
-    flow.m_avg_gap = row.gap;
-    EXPECT_EQ(flow.AvgPktsPerSecond(), row.pkts) << row.gap;
-    EXPECT_EQ(flow.AvgBitsPerSecond(), row.bits) << row.payload << "/" << row.gap;
+  for (const std::string &row : kest_test::TableRows(__FILE__, "flow_rows.txt", "rate")) {
+    std::istringstream in(row);
+    unsigned pkts = 0, bits = 0;
+    in >> flow.m_avg_payload >> flow.m_avg_gap >> pkts >> bits;
+    EXPECT_EQ(flow.AvgPktsPerSecond(), pkts) << row;
+    EXPECT_EQ(flow.AvgBitsPerSecond(), bits) << row;
   }
 }
 

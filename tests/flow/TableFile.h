@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,19 @@ inline std::vector<std::string> TableRows(const char *source, const char *name) 
   return rows;
 }
 
+// The rows of `name` that start with the word `word`, without it.
+inline std::vector<std::string> TableRows(const char *source, const char *name,
+                                          const std::string &word) {
+  std::vector<std::string> rows;
+  for (const std::string &row : TableRows(source, name)) {
+    if (row.starts_with(word + " ")) {
+      rows.push_back(row.substr(word.size() + 1));
+    }
+  }
+  EXPECT_FALSE(rows.empty()) << word;
+  return rows;
+}
+
 // Text with the escapes \r \n \t \0 \\ and \xNN.
 inline std::string Unescape(const std::string &text) {
   std::string out;
@@ -39,6 +53,11 @@ inline std::string Unescape(const std::string &text) {
     }
   }
   return out;
+}
+
+// A text field of a row: "-" for the empty text, else with escapes.
+inline std::string Field(const std::string &text) {
+  return text == "-" ? "" : Unescape(text);
 }
 
 // The reverse: bytes other than printable ASCII as escapes.
