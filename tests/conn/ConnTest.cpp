@@ -7,6 +7,7 @@
 #include <kest/Clock.h>
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -78,7 +79,8 @@ public:
   Conn *other = nullptr;
 };
 
-TEST_F(ConnTest, NumbersCountPerInstanceFromOne) {
+// Numbers count per instance from one.
+TEST_F(ConnTest, ANewConnectionsNumberPolicyStatusAndIdleness) {
   ConnPtr a = MakeBase(), b = MakeBase();
   EXPECT_EQ(a->m_number, 1u);
   EXPECT_EQ(b->m_number, 2u);
@@ -89,9 +91,8 @@ TEST_F(ConnTest, NumbersCountPerInstanceFromOne) {
   EXPECT_EQ(second_row, first_row);
   EXPECT_EQ(MakeBase(5, true)->m_number, 5u);
   EXPECT_EQ(MakeBase()->m_number, 4u) << "an explicit number leaves the counter";
-}
 
-TEST_F(ConnTest, NewConnectionCopiesTheThreadPolicy) {
+  // A new connection copies the thread's policy and starts as new.
   EXPECT_EQ(oru::ThreadWord(Conn::l_default_policy), 0xFFFFFFFFu) << "set by thread start";
   for (uint32_t policy : {0xFFFFFFFFu, 0x15u, 0u}) {
     oru::ThreadWord(Conn::l_default_policy) = policy;
@@ -99,9 +100,7 @@ TEST_F(ConnTest, NewConnectionCopiesTheThreadPolicy) {
     EXPECT_EQ(conn->m_policy, policy);
     EXPECT_EQ(conn->m_status, 1u);
   }
-}
-
-TEST_F(ConnTest, IdleOnlyBeyondSixtySeconds) {
+  // Idle only beyond sixty seconds.
   const struct {
     uint64_t touched, now;
     bool idle;
@@ -177,30 +176,23 @@ TEST_F(ConnTest, ExpiredFollowsListenersAndTheActivePolicy) {
   EXPECT_EQ(kest_test::g_deliveries.size(), 2u);
 }
 
-kest_endpoint_t Endpoint(uint8_t family, std::initializer_list<uint8_t> bytes, uint8_t port_hi,
-                         uint8_t port_lo) {
+// An endpoint from an address in text and a port in host order; the family
+// follows the text unless given.
+kest_endpoint_t Ep(const char *address, uint16_t port, int family = -1) {
   kest_endpoint_t e{};
-  e.family = family;
-  std::copy(bytes.begin(), bytes.end(), e.address);
-  reinterpret_cast<uint8_t *>(&e.port)[0] = port_hi;
-  reinterpret_cast<uint8_t *>(&e.port)[1] = port_lo;
+  const bool v6 = std::strchr(address, ':') != nullptr;
+  e.family = static_cast<uint8_t>(family >= 0 ? family : v6 ? KEST_FAMILY_IPV6 : KEST_FAMILY_IPV4);
+  EXPECT_EQ(inet_pton(v6 ? AF_INET6 : AF_INET, address, e.address), 1) << address;
+  e.port = htons(port);
   return e;
-}
-kest_endpoint_t V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint8_t port_hi, uint8_t port_lo) {
-  return Endpoint(KEST_FAMILY_IPV4, {a, b, c, d}, port_hi, port_lo);
-}
-kest_endpoint_t V6(std::initializer_list<uint8_t> bytes, uint8_t port_hi, uint8_t port_lo) {
-  return Endpoint(KEST_FAMILY_IPV6, bytes, port_hi, port_lo);
 }
 
 TEST_F(ConnTest, CreateRefusals) {
   oru::InterfaceBroker *broker = oru::InterfaceBroker::Instance();
   broker->UnregisterInterface(oru::MODULE_TCP, oru::INTERFACE_CONN_FACTORY, nullptr);
   broker->UnregisterInterface(oru::MODULE_UDP, oru::INTERFACE_CONN_FACTORY, nullptr);
-  const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
-  const kest_endpoint_t v6 = V6({0x20, 0x01, 0x0d, 0xb8}, 0, 80);
-  const kest_endpoint_t v3 = Endpoint(3, {192, 0, 2, 1}, 0, 80);
-  const kest_endpoint_t v0 = Endpoint(0, {192, 0, 2, 1}, 0, 80);
+  const kest_endpoint_t v4 = Ep("192.0.2.1", 80), v6 = Ep("2001:db8::", 80);
+  const kest_endpoint_t v3 = Ep("192.0.2.1", 80, 3), v0 = Ep("192.0.2.1", 80, 0);
   const struct {
     const char *what;
     const kest_endpoint_t *src, *dst;
@@ -227,7 +219,7 @@ TEST_F(ConnTest, CreateRefusals) {
 
 // Arguments that would pass, so that only the handle or the thread decides.
 kest_result_t g_cursor;
-kest_endpoint_t g_ep = V4(192, 0, 2, 1, 0, 80);
+kest_endpoint_t g_ep = Ep("192.0.2.1", 80);
 kest_conn_t g_conn;
 unsigned g_flags;
 int g_app;
@@ -272,11 +264,7 @@ TEST_F(ConnTest, EveryFramedCallRefusesABadHandleOrAThreadWithoutContext) {
 // Each address goes to the factory in the library's form and comes back
 // through kest_endpoint_get; each side decides its family by itself.
 TEST_F(ConnTest, AddressesAndPortsMakeTheRoundTrip) {
-  const kest_endpoint_t v6a =
-      V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0, 80);
-  const kest_endpoint_t v6b = V6(
-      {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0x02, 0x11, 0x22, 0xff, 0xfe, 0x33, 0x44, 0x55}, 0x12, 0x34);
-  const kest_endpoint_t v6_unspecified = V6({}, 0xff, 0xff);
+  const kest_endpoint_t v6a = Ep("2001:db8::1", 80), v6b = Ep("fe80::211:22ff:fe33:4455", 0x1234);
   const struct {
     const char *what;
     kest_endpoint_t src, dst;
@@ -284,15 +272,15 @@ TEST_F(ConnTest, AddressesAndPortsMakeTheRoundTrip) {
     uint16_t src_port, dst_port; // host order, as the factory sees it
     kest_endpoint_t src_back, dst_back;
   } cases[] = {
-      {"IPv4", V4(192, 0, 2, 1, 0x00, 0x50), V4(198, 51, 100, 7, 0xc3, 0x50), 6, 80, 50000,
-       V4(192, 0, 2, 1, 0x00, 0x50), V4(198, 51, 100, 7, 0xc3, 0x50)},
+      {"IPv4", Ep("192.0.2.1", 80), Ep("198.51.100.7", 50000), 6, 80, 50000, Ep("192.0.2.1", 80),
+       Ep("198.51.100.7", 50000)},
       {"IPv6", v6a, v6b, 17, 80, 0x1234, v6a, v6b},
       // ::1 holds only the word that IPv4 uses, so it reads back as 0.0.0.1;
       // the unspecified address has no IPv4 form and reads back as IPv6.
-      {"loopback and unspecified", V6({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0, 80),
-       v6_unspecified, 6, 80, 0xffff, V4(0, 0, 0, 1, 0, 80), v6_unspecified},
-      {"IPv4 zero", V4(0, 0, 0, 0, 0, 0), V4(10, 0, 0, 1, 0x01, 0xbb), 6, 0, 443, V6({}, 0, 0),
-       V4(10, 0, 0, 1, 0x01, 0xbb)},
+      {"loopback and unspecified", Ep("::1", 80), Ep("::", 0xffff), 6, 80, 0xffff,
+       Ep("0.0.0.1", 80), Ep("::", 0xffff)},
+      {"IPv4 zero", Ep("0.0.0.0", 0), Ep("10.0.0.1", 443), 6, 0, 443, Ep("::", 0),
+       Ep("10.0.0.1", 443)},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
@@ -321,7 +309,7 @@ TEST_F(ConnTest, AddressesAndPortsMakeTheRoundTrip) {
 }
 
 TEST_F(ConnTest, DestroyGoesThroughTheFactoryOfTheProtocol) {
-  const kest_endpoint_t v4 = V4(192, 0, 2, 1, 0, 80);
+  const kest_endpoint_t v4 = Ep("192.0.2.1", 80);
   kest_conn_t out = nullptr;
   ASSERT_EQ(kest_conn_create(h, &v4, &v4, 17, &out), 0);
   Conn *conn = udp.m_table.back().get();
