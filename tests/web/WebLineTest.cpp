@@ -1,5 +1,6 @@
 // First lines of messages, with methods "GET" and "POST" and the word "HTTP":
-// the rows of first_lines.txt, and the same lines fed a byte at a time.
+// the rows of first_lines.txt. That a line is decided only once whole, the
+// message inspector's split-invariance test finds at every cut point.
 #include "LeakCheck.h"
 #include "WebTestSupport.h"
 #include "tests/flow/TableFile.h"
@@ -51,24 +52,6 @@ TEST_F(WebLineTest, RequestsResponsesAndStrangers) {
     if (!tokens.empty()) {
       auto text = [&](const oru::FlowString &s) { return f.Text(s.pos, s.pos + s.length); };
       EXPECT_EQ(text(line.m_first) + "|" + text(line.m_second) + "|" + text(line.m_third), tokens);
-    }
-  }
-}
-
-// A line fed a byte at a time is decided at its newline, the same way.
-TEST_F(WebLineTest, DecidedOnlyWhenWhole) {
-  for (const std::string text : {"POST /a HTTP/1.1\r\n", "HTTP/1.0 404 Not Found\r\n"}) {
-    FedFlow f;
-    for (size_t i = 0; i < text.size(); ++i) {
-      f.Feed(text.substr(i, 1));
-      oru::WebLine line(&methods, "HTTP");
-      unsigned long long pos = 0;
-      const bool decided = line.Parse(f.flow, pos, false);
-      ASSERT_EQ(decided, i + 1 == text.size()) << text << " at " << i;
-      if (decided) {
-        EXPECT_EQ(pos, text.size());
-        EXPECT_NE(line.m_type, oru::WebLine::LINE_UNKNOWN);
-      }
     }
   }
 }
