@@ -25,6 +25,7 @@ std::string Keys(const FlowBuffer &flow) {
   std::string out;
   for (auto it = flow.m_blocks.begin(); it != flow.m_blocks.end(); ++it) {
     out += (out.empty() ? "" : ",") + std::to_string(it->first);
+    out += it->second.flags != 0 ? "/" + std::to_string(it->second.flags) : "";
   }
   return out.empty() ? "-" : out;
 }
