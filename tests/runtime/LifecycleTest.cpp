@@ -17,10 +17,10 @@ using kest_test::Refused;
 class LifecycleTest : public InstanceFixture {};
 
 // Every hook but kest_usleep is required.
-#define HOOK(h)                                                                                    \
-  std::pair {                                                                                      \
-#h, reinterpret_cast < void **>(&h)                                                            \
-  }
+template <class T> std::pair<const char *, void **> Hook(const char *name, T *hook) {
+  return {name, reinterpret_cast<void **>(hook)};
+}
+#define HOOK(h) Hook(#h, &h)
 const std::pair<const char *, void **> kRequiredHooks[] = {
     HOOK(kest_malloc_local), HOOK(kest_free_local),    HOOK(kest_malloc_shared),
     HOOK(kest_free_shared),  HOOK(kest_islower),       HOOK(kest_isupper),
