@@ -60,27 +60,6 @@ inline std::string Field(const std::string &text) {
   return text == "-" ? "" : Unescape(text);
 }
 
-// The reverse: bytes other than printable ASCII as escapes.
-inline std::string Escape(const std::string &bytes) {
-  static const char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (const char c : bytes) {
-    const unsigned char u = static_cast<unsigned char>(c);
-    if (const char *e = c == '\\'   ? "\\\\"
-                        : c == '\r' ? "\\r"
-                        : c == '\n' ? "\\n"
-                        : c == '\t' ? "\\t"
-                                    : nullptr) {
-      out += e;
-    } else if (u >= 0x20 && u < 0x7f) {
-      out += c;
-    } else {
-      out += {'\\', 'x', kHex[u >> 4], kHex[u & 15]};
-    }
-  }
-  return out;
-}
-
 } // namespace kest_test
 
 #endif

@@ -220,7 +220,7 @@ std::vector<Exchange> Exchanges() {
     } else if (word == "c" || word == "s") {
       out.back().turns.emplace_back(word == "s", kest_test::Unescape(rest));
     } else {
-      out.back().shows.push_back(row);
+      out.back().shows.push_back(kest_test::Unescape(row));
     }
   }
   return out;
@@ -281,13 +281,13 @@ TEST_F(WebDpiTest, SplitInvariance) {
         bodies[names[d.key]] += value;
         value.clear();
       } else if ((d.packed & 1) == 0) {
-        out.push_back("attr " + names[d.key] + " " + kest_test::Escape(value));
+        out.push_back("attr " + names[d.key] + " " + value);
         value.clear();
       }
     }
     for (const auto &[name, bytes] : bodies) {
       if (!bytes.empty()) { // an empty piece comes or not with the packets
-        out.push_back("attr " + name + " " + kest_test::Escape(bytes));
+        out.push_back("attr " + name + " " + bytes);
       }
     }
     out.push_back("open " + std::to_string(web->m_transactions[0].size()) + "/" +
