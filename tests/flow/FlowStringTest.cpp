@@ -1,49 +1,39 @@
 // URL-encoding a flow string and decoding Base64 that lies in a flow, with
-// values spread over several blocks.
+// values spread over blocks of several sizes; the rows are in flow_rows.txt.
+#include "../web/WebTestSupport.h"
 #include "LeakCheck.h"
+#include "TableFile.h"
 
 #include <kest/Base64Decoder.h>
 #include <kest/FlowString.h>
 
-#include <string>
-#include <vector>
-
 namespace {
 
+using kest_test::Field;
+
 // `text` held in blocks of `block` bytes from position 0.
-struct Held {
-  std::string text;
-  oru::FlowBuffer flow;
-  Held(std::string t, size_t block) : text(std::move(t)) {
+struct Held : kest_test::FedFlow {
+  Held(const std::string &text, size_t block) {
     for (size_t at = 0; at < text.size(); at += block) {
-      const size_t n = std::min(block, text.size() - at);
-      flow.AddBlock(at, text.data() + at, static_cast<uint16_t>(n), false);
-      flow.m_last_start = at;
+      Feed(text.substr(at, block));
     }
-    flow.m_next_pos = text.size();
   }
 };
 
 class FlowStringTest : public kest_test::LeakCheck {};
 
 TEST_F(FlowStringTest, UrlEncode) {
-  struct Row {
-    std::string text;
-    uint32_t extra; // bytes asked for beyond the data
-    std::string encoded;
-  } rows[] = {
-      {"", 0, ""},
-      {"a b", 0, "a+b"},
-      {"a/b?c=d", 0, "a%2fb%3fc%3dd"},
-      {"-_.~", 0, "-_.~"},
-      {std::string("\0\xff", 2), 0, "%00%ff"},
-      {"Az09", 2, "Az09%00%00"},
-  };
-  for (const Row &row : rows) {
+  for (const std::string &row : kest_test::TableRows(__FILE__, "flow_rows.txt", "url")) {
+    std::istringstream in(row);
+    std::string text, encoded;
+    uint32_t extra = 0;
+    in >> text >> extra >> encoded;
+    text = Field(text);
     for (size_t block : {1, 2, 64}) {
-      Held held(row.text, block);
-      const oru::FlowString s(&held.flow, 0, static_cast<uint32_t>(row.text.size()) + row.extra);
-      EXPECT_EQ(std::string(s.UrlEncode().c_str()), row.encoded) << block;
+      SCOPED_TRACE(row + " in blocks of " + std::to_string(block));
+      Held held(text, block);
+      const oru::FlowString s(&held.flow, 0, static_cast<uint32_t>(text.size()) + extra);
+      EXPECT_EQ(std::string(s.UrlEncode().c_str()), Field(encoded));
     }
   }
   EXPECT_TRUE(oru::FlowString().UrlEncode().empty());
@@ -53,36 +43,22 @@ TEST_F(FlowStringTest, UrlEncode) {
 }
 
 TEST_F(FlowStringTest, Base64) {
-  struct Row {
-    std::string encoded;
-    unsigned room; // GetDecodedLen
-    bool ok;
-    std::string decoded;
-  } rows[] = {
-      {"QUJD", 4, true, "ABC"},
-      {"QU\r\nJD", 4, true, "ABC"},
-      {"QUI=", 4, true, "AB"},
-      {"QQ==", 4, true, "A"},
-      {"QQ==\r\n", 0, true, "A"}, // the length looks at the last four bytes as they are
-      {"QUJDRA==", 7, true, "ABCD"},
-      {"aGk/Pn4=", 7, true, "hi?>~"}, // the rest of the alphabet: lower case, digits,
-      {"+/+/LWtlc3Q6OQ==", 13, true, "\xfb\xff\xbf-kest:9"}, // '+' and '/'
-      {"QUJDR", 0, true, "ABC"}, // five bytes: no room, though it decodes
-      {"Q===", 0, false, ""},
-      {"QUJ*", 4, false, ""}, // outside the alphabet
-      {"QQ=A", 4, false, ""}, // data after "="
-      {"", 1, true, ""},
-  };
-  for (const Row &row : rows) {
+  for (const std::string &row : kest_test::TableRows(__FILE__, "flow_rows.txt", "b64")) {
+    std::istringstream in(row);
+    std::string encoded, decoded;
+    unsigned room = 0;
+    int ok = 0;
+    in >> encoded >> room >> ok >> decoded;
+    encoded = Field(encoded);
     for (size_t block : {1, 3, 64}) {
-      SCOPED_TRACE(row.encoded + " in blocks of " + std::to_string(block));
-      Held held(row.encoded, block);
-      oru::Base64Decoder d(&held.flow, 0, static_cast<uint32_t>(row.encoded.size()));
-      EXPECT_EQ(d.GetDecodedLen(), row.room);
+      SCOPED_TRACE(row + " in blocks of " + std::to_string(block));
+      Held held(encoded, block);
+      oru::Base64Decoder d(&held.flow, 0, static_cast<uint32_t>(encoded.size()));
+      EXPECT_EQ(d.GetDecodedLen(), room);
       char out[16] = {};
-      EXPECT_EQ(d.Decode(out), row.ok);
-      if (row.ok) {
-        EXPECT_EQ(std::string(out), row.decoded);
+      EXPECT_EQ(d.Decode(out), ok != 0);
+      if (ok != 0) {
+        EXPECT_EQ(std::string(out), Field(decoded));
       }
     }
   }

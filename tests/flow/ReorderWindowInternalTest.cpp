@@ -1,4 +1,5 @@
 #include "InstanceFixture.h"
+#include "TableFile.h"
 
 #include "flow/ReorderWindow.h"
 
@@ -81,26 +82,22 @@ TEST_F(ReorderWindowTest, ThreadEntriesUnderEveryAllocationFailure) {
 // the cell at the next idle pass.
 TEST_F(ReorderWindowTest, ValuesAreCheckedAndReachTheCellAtTheNextIdlePass) {
   EXPECT_EQ(Stored(), "7500");
-  // clang-format off
-  const struct {
-    const char *value;
-    bool accepted;
-    uint32_t cell;
-  } rows[] = {{"100", true, 100},      {"abc", false, 100},      {"0", true, 0},
-              {"100000", true, 100000}, {"100001", false, 100000}, {"", false, 100000},
-              {"-1", false, 100000},    {"1", true, 1},            {"-0", false, 1},
-              {"00", false, 1},         {"12abc", true, 12},       {"-100000", false, 12}};
-  // clang-format on
   std::string stored = "7500";
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.value);
+  for (const std::string &row : kest_test::TableRows(__FILE__, "flow_rows.txt", "reorder")) {
+    SCOPED_TRACE(row);
+    std::istringstream in(row);
+    std::string value;
+    int accepted = 0;
+    uint32_t cell = 0;
+    in >> value >> accepted >> cell;
+    value = kest_test::Field(value);
     const uint32_t previous = CellOutside();
-    EXPECT_EQ(kest_config_set(h, kKey, row.value), row.accepted ? 0 : -1);
-    stored = row.accepted ? row.value : stored;
+    EXPECT_EQ(kest_config_set(h, kKey, value.c_str()), accepted != 0 ? 0 : -1);
+    stored = accepted != 0 ? value : stored;
     EXPECT_EQ(Stored(), stored);
     EXPECT_EQ(CellOutside(), previous) << "nothing before the idle pass";
     kest_idle(h);
-    EXPECT_EQ(CellOutside(), row.cell);
+    EXPECT_EQ(CellOutside(), cell);
   }
 }
 

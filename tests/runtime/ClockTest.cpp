@@ -79,7 +79,7 @@ TEST_F(ClockTest, HostModeHoldsTheTimeThroughIdle) {
 
 // In system mode a time set by the host lasts until the next idle pass;
 // seconds divide the unsigned word.
-TEST_F(ClockTest, ClockSetInSystemModeLastsUntilTheNextIdle) {
+TEST_F(ClockTest, ClockSetInSystemModeLastsUntilTheNextIdleAndDelayTakesTheLowWord) {
   g_fake_time = {7, 0};
   kest_clock_set(h, 2500);
   EXPECT_EQ(Now(), 2500u);
@@ -99,9 +99,7 @@ TEST_F(ClockTest, ClockSetInSystemModeLastsUntilTheNextIdle) {
   EXPECT_EQ(Now(), static_cast<uint64_t>(-1000));
   kest_idle(h);
   EXPECT_EQ(Now(), 7000u);
-}
-
-TEST_F(ClockTest, DelaySleepsForTheLowWordOnly) {
+  // A delay sleeps for the low word only.
   kest_usleep = FakeUsleep;
   oru::delay((1ull << 32) + 25);
   EXPECT_EQ(g_slept, 25u);

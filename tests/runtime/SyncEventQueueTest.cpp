@@ -53,8 +53,11 @@ protected:
   }
 };
 
+// Without memory no id is given, and a post (its node, then its payload) is
+// dropped without a leak.
 TEST_F(SyncEventQueueTest, EventIdsArePerInstanceFromOneAndNeedMemory) {
-  const uint32_t first = SyncEventQueue::RegisterEvent("test.one");
+  Recorder r;
+  const uint32_t first = Install("test.one", r);
   EXPECT_EQ(SyncEventQueue::RegisterEvent("test.two"), first + 1);
   EXPECT_EQ(SyncEventQueue::RegisterEvent("test.one"), first);
   kest_errno = 0;
@@ -62,6 +65,15 @@ TEST_F(SyncEventQueueTest, EventIdsArePerInstanceFromOneAndNeedMemory) {
   EXPECT_EQ(SyncEventQueue::RegisterEvent("nomem"), 0u);
   kest_test::FailAllAllocations(false);
   EXPECT_EQ(kest_errno, KEST_ENOMEM);
+  const long before = LiveBlocks(Heap::Shared);
+  for (long n = 1; n <= 2; ++n) {
+    kest_test::FailNthAllocation(n);
+    SyncEventQueue::PostEvent(first, "lost", 4);
+    kest_test::FailNthAllocation(0);
+    EXPECT_EQ(LiveBlocks(Heap::Shared), before) << "failing allocation " << n;
+  }
+  SyncEventQueue::DrainEvents();
+  EXPECT_TRUE(r.seen.empty());
   // The configuration store registers the first event of every instance.
   Leave();
   oru::Runtime::l_instance_id = Open();
@@ -121,20 +133,6 @@ TEST_F(SyncEventQueueTest, CollectorFreesWhatEveryThreadPassedButKeepsTheLast) {
   // The old head (no payload) and the first node (with payload) are gone; the
   // second, whose references reached 0 last, is the new head.
   EXPECT_EQ(LiveBlocks(Heap::Shared), nodes_left - 1 - 2);
-}
-
-TEST_F(SyncEventQueueTest, PostWithoutMemoryIsDroppedWithoutLeak) {
-  Recorder r;
-  const uint32_t id = Install("test.nomem", r);
-  const long before = LiveBlocks(Heap::Shared);
-  for (long n = 1; n <= 2; ++n) { // the node, then its payload
-    kest_test::FailNthAllocation(n);
-    SyncEventQueue::PostEvent(id, "lost", 4);
-    kest_test::FailNthAllocation(0);
-    EXPECT_EQ(LiveBlocks(Heap::Shared), before) << "failing allocation " << n;
-  }
-  SyncEventQueue::DrainEvents();
-  EXPECT_TRUE(r.seen.empty());
 }
 
 // Four threads post and drain at once while this thread collects behind them:

@@ -1,11 +1,13 @@
-// Header blocks parsed a line at a time: the stated cases, and the same
-// records whatever the packet boundaries.
+// Header blocks parsed a line at a time: the rows of header_lines.txt, and the
+// same records whatever the packet boundaries.
 #include "LeakCheck.h"
 #include "WebTestSupport.h"
+#include "tests/flow/TableFile.h"
 
 #include <kest/KeyValueHeader.h>
 
 #include <random>
+#include <sstream>
 
 namespace {
 
@@ -24,38 +26,29 @@ Records Read(const FedFlow &f, const oru::KeyValueHeader &h) {
 class KeyValueHeaderTest : public kest_test::LeakCheck {};
 
 TEST_F(KeyValueHeaderTest, Lines) {
-  struct Row {
-    std::string text;
-    bool complete;
-    uint64_t pos;
+  for (const std::string &row : kest_test::TableRows(__FILE__, "header_lines.txt")) {
+    SCOPED_TRACE(row);
+    const size_t arrow = row.find(" => ");
+    std::istringstream in(row.substr(arrow + 4));
+    int complete = 0;
+    uint64_t want_pos = 0;
     Records records;
-  } rows[] = {
-      {"", false, 0, {}},
-      {"a: b", false, 0, {}},
-      {"\n", true, 1, {}},
-      {"\r\nrest", true, 2, {}},
-      {"a: b\r\n\r\n", true, 8, {"a=b"}},
-      {"a: b\n", false, 5, {"a=b"}},
-      {"a:\r\n\r\n", true, 6, {"a="}},
-      {"a :  b  \r\nno separator\r\n", true, 10, {"a =b  "}},
-      {"a: b\r\n c\r\n\r\n", true, 12, {"a=b\r\n c"}},
-      {"a: b\r\n c:d\r\n\r\n", true, 14, {"a=b", " c=d"}},
-      {"a: b\r\n ", false, 0, {}},     // a continuation not yet whole
-      {"a: b\r\n", false, 6, {"a=b"}}, // recorded at once
-  };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.text);
+    in >> complete >> want_pos;
+    in.get(); // the space before the records, which may start with one
+    for (std::string record; std::getline(in, record, '|');) {
+      records.push_back(kest_test::Unescape(record));
+    }
     FedFlow f;
-    f.Feed(row.text);
+    f.Feed(kest_test::Unescape(row.substr(0, arrow)));
     oru::KeyValueHeader h(':');
     unsigned long long pos = 0;
-    EXPECT_EQ(h.Parse(f.flow, pos), row.complete);
-    EXPECT_EQ(pos, row.pos);
-    EXPECT_EQ(Read(f, h), row.records);
-    EXPECT_EQ(h.m_state, row.complete ? 2 : 1);
-    if (row.complete) {
+    EXPECT_EQ(h.Parse(f.flow, pos), complete != 0);
+    EXPECT_EQ(pos, want_pos);
+    EXPECT_EQ(Read(f, h), records);
+    EXPECT_EQ(h.m_state, complete != 0 ? 2 : 1);
+    if (complete != 0) {
       EXPECT_TRUE(h.Parse(f.flow, pos)); // a complete header stays as it is
-      EXPECT_EQ(pos, row.pos);
+      EXPECT_EQ(pos, want_pos);
     }
   }
 }

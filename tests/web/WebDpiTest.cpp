@@ -1,8 +1,9 @@
-// The message inspector on the TCP decoder in-process: whole transactions,
-// bodies by length, chunks and close, interim responses, pipelining, header
-// attributes, and the same events whatever the packet boundaries.
+// The message inspector on the TCP decoder in-process: the exchanges of
+// exchanges.txt whatever the packet boundaries, fields subscribed and dropped,
+// inspectors attached by header rules, and failing allocations.
 #include "tests/attributes/AttributeTestSupport.h"
 #include "tests/decoders/DecoderTestSupport.h"
+#include "tests/flow/TableFile.h"
 #include "tests/rules/ChainTestSupport.h"
 
 #include <kest/WebDpi.h>
@@ -132,20 +133,6 @@ protected:
     kest_idle(h);
     Enter();
   }
-  // Delivered values as "key=value", pieces of one value joined.
-  Log Values() {
-    Log out;
-    std::string joined;
-    for (const kest_test::Delivery &d : g_deliveries) {
-      joined += d.value;
-      if ((d.packed & 1) == 0) {
-        out.push_back(std::to_string(d.key) + "=" + joined);
-        joined.clear();
-      }
-    }
-    return out;
-  }
-
   oru::WebMethodTable methods;
   oru::WebAttributes attributes;
   oru::fdt::intrusive_ptr<TestWeb> web;
@@ -155,59 +142,6 @@ protected:
   oru::KeyValueRuleStore *rules = nullptr;
   bool pipelining = false;
 };
-
-// Chunk sizes read in unsigned arithmetic: "ffffffff" is negative and gives
-// up, "100000000" wraps to 0 and ends the body; "g" is no size at all.
-TEST_F(WebDpiTest, ChunkSizes) {
-  struct Row {
-    const char *size_line;
-    bool abandoned;
-  } rows[] = {{"ffffffff\r\n", true}, {"g\r\n", true}, {"100000000\r\n\r\n", false}};
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.size_line);
-    log.clear();
-    oru::Conn *conn = Connect();
-    Classify(conn, 0, "GET / HTTP/1.1\r\n\r\n");
-    Classify(conn, 1,
-             std::string("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n") + row.size_line);
-    EXPECT_EQ(log.back() == "done", !row.abandoned);
-    kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
-  }
-}
-
-// Attributes: the head, the parts of the first line, a field by name in any
-// case, and bodies in pieces that say whether more follows.
-TEST_F(WebDpiTest, AttributesComeStraightFromTheBlocks) {
-  for (const char *name : {"t.request.uri", "t.request.header.Host", "t.response.body",
-                           "t.response.code", "t.request.header"}) {
-    Subscribe(name);
-  }
-  const int uri = kest_attr_key_get(h, "t.request.uri");
-  const int host = kest_attr_key_get(h, "t.request.header.Host");
-  const int body = kest_attr_key_get(h, "t.response.body");
-  const int code = kest_attr_key_get(h, "t.response.code");
-  const int head = kest_attr_key_get(h, "t.request.header");
-  oru::Conn *conn = Connect();
-  Classify(conn, 0, "GET /x HTTP/1.1\r\nhOsT: ex");
-  Classify(conn, 0, "ample\r\nHostname: no\r\n\r\n");
-  Classify(conn, 1, "HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\nabc");
-  Classify(conn, 1, "de");
-  Classify(conn, 1, "fg");
-  const auto K = [](int id) { return std::to_string(id) + "="; };
-  EXPECT_EQ(Values(),
-            (Log{K(head) + "GET /x HTTP/1.1\r\nhOsT: example\r\nHostname: no\r\n\r\n",
-                 K(uri) + "/x", K(host) + "example", K(code) + "200", K(body) + "abcdefg"}));
-  // The host value spans two blocks: two pieces, the first marked.
-  int host_pieces = 0;
-  for (const auto &d : g_deliveries) {
-    host_pieces += d.key == host;
-  }
-  EXPECT_EQ(host_pieces, 2);
-  // The launcher's INSPECT_NOTHING, and bit 16, which keeps the connection
-  // under inspection for attributes.
-  EXPECT_EQ(web->m_result, 18u);
-  kest_conn_destroy(h, static_cast<oru::IConn *>(conn));
-}
 
 // Subscribing to a field, dropping it, then a message: the family's trie
 // keeps no stale child for the message to read (ASan watches), and the field
@@ -266,76 +200,30 @@ TEST_F(WebDpiTest, ValidatorNamesAField) {
   }
 }
 
-// Exchanges with the messages the inspector reports and the transactions it
-// leaves open per side; neither may depend on where packets end.
+// An exchange of exchanges.txt: its turns (side, bytes) and what it shows.
 struct Exchange {
-  const char *name;
-  bool pipelining;
-  std::vector<std::pair<int, std::string>> turns; // side, bytes
-  Log log;
-  const char *open;
+  std::string name;
+  bool pipelining = false;
+  std::vector<std::pair<int, std::string>> turns;
+  Log shows;
 };
 
 std::vector<Exchange> Exchanges() {
-  const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-                              "5;ext=1\r\nhello\r\n1a\r\nabcdefghijklmnopqrstuvwxyz\r\n"
-                              "0\r\nTrailer: t\r\n\r\n";
-  return {
-      {"pipelined requests, chunked and sized responses",
-       true,
-       {{0, "POST /a HTTP/1.1\r\nHost: one\r\nContent-Length: 5\r\n\r\n12345"
-            "GET /b HTTP/1.1\r\nHost: two\r\n\r\n"},
-        {1, chunked + "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nxyz"}},
-       {"POST /a HTTP/1.1", "GET /b HTTP/1.1", "HTTP/1.1 200 OK", "done", "HTTP/1.1 200 OK",
-        "done"},
-       "0/0"},
-      {"100-continue",
-       false,
-       {{0, "POST /u HTTP/1.1\r\nHost: h\r\nContent-Length: 4\r\n\r\n"},
-        {1, "HTTP/1.1 100 Continue\r\n\r\n"},
-        {0, "data"},
-        {1, "HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n"}},
-       {"POST /u HTTP/1.1", "HTTP/1.1 100 Continue", "HTTP/1.1 201 Created", "done"},
-       "0/0"},
-      {"folded header lines",
-       false,
-       {{0, "GET /f HTTP/1.1\r\nHost: h\r\nX-Long: a\r\n b\r\n\tc\r\n\r\n"},
-        {1, "HTTP/1.1 204 No Content\r\nX-Fold: 1\r\n 2\r\n\r\n"}},
-       {"GET /f HTTP/1.1", "HTTP/1.1 204 No Content", "done"},
-       "0/0"},
-      {"both sides send requests",
-       false,
-       {{0, "GET /x HTTP/1.1\r\nHost: a\r\n\r\n"},
-        {1, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"},
-        {1, "POST /y HTTP/1.1\r\nHost: b\r\nContent-Length: 3\r\n\r\nabc"},
-        {0, chunked}},
-       {"GET /x HTTP/1.1", "HTTP/1.1 200 OK", "done", "POST /y HTTP/1.1", "HTTP/1.1 200 OK",
-        "done"},
-       "0/0"},
-      {"a body to the close",
-       false,
-       {{0, "GET /c HTTP/1.1\r\nHost: c\r\n\r\n"},
-        {1, "HTTP/1.1 200 OK\r\nServer: s\r\n\r\nall the rest of the stream"}},
-       {"GET /c HTTP/1.1", "HTTP/1.1 200 OK"},
-       "1/0"},
-      {"a new request replaces the unanswered one",
-       false,
-       {{0, "GET /1 HTTP/1.1\r\n\r\n"}, {0, "GET /2 HTTP/1.1\r\n\r\n"}},
-       {"GET /1 HTTP/1.1", "GET /2 HTTP/1.1"},
-       "1/0"},
-      {"pipelined requests with bodiless responses",
-       true,
-       {{0, "GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n"},
-        {1, "HTTP/1.1 204 No\r\n\r\nHTTP/1.1 304 Same\r\n\r\n"}},
-       {"GET /1 HTTP/1.1", "GET /2 HTTP/1.1", "HTTP/1.1 204 No", "done", "HTTP/1.1 304 Same",
-        "done"},
-       "0/0"},
-      {"a response without a request gives up",
-       false,
-       {{1, "HTTP/1.1 200 OK\r\n\r\n"}, {0, "GET / HTTP/1.1\r\n\r\n"}},
-       {},
-       "0/0"},
-  };
+  std::vector<Exchange> out;
+  for (const std::string &row : kest_test::TableRows(__FILE__, "exchanges.txt")) {
+    const std::string word = row.substr(0, row.find(' '));
+    const std::string rest = row.substr(std::min(row.size(), word.size() + 1));
+    if (word == "case") {
+      out.emplace_back().name = rest;
+    } else if (word == "pipelining") {
+      out.back().pipelining = true;
+    } else if (word == "c" || word == "s") {
+      out.back().turns.emplace_back(word == "s", kest_test::Unescape(rest));
+    } else {
+      out.back().shows.push_back(kest_test::Unescape(row));
+    }
+  }
+  return out;
 }
 
 // The one split that changes the outcome by design: a folded line's continuation
@@ -346,20 +234,21 @@ bool FoldStart(const std::string &text, size_t cut) {
 }
 
 TEST_F(WebDpiTest, SplitInvariance) {
+  std::map<int, std::string> names;
   for (const char *name :
        {"t.request.header", "t.request.uri", "t.request.header.Host", "t.response.code",
         "t.request.body", "t.response.body", "t.response.header.X-Fold"}) {
     Subscribe(name);
+    names[kest_attr_key_get(h, name)] = name;
   }
-  const int bodies[] = {kest_attr_key_get(h, "t.request.body"),
-                        kest_attr_key_get(h, "t.response.body")};
   kest_test::Log handoffs;
   oru::KeyValueRuleStore store("web");
   oru::fdt::intrusive_ptr<kest_test::ScriptedInspector> seen(
       kest_test::ScriptedInspector::Make("R", &handoffs, oru::INSPECT_FINISHED));
   ASSERT_TRUE(store.AddRule(oru::KeyValueSpec::string("Host"), oru::KeyValueSpec::string("*"),
                             seen->Callback(), true, 0, oru::KeyValueRuleStore::EXPIRY_LOCAL));
-  // Runs the exchange with each turn cut at the given points; what it shows.
+  // Runs the exchange with each turn cut at the given points; what it shows,
+  // in the file's words.
   auto run = [&](const Exchange &x, const std::vector<std::vector<size_t>> &cuts) {
     log.clear();
     handoffs.clear();
@@ -375,25 +264,31 @@ TEST_F(WebDpiTest, SplitInvariance) {
       }
       Classify(conn, x.turns[t].first, text.substr(from));
     }
+    Log out;
+    for (const std::string &line : log) {
+      out.push_back("log " + line);
+    }
+    if (!handoffs.empty()) {
+      out.push_back("handoffs " + std::to_string(handoffs.size()));
+    }
     // Values joined piece by piece; bodies as one run of bytes each, since
     // where a chunked body's pieces end depends on the packets.
-    Log out = log;
-    out.push_back("handoffs " + std::to_string(handoffs.size()));
-    std::map<int, std::string> body_bytes;
+    std::map<std::string, std::string> bodies;
     std::string value;
     for (const kest_test::Delivery &d : g_deliveries) {
-      if (d.key == bodies[0] || d.key == bodies[1]) {
-        body_bytes[d.key] += d.value;
-        continue;
-      }
       value += d.value;
-      if ((d.packed & 1) == 0) {
-        out.push_back(std::to_string(d.key) + "=" + value);
+      if (names[d.key].ends_with(".body")) {
+        bodies[names[d.key]] += value;
+        value.clear();
+      } else if ((d.packed & 1) == 0) {
+        out.push_back("attr " + names[d.key] + " " + value);
         value.clear();
       }
     }
-    for (const auto &[key, bytes] : body_bytes) {
-      out.push_back(std::to_string(key) + "=" + bytes);
+    for (const auto &[name, bytes] : bodies) {
+      if (!bytes.empty()) { // an empty piece comes or not with the packets
+        out.push_back("attr " + name + " " + bytes);
+      }
     }
     out.push_back("open " + std::to_string(web->m_transactions[0].size()) + "/" +
                   std::to_string(web->m_transactions[1].size()) + " result " +
@@ -404,10 +299,7 @@ TEST_F(WebDpiTest, SplitInvariance) {
   std::mt19937 random(21);
   for (const Exchange &x : Exchanges()) {
     SCOPED_TRACE(x.name);
-    const std::vector<std::vector<size_t>> whole(x.turns.size());
-    const Log expected = run(x, whole);
-    EXPECT_EQ(log, x.log);
-    EXPECT_EQ(expected.back().substr(0, 8), std::string("open ") + x.open);
+    ASSERT_EQ(run(x, std::vector<std::vector<size_t>>(x.turns.size())), x.shows);
     // Every single cut point of every turn.
     for (size_t t = 0; t < x.turns.size(); ++t) {
       const std::string &text = x.turns[t].second;
@@ -417,7 +309,7 @@ TEST_F(WebDpiTest, SplitInvariance) {
         }
         std::vector<std::vector<size_t>> cuts(x.turns.size());
         cuts[t] = {cut};
-        ASSERT_EQ(run(x, cuts), expected) << "turn " << t << " cut at " << cut;
+        ASSERT_EQ(run(x, cuts), x.shows) << "turn " << t << " cut at " << cut;
       }
     }
     // Random cuts everywhere.
@@ -431,7 +323,7 @@ TEST_F(WebDpiTest, SplitInvariance) {
           }
         }
       }
-      ASSERT_EQ(run(x, cuts), expected) << "round " << round;
+      ASSERT_EQ(run(x, cuts), x.shows) << "round " << round;
     }
   }
 }
