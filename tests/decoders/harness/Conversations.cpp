@@ -21,7 +21,8 @@
 //   cx <hex> | sx <hex>         a step given in hex
 //   stack <A/B/C>               the stack the connection's last packet
 //                               reports
-//   attr <name> <value>         an attribute, in order of delivery; a case
+//   attr <name> <value>         an attribute, in order of delivery (a value
+//                               handed over in pieces counts whole); a case
 //                               lists every value of the attributes its
 //                               file names anywhere, and only those
 //   config <key> <value>        a policy setting for this case (back to "1"
@@ -157,20 +158,34 @@ std::vector<Case> Load() {
   return cases;
 }
 
-// Attribute values as "name=value" in order of delivery; classifying
-// threads may call at once.
+// Attribute values as "name=value" in order of delivery, a value handed
+// over in pieces joined whole; classifying threads may call at once.
 struct Recorder {
   std::mutex lock;
   std::map<int, std::string> names;
   std::vector<std::string> values;
+  // Per key, the value whose further pieces are announced.
+  std::map<int, size_t> growing;
 };
 Recorder g_recorder;
 
-int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value, int, void *) {
+int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value, int packed,
+           void *) {
   const std::lock_guard<std::mutex> hold(g_recorder.lock);
-  g_recorder.values.push_back(
-      g_recorder.names[key] + "=" +
-      std::string(static_cast<const char *>(value), static_cast<size_t>(length)));
+  const std::string piece(static_cast<const char *>(value), static_cast<size_t>(length));
+  const auto growing = g_recorder.growing.find(key);
+  size_t at = g_recorder.values.size();
+  if (growing != g_recorder.growing.end()) {
+    at = growing->second;
+    g_recorder.values[at] += piece;
+  } else {
+    g_recorder.values.push_back(g_recorder.names[key] + "=" + piece);
+  }
+  if ((packed & 0xffff) != 0) {
+    g_recorder.growing[key] = at;
+  } else {
+    g_recorder.growing.erase(key);
+  }
   return 0;
 }
 
@@ -232,6 +247,7 @@ protected:
     {
       const std::lock_guard<std::mutex> hold(g_recorder.lock);
       g_recorder.values.clear();
+      g_recorder.growing.clear();
     }
     Outcome out;
     uint16_t client_port = 40000;
