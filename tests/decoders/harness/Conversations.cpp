@@ -19,6 +19,9 @@
 //   c <text> | s <text>         a step from the client (side 0) or server;
 //                               C escapes: \r \n \t \0 \\ \xNN
 //   cx <hex> | sx <hex>         a step given in hex
+//   to <address>                the connection's server address, IPv4 or
+//                               IPv6, in both runs (the client's is
+//                               10.0.0.1 or 2001:db8::1)
 //   stack <A/B/C>               the stack the connection's last packet
 //                               reports
 //   attr <name> <value>         an attribute, in order of delivery (a value
@@ -56,6 +59,9 @@ struct Connection {
   uint16_t port = 0;
   std::vector<Step> steps;
   std::string stack;
+  // The server's address when not the usual one, in the family it is
+  // written in.
+  std::string to;
 };
 
 struct Case {
@@ -139,6 +145,8 @@ std::vector<Case> Load() {
         c.conns.back().steps.push_back({word == "s" ? 1 : 0, Unescape(rest)});
       } else if (word == "cx" || word == "sx") {
         c.conns.back().steps.push_back({word == "sx" ? 1 : 0, Hex(rest)});
+      } else if (word == "to") {
+        c.conns.back().to = rest;
       } else if (word == "stack") {
         c.conns.back().stack = rest;
       } else if (word == "attr") {
@@ -260,6 +268,19 @@ protected:
         server.port = htons(k.port);
         client.address[15] = 1;
         server.address[15] = 2;
+      }
+      if (!k.to.empty()) {
+        const bool to_v6 = k.to.find(':') != std::string::npos;
+        EXPECT_EQ(inet_pton(to_v6 ? AF_INET6 : AF_INET, k.to.c_str(), server.address), 1) << k.to;
+        if (to_v6 != (client.family == KEST_FAMILY_IPV6)) {
+          client = kest_endpoint_t{KEST_FAMILY_IPV4, client.port, {10, 0, 0, 1}};
+          client.family = to_v6 ? KEST_FAMILY_IPV6 : KEST_FAMILY_IPV4;
+          if (to_v6) {
+            client.address[0] = 0x20, client.address[1] = 0x01, client.address[2] = 0x0d;
+            client.address[3] = 0xb8, client.address[15] = 1;
+          }
+        }
+        server.family = client.family;
       }
       kest_conn_t conn = nullptr;
       std::string stack;
