@@ -46,6 +46,9 @@ if(TARGET wire)
                KEST_TEST_WIRE_PACKETS="${CMAKE_CURRENT_LIST_DIR}/wire/packets.txt")
 endif()
 
+set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/transport/TcpStreamTest.cpp APPEND PROPERTY
+             COMPILE_DEFINITIONS KEST_TEST_TCP_SEGMENTS="${CMAKE_CURRENT_LIST_DIR}/transport/segments.txt")
+
 # The tests on the shared captures need libpcap: a program of their own, so
 # that the others run without it.
 find_library(KEST_PCAP_LIBRARY pcap)

@@ -31,6 +31,7 @@
 //   config <key> <value>        a policy setting for this case (back to "1"
 //                               after it)
 //   v4                          addresses matter: no IPv6 run
+#include "tests/decoders/DataRows.h"
 #include "tests/support/LeakCheck.h"
 #include "tests/support/PluginFolder.h"
 #include "tests/support/StackNames.h"
@@ -73,38 +74,6 @@ struct Case {
   bool v4_only = false;
 };
 
-std::string Unescape(const std::string &text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\' || i + 1 == text.size()) {
-      out.push_back(text[i]);
-      continue;
-    }
-    const char c = text[++i];
-    if (c == 'x' && i + 2 < text.size()) {
-      out.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
-      i += 2;
-      continue;
-    }
-    out.push_back(c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c == '0' ? '\0' : c);
-  }
-  return out;
-}
-
-std::string Hex(const std::string &text) {
-  std::string out;
-  std::string digits;
-  for (char c : text) {
-    if (isxdigit(static_cast<unsigned char>(c))) {
-      digits.push_back(c);
-    }
-  }
-  for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-    out.push_back(static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-  }
-  return out;
-}
-
 std::vector<Case> Load() {
   std::vector<Case> cases;
   std::vector<std::filesystem::path> files;
@@ -142,17 +111,20 @@ std::vector<Case> Load() {
       } else if (c.conns.empty() && (word == "c" || word == "s" || word == "cx" || word == "sx")) {
         ADD_FAILURE() << path << ": " << line << " before a connection";
       } else if (word == "c" || word == "s") {
-        c.conns.back().steps.push_back({word == "s" ? 1 : 0, Unescape(rest)});
+        c.conns.back().steps.push_back({word == "s" ? 1 : 0, kest_test::Unescape(rest)});
       } else if (word == "cx" || word == "sx") {
-        c.conns.back().steps.push_back({word == "sx" ? 1 : 0, Hex(rest)});
+        const kest_test::Bytes bytes = kest_test::HexBytes(rest);
+        c.conns.back().steps.push_back(
+            {word == "sx" ? 1 : 0, std::string(bytes.begin(), bytes.end())});
       } else if (word == "to") {
         c.conns.back().to = rest;
       } else if (word == "stack") {
         c.conns.back().stack = rest;
       } else if (word == "attr") {
         const size_t gap = rest.find(' ');
-        c.attrs.push_back(rest.substr(0, gap) + "=" +
-                          (gap == std::string::npos ? "" : Unescape(rest.substr(gap + 1))));
+        c.attrs.push_back(
+            rest.substr(0, gap) + "=" +
+            (gap == std::string::npos ? "" : kest_test::Unescape(rest.substr(gap + 1))));
       } else if (word == "config") {
         const size_t gap = rest.find(' ');
         c.config.push_back({rest.substr(0, gap), rest.substr(gap + 1)});

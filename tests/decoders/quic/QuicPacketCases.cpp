@@ -3,64 +3,39 @@
 // the Initial key schedule and the opening of the published client Initials
 // (versions 1 and 2), long headers, Google's public headers, frames, and the
 // CRYPTO stream cut and shuffled every way.
+#include "tests/decoders/DataRows.h"
+
 #include "quic/QuicPacket.h"
 #include "tls/TlsHello.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <string.h>
 #include <string>
 #include <vector>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using kest_quic::CryptoStream;
 using kest_quic::FrameStatus;
 using kest_quic::HeaderStatus;
 
-// Hex digits to bytes; "-" is none.
+using kest_test::Bytes;
+
 Bytes Hex(const std::string &text) {
-  Bytes out;
-  for (size_t i = 0; text != "-" && i + 1 < text.size(); i += 2) {
-    out.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
-  }
-  return out;
+  return kest_test::HexBytes(text);
 }
 
 Bytes Span(const uint8_t *p, size_t n) {
   return Bytes(p, p + n);
 }
 
-// The rows of vectors.txt of one kind, each its words after the kind.
 std::vector<std::vector<std::string>> Rows(const std::string &kind) {
-  static const auto all = [] {
-    std::map<std::string, std::vector<std::vector<std::string>>> rows;
-    std::ifstream in(KEST_TEST_QUIC_VECTORS);
-    std::string line;
-    while (std::getline(in, line)) {
-      std::istringstream words(line.substr(0, line.find('#')));
-      std::string first, word;
-      std::vector<std::string> row;
-      words >> first;
-      while (words >> word) {
-        row.push_back(word);
-      }
-      if (!first.empty()) {
-        rows[first].push_back(row);
-      }
-    }
-    return rows;
-  }();
-  const auto found = all.find(kind);
-  EXPECT_NE(found, all.end()) << kind;
-  return found == all.end() ? std::vector<std::vector<std::string>>{} : found->second;
+  return kest_test::DataRows(KEST_TEST_QUIC_VECTORS, kind);
 }
 
 // The ClientHello inside the published CRYPTO frame (after type, offset and

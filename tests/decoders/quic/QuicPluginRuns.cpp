@@ -4,11 +4,11 @@
 // and the hello's values still reported under the borrowed names.
 #include "PluginFolder.h"
 #include "StackNames.h"
+#include "tests/decoders/DataRows.h"
 
 #include <gtest/gtest.h>
 #include <kest.h>
 
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -28,45 +28,18 @@ int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value
 class QuicPluginRuns : public kest_test::PluginFolderFixture {};
 
 TEST_F(QuicPluginRuns, HelloNamesBorrowedWithoutTls) {
-  std::string packet, word;
-  std::ifstream in(KEST_TEST_QUIC_VECTORS);
-  while (std::getline(in, word) && word.rfind("initial ", 0) != 0) {
-  }
-  word = word.substr(word.rfind(' ') + 1);
   // IPv4 and UDP headers from 10.0.0.1:50123 to 10.0.0.2:4433 (the decoders
   // do not check sums), then the Initial.
-  const size_t length = 20 + 8 + word.size() / 2;
-  packet = {0x45,
-            0,
-            static_cast<char>(length >> 8),
-            static_cast<char>(length),
-            0,
-            0,
-            0x40,
-            0,
-            64,
-            17,
-            0,
-            0,
-            10,
-            0,
-            0,
-            1,
-            10,
-            0,
-            0,
-            2,
-            static_cast<char>(0xc3),
-            static_cast<char>(0xcb),
-            0x11,
-            0x51,
-            static_cast<char>((length - 20) >> 8),
-            static_cast<char>(length - 20),
-            0,
-            0};
-  for (size_t i = 0; i + 1 < word.size(); i += 2) {
-    packet.push_back(static_cast<char>(std::stoi(word.substr(i, 2), nullptr, 16)));
-  }
+  const kest_test::Bytes initial =
+      kest_test::HexBytes(kest_test::DataRows(KEST_TEST_QUIC_VECTORS, "initial")[0][5]);
+  const size_t length = 20 + 8 + initial.size();
+  kest_test::Bytes packet = kest_test::HexBytes("450000000000400040110000"
+                                                "0a0000010a000002c3cb115100000000");
+  packet[2] = static_cast<uint8_t>(length >> 8);
+  packet[3] = static_cast<uint8_t>(length);
+  packet[24] = static_cast<uint8_t>((length - 20) >> 8);
+  packet[25] = static_cast<uint8_t>(length - 20);
+  packet.insert(packet.end(), initial.begin(), initial.end());
   const kest_handle_t h = kest_open(
       Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG, KEST_TEST_QUIC_PLG})
           .c_str());

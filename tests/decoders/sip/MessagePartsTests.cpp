@@ -4,6 +4,7 @@
 // is), and the SDP and Transport readers on a table of bodies.
 #include "LeakCheck.h"
 #include "WebTestSupport.h"
+#include "tests/decoders/DataRows.h"
 
 #include "message/Media.h"
 #include "message/MessageLine.h"
@@ -27,24 +28,6 @@ struct LineRow {
   FirstLine expected;
 };
 
-std::string Unescape(const std::string &text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\' || i + 1 == text.size()) {
-      out.push_back(text[i]);
-      continue;
-    }
-    const char c = text[++i];
-    if (c == 'x') {
-      out.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
-      i += 2;
-      continue;
-    }
-    out.push_back(c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c);
-  }
-  return out;
-}
-
 const std::vector<LineRow> &Lines() {
   static const std::vector<LineRow> rows = [] {
     const std::map<std::string, const kest_message::Dialect *> dialects = {
@@ -64,7 +47,7 @@ const std::vector<LineRow> &Lines() {
         continue;
       }
       const size_t a = line.find(' '), b = line.find(' ', a + 1);
-      out.push_back({dialects.at(line.substr(0, a)), Unescape(line.substr(b + 1)),
+      out.push_back({dialects.at(line.substr(0, a)), kest_test::Unescape(line.substr(b + 1)),
                      judgements.at(line.substr(a + 1, b - a - 1))});
     }
     return out;

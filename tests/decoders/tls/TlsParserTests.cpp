@@ -1,52 +1,32 @@
 // The TLS decoder's plain code: SHA-256 against the published vectors, and
 // on the rows of hellos.txt the hello parser on real and broken hellos, the
 // record assembler cut at every byte, and the client fingerprint.
+#include "tests/decoders/DataRows.h"
+
 #include "tls/Sha256.h"
 #include "tls/TlsFingerprint.h"
 #include "tls/TlsHello.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <kest_host.h>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using kest_test::Bytes;
 using kest_tls::HelloAssembler;
 using kest_tls::HelloInfo;
 using kest_tls::ParseStatus;
 
 Bytes FromHex(const std::string &hex) {
-  Bytes out;
-  for (size_t i = 0; hex != "-" && i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
+  return kest_test::HexBytes(hex);
 }
 
-// The rows of hellos.txt of one kind, each its words after the kind.
 std::vector<std::vector<std::string>> Rows(const std::string &kind) {
-  std::vector<std::vector<std::string>> rows;
-  std::ifstream in(KEST_TEST_TLS_HELLOS);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream words(line.substr(0, line.find('#')));
-    std::string first, word;
-    std::vector<std::string> row;
-    for (words >> first; words >> word;) {
-      row.push_back(word);
-    }
-    if (first == kind) {
-      rows.push_back(row);
-    }
-  }
-  EXPECT_FALSE(rows.empty()) << kind;
-  return rows;
+  return kest_test::DataRows(KEST_TEST_TLS_HELLOS, kind);
 }
 
 Bytes Chrome() {

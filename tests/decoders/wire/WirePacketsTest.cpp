@@ -3,47 +3,26 @@
 // transports, one conversation in the three forms (both directions on one
 // connection, inspectors fed the reassembled stream), fragments, tunnels
 // and custom rules.
+#include "tests/decoders/DataRows.h"
 #include "tests/decoders/wire/WireTestSupport.h"
 
 #include "wire/WireParser.h"
 
-#include <fstream>
 #include <map>
-#include <sstream>
 
 namespace {
 
 using kest_decoders::PacketForm;
 using kest_decoders::ParsedPacket;
 using kest_decoders::ParseResult;
-using Bytes = std::vector<uint8_t>;
+using kest_test::Bytes;
 
 Bytes Hex(const std::string &hex) {
-  Bytes out;
-  for (size_t i = 0; hex != "-" && i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
+  return kest_test::HexBytes(hex);
 }
 
-// The rows of packets.txt of one kind, each its words after the kind.
 std::vector<std::vector<std::string>> Rows(const std::string &kind) {
-  std::vector<std::vector<std::string>> rows;
-  std::ifstream in(KEST_TEST_WIRE_PACKETS);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream words(line.substr(0, line.find('#')));
-    std::string first, word;
-    std::vector<std::string> row;
-    for (words >> first; words >> word;) {
-      row.push_back(word);
-    }
-    if (first == kind) {
-      rows.push_back(row);
-    }
-  }
-  EXPECT_FALSE(rows.empty()) << kind;
-  return rows;
+  return kest_test::DataRows(KEST_TEST_WIRE_PACKETS, kind);
 }
 
 std::vector<Bytes> Packets(const std::string &kind) {
