@@ -9,6 +9,7 @@
 #include "message/Media.h"
 #include "message/MessageLine.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <fstream>
 #include <kest/WebLine.h>
@@ -164,66 +165,34 @@ std::string Show(const kest_message::MediaList &media) {
   return out;
 }
 
-TEST(Media, SdpBodies) {
-  const struct {
-    std::string body;
-    std::string expected;
-  } rows[] = {
-      {"v=0\r\no=- 1 1 IN IP4 10.0.0.1\r\nc=IN IP4 10.0.0.1\r\nt=0 0\r\n"
-       "m=audio 49170 RTP/AVP 0 8\r\n",
-       "10.0.0.1:49170"},
-      // A media-level address wins; a second stream takes the session's.
-      {"c=IN IP4 192.0.2.1\nm=audio 5004 RTP/AVP 0\nc=IN IP4 192.0.2.9/127\n"
-       "m=video 5006/2 RTP/SAVPF 96\n",
-       "192.0.2.9:5004 192.0.2.1:5006"},
-      {"c=IN IP6 2001:db8::1\r\nm=audio 7078 RTP/AVP 0\r\nc=IN IP6 ff15::101/3\r\n",
-       "ff15::101:7078"},
-      // Not RTP, turned off, no address, a damaged address, damaged lines.
-      {"c=IN IP4 10.0.0.1\r\nm=image 12345 udptl t38\r\nm=audio 0 RTP/AVP 0\r\n", ""},
-      {"m=audio 7078 RTP/AVP 0\r\n", "-:7078"},
-      {"c=IN IP6 2001:db8::1::2\r\nm=audio 7078 RTP/AVP 0\r\n", "-:7078"},
-      {"c=IN IP4 10.0.0.256\r\nm=audio 99999 RTP/AVP 0\r\nm=audio x RTP/AVP\r\nm=", ""},
-  };
-  for (const auto &row : rows) {
+TEST(Media, Rows) {
+  std::ifstream in(KEST_TEST_MEDIA);
+  std::string row;
+  int rows = 0;
+  while (std::getline(in, row)) {
+    rows += row.empty() || row[0] == '#' ? 0 : 1;
+    const size_t a = row.find(' '), b = row.find(' ', a + 1);
+    const std::string kind = row.substr(0, a), bytes = kest_test::Unescape(row.substr(b + 1));
+    std::string want = row.substr(a + 1, b - a - 1);
+    std::replace(want.begin(), want.end(), ',', ' ');
     kest_message::MediaList media;
-    kest_message::ParseSdp(row.body.data(), row.body.size(), media);
-    EXPECT_EQ(Show(media), row.expected) << row.body;
+    if (kind == "sdp") {
+      kest_message::ParseSdp(bytes.data(), bytes.size(), media);
+    } else if (kind == "transport") {
+      kest_message::ParseTransport(bytes.data(), bytes.size(), oru::IpAddr::FromV4(0x0a000001),
+                                   oru::IpAddr::FromV4(0x0a000002), media);
+    } else if (kind == "rtp") {
+      const kest_test::Bytes datagram = kest_test::HexBytes(bytes);
+      EXPECT_EQ(kest_message::MediaInspector::Judge(datagram.data(), datagram.size()),
+                std::stoi(want))
+          << bytes;
+      continue;
+    } else {
+      continue;
+    }
+    EXPECT_EQ(Show(media), want == "-" ? "" : want) << bytes;
   }
-}
-
-TEST(Media, TransportHeaders) {
-  const oru::IpAddr client = oru::IpAddr::FromV4(0x0a000001);
-  const oru::IpAddr server = oru::IpAddr::FromV4(0x0a000002);
-  const struct {
-    std::string value;
-    std::string expected;
-  } rows[] = {
-      {"RTP/AVP;unicast;client_port=4588-4589;server_port=6256-6257",
-       "10.0.0.1:4588 10.0.0.2:6256"},
-      {"RTP/AVP;unicast;client_port=4588-4589", "10.0.0.1:4588"},
-      {"RTP/AVP;multicast;destination=224.2.0.1;client_port=3456-3457, RTP/AVP/TCP;interleaved=0-1",
-       "224.2.0.1:3456"},
-      {"RTP/AVP/TCP;unicast;interleaved=0-1", ""},
-      {"RTP/AVP;client_port=70000-70001;server_port=;source=1.2.3", ""},
-  };
-  for (const auto &row : rows) {
-    kest_message::MediaList media;
-    kest_message::ParseTransport(row.value.data(), row.value.size(), client, server, media);
-    EXPECT_EQ(Show(media), row.expected) << row.value;
-  }
-}
-
-TEST(Media, RtpJudgement) {
-  const uint8_t rtp[12] = {0x80, 0x00, 0x12, 0x34, 0, 0, 0, 1, 0xde, 0xad, 0xbe, 0xef};
-  const uint8_t rtcp[8] = {0x80, 200, 0x00, 0x01, 0xde, 0xad, 0xbe, 0xef};
-  const uint8_t old[12] = {0x40, 0x00, 0x12, 0x34, 0, 0, 0, 1, 0xde, 0xad, 0xbe, 0xef};
-  const uint8_t csrc[12] = {0x83, 0x00, 0x12, 0x34, 0, 0, 0, 1, 0xde, 0xad, 0xbe, 0xef};
-  EXPECT_EQ(kest_message::MediaInspector::Judge(rtp, sizeof rtp), 1);
-  EXPECT_EQ(kest_message::MediaInspector::Judge(rtcp, sizeof rtcp), 2);
-  EXPECT_EQ(kest_message::MediaInspector::Judge(rtcp, 7), 0);
-  EXPECT_EQ(kest_message::MediaInspector::Judge(old, sizeof old), 0);
-  EXPECT_EQ(kest_message::MediaInspector::Judge(csrc, sizeof csrc), 0);
-  EXPECT_EQ(kest_message::MediaInspector::Judge(rtp, 11), 0);
+  EXPECT_EQ(rows, 18);
 }
 
 } // namespace
