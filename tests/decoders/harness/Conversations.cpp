@@ -15,7 +15,6 @@
 //   tcp <port> | udp <port>     a connection, to the server's port; a case
 //                               may have several, one after the other, each
 //                               from its own client port
-
 //   c <text> | s <text>         a step from the client (side 0) or server;
 //                               C escapes: \r \n \t \0 \\ \xNN
 //   cx <hex> | sx <hex>         a step given in hex
