@@ -40,10 +40,14 @@ endif()
 if(TARGET wire)
   add_dependencies(kest_tests wire)
   get_target_property(_wire_plg wire KEST_PLUGIN_FILE)
-  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/wire/WirePluginTest.cpp APPEND PROPERTY
+  set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/wire/WirePacketsTest.cpp APPEND PROPERTY
                COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
-               KEST_TEST_WIRE_PLG="${_wire_plg}" KEST_TEST_PROBE_PLG="${_probe_plg}")
+               KEST_TEST_WIRE_PLG="${_wire_plg}" KEST_TEST_PROBE_PLG="${_probe_plg}"
+               KEST_TEST_WIRE_PACKETS="${CMAKE_CURRENT_LIST_DIR}/wire/packets.txt")
 endif()
+
+set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/transport/TcpStreamTest.cpp APPEND PROPERTY
+             COMPILE_DEFINITIONS KEST_TEST_TCP_SEGMENTS="${CMAKE_CURRENT_LIST_DIR}/transport/segments.txt")
 
 # The tests on the shared captures need libpcap: a program of their own, so
 # that the others run without it.

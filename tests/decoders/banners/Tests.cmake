@@ -1,39 +1,9 @@
-# The line-dialogue decoders (SSH, SMTP, POP3, IMAP, FTP) together through
-# their packed plug-ins, on conversations handed over side by side.
-set(_banner_plugins ssh smtp pop3 imap ftp tcp udp)
-set(_banner_ready TRUE)
-foreach(plugin ${_banner_plugins})
-  if(NOT TARGET ${plugin})
-    set(_banner_ready FALSE)
-  endif()
-endforeach()
-if(_banner_ready)
-  add_executable(kest_banner_tests ${CMAKE_CURRENT_LIST_DIR}/BannerConversations.cpp
-                                   ${CMAKE_CURRENT_LIST_DIR}/TextLineReads.cpp)
-  target_include_directories(kest_banner_tests PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/decoders)
-  target_link_libraries(kest_banner_tests PRIVATE kest kest_test_support GTest::gtest_main)
-  add_dependencies(kest_banner_tests ${_banner_plugins})
-  set(_banner_files "")
-  foreach(plugin ${_banner_plugins})
-    get_target_property(_plg ${plugin} KEST_PLUGIN_FILE)
-    list(APPEND _banner_files "\"${_plg}\"")
-  endforeach()
-  # A message decoder beside them, when there is one: its connections must
-  # come out as before.
-  if(TARGET http)
-    add_dependencies(kest_banner_tests http)
-    get_target_property(_plg http KEST_PLUGIN_FILE)
-    list(APPEND _banner_files "\"${_plg}\"")
-    target_compile_definitions(kest_banner_tests PRIVATE KEST_TEST_HTTP_BESIDE=1)
-  endif()
-  # The TLS decoder, when there is one, for what follows STARTTLS.
-  if(TARGET tls)
-    add_dependencies(kest_banner_tests tls)
-    get_target_property(_plg tls KEST_PLUGIN_FILE)
-    list(APPEND _banner_files "\"${_plg}\"")
-    target_compile_definitions(kest_banner_tests PRIVATE KEST_TEST_TLS_BESIDE=1)
-  endif()
-  string(REPLACE ";" "," _banner_files "${_banner_files}")
-  target_compile_definitions(kest_banner_tests PRIVATE KEST_TEST_BANNER_PLGS=${_banner_files})
-  gtest_discover_tests(kest_banner_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
-endif()
+# Lines read from a stream and FTP's announcements, as pure functions. The
+# line-dialogue decoders' conversations, FTP's data connections among them,
+# are in banners.conv.
+add_executable(kest_banner_tests ${CMAKE_CURRENT_LIST_DIR}/TextLineReads.cpp)
+target_include_directories(kest_banner_tests PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/decoders)
+target_link_libraries(kest_banner_tests PRIVATE kest kest_test_support GTest::gtest_main)
+target_compile_definitions(kest_banner_tests PRIVATE
+                           KEST_TEST_FTP_ANNOUNCEMENTS="${CMAKE_CURRENT_LIST_DIR}/announcements.txt")
+gtest_discover_tests(kest_banner_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)

@@ -1,10 +1,12 @@
 // Lines read from a side's stream as a pure function of its blocks: the
 // same lines wherever the stream is cut into blocks, long lines cut to the
-// buffer but read whole, and a line without LF beyond the bound refused.
+// buffer but read whole, and a line without LF beyond the bound refused; and
+// the end points FTP lines announce.
 #include "decoders/ftp/FtpAnnounce.h"
 #include "tests/support/TestHooks.h"
 #include <kest/kit/TextLine.h>
 
+#include <fstream>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
@@ -86,63 +88,38 @@ TEST(TextLineReads, PlaceBeforeTheKeptBytesIsLost) {
   flow.Reset();
 }
 
-// The end points FTP lines announce, with "" for lines that announce none
-// and "*" for an address the sender's own stands in for.
+// The end points FTP lines announce, on the rows of announcements.txt.
 TEST(FtpAnnouncements, EachLineItsEndPoint) {
-  const struct {
-    bool client;
-    const char *line;
-    const char *want;
-  } cases[] = {
-      {true, "PORT 192,168,1,212,195,254", "v4 c0a801d4:50174"},
-      {true, "port  10,0,0,1,0,21", "v4 a000001:21"},
-      {true, "EPRT |1|132.235.1.2|6275|", "v4 84eb0102:6275"},
-      {true, "EPRT !2!1080::8:800:200C:417A!5282!", "v6 1080:0:0:0:8:800:200c:417a:5282"},
-      {true, "EPRT |2|::1:0:0:1|21|", "v6 0:0:0:0:1:0:0:1:21"},
-      {true, "EPRT |2|fe80::|21|", "v6 fe80:0:0:0:0:0:0:0:21"},
-      {false, "227 Entering Passive Mode (90,130,70,73,100,85).", "v4 5a824649:25685"},
-      {false, "227 Entering Passive Mode 90,130,70,73,100,85", "v4 5a824649:25685"},
-      {false, "229 Entering Extended Passive Mode (|||6446|)", "*:6446"},
-      // Not announcements, or damaged ones.
-      {true, "PORT 192,168,1,256,1,1", ""},
-      {true, "PORT 1,2,3,4,0,0", ""},
-      {true, "PORT 1,2,3,4,5", ""},
-      {true, "PORTS 1,2,3,4,5,6", ""},
-      {true, "EPRT |1|1.2.3|6275|", ""},
-      {true, "EPRT |3|1.2.3.4|6275|", ""},
-      {true, "EPRT |2|1::2::3|21|", ""},
-      {true, "EPRT |2|1:2:3:4:5:6:7:8:9|21|", ""},
-      {true, "EPRT |2|12345::|21|", ""},
-      {true, "EPRT |1|1.2.3.4|70000|", ""},
-      {true, "EPRT |1|1.2.3.4|21", ""},
-      {false, "227-Entering Passive Mode (90,130,70,73,100,85)", ""},
-      {false, "229 Entering Extended Passive Mode (|1|1.2.3.4|6446|)", ""},
-      {false, "229 Entering Extended Passive Mode (|||0|)", ""},
-      {false, "200 PORT command successful", ""},
-  };
-  for (const auto &c : cases) {
-    kest_decoders::FtpEndpoint got{};
-    const uint32_t n = static_cast<uint32_t>(strlen(c.line));
-    const bool found = c.client ? kest_decoders::ClientAnnounce(c.line, n, got)
-                                : kest_decoders::ServerAnnounce(c.line, n, got);
-    std::string text;
-    if (found) {
-      char buffer[96];
-      uint8_t b[16];
-      got.addr.ToV6(b);
-      if (got.addr.is_zero()) {
-        snprintf(buffer, sizeof buffer, "*");
-      } else if (got.addr.is_v4()) {
-        snprintf(buffer, sizeof buffer, "v4 %x", got.addr.v4());
-      } else {
-        snprintf(buffer, sizeof buffer, "v6 %x:%x:%x:%x:%x:%x:%x:%x", b[0] << 8 | b[1],
-                 b[2] << 8 | b[3], b[4] << 8 | b[5], b[6] << 8 | b[7], b[8] << 8 | b[9],
-                 b[10] << 8 | b[11], b[12] << 8 | b[13], b[14] << 8 | b[15]);
-      }
-      text = std::string(buffer) + ":" + std::to_string(got.port);
+  std::ifstream in(KEST_TEST_FTP_ANNOUNCEMENTS);
+  std::string row;
+  int rows = 0;
+  while (std::getline(in, row)) {
+    if (row.empty() || row[0] == '#') {
+      continue;
     }
-    EXPECT_EQ(text, c.want) << c.line;
+    ++rows;
+    const size_t a = row.find(' '), b = row.find(' ', a + 1);
+    const std::string line = row.substr(b + 1);
+    kest_decoders::FtpEndpoint got{};
+    const uint32_t n = static_cast<uint32_t>(line.size());
+    const bool found = row.substr(0, a) == "client"
+                           ? kest_decoders::ClientAnnounce(line.data(), n, got)
+                           : kest_decoders::ServerAnnounce(line.data(), n, got);
+    char text[96] = "-";
+    uint8_t v[16];
+    got.addr.ToV6(v);
+    if (found && got.addr.is_zero()) {
+      snprintf(text, sizeof text, "*:%u", got.port);
+    } else if (found && got.addr.is_v4()) {
+      snprintf(text, sizeof text, "v4/%x:%u", got.addr.v4(), got.port);
+    } else if (found) {
+      snprintf(text, sizeof text, "v6/%x:%x:%x:%x:%x:%x:%x:%x:%u", v[0] << 8 | v[1],
+               v[2] << 8 | v[3], v[4] << 8 | v[5], v[6] << 8 | v[7], v[8] << 8 | v[9],
+               v[10] << 8 | v[11], v[12] << 8 | v[13], v[14] << 8 | v[15], got.port);
+    }
+    EXPECT_EQ(text, row.substr(a + 1, b - a - 1)) << line;
   }
+  EXPECT_GT(rows, 20);
 }
 
 } // namespace

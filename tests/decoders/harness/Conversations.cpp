@@ -15,18 +15,22 @@
 //   tcp <port> | udp <port>     a connection, to the server's port; a case
 //                               may have several, one after the other, each
 //                               from its own client port
-
 //   c <text> | s <text>         a step from the client (side 0) or server;
 //                               C escapes: \r \n \t \0 \\ \xNN
 //   cx <hex> | sx <hex>         a step given in hex
+//   to <address>                the connection's server address, IPv4 or
+//                               IPv6, in both runs (the client's is
+//                               10.0.0.1 or 2001:db8::1)
 //   stack <A/B/C>               the stack the connection's last packet
 //                               reports
-//   attr <name> <value>         an attribute, in order of delivery; a case
+//   attr <name> <value>         an attribute, in order of delivery (a value
+//                               handed over in pieces counts whole); a case
 //                               lists every value of the attributes its
 //                               file names anywhere, and only those
 //   config <key> <value>        a policy setting for this case (back to "1"
 //                               after it)
 //   v4                          addresses matter: no IPv6 run
+#include "tests/decoders/DataRows.h"
 #include "tests/support/LeakCheck.h"
 #include "tests/support/PluginFolder.h"
 #include "tests/support/StackNames.h"
@@ -55,6 +59,9 @@ struct Connection {
   uint16_t port = 0;
   std::vector<Step> steps;
   std::string stack;
+  // The server's address when not the usual one, in the family it is
+  // written in.
+  std::string to;
 };
 
 struct Case {
@@ -65,38 +72,6 @@ struct Case {
   std::vector<std::pair<std::string, std::string>> config;
   bool v4_only = false;
 };
-
-std::string Unescape(const std::string &text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\' || i + 1 == text.size()) {
-      out.push_back(text[i]);
-      continue;
-    }
-    const char c = text[++i];
-    if (c == 'x' && i + 2 < text.size()) {
-      out.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
-      i += 2;
-      continue;
-    }
-    out.push_back(c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c == '0' ? '\0' : c);
-  }
-  return out;
-}
-
-std::string Hex(const std::string &text) {
-  std::string out;
-  std::string digits;
-  for (char c : text) {
-    if (isxdigit(static_cast<unsigned char>(c))) {
-      digits.push_back(c);
-    }
-  }
-  for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-    out.push_back(static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-  }
-  return out;
-}
 
 std::vector<Case> Load() {
   std::vector<Case> cases;
@@ -135,15 +110,20 @@ std::vector<Case> Load() {
       } else if (c.conns.empty() && (word == "c" || word == "s" || word == "cx" || word == "sx")) {
         ADD_FAILURE() << path << ": " << line << " before a connection";
       } else if (word == "c" || word == "s") {
-        c.conns.back().steps.push_back({word == "s" ? 1 : 0, Unescape(rest)});
+        c.conns.back().steps.push_back({word == "s" ? 1 : 0, kest_test::Unescape(rest)});
       } else if (word == "cx" || word == "sx") {
-        c.conns.back().steps.push_back({word == "sx" ? 1 : 0, Hex(rest)});
+        const kest_test::Bytes bytes = kest_test::HexBytes(rest);
+        c.conns.back().steps.push_back(
+            {word == "sx" ? 1 : 0, std::string(bytes.begin(), bytes.end())});
+      } else if (word == "to") {
+        c.conns.back().to = rest;
       } else if (word == "stack") {
         c.conns.back().stack = rest;
       } else if (word == "attr") {
         const size_t gap = rest.find(' ');
-        c.attrs.push_back(rest.substr(0, gap) + "=" +
-                          (gap == std::string::npos ? "" : Unescape(rest.substr(gap + 1))));
+        c.attrs.push_back(
+            rest.substr(0, gap) + "=" +
+            (gap == std::string::npos ? "" : kest_test::Unescape(rest.substr(gap + 1))));
       } else if (word == "config") {
         const size_t gap = rest.find(' ');
         c.config.push_back({rest.substr(0, gap), rest.substr(gap + 1)});
@@ -157,20 +137,34 @@ std::vector<Case> Load() {
   return cases;
 }
 
-// Attribute values as "name=value" in order of delivery; classifying
-// threads may call at once.
+// Attribute values as "name=value" in order of delivery, a value handed
+// over in pieces joined whole; classifying threads may call at once.
 struct Recorder {
   std::mutex lock;
   std::map<int, std::string> names;
   std::vector<std::string> values;
+  // Per key, the value whose further pieces are announced.
+  std::map<int, size_t> growing;
 };
 Recorder g_recorder;
 
-int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value, int, void *) {
+int Listen(kest_handle_t, kest_conn_id_t, int key, int length, const void *value, int packed,
+           void *) {
   const std::lock_guard<std::mutex> hold(g_recorder.lock);
-  g_recorder.values.push_back(
-      g_recorder.names[key] + "=" +
-      std::string(static_cast<const char *>(value), static_cast<size_t>(length)));
+  const std::string piece(static_cast<const char *>(value), static_cast<size_t>(length));
+  const auto growing = g_recorder.growing.find(key);
+  size_t at = g_recorder.values.size();
+  if (growing != g_recorder.growing.end()) {
+    at = growing->second;
+    g_recorder.values[at] += piece;
+  } else {
+    g_recorder.values.push_back(g_recorder.names[key] + "=" + piece);
+  }
+  if ((packed & 0xffff) != 0) {
+    g_recorder.growing[key] = at;
+  } else {
+    g_recorder.growing.erase(key);
+  }
   return 0;
 }
 
@@ -232,6 +226,7 @@ protected:
     {
       const std::lock_guard<std::mutex> hold(g_recorder.lock);
       g_recorder.values.clear();
+      g_recorder.growing.clear();
     }
     Outcome out;
     uint16_t client_port = 40000;
@@ -244,6 +239,19 @@ protected:
         server.port = htons(k.port);
         client.address[15] = 1;
         server.address[15] = 2;
+      }
+      if (!k.to.empty()) {
+        const bool to_v6 = k.to.find(':') != std::string::npos;
+        EXPECT_EQ(inet_pton(to_v6 ? AF_INET6 : AF_INET, k.to.c_str(), server.address), 1) << k.to;
+        if (to_v6 != (client.family == KEST_FAMILY_IPV6)) {
+          client = kest_endpoint_t{KEST_FAMILY_IPV4, client.port, {10, 0, 0, 1}};
+          client.family = to_v6 ? KEST_FAMILY_IPV6 : KEST_FAMILY_IPV4;
+          if (to_v6) {
+            client.address[0] = 0x20, client.address[1] = 0x01, client.address[2] = 0x0d;
+            client.address[3] = 0xb8, client.address[15] = 1;
+          }
+        }
+        server.family = client.family;
       }
       kest_conn_t conn = nullptr;
       std::string stack;

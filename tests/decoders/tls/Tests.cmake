@@ -6,3 +6,4 @@ add_executable(kest_tls_tests ${CMAKE_CURRENT_LIST_DIR}/TlsParserTests.cpp
 target_include_directories(kest_tls_tests PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/decoders)
 target_link_libraries(kest_tls_tests PRIVATE kest kest_test_support GTest::gtest_main)
 gtest_discover_tests(kest_tls_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+target_compile_definitions(kest_tls_tests PRIVATE KEST_TEST_TLS_HELLOS="${CMAKE_CURRENT_LIST_DIR}/hellos.txt")

@@ -1,7 +1,7 @@
-// The TLS decoder's plain code: SHA-256 against the published vectors, the
-// hello parser on real and broken hellos, the record assembler cut at every
-// byte, and the client fingerprint.
-#include "HelloSamples.h"
+// The TLS decoder's plain code: SHA-256 against the published vectors, and
+// on the rows of hellos.txt the hello parser on real and broken hellos, the
+// record assembler cut at every byte, and the client fingerprint.
+#include "tests/decoders/DataRows.h"
 
 #include "tls/Sha256.h"
 #include "tls/TlsFingerprint.h"
@@ -9,23 +9,28 @@
 
 #include <gtest/gtest.h>
 #include <kest_host.h>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using kest_test::Bytes;
 using kest_tls::HelloAssembler;
 using kest_tls::HelloInfo;
 using kest_tls::ParseStatus;
 
-Bytes FromHex(const char *hex) {
-  Bytes out;
-  for (size_t i = 0; hex[i] != '\0' && hex[i + 1] != '\0'; i += 2) {
-    out.push_back(static_cast<uint8_t>(std::stoi(std::string(hex + i, 2), nullptr, 16)));
-  }
-  return out;
+Bytes FromHex(const std::string &hex) {
+  return kest_test::HexBytes(hex);
+}
+
+std::vector<std::vector<std::string>> Rows(const std::string &kind) {
+  return kest_test::DataRows(KEST_TEST_TLS_HELLOS, kind);
+}
+
+Bytes Chrome() {
+  return FromHex(Rows("sample")[0][0]);
 }
 
 std::string Hex(const uint8_t *data, size_t n) {
@@ -137,59 +142,20 @@ TEST(TlsSha256, PublishedVectors) {
   }
 }
 
-// Breaks one byte of a message at `at`, or cuts it to `cut` bytes (with the
-// length fields left as they were).
-Bytes Damaged(const char *hex, size_t at, uint8_t value, size_t cut = SIZE_MAX) {
-  Bytes m = FromHex(hex);
-  if (at < m.size()) {
-    m[at] = value;
-  }
-  if (cut < m.size()) {
-    m.resize(cut);
-  }
-  return m;
-}
-
 TEST_F(TlsParser, Table) {
-  using namespace tls_samples;
-  const Summary chrome{ParseStatus::kOk, "cloudflare-ech.com", "h2,http/1.1", "",
-                       "t13d1517h2_8daaf6152771_b1ff8ab2d16f"};
-  const Summary curl{ParseStatus::kOk, "www.ntop.org", "h2,http/1.1", "",
-                     "t12d6707h2_2955a3196ffa_c83f907a73d3"};
-  const Summary bad{ParseStatus::kMalformed, "", "", "", ""};
-  const size_t chrome_size = FromHex(kChromeClientHello).size();
-  struct Case {
-    const char *name;
-    Bytes message;
-    Summary want;
-  } cases[] = {
-      {"browser ClientHello", FromHex(kChromeClientHello), chrome},
-      {"curl ClientHello", FromHex(kCurlClientHello), curl},
-      {"TLS 1.3 ServerHello", FromHex(kServerHello13), {ParseStatus::kOk, "", "", "1.3", ""}},
-      {"TLS 1.2 ServerHello", FromHex(kServerHello12), {ParseStatus::kOk, "", "h2", "1.2", ""}},
-      {"empty", {}, bad},
-      {"header only", Damaged(kChromeClientHello, 0, 1, 4), bad},
-      {"cut by one", Damaged(kChromeClientHello, 0, 1, chrome_size - 1), bad},
-      {"not a hello", Damaged(kChromeClientHello, 0, 11), bad},
-      {"length one too long", Damaged(kChromeClientHello, 3, 0xfd), bad},
-      {"version 2", Damaged(kChromeClientHello, 4, 2), bad},
-      {"session id over 32", Damaged(kChromeClientHello, 38, 33), bad},
-      {"odd cipher length", Damaged(kChromeClientHello, 72, 0x21), bad},
-      {"cipher list past the end", Damaged(kChromeClientHello, 71, 0xff), bad},
-      {"extensions length off", Damaged(kChromeClientHello, 108, 0x94), bad},
-      {"ServerHello cut", Damaged(kServerHello13, 0, 2, 40), bad},
-  };
-  for (const Case &c : cases) {
-    EXPECT_EQ(Summarize(c.message), c.want) << c.name;
+  for (const auto &row : Rows("parse")) {
+    const auto text = [](const std::string &word) { return word == "-" ? "" : word; };
+    const Summary want{row[0] == "ok" ? ParseStatus::kOk : ParseStatus::kMalformed, text(row[1]),
+                       text(row[2]), text(row[3]), text(row[4])};
+    EXPECT_EQ(Summarize(FromHex(row[5])), want) << row[5].substr(0, 40);
   }
 }
 
 // Every prefix and every single-byte change of the real hellos: no read out
 // of bounds (the sanitizers watch), and a prefix never parses.
 TEST_F(TlsParser, EveryPrefixAndByte) {
-  for (const char *hex : {tls_samples::kChromeClientHello, tls_samples::kServerHello13,
-                          tls_samples::kServerHello12, tls_samples::kCurlClientHello}) {
-    const Bytes m = FromHex(hex);
+  for (const auto &row : Rows("sample")) {
+    const Bytes m = FromHex(row[0]);
     for (size_t n = 0; n < m.size(); ++n) {
       // An exact copy, so that a read past the prefix is caught.
       std::unique_ptr<uint8_t[]> prefix(new uint8_t[n + 1]);
@@ -215,7 +181,7 @@ TEST_F(TlsParser, GreaseValues) {
 // into two pieces and a spread of cuts into three, with records of several
 // sizes (one record, and the message spread over many).
 TEST_F(TlsParser, SplitInvariance) {
-  const Bytes message = FromHex(tls_samples::kChromeClientHello);
+  const Bytes message = Chrome();
   const Summary want = Summarize(message);
   ASSERT_EQ(want.status, ParseStatus::kOk);
   for (size_t chunk : {size_t{16384}, size_t{100}, size_t{7}}) {
@@ -234,51 +200,16 @@ TEST_F(TlsParser, SplitInvariance) {
 }
 
 TEST_F(TlsParser, AssemblerRefuses) {
-  const Bytes message = FromHex(tls_samples::kChromeClientHello);
-  struct Case {
-    const char *name;
-    Bytes stream;
-    HelloAssembler::State want;
-  } cases[] = {
-      {"HTTP", Bytes{'G', 'E', 'T', ' ', '/'}, HelloAssembler::State::kFailed},
-      {"application data first", Bytes{23, 3, 3, 0, 5, 1, 2, 3, 4, 5},
-       HelloAssembler::State::kFailed},
-      {"record version 3.0", Records(message, 16384, 0x0300), HelloAssembler::State::kFailed},
-      {"record version 3.5", Records(message, 16384, 0x0305), HelloAssembler::State::kFailed},
-      {"empty record", Bytes{22, 3, 1, 0, 0}, HelloAssembler::State::kFailed},
-      {"record too long", Bytes{22, 3, 1, 0x48, 0x01}, HelloAssembler::State::kFailed},
-      {"certificate first", Bytes{22, 3, 3, 0, 4, 11, 0, 0, 0}, HelloAssembler::State::kFailed},
-      {"hello too short", Bytes{22, 3, 3, 0, 4, 1, 0, 0, 37}, HelloAssembler::State::kFailed},
-      {"hello over 64 KiB", Bytes{22, 3, 3, 0, 4, 1, 1, 0, 0}, HelloAssembler::State::kFailed},
-      {"alert between records",
-       [&] {
-         Bytes s = Records(message, 100);
-         s.insert(s.begin() + 105, {21, 3, 3, 0, 2, 2, 40});
-         return s;
-       }(),
-       HelloAssembler::State::kFailed},
-      {"warning alert, then the hello",
-       [&] {
-         Bytes s = Records(message, 100);
-         s.insert(s.begin(), {21, 3, 3, 0, 2, 1, 112});
-         return s;
-       }(),
-       HelloAssembler::State::kDone},
-      {"long alert", Bytes{21, 3, 3, 0, 3, 1, 112, 0}, HelloAssembler::State::kFailed},
-      {"SSL 2.0-style ClientHello", Bytes{0x80, 0x2e, 1, 3, 1, 0, 0x15},
-       HelloAssembler::State::kLegacyHello},
-      {"half a hello",
-       [&] {
-         Bytes s = Records(message, 100);
-         s.resize(300);
-         return s;
-       }(),
-       HelloAssembler::State::kNeedMore},
-  };
-  for (const Case &c : cases) {
+  const std::map<std::string, HelloAssembler::State> states = {
+      {"failed", HelloAssembler::State::kFailed},
+      {"done", HelloAssembler::State::kDone},
+      {"legacy", HelloAssembler::State::kLegacyHello},
+      {"more", HelloAssembler::State::kNeedMore}};
+  for (const auto &row : Rows("assemble")) {
+    const Bytes stream = FromHex(row[1]);
     HelloAssembler assembler;
-    EXPECT_EQ(assembler.Feed(c.stream.data(), c.stream.size()), c.want) << c.name;
-    EXPECT_EQ(assembler.Message() != nullptr, c.want == HelloAssembler::State::kDone) << c.name;
+    EXPECT_EQ(assembler.Feed(stream.data(), stream.size()), states.at(row[0])) << row[1];
+    EXPECT_EQ(assembler.Message() != nullptr, row[0] == "done") << row[1];
   }
 }
 

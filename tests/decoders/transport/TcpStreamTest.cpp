@@ -1,6 +1,7 @@
-// TCP segments into a side's stream, as tables of steps: what the inspectors
-// of the connection are handed, side by side, after each segment.
+// TCP segments into a side's stream, on the tables of segments.txt: what the
+// inspectors of the connection are handed, side by side, after each segment.
 #include "tests/attributes/AttributeTestSupport.h"
+#include "tests/decoders/DataRows.h"
 #include "tests/decoders/DecoderTestSupport.h"
 #include "tests/rules/ChainTestSupport.h"
 
@@ -60,83 +61,55 @@ protected:
     recorder.reset();
     DecoderFixture::TearDown();
   }
-  // Side 0 is 10.0.0.1:40000, side 1 10.0.0.2:80.
-  unsigned Send(int side, uint8_t flags, uint32_t seq, const std::string &payload) {
+  // A segment from 10.0.0.1:`port` (side 0) or from 10.0.0.2:80 to it.
+  static oru::TransportSegment Segment(int side, uint8_t flags, uint32_t seq = 0,
+                                       const std::string &payload = "", uint16_t port = 40000) {
     oru::TransportSegment s{};
     const oru::IpAddr a = oru::IpAddr::FromV4(0x0A000001), b = oru::IpAddr::FromV4(0x0A000002);
     s.src = side == 0 ? a : b;
     s.dst = side == 0 ? b : a;
-    s.src_port = side == 0 ? 40000 : 80;
-    s.dst_port = side == 0 ? 80 : 40000;
+    s.src_port = side == 0 ? port : 80;
+    s.dst_port = side == 0 ? 80 : port;
     s.tcp_flags = flags;
     s.seq = seq;
     s.payload = reinterpret_cast<const uint8_t *>(payload.data());
     s.payload_length = static_cast<uint32_t>(payload.size());
+    return s;
+  }
+  // The segment through the TCP table; its connection is `last`.
+  unsigned Send(oru::TransportSegment s) {
     Enter();
     oru::fdt::intrusive_ptr<oru::Conn> conn;
     const unsigned r = kTcp.Table()->Classifier().Segment(s, conn);
     last = conn.get();
     return r;
   }
+  unsigned Send(int side, uint8_t flags, uint32_t seq, const std::string &payload) {
+    return Send(Segment(side, flags, seq, payload));
+  }
   oru::fdt::intrusive_ptr<Recorder> recorder;
   oru::Conn *last = nullptr;
 };
 
 TEST_F(SegmentTest, ReassemblyTables) {
-  constexpr uint8_t SYN = 0x02, ACK = 0x10, FIN = 0x01, RST = 0x04, SA = 0x12;
-  struct Step {
-    int side;
-    uint8_t flags;
-    uint32_t seq;
-    std::string bytes;
-    std::string seen0, seen1; // what inspection has been handed so far
-  };
-  struct Table {
-    const char *name;
-    std::vector<Step> steps;
-    bool closed; // over, but kept a while for late packets
-  } tables[] = {
-      {"in order, both sides, FIN from both, the last ACK on the same connection",
-       {{0, SYN, 100, "", "", ""},
-        {1, SA, 500, "", "", ""},
-        {0, ACK, 101, "GET", "GET", ""},
-        {1, ACK, 501, "OK", "GET", "OK"},
-        {0, FIN | ACK, 104, "", "GET", "OK"},
-        {1, FIN | ACK, 503, "", "GET", "OK"},
-        {0, ACK, 105, "", "GET", "OK"}},
-       true},
-      {"reordered within the window, a retransmission, an overlap",
-       {{0, SYN, 0, "", "", ""},
-        {0, ACK, 5, "efg", "", ""},
-        {0, ACK, 1, "abcd", "abcdefg", ""},
-        {0, ACK, 1, "abcd", "abcdefg", ""},
-        {0, ACK, 6, "fghij", "abcdefghij", ""}},
-       false},
-      {"picked up without a SYN, across the wrap",
-       {{0, ACK, 0xFFFFFFFEu, "ab", "ab", ""}, {0, ACK, 0, "cd", "abcd", ""}},
-       false},
-      {"a hole beyond the window is given up",
-       {{0, SYN, 0, "", "", ""},
-        {0, ACK, 1 + 20000, "far", "far", ""},
-        {0, ACK, 1, "near", "far", ""}},
-       false},
-      {"a RST ends it", {{0, SYN, 7, "", "", ""}, {0, RST, 8, "", "", ""}}, true},
-  };
   // However it ends (FIN, RST, or with the table), a connection is reported
   // expired once, when the table lets it go.
   ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", kest_test::RecordingListener), 0);
   kest_idle(h);
-  for (const Table &table : tables) {
-    SCOPED_TRACE(table.name);
+  const auto rows = kest_test::DataRows(KEST_TEST_TCP_SEGMENTS, "");
+  for (size_t at = 0; at < rows.size();) {
+    const std::vector<std::string> &table = rows[at++];
+    SCOPED_TRACE(table[2]);
     kest_test::g_deliveries.clear();
-    for (const Step &step : table.steps) {
-      SCOPED_TRACE(step.seq);
-      Send(step.side, step.flags, step.seq, step.bytes);
-      EXPECT_EQ(recorder->seen[0], step.seen0);
-      EXPECT_EQ(recorder->seen[1], step.seen1);
+    for (; at < rows.size() && rows[at][0] == "step"; ++at) {
+      const auto text = [&](size_t i) { return rows[at][i] == "-" ? "" : rows[at][i]; };
+      Send(std::stoi(rows[at][1]), static_cast<uint8_t>(std::stoul(rows[at][2], nullptr, 16)),
+           static_cast<uint32_t>(std::stoul(rows[at][3])), text(4));
+      EXPECT_EQ(recorder->seen[0], text(5)) << rows[at][3];
+      EXPECT_EQ(recorder->seen[1], text(6)) << rows[at][3];
     }
     EXPECT_EQ(kTcp.Table()->Count(), 1u);
-    EXPECT_EQ(static_cast<kest_decoders::TransportConn *>(last)->m_closed != 0, table.closed);
+    EXPECT_EQ(static_cast<kest_decoders::TransportConn *>(last)->m_closed != 0, table[1] == "1");
     EXPECT_TRUE(kest_test::g_deliveries.empty());
     kTcp.Table()->Clear();
     EXPECT_EQ(kest_test::g_deliveries.size(), 1u);
@@ -145,10 +118,10 @@ TEST_F(SegmentTest, ReassemblyTables) {
   }
   // A new SYN on a finished connection's end points starts another one.
   kest_test::g_deliveries.clear();
-  Send(0, SYN, 1, "");
-  Send(0, RST, 2, "");
+  Send(0, 0x02, 1, "");
+  Send(0, 0x04, 2, "");
   const uint64_t first = last->m_number;
-  Send(0, SYN, 9, "");
+  Send(0, 0x02, 9, "");
   EXPECT_NE(last->m_number, first);
   EXPECT_EQ(kTcp.Table()->Count(), 1u);
   EXPECT_EQ(kest_test::g_deliveries.size(), 1u);
@@ -186,16 +159,8 @@ TEST_F(SegmentTest, AgeingAndEviction) {
   EXPECT_EQ(kTcp.Table()->GetLimits().opening_ms, 1000u);
   EXPECT_EQ(kTcp.Table()->GetLimits().max_connections, 3u);
   auto flow = [&](uint16_t port, int side, uint8_t flags) {
-    oru::TransportSegment s{};
-    s.src = oru::IpAddr::FromV4(side == 0 ? 0x0A000001 : 0x0A000002);
-    s.dst = oru::IpAddr::FromV4(side == 0 ? 0x0A000002 : 0x0A000001);
-    s.src_port = side == 0 ? port : 80;
-    s.dst_port = side == 0 ? 80 : port;
-    s.tcp_flags = flags;
-    Enter();
-    oru::fdt::intrusive_ptr<oru::Conn> conn;
-    kTcp.Table()->Classifier().Segment(s, conn);
-    return conn->m_number;
+    Send(Segment(side, flags, 0, "", port));
+    return last->m_number;
   };
   auto at = [&](uint64_t ms) {
     kest_clock_set(h, ms);
@@ -243,16 +208,13 @@ TEST_F(SegmentTest, HostConnectionsAreNotAged) {
   oru::Conn *host = Create(6); // 192.0.0.0:40000 to 198.0.0.0:80
   kest_clock_set(h, 9000);
   Send(0, 0x02, 1, ""); // another flow: sweeps and makes room
-  oru::TransportSegment rst{};
+  oru::TransportSegment rst = Segment(0, 0x04);
   rst.src = host->m_tuple.src;
   rst.dst = host->m_tuple.dst;
   rst.src_port = host->m_tuple.src_port;
   rst.dst_port = host->m_tuple.dst_port;
-  rst.tcp_flags = 0x04;
-  oru::fdt::intrusive_ptr<oru::Conn> conn;
-  Enter();
-  kTcp.Table()->Classifier().Segment(rst, conn);
-  EXPECT_EQ(conn.get(), host);
+  Send(rst);
+  EXPECT_EQ(last, host);
   EXPECT_EQ(kTcp.Table()->Find(rst.src, rst.src_port, rst.dst, rst.dst_port), host);
   EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(host)), 0);
 }
