@@ -28,7 +28,7 @@ PEER_NAMES = {
     "DoH_DoT": "TLS", "QUIC": "QUIC", "DNS": "DNS", "MDNS": "MDNS", "LLMNR": "LLMNR",
     "SSH": "SSH", "SMTP": "SMTP", "POP3": "POP3", "IMAP": "IMAP", "FTP_CONTROL": "FTP",
     "FTP_DATA": "FTP_DATA", "SIP": "SIP", "RTSP": "RTSP", "SSDP": "SSDP", "RTP": "RTP",
-    "RTCP": "RTCP", "WebSocket": "WebSocket",
+    "RTCP": "RTCP", "WebSocket": "WebSocket", "NTP": "NTP", "SNMP": "SNMP", "Syslog": "Syslog",
 }
 KEST_APPS = set(PEER_NAMES.values())
 
