@@ -46,6 +46,7 @@ enum : ModuleId {
   MODULE_SYSLOG = 276,
   MODULE_RADIUS = 277,
   MODULE_TFTP = 278,
+  MODULE_DHCP = 279,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
