@@ -47,6 +47,7 @@ enum : ModuleId {
   MODULE_RADIUS = 277,
   MODULE_TFTP = 278,
   MODULE_DHCP = 279,
+  MODULE_NETBIOS = 280,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
