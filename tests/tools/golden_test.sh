@@ -19,7 +19,8 @@ fi
 attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --attr tls.version
   --attr tls.client_fingerprint --attr quic.version --attr ssh.client_banner
   --attr ssh.server_banner --attr smtp.helo --attr smtp.mail_from --attr ftp.user
-  --attr sip.request.method --attr rtsp.request.method --attr ssdp.request.method"
+  --attr sip.request.method --attr rtsp.request.method --attr ssdp.request.method
+  --attr snmp.version --attr snmp.pdu --attr syslog.facility --attr syslog.app"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0

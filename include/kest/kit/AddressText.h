@@ -1,6 +1,7 @@
-// Addresses written as text in the dialogues of the line protocols (FTP's
-// EPRT, SDP's connection lines): dotted IPv4 and IPv6 in its colon form.
-// Pure functions of the bytes; each takes the whole span it is given.
+// Addresses as text: read from the dialogues of the line protocols (FTP's
+// EPRT, SDP's connection lines), and written for attributes (a DHCP lease),
+// dotted IPv4 and IPv6 in its colon form. Pure functions of the bytes; each
+// takes the whole span it is given.
 #ifndef KEST_KIT_ADDRESSTEXT_H
 #define KEST_KIT_ADDRESSTEXT_H
 
@@ -103,6 +104,66 @@ inline bool ParseIpv6(const char *text, uint32_t length, oru::IpAddr &out) {
   }
   out = oru::IpAddr::FromV6(bytes);
   return true;
+}
+
+// Writes the 4 bytes at `a` as dotted text into `out` (16 bytes are enough);
+// returns the text's length.
+inline uint32_t FormatIpv4(const uint8_t *a, char *out) {
+  uint32_t n = 0;
+  for (int i = 0; i < 4; ++i) {
+    const uint32_t v = a[i];
+    if (v >= 100) {
+      out[n++] = static_cast<char>('0' + v / 100);
+    }
+    if (v >= 10) {
+      out[n++] = static_cast<char>('0' + v / 10 % 10);
+    }
+    out[n++] = static_cast<char>('0' + v % 10);
+    out[n++] = i < 3 ? '.' : '\0';
+  }
+  return n - 1;
+}
+
+// Writes the 16 bytes at `a` in the canonical colon form (lower case, the
+// first longest run of two or more zero groups as "::"; a mapped IPv4
+// address keeps the colon form too) into `out` (40 bytes are
+// enough); returns the text's length.
+inline uint32_t FormatIpv6(const uint8_t *a, char *out) {
+  int best = -1, best_length = 1;
+  for (int i = 0; i < 8;) {
+    int j = i;
+    while (j < 8 && a[2 * j] == 0 && a[2 * j + 1] == 0) {
+      ++j;
+    }
+    if (j - i > best_length) {
+      best = i;
+      best_length = j - i;
+    }
+    i = j > i ? j : i + 1;
+  }
+  uint32_t n = 0;
+  for (int i = 0; i < 8; ++i) {
+    if (i == best) {
+      out[n++] = ':';
+      out[n++] = ':';
+      i += best_length - 1;
+      continue;
+    }
+    if (i != 0 && i != best + best_length) {
+      out[n++] = ':';
+    }
+    const uint32_t group = static_cast<uint32_t>(a[2 * i]) << 8 | a[2 * i + 1];
+    bool lead = true;
+    for (int shift = 12; shift >= 0; shift -= 4) {
+      const uint32_t digit = group >> shift & 15;
+      if (!lead || digit != 0 || shift == 0) {
+        out[n++] = "0123456789abcdef"[digit];
+        lead = false;
+      }
+    }
+  }
+  out[n] = '\0';
+  return n;
 }
 
 } // namespace oru::kit

@@ -127,6 +127,48 @@ public:
   // What is left, as a reader; this reader is then empty.
   ByteReader Rest() { return Sub(m_left); }
 
+  // An ASN.1 element in BER (SNMP, LDAP, Kerberos): its identifier octet in
+  // `tag`, then a reader over its value. Definite lengths only, of at most
+  // four bytes, and tag numbers below 31 (one identifier octet); anything
+  // else spends the reader.
+  ByteReader Ber(uint32_t &tag) {
+    tag = U8();
+    uint32_t length = U8();
+    if ((tag & 0x1f) == 0x1f || length == 0x80 || length > 0x84) {
+      Spend();
+      return Spent();
+    }
+    if (length > 0x80) {
+      length = static_cast<uint32_t>(Uint(length & 0x7f));
+    }
+    return m_ok ? Sub(length) : Spent();
+  }
+  // The value of the next BER element when its tag is `tag`; otherwise a
+  // spent reader, and this one spent too.
+  ByteReader BerTagged(uint32_t tag) {
+    uint32_t got = 0;
+    ByteReader value = Ber(got);
+    if (got != tag) {
+      Spend();
+      return Spent();
+    }
+    return value;
+  }
+  // A BER INTEGER of at most eight bytes, two's complement; a longer or
+  // empty one spends the reader.
+  int64_t BerInt() {
+    ByteReader value = BerTagged(0x02);
+    if (value.Empty() || value.Left() > 8) {
+      Spend();
+      return 0;
+    }
+    int64_t n = static_cast<int8_t>(value.U8());
+    while (!value.Empty()) {
+      n = static_cast<int64_t>(static_cast<uint64_t>(n) << 8 | value.U8());
+    }
+    return n;
+  }
+
   // Walks type-length-value records to the end: `type_width` and
   // `length_width` bytes each (1 to 4), then the value. `visit(type, value)`
   // returns false to stop. True when the records filled the bytes exactly.

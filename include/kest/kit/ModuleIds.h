@@ -42,6 +42,12 @@ enum : ModuleId {
   MODULE_RTSP = 272,
   MODULE_SSDP = 273,
   MODULE_NTP = 274,
+  MODULE_SNMP = 275,
+  MODULE_SYSLOG = 276,
+  MODULE_RADIUS = 277,
+  MODULE_TFTP = 278,
+  MODULE_DHCP = 279,
+  MODULE_NETBIOS = 280,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
