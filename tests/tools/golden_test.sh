@@ -20,7 +20,8 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr tls.client_fingerprint --attr quic.version --attr ssh.client_banner
   --attr ssh.server_banner --attr smtp.helo --attr smtp.mail_from --attr ftp.user
   --attr sip.request.method --attr rtsp.request.method --attr ssdp.request.method
-  --attr snmp.version --attr snmp.pdu --attr syslog.facility --attr syslog.app"
+  --attr snmp.version --attr snmp.pdu --attr syslog.facility --attr syslog.app
+  --attr kerberos.msg_type --attr kerberos.cname"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0

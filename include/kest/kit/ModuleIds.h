@@ -48,6 +48,7 @@ enum : ModuleId {
   MODULE_TFTP = 278,
   MODULE_DHCP = 279,
   MODULE_NETBIOS = 280,
+  MODULE_KERBEROS = 281,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
