@@ -617,8 +617,8 @@ private:
         return Early(e, conn, side, flow, next, have);
       }
       uint8_t *scratch = Scratch();
-      const uint8_t *record = FlowSpan(flow, next, static_cast<size_t>(size), scratch,
-                                       scratch != nullptr ? f.max : 0);
+      const uint8_t *record =
+          FlowSpan(flow, next, static_cast<size_t>(size), scratch, scratch != nullptr ? f.max : 0);
       if (record == nullptr) {
         return false;
       }
