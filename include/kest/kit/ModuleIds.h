@@ -49,6 +49,7 @@ enum : ModuleId {
   MODULE_DHCP = 279,
   MODULE_NETBIOS = 280,
   MODULE_KERBEROS = 281,
+  MODULE_VNC = 282,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
