@@ -50,6 +50,7 @@ enum : ModuleId {
   MODULE_NETBIOS = 280,
   MODULE_KERBEROS = 281,
   MODULE_VNC = 282,
+  MODULE_TELNET = 283,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
