@@ -51,6 +51,7 @@ enum : ModuleId {
   MODULE_KERBEROS = 281,
   MODULE_VNC = 282,
   MODULE_TELNET = 283,
+  MODULE_LDAP = 284,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
