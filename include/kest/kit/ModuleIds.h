@@ -52,6 +52,7 @@ enum : ModuleId {
   MODULE_VNC = 282,
   MODULE_TELNET = 283,
   MODULE_LDAP = 284,
+  MODULE_RDP = 285,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
