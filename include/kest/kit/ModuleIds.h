@@ -53,6 +53,7 @@ enum : ModuleId {
   MODULE_TELNET = 283,
   MODULE_LDAP = 284,
   MODULE_RDP = 285,
+  MODULE_SOCKS = 286,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
