@@ -21,7 +21,8 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr ssh.server_banner --attr smtp.helo --attr smtp.mail_from --attr ftp.user
   --attr sip.request.method --attr rtsp.request.method --attr ssdp.request.method
   --attr snmp.version --attr snmp.pdu --attr syslog.facility --attr syslog.app
-  --attr kerberos.msg_type --attr kerberos.cname --attr telnet.options --attr vnc.security"
+  --attr kerberos.msg_type --attr kerberos.cname --attr telnet.options --attr vnc.security
+  --attr irc.nick"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0

@@ -54,6 +54,7 @@ enum : ModuleId {
   MODULE_LDAP = 284,
   MODULE_RDP = 285,
   MODULE_SOCKS = 286,
+  MODULE_IRC = 287,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };

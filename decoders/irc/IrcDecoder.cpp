@@ -1,0 +1,58 @@
+// IRC: a client that registers (NICK and USER, after PASS or CAP if it
+// likes), or a server that welcomes it (numeric 001). Reports the nickname
+// ("irc.nick") and the client's first command after registering
+// ("irc.command": JOIN, say).
+#include <kest/kit/LineDecoder.h>
+
+namespace {
+
+using namespace oru::kit;
+
+struct IrcRules {
+  static constexpr Spec kSpec{.plugin = "irc",
+                              .module = MODULE_IRC,
+                              .protocols = {"IRC"},
+                              .attributes = {"irc.nick", "irc.command"},
+                              .tcp = true,
+                              .tcp_ports = {6667, 6697}};
+  static constexpr uint32_t kMaxLine = 511; // 512 bytes with CR LF
+  static constexpr uint32_t kMaxLines = 32;
+  struct State {
+    uint8_t registered; // bit 1: NICK, bit 2: USER
+  };
+  static constexpr const char *kFirst[] = {"NICK", "USER", "PASS", "CAP", nullptr};
+
+  static bool Opening(State &, unsigned side, const char *bytes, uint32_t n) {
+    bool ok = side == 1 && bytes[0] == ':';
+    for (int i = 0; kFirst[i] != nullptr && !ok; ++i) {
+      ok = side == 0 && MayOpenWith(bytes, n, kFirst[i]);
+    }
+    return ok;
+  }
+
+  static unsigned Line(State &st, auto &notes, unsigned side, const char *text, uint32_t length,
+                       uint32_t) {
+    uint32_t word = 0; // the first word: a command, or a server's prefix
+    while (word < length && text[word] != ' ') {
+      ++word;
+    }
+    if (side == 1) { // ":server 001 nick :Welcome ..." names it
+      const TextSpan rest = Rest(text, length, word);
+      return HasPrefix(rest.text, rest.length, "001 ") ? LINE_MINE : LINE_GO_ON;
+    }
+    const int first = CommandIndex(text, length, kFirst);
+    if (first == 0) {
+      notes.Set(0, Rest(text, length, 5));
+    }
+    st.registered |= first == 0 ? 2 : first == 1 ? 4 : 0;
+    if (st.registered == 6 && first < 0) {
+      notes.Set(1, text, word);
+      return LINE_MINE | LINE_DONE;
+    }
+    return st.registered == 6 ? LINE_MINE : first < 0 ? LINE_NOT_MINE : LINE_GO_ON;
+  }
+};
+
+} // namespace
+
+KEST_LINE_DECODER(IrcRules)
