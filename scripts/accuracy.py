@@ -29,7 +29,7 @@ PEER_NAMES = {
     "SSH": "SSH", "SMTP": "SMTP", "POP3": "POP3", "IMAP": "IMAP", "FTP_CONTROL": "FTP",
     "FTP_DATA": "FTP_DATA", "SIP": "SIP", "RTSP": "RTSP", "SSDP": "SSDP", "RTP": "RTP",
     "RTCP": "RTCP", "WebSocket": "WebSocket", "NTP": "NTP", "SNMP": "SNMP", "Syslog": "Syslog",
-    "DHCP": "DHCP", "DHCPV6": "DHCPv6", "NetBIOS": "NetBIOS", "Kerberos": "Kerberos", "VNC": "VNC", "Telnet": "Telnet", "LDAP": "LDAP", "RDP": "RDP", "SOCKS": "SOCKS", "IRC": "IRC", "RADIUS": "RADIUS", "TFTP": "TFTP",
+    "DHCP": "DHCP", "DHCPV6": "DHCPv6", "NetBIOS": "NetBIOS", "Kerberos": "Kerberos", "VNC": "VNC", "Telnet": "Telnet", "LDAP": "LDAP", "RDP": "RDP", "SOCKS": "SOCKS", "IRC": "IRC", "XMPP": "XMPP", "Jabber": "XMPP", "RADIUS": "RADIUS", "TFTP": "TFTP",
 }
 KEST_APPS = set(PEER_NAMES.values())
 

@@ -55,6 +55,7 @@ enum : ModuleId {
   MODULE_RDP = 285,
   MODULE_SOCKS = 286,
   MODULE_IRC = 287,
+  MODULE_XMPP = 288,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
