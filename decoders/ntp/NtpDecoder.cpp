@@ -6,6 +6,7 @@
 // other layouts and are not read. Each message reports "ntp.version",
 // "ntp.mode" and "ntp.stratum".
 #include <kest/kit/Decoder.h>
+#include <kest/kit/TextLine.h>
 
 namespace {
 
@@ -42,13 +43,8 @@ struct Ntp {
   }
 
   static void Report(Session<Ntp> &s, int attribute, uint32_t value) {
-    char text[4] = {};
-    size_t n = 0;
-    if (value >= 10) {
-      text[n++] = static_cast<char>('0' + value / 10);
-    }
-    text[n++] = static_cast<char>('0' + value % 10);
-    s.Publish(attribute, text, n);
+    char text[10];
+    s.Publish(attribute, text, FormatDecimal(value, text));
   }
 
   static Verdict Feed(Session<Ntp> &s, ByteReader r) {

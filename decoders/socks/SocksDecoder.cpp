@@ -8,6 +8,7 @@
 // other decoders.
 #include <kest/kit/AddressText.h>
 #include <kest/kit/Decoder.h>
+#include <kest/kit/TextLine.h>
 
 #include <string.h>
 
@@ -36,16 +37,7 @@ struct Socks {
   // Appends ":port" to `text` at `length`.
   static uint32_t Port(char *text, uint32_t length, uint32_t port) {
     text[length++] = ':';
-    char digits[5];
-    uint32_t n = 0;
-    do {
-      digits[n++] = static_cast<char>('0' + port % 10);
-      port /= 10;
-    } while (port != 0);
-    while (n != 0) {
-      text[length++] = digits[--n];
-    }
-    return length;
+    return length + FormatDecimal(port, text + length);
   }
 
   // A zero-ended text at `r` of at most 255 bytes: its length, or kMore.

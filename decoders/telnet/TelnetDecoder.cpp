@@ -5,6 +5,7 @@
 // "telnet.options" (by name, or number), eight at most; the first 1024 bytes
 // of each side are read.
 #include <kest/kit/Decoder.h>
+#include <kest/kit/TextLine.h>
 
 namespace {
 
@@ -58,11 +59,8 @@ struct Telnet {
         return;
       }
     }
-    const char text[3] = {static_cast<char>('0' + option / 100),
-                          static_cast<char>('0' + option / 10 % 10),
-                          static_cast<char>('0' + option % 10)};
-    const uint32_t skip = option >= 100 ? 0 : option >= 10 ? 1 : 2;
-    s.Publish(0, text + skip, 3 - skip);
+    char text[10];
+    s.Publish(0, text, FormatDecimal(option, text));
   }
 
   static Verdict Feed(Session<Telnet> &s, ByteReader r) {

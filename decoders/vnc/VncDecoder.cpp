@@ -4,6 +4,7 @@
 // "vnc.security": the one the client picks from the server's list (3.7 and
 // later), or the one the server decides (3.3).
 #include <kest/kit/Decoder.h>
+#include <kest/kit/TextLine.h>
 
 namespace {
 
@@ -50,10 +51,8 @@ struct Vnc {
         return;
       }
     }
-    char text[4] = {static_cast<char>('0' + type / 100), static_cast<char>('0' + type / 10 % 10),
-                    static_cast<char>('0' + type % 10)};
-    const uint32_t skip = type >= 100 ? 0 : type >= 10 ? 1 : 2;
-    s.Publish(1, text + skip, 3 - skip);
+    char text[10];
+    s.Publish(1, text, FormatDecimal(type, text));
   }
 
   static Verdict Feed(Session<Vnc> &s, ByteReader r) {

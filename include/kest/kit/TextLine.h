@@ -121,6 +121,21 @@ inline bool MayBeginWith(const char *text, uint32_t length, const char *word) {
   return true;
 }
 
+// Writes `value` in decimal into `out` (10 bytes are enough); returns the
+// text's length.
+inline uint32_t FormatDecimal(uint32_t value, char *out) {
+  char digits[10];
+  uint32_t n = 0;
+  do {
+    digits[n++] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  for (uint32_t i = 0; i < n; ++i) {
+    out[i] = digits[n - 1 - i];
+  }
+  return n;
+}
+
 // Every byte of `text` is printable ASCII.
 inline bool Printable(const char *text, uint32_t length) {
   for (uint32_t i = 0; i < length; ++i) {
