@@ -35,32 +35,24 @@ struct Telnet {
     }
     st.seen[option >> 3] |= static_cast<uint8_t>(1 << (option & 7));
     ++st.reported;
-    static constexpr struct {
-      uint8_t option;
-      const char *name;
-    } kNames[] = {{0, "binary"},
-                  {1, "echo"},
-                  {3, "suppress-go-ahead"},
-                  {5, "status"},
-                  {6, "timing-mark"},
-                  {24, "terminal-type"},
-                  {31, "window-size"},
-                  {32, "terminal-speed"},
-                  {33, "remote-flow-control"},
-                  {34, "linemode"},
-                  {35, "x-display"},
-                  {36, "environ"},
-                  {37, "authentication"},
-                  {38, "encryption"},
-                  {39, "new-environ"}};
-    for (const auto &known : kNames) {
-      if (known.option == option) {
-        s.Publish(0, known.name);
-        return;
-      }
-    }
-    char text[10];
-    s.Publish(0, text, FormatDecimal(option, text));
+    static constexpr CodeName kNames[] = {{0, "binary"},
+                                          {1, "echo"},
+                                          {3, "suppress-go-ahead"},
+                                          {5, "status"},
+                                          {6, "timing-mark"},
+                                          {24, "terminal-type"},
+                                          {31, "window-size"},
+                                          {32, "terminal-speed"},
+                                          {33, "remote-flow-control"},
+                                          {34, "linemode"},
+                                          {35, "x-display"},
+                                          {36, "environ"},
+                                          {37, "authentication"},
+                                          {38, "encryption"},
+                                          {39, "new-environ"}};
+    char digits[10];
+    const TextSpan name = NameOrNumber(kNames, option, digits);
+    s.Publish(0, name.text, name.length);
   }
 
   static Verdict Feed(Session<Telnet> &s, ByteReader r) {

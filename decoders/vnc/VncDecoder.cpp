@@ -40,19 +40,12 @@ struct Vnc {
     if (type > 255) {
       return;
     }
-    static constexpr struct {
-      uint8_t type;
-      const char *name;
-    } kNames[] = {{0, "invalid"}, {1, "none"},      {2, "vnc-auth"}, {16, "tight"}, {17, "ultra"},
-                  {18, "tls"},    {19, "vencrypt"}, {20, "sasl"},    {30, "apple"}};
-    for (const auto &known : kNames) {
-      if (known.type == type) {
-        s.Publish(1, known.name);
-        return;
-      }
-    }
-    char text[10];
-    s.Publish(1, text, FormatDecimal(type, text));
+    static constexpr CodeName kNames[] = {{0, "invalid"},   {1, "none"},   {2, "vnc-auth"},
+                                          {16, "tight"},    {17, "ultra"}, {18, "tls"},
+                                          {19, "vencrypt"}, {20, "sasl"},  {30, "apple"}};
+    char digits[10];
+    const TextSpan name = NameOrNumber(kNames, type, digits);
+    s.Publish(1, name.text, name.length);
   }
 
   static Verdict Feed(Session<Vnc> &s, ByteReader r) {

@@ -252,6 +252,23 @@ inline TextSpan Rest(const char *text, uint32_t length, uint32_t skip) {
   return TextSpan{text + from, to - from};
 }
 
+// A protocol number and its name, for the tables decoders report from.
+struct CodeName {
+  uint32_t code;
+  const char *name;
+};
+
+// The name `table` gives `code`, or else its decimal digits, written into
+// `digits` (10 bytes are enough).
+template <size_t N> TextSpan NameOrNumber(const CodeName (&table)[N], uint32_t code, char *digits) {
+  for (const CodeName &known : table) {
+    if (known.code == code) {
+      return TextSpan{known.name, TextLength(known.name)};
+    }
+  }
+  return TextSpan{digits, FormatDecimal(code, digits)};
+}
+
 } // namespace oru::kit
 
 #endif
