@@ -56,6 +56,15 @@ enum : ModuleId {
   MODULE_SOCKS = 286,
   MODULE_IRC = 287,
   MODULE_XMPP = 288,
+  MODULE_SMB = 289,
+  // The IP protocols that are neither TCP nor UDP, one module each (ip.plg).
+  MODULE_ICMP = 290,
+  MODULE_ICMP6 = 291,
+  MODULE_IGMP = 292,
+  MODULE_GRE = 293,
+  MODULE_ESP = 294,
+  MODULE_SCTP = 295,
+  MODULE_IP = 296,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
