@@ -124,7 +124,7 @@ void BM_ConnIndexFind(benchmark::State &state) {
     }
     size_t i = 0, found = 0;
     for (auto _ : state) {
-      found += index.Find(addrs[i], 1000, oru::IpAddr::FromV4(0x0A010001), 80) != nullptr;
+      found += index.Find(addrs[i], 1000, oru::IpAddr::FromV4(0x0A010001), 80, 6) != nullptr;
       i = (i + 7919) % count;
     }
     for (auto &c : held) {

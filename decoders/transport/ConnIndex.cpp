@@ -17,10 +17,11 @@ void Put(uint64_t *out, const oru::IpAddr &addr) {
 }
 
 bool Matches(const TransportConn *c, const oru::IpAddr &src, uint16_t src_port,
-             const oru::IpAddr &dst, uint16_t dst_port) {
+             const oru::IpAddr &dst, uint16_t dst_port, uint8_t protocol) {
   const oru::Tuple &t = c->m_tuple;
-  return (t.src == src && t.src_port == src_port && t.dst == dst && t.dst_port == dst_port) ||
-         (t.src == dst && t.src_port == dst_port && t.dst == src && t.dst_port == src_port);
+  return t.protocol == protocol &&
+         ((t.src == src && t.src_port == src_port && t.dst == dst && t.dst_port == dst_port) ||
+          (t.src == dst && t.src_port == dst_port && t.dst == src && t.dst_port == src_port));
 }
 
 } // namespace
@@ -83,13 +84,13 @@ void ConnIndex::Remove(TransportConn *conn) {
 }
 
 TransportConn *ConnIndex::Find(const oru::IpAddr &src, uint16_t src_port, const oru::IpAddr &dst,
-                               uint16_t dst_port) const {
+                               uint16_t dst_port, uint8_t protocol) const {
   if (m_size == 0) {
     return nullptr;
   }
   for (TransportConn *c = m_buckets[Bucket(src, src_port, dst, dst_port)]; c != nullptr;
        c = c->m_index_next) {
-    if (Matches(c, src, src_port, dst, dst_port)) {
+    if (Matches(c, src, src_port, dst, dst_port, protocol)) {
       return c;
     }
   }

@@ -23,9 +23,11 @@ public:
   // want of memory; the connection is filed all the same, in longer chains.
   void Insert(TransportConn *conn);
   void Remove(TransportConn *conn);
-  // The connection of these end points in either direction, or null.
+  // The connection of these end points in either direction and of this IP
+  // protocol, or null. The protocol is not hashed: one table holds one
+  // protocol, but for the transport of the rarely seen numbers.
   TransportConn *Find(const oru::IpAddr &src, uint16_t src_port, const oru::IpAddr &dst,
-                      uint16_t dst_port) const;
+                      uint16_t dst_port, uint8_t protocol) const;
 
   size_t Count() const { return m_count; }
   size_t BucketCount() const { return m_size; }

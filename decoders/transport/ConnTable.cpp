@@ -20,7 +20,9 @@ ConnTable::~ConnTable() {
 
 oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {
   oru::Tuple own = tuple;
-  own.protocol = m_ip_protocol;
+  if (m_ip_protocol != 0) {
+    own.protocol = m_ip_protocol;
+  }
   TransportConn *conn;
   {
     oru::ScopedMemTag tag(oru::ScopedMemTag::WHOLE,
@@ -32,7 +34,7 @@ oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {
   }
   {
     oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
-    m_rules.SetupInspection(own.src, own.dst, own.src_port, own.dst_port, m_ip_protocol,
+    m_rules.SetupInspection(own.src, own.dst, own.src_port, own.dst_port, own.protocol,
                             conn->m_chain);
   }
   conn->add_ref();

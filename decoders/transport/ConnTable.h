@@ -50,16 +50,18 @@ public:
   // time is not up. The host's own connections are never aged.
   enum AgeClass : uint8_t { kOpening, kEstablished, kClosing, kClosed, kHost, kClasses };
 
-  // `ip_protocol` is 6 or 17, `proto` the transport's protocol index on this
-  // thread, `context` the memory context of the transport, `name` the
-  // store's name (kept as a pointer).
+  // `ip_protocol` is the IP protocol of all its connections, or 0 for a
+  // table of whatever number each connection's tuple says; `proto` the transport's protocol index
+  // on this thread, `context` the memory context of the transport, `name` the store's name (kept as
+  // a pointer).
   ConnTable(uint8_t ip_protocol, uint32_t proto, uint16_t context, const char *name);
   // Drops every connection still held, as Clear().
   ~ConnTable();
   ConnTable(const ConnTable &) = delete;
   ConnTable &operator=(const ConnTable &) = delete;
 
-  // A connection for the tuple, whose protocol becomes this table's, with its
+  // A connection for the tuple, whose protocol becomes this table's (if it
+  // has one), with its
   // chain filled from the store (source as the first end point); null
   // without memory.
   oru::Conn *Create(const oru::Tuple &tuple) override;
@@ -69,10 +71,12 @@ public:
 
   // Expires and drops every connection, newest first.
   void Clear();
-  // The connection of these end points, in either direction, or null.
+  // The connection of these end points, in either direction, or null; of
+  // IP protocol `protocol` in the table of any number (IpProtocol() 0).
   TransportConn *Find(const oru::IpAddr &src, uint16_t src_port, const oru::IpAddr &dst,
-                      uint16_t dst_port) const {
-    return m_index.Find(src, src_port, dst, dst_port);
+                      uint16_t dst_port, uint8_t protocol = 0) const {
+    return m_index.Find(src, src_port, dst, dst_port,
+                        m_ip_protocol != 0 ? m_ip_protocol : protocol);
   }
   const ConnIndex &Index() const { return m_index; }
   size_t Count() const { return m_count; }

@@ -102,9 +102,24 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   }
   oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
   const bool tcp = m_table->IpProtocol() == 6;
+  // Only TCP and UDP carry payload to inspectors; the other protocols are
+  // flows of packets.
+  const bool stream = tcp || m_table->IpProtocol() == 17;
+  if (segment.quoted != 0) {
+    // An error about a flow belongs to it, if it is still there; it neither
+    // makes nor refreshes one.
+    TransportConn *quoted = m_table->Find(segment.src, segment.src_port, segment.dst,
+                                          segment.dst_port, segment.protocol);
+    if (quoted == nullptr) {
+      return 0;
+    }
+    conn = quoted;
+    return oru::INSPECT_NOTHING;
+  }
   // Ageing rides on the packets: a few of the least recently used at a time.
   m_table->Sweep(oru::now(), kSweepBudget);
-  TransportConn *own = m_table->Find(segment.src, segment.src_port, segment.dst, segment.dst_port);
+  TransportConn *own =
+      m_table->Find(segment.src, segment.src_port, segment.dst, segment.dst_port, segment.protocol);
   if (own != nullptr && own->m_closed != 0 && (segment.tcp_flags & 0x12) == 0x02) {
     // A new SYN on the end points of a finished connection: a new one.
     m_table->Destroy(own);
@@ -119,6 +134,7 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
     tuple.dst = answer ? segment.src : segment.dst;
     tuple.src_port = answer ? segment.dst_port : segment.src_port;
     tuple.dst_port = answer ? segment.src_port : segment.dst_port;
+    tuple.protocol = segment.protocol;
     m_table->MakeRoom();
     own = static_cast<TransportConn *>(m_table->Create(tuple));
     if (own == nullptr) {
@@ -142,7 +158,9 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   flow.UpdateStats(segment.payload_length);
   uint64_t from = flow.m_next_pos;
   uint32_t grown = 0;
-  if (!tcp) {
+  if (!stream) {
+    // Counted above; nothing for inspectors.
+  } else if (!tcp) {
     if (segment.payload_length != 0 && segment.payload_length <= kMaxBlock &&
         flow.AddBlock(from, segment.payload, static_cast<uint16_t>(segment.payload_length),
                       false) != nullptr) {

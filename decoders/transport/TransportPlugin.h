@@ -27,7 +27,8 @@ public:
   static constexpr uint32_t kMajor = oru::kit::kSdkMajor;
 
   // `name` is the plug-in's and its rule store's; `protocol` names both the
-  // protocol and the module `module`; `ip_protocol` is 6 or 17; `context`
+  // protocol and the module `module`; `ip_protocol` is the IP protocol (0:
+  // any number the other transports leave); `context`
   // the memory context; `event` the name of the store's rule-use event.
   constexpr TransportPlugin(const char *name, const char *protocol, oru::ModuleId module,
                             uint8_t ip_protocol, uint16_t context, const char *event)

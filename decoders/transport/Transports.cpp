@@ -11,6 +11,66 @@ constexpr TransportPlugin kTcp("tcp", "TCP", oru::MODULE_TCP, 6, oru::MemTag::CT
 constexpr TransportPlugin kUdp("udp", "UDP", oru::MODULE_UDP, 17, oru::MemTag::CTX_UDP_INSPECT,
                                "udp.rule_used");
 
+// The flows of the other IP protocols age as datagram flows do, each by
+// limits of its own ("icmp.timeout.established", "ip.max_connections", ...).
+constexpr uint16_t kOtherContext = oru::MemTag::CTX_UDP_INSPECT;
+constexpr TransportPlugin kOthers[] = {
+    {"icmp", "ICMP", oru::kit::MODULE_ICMP, 1, kOtherContext, "icmp.rule_used"},
+    {"icmp6", "ICMPv6", oru::kit::MODULE_ICMP6, 58, kOtherContext, "icmp6.rule_used"},
+    {"igmp", "IGMP", oru::kit::MODULE_IGMP, 2, kOtherContext, "igmp.rule_used"},
+    {"gre", "GRE", oru::kit::MODULE_GRE, 47, kOtherContext, "gre.rule_used"},
+    {"esp", "ESP", oru::kit::MODULE_ESP, 50, kOtherContext, "esp.rule_used"},
+    {"sctp", "SCTP", oru::kit::MODULE_SCTP, 132, kOtherContext, "sctp.rule_used"},
+    {"ip", "IP", oru::kit::MODULE_IP, 0, kOtherContext, "ip.rule_used"},
+};
+constexpr int kOtherCount = sizeof kOthers / sizeof kOthers[0];
+
+// ip.plg: all of them in one plug-in, started and stopped together; a
+// failure half-way undoes what was done.
+const char *OthersName() {
+  return "ip";
+}
+bool OthersVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
+  return kOthers[0].GetVersion(library, own);
+}
+bool OthersInitInstance() {
+  for (int i = 0; i < kOtherCount; ++i) {
+    if (!kOthers[i].InitInstance()) {
+      while (i-- > 0) {
+        kOthers[i].ExitInstance();
+      }
+      return false;
+    }
+  }
+  return true;
+}
+bool OthersInitThread() {
+  for (int i = 0; i < kOtherCount; ++i) {
+    if (!kOthers[i].InitThread()) {
+      while (i-- > 0) {
+        kOthers[i].ExitThread();
+      }
+      return false;
+    }
+  }
+  return true;
+}
+void Nothing() {}
+void OthersExitThread() {
+  for (const TransportPlugin &other : kOthers) {
+    other.ExitThread();
+  }
+}
+void OthersExitInstance() {
+  for (const TransportPlugin &other : kOthers) {
+    other.ExitInstance();
+  }
+}
+
+constexpr oru::PluginEntryTable kOthersTable = {
+    OthersName, OthersVersion, OthersInitInstance, OthersInitThread,
+    Nothing,    Nothing,       OthersExitThread,   OthersExitInstance};
+
 } // namespace
 
 const TransportPlugin &TcpTransport() {
@@ -24,6 +84,9 @@ const oru::PluginEntryTable *TcpEntryTable() {
 }
 const oru::PluginEntryTable *UdpEntryTable() {
   return &TransportEntries<&kUdp>::kTable;
+}
+const oru::PluginEntryTable *OtherEntryTable() {
+  return &kOthersTable;
 }
 
 } // namespace kest_decoders

@@ -86,6 +86,46 @@ ParseResult LinkLayer(PacketForm form, const uint8_t *data, uint32_t length, uin
   return type == kEtherIpv4 || type == kEtherIpv6 ? ParseResult::kOk : ParseResult::kNotIp;
 }
 
+// ICMP messages that pair by an identifier where ports would be: echo (and,
+// for IPv4, timestamp) requests and replies.
+bool Paired(uint8_t protocol, uint8_t type) {
+  return protocol == 1 ? type == 0 || type == 8 || type == 13 || type == 14
+                       : type == 128 || type == 129;
+}
+
+// What keys the flow of a protocol without TCP's or UDP's header, from the
+// `n` bytes of its header at `l4`, in the two port fields: the SCTP ports,
+// the ESP security parameter index (high and low half), the ICMP echo
+// identifier on both sides; 0 and 0, one flow per address pair, for the
+// rest. False when the header these need is cut short.
+bool KeyOf(uint8_t protocol, const uint8_t *l4, uint32_t n, uint16_t &a, uint16_t &b) {
+  a = b = 0;
+  switch (protocol) {
+  case 132:
+    if (n < 12) {
+      return false;
+    }
+    a = oru::kit::LoadBe16(l4);
+    b = oru::kit::LoadBe16(l4 + 2);
+    return true;
+  case 50:
+    if (n < 8) {
+      return false;
+    }
+    a = oru::kit::LoadBe16(l4);
+    b = oru::kit::LoadBe16(l4 + 2);
+    return true;
+  case 1:
+  case 58:
+    if (n >= 8 && Paired(protocol, l4[0])) {
+      a = b = oru::kit::LoadBe16(l4 + 4);
+    }
+    return true;
+  default:
+    return true;
+  }
+}
+
 ParseResult Transport(const uint8_t *data, uint32_t at, uint32_t end, ParsedPacket &out) {
   out.l4_offset = static_cast<uint16_t>(at);
   if (out.protocol == 6) {
@@ -121,7 +161,9 @@ ParseResult Transport(const uint8_t *data, uint32_t at, uint32_t end, ParsedPack
   }
   out.payload = data + at;
   out.payload_length = end - at;
-  return ParseResult::kOk;
+  return KeyOf(out.protocol, out.payload, out.payload_length, out.src_port, out.dst_port)
+             ? ParseResult::kOk
+             : ParseResult::kMalformed;
 }
 
 ParseResult Ipv4(const uint8_t *data, uint32_t at, uint32_t length, ParsedPacket &out) {
@@ -233,6 +275,60 @@ ParseResult ParsePacket(PacketForm form, const uint8_t *data, uint32_t length, P
   default:
     return form == PacketForm::kIp ? ParseResult::kMalformed : ParseResult::kNotIp;
   }
+}
+
+bool QuotedFlow(const ParsedPacket &icmp, ParsedPacket &quoted) {
+  quoted = ParsedPacket();
+  const uint8_t *p = icmp.payload;
+  const uint32_t n = icmp.payload_length;
+  if (p == nullptr || n < 8 || (icmp.protocol != 1 && icmp.protocol != 58)) {
+    return false;
+  }
+  // Unreachable, source quench, redirect, time exceeded, parameter problem;
+  // for ICMPv6 unreachable, too big, time exceeded, parameter problem. The
+  // offending packet's start follows the 8 bytes of the ICMP header.
+  const uint8_t type = p[0];
+  const bool error = icmp.protocol == 1
+                         ? type == 3 || type == 4 || type == 5 || type == 11 || type == 12
+                         : type >= 1 && type <= 4;
+  if (!error) {
+    return false;
+  }
+  const uint8_t *ip = p + 8;
+  const uint32_t size = n - 8;
+  uint32_t header;
+  if (size >= 20 && (ip[0] >> 4) == 4) {
+    header = (ip[0] & 0x0F) * 4u;
+    // A later fragment quotes no transport header.
+    if (header < 20 || size < header || (oru::kit::LoadBe16(ip + 6) & 0x1FFF) != 0) {
+      return false;
+    }
+    quoted.ip_version = 4;
+    quoted.protocol = ip[9];
+    quoted.src = oru::IpAddr::FromV4(oru::kit::LoadBe32(ip + 12));
+    quoted.dst = oru::IpAddr::FromV4(oru::kit::LoadBe32(ip + 16));
+  } else if (size >= 40 && (ip[0] >> 4) == 6) {
+    header = 40;
+    quoted.ip_version = 6;
+    quoted.protocol = ip[6];
+    quoted.src = oru::IpAddr::FromV6(ip + 8);
+    quoted.dst = oru::IpAddr::FromV6(ip + 24);
+  } else {
+    return false;
+  }
+  const uint8_t *l4 = ip + header;
+  const uint32_t left = size - header;
+  if (quoted.protocol == 6 || quoted.protocol == 17) {
+    // Only the ports are needed of a header that is usually cut after 8
+    // bytes.
+    if (left < 4) {
+      return false;
+    }
+    quoted.src_port = oru::kit::LoadBe16(l4);
+    quoted.dst_port = oru::kit::LoadBe16(l4 + 2);
+    return true;
+  }
+  return KeyOf(quoted.protocol, l4, left, quoted.src_port, quoted.dst_port);
 }
 
 namespace {

@@ -71,7 +71,17 @@ enum : uint8_t {
   TCP_ACK = 0x10,
 };
 
+// For a kOk parse of any protocol but TCP and UDP, the two port fields key
+// the flow: SCTP's ports, ESP's security parameter index (its high and low
+// halves), the identifier of an ICMP or ICMPv6 echo on both sides, 0 and 0
+// (a flow per address pair) otherwise. An SCTP or ESP header cut short is
+// malformed.
 ParseResult ParsePacket(PacketForm form, const uint8_t *data, uint32_t length, ParsedPacket &out);
+
+// The flow an ICMP or ICMPv6 error (`icmp`, a kOk parse) is about: the
+// addresses, protocol and key (ports, as above) of the packet it quotes,
+// sender first. False for other messages and quotes too short to say.
+bool QuotedFlow(const ParsedPacket &icmp, ParsedPacket &quoted);
 
 // Tunnels whose inner packets are classified in their own right.
 enum class TunnelKind : uint8_t {

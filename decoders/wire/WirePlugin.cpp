@@ -133,17 +133,53 @@ public:
     }
   }
 
+  // The transport of an IP protocol on this thread, or null.
+  oru::ITransportSegment *TransportOf(uint8_t protocol) const {
+    switch (protocol) {
+    case 6:
+      return m_tcp;
+    case 17:
+      return m_udp;
+    default:
+      for (int i = 0; i < kOtherKinds - 1; ++i) {
+        if (kOtherNumbers[i] == protocol) {
+          return m_other[i];
+        }
+      }
+      return m_other[kOtherKinds - 1];
+    }
+  }
+
   unsigned ToTransport(const ParsedPacket &p, const uint8_t *frame, uint32_t length,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) {
-    oru::ITransportSegment *transport = p.protocol == 6    ? m_tcp
-                                        : p.protocol == 17 ? m_udp
-                                                           : nullptr;
+    ParsedPacket quoted;
+    if (QuotedFlow(p, quoted)) {
+      // An ICMP error counts with the flow it is about, while that lasts.
+      if (oru::ITransportSegment *owner = TransportOf(quoted.protocol)) {
+        oru::TransportSegment about{};
+        about.frame = frame;
+        about.frame_length = length;
+        about.l3_offset = p.l3_offset;
+        about.l4_offset = p.l4_offset;
+        about.src = quoted.src;
+        about.dst = quoted.dst;
+        about.src_port = quoted.src_port;
+        about.dst_port = quoted.dst_port;
+        about.protocol = quoted.protocol;
+        about.quoted = 1;
+        const unsigned result = owner->Segment(about, conn);
+        if (result != 0) {
+          return result;
+        }
+      }
+    }
+    oru::ITransportSegment *transport = TransportOf(p.protocol);
     if (transport == nullptr) {
       return NotClassified(conn);
     }
-    oru::TransportSegment segment{frame, length,     p.l3_offset,     p.l4_offset, p.src,
-                                  p.dst, p.src_port, p.dst_port,      p.tcp_flags, p.seq,
-                                  p.ack, p.payload,  p.payload_length};
+    oru::TransportSegment segment{frame, length,     p.l3_offset,      p.l4_offset, p.src,
+                                  p.dst, p.src_port, p.dst_port,       p.tcp_flags, p.seq,
+                                  p.ack, p.payload,  p.payload_length, p.protocol,  0};
     return transport->Segment(segment, conn);
   }
 
@@ -204,11 +240,18 @@ public:
           broker->GetInterface(oru::MODULE_TCP, oru::INTERFACE_TRANSPORT_SEGMENT));
       m_udp = static_cast<oru::ITransportSegment *>(
           broker->GetInterface(oru::MODULE_UDP, oru::INTERFACE_TRANSPORT_SEGMENT));
+      for (int i = 0; i < kOtherKinds; ++i) {
+        m_other[i] = static_cast<oru::ITransportSegment *>(
+            broker->GetInterface(kOtherModules[i], oru::INTERFACE_TRANSPORT_SEGMENT));
+      }
     }
   }
   void Unlink() {
     m_tcp = nullptr;
     m_udp = nullptr;
+    for (oru::ITransportSegment *&other : m_other) {
+      other = nullptr;
+    }
   }
 
   // Result flag of "not classified" (code 0).
@@ -219,12 +262,20 @@ public:
   // By TunnelKind.
   static constexpr const char *kTunnelNames[kTunnelKinds] = {nullptr, "IPIP", "GRE", "GTP",
                                                              "VXLAN"};
+  // The transports of ip.plg, by IP protocol; the last takes every number
+  // not named before it.
+  static constexpr int kOtherKinds = 7;
+  static constexpr uint8_t kOtherNumbers[kOtherKinds - 1] = {1, 58, 2, 47, 50, 132};
+  static constexpr oru::ModuleId kOtherModules[kOtherKinds] = {
+      oru::kit::MODULE_ICMP, oru::kit::MODULE_ICMP6, oru::kit::MODULE_IGMP, oru::kit::MODULE_GRE,
+      oru::kit::MODULE_ESP,  oru::kit::MODULE_SCTP,  oru::kit::MODULE_IP};
 
 private:
   Form m_forms[3];
   NoConn *m_none = nullptr;
   oru::ITransportSegment *m_tcp = nullptr;
   oru::ITransportSegment *m_udp = nullptr;
+  oru::ITransportSegment *m_other[kOtherKinds] = {};
   uint64_t m_malformed = 0;
   Defragmenter m_defrag;
   uint32_t m_tunnel_proto[kTunnelKinds] = {};

@@ -4,6 +4,11 @@
 // flow are one connection), puts the payload into the side's FlowBuffer
 // (TCP: reassembled in sequence order), runs the connection's inspectors and
 // answers with their result, as an IClassify does.
+//
+// The IP protocols that are neither (ICMP, ICMPv6, IGMP, GRE, ESP, SCTP and
+// any other number) have transports of the same interface under modules of
+// their own (oru::kit::MODULE_ICMP ... MODULE_IP): they keep flows, without
+// payload for inspectors.
 #ifndef KEST_ITRANSPORTSEGMENT_H
 #define KEST_ITRANSPORTSEGMENT_H
 
@@ -37,6 +42,13 @@ struct TransportSegment {
   uint32_t ack;
   const uint8_t *payload;
   uint32_t payload_length;
+  // The IP protocol; read by the transport of the other numbers (0 from
+  // older callers, who only reach TCP and UDP).
+  uint8_t protocol;
+  // 1: not the flow's own packet but one that quotes it (an ICMP error
+  // about it): the transport attaches it to the flow of these end points
+  // if there is one, and makes none (answer 0, `conn` untouched).
+  uint8_t quoted;
 };
 
 // Virtual table order fixed: Segment. No virtual destructor: the library

@@ -39,10 +39,13 @@ endif()
 
 if(TARGET wire)
   add_dependencies(kest_tests wire)
+  add_dependencies(kest_tests ip)
   get_target_property(_wire_plg wire KEST_PLUGIN_FILE)
+  get_target_property(_ip_plg ip KEST_PLUGIN_FILE)
   set_property(SOURCE ${CMAKE_CURRENT_LIST_DIR}/wire/WirePacketsTest.cpp APPEND PROPERTY
                COMPILE_DEFINITIONS KEST_TEST_TCP_PLG="${_tcp_plg}" KEST_TEST_UDP_PLG="${_udp_plg}"
                KEST_TEST_WIRE_PLG="${_wire_plg}" KEST_TEST_PROBE_PLG="${_probe_plg}"
+               KEST_TEST_IP_PLG="${_ip_plg}"
                KEST_TEST_WIRE_PACKETS="${CMAKE_CURRENT_LIST_DIR}/wire/packets.txt")
 endif()
 

@@ -8,6 +8,31 @@ namespace kestcap {
 
 namespace {
 
+// The transport's name in the log, as conn logs write it; the number for
+// the protocols without one.
+std::string ProtoName(uint8_t protocol) {
+  switch (protocol) {
+  case 1:
+    return "icmp";
+  case 2:
+    return "igmp";
+  case 6:
+    return "tcp";
+  case 17:
+    return "udp";
+  case 47:
+    return "gre";
+  case 50:
+    return "esp";
+  case 58:
+    return "icmp6";
+  case 132:
+    return "sctp";
+  default:
+    return std::to_string(protocol);
+  }
+}
+
 // The length of the well-formed UTF-8 sequence at text[i], or 0.
 size_t Utf8Length(const std::string &text, size_t i) {
   const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
@@ -165,9 +190,7 @@ std::string JsonLine(const FlowRecord &r, const std::string &app,
   out += ",\"id.resp_h\":\"" + Address(r.server) + "\"";
   AppendNumber(out, "id.resp_p", ntohs(r.server.port));
   out += ",\"proto\":";
-  AppendJsonString(out, r.protocol == 6    ? "tcp"
-                        : r.protocol == 17 ? "udp"
-                                           : std::to_string(r.protocol));
+  AppendJsonString(out, ProtoName(r.protocol));
   out += ",\"app\":";
   AppendJsonString(out, app);
   out += ",\"stack\":[";

@@ -23,7 +23,7 @@ struct FlowRecord {
   uint64_t last_us = 0;
   kest_endpoint_t client{};
   kest_endpoint_t server{};
-  uint8_t protocol = 0; // 6 or 17
+  uint8_t protocol = 0; // the IP protocol
   int stack[kMaxStack] = {};
   int depth = 0;
   uint64_t packets[2] = {}; // from the client, from the server

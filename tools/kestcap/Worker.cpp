@@ -90,6 +90,9 @@ void Worker::Handle(const Frame &frame) {
   }
   kest_classify(m_h, frame.form, frame.data, static_cast<uint16_t>(frame.length), nullptr, 0,
                 OnResult, this);
+  if (m_now.parse == ParseResult::kFragment) {
+    CountFragment();
+  }
   if (m_now.counted != 0) {
     ++m_totals.classified;
   } else if (m_now.parse == ParseResult::kMalformed) {
@@ -97,6 +100,29 @@ void Worker::Handle(const Frame &frame) {
   } else {
     ++m_totals.not_classified;
   }
+}
+
+void Worker::CountFragment() {
+  const kest_decoders::ParsedPacket &p = m_now.packet;
+  std::string key(reinterpret_cast<const char *>(&p.src), sizeof p.src);
+  key.append(reinterpret_cast<const char *>(&p.dst), sizeof p.dst);
+  key.append(reinterpret_cast<const char *>(&p.frag_id), sizeof p.frag_id);
+  key.push_back(static_cast<char>(p.protocol));
+  if (m_now.counted == 0) {
+    if (m_waiting.size() < kMaxWaiting || m_waiting.count(key) != 0) {
+      ++m_waiting[key];
+    }
+    return;
+  }
+  auto it = m_waiting.find(key);
+  if (it == m_waiting.end()) {
+    return;
+  }
+  FlowRecord &record = Record(m_now.counted);
+  record.packets[FromClient(record) ? 0 : 1] += it->second;
+  m_totals.classified += it->second;
+  m_totals.not_classified -= it->second;
+  m_waiting.erase(it);
 }
 
 void Worker::Idle() {
@@ -154,14 +180,16 @@ FlowRecord &Worker::Record(kest_conn_id_t id) {
     kest_endpoint_get(m_h, id, &record.client, &record.server);
     record.protocol = m_now.packet.protocol;
     // The library reads an IPv6 address with twelve zero bytes (::1) as
-    // IPv4; the packet says which it was.
-    if (m_now.packet.ip_version == 6) {
-      for (kest_endpoint_t *end : {&record.client, &record.server}) {
-        if (end->family == KEST_FAMILY_IPV4) {
-          std::memmove(end->address + 12, end->address, 4);
-          std::memset(end->address, 0, 12);
-          end->family = KEST_FAMILY_IPV6;
-        }
+    // IPv4, and 0.0.0.0 as IPv6 (::); the packet says which it was.
+    for (kest_endpoint_t *end : {&record.client, &record.server}) {
+      if (m_now.packet.ip_version == 6 && end->family == KEST_FAMILY_IPV4) {
+        std::memmove(end->address + 12, end->address, 4);
+        std::memset(end->address, 0, 12);
+        end->family = KEST_FAMILY_IPV6;
+      } else if (m_now.packet.ip_version == 4 && end->family == KEST_FAMILY_IPV6) {
+        std::memmove(end->address, end->address + 12, 4);
+        std::memset(end->address + 4, 0, 12);
+        end->family = KEST_FAMILY_IPV4;
       }
     }
   }
@@ -203,7 +231,7 @@ void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
     // The whole datagram came in with its last fragment: its payload is
     // everything before this piece and the piece, less the transport header.
     const uint64_t whole = p.frag_offset + p.payload_length;
-    const uint64_t header = p.protocol == 17 ? 8 : 20;
+    const uint64_t header = p.protocol == 17 ? 8 : p.protocol == 6 ? 20 : 0;
     bytes = whole > header ? whole - header : 0;
   }
   ++record.packets[side];
@@ -256,9 +284,10 @@ void Worker::Expired(kest_conn_id_t id) {
     stack.push_back(ProtoName(record.stack[i]));
   }
   // The application is the top of the stack, unless only the transport
-  // was found.
+  // was found. ICMP, IGMP, GRE, ESP and SCTP flows are named by their
+  // protocol; the other numbers ("IP") are not known any better.
   std::string app = "unknown";
-  if (!stack.empty() && stack.back() != "TCP" && stack.back() != "UDP") {
+  if (!stack.empty() && stack.back() != "TCP" && stack.back() != "UDP" && stack.back() != "IP") {
     app = stack.back();
   }
   AppRow &row = m_apps[app];

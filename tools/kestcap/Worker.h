@@ -89,6 +89,17 @@ private:
     kest_conn_id_t counted = 0;
   } m_now;
 
+  // Fragments of datagrams still incomplete, by datagram (addresses,
+  // protocol, identification): they count with the datagram's connection
+  // once its last fragment makes it whole. Bounded: beyond kMaxWaiting
+  // datagrams, further fragments stay "not classified".
+  static constexpr size_t kMaxWaiting = 65536;
+  std::unordered_map<std::string, uint32_t> m_waiting;
+  // Moves the waiting fragments of the packet at hand's datagram into its
+  // connection, once the datagram is whole; counts the fragment as waiting
+  // otherwise.
+  void CountFragment();
+
   Totals m_totals;
   AppTable m_apps;
 };

@@ -56,9 +56,9 @@ TEST_F(ConnIndexTest, BothDirectionsAndAnEvenSpread) {
   EXPECT_GE(index.BucketCount(), 4000u);
   for (uint32_t i : {0u, 17u, 3999u}) {
     const oru::IpAddr src(static_cast<uint64_t>(i) << 48, 1);
-    EXPECT_EQ(index.Find(src, 1000, oru::IpAddr::FromV4(0x0A000001), 80), held[i].get());
-    EXPECT_EQ(index.Find(oru::IpAddr::FromV4(0x0A000001), 80, src, 1000), held[i].get());
-    EXPECT_EQ(index.Find(src, 1001, oru::IpAddr::FromV4(0x0A000001), 80), nullptr);
+    EXPECT_EQ(index.Find(src, 1000, oru::IpAddr::FromV4(0x0A000001), 80, 6), held[i].get());
+    EXPECT_EQ(index.Find(oru::IpAddr::FromV4(0x0A000001), 80, src, 1000, 6), held[i].get());
+    EXPECT_EQ(index.Find(src, 1001, oru::IpAddr::FromV4(0x0A000001), 80, 6), nullptr);
   }
   // No bucket holds many: from each connection to the end of its chain.
   size_t longest = 0;
@@ -75,7 +75,7 @@ TEST_F(ConnIndexTest, BothDirectionsAndAnEvenSpread) {
     index.Remove(static_cast<TransportConn *>(c.get()));
   }
   EXPECT_EQ(index.Count(), 0u);
-  EXPECT_EQ(index.Find(oru::IpAddr(0, 1), 1000, oru::IpAddr::FromV4(0x0A000001), 80), nullptr);
+  EXPECT_EQ(index.Find(oru::IpAddr(0, 1), 1000, oru::IpAddr::FromV4(0x0A000001), 80, 6), nullptr);
 }
 
 // The tables file what they make and forget what they drop.

@@ -220,6 +220,44 @@ TEST_F(WirePackets, TunnelsOpenWithTheirPolicy) {
   }
 }
 
+// Every IP packet belongs to a flow: ICMP echoes pair by identifier,
+// errors join the flow they quote, the other protocols keep flows by
+// address pair (and SCTP ports, ESP SPI, protocol number). Without ip.plg
+// only TCP and UDP are classified.
+TEST_F(WirePackets, EveryIpPacketInAFlow) {
+  const auto rows = Rows("ipflow");
+  for (bool with_ip : {true, false}) {
+    SCOPED_TRACE(with_ip);
+    const kest_handle_t h = kest_open(
+        (with_ip
+             ? Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG, KEST_TEST_IP_PLG})
+             : Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG}))
+            .c_str());
+    ASSERT_GT(h, 0);
+    ASSERT_EQ(kest_init(h), 0);
+    std::map<std::string, kest_conn_id_t> flows;
+    for (const auto &row : rows) {
+      SCOPED_TRACE(row[2]);
+      const std::vector<Result> results = Send(h, {Hex(row[2])});
+      ASSERT_EQ(results.size(), 1u);
+      const bool transport = row[1] == "TCP" || row[1] == "UDP";
+      if (row[0] == "-" || (!with_ip && !transport)) {
+        EXPECT_EQ(results[0].id, 0u);
+        continue;
+      }
+      EXPECT_EQ(results[0].stack, row[1]);
+      EXPECT_NE(results[0].id, 0u);
+      const auto [at, made] = flows.emplace(row[0], results[0].id);
+      EXPECT_EQ(at->second, results[0].id) << "flow " << row[0];
+      for (const auto &[letter, id] : flows) {
+        EXPECT_TRUE(letter == row[0] || id != results[0].id) << row[0] << " is " << letter;
+      }
+    }
+    Close(h);
+    dir.clear();
+  }
+}
+
 // A host's custom rule on the TCP module names its connections: here the
 // server 10.0.0.2 on port 8080.
 TEST_F(WirePackets, CustomRulesNameConnections) {
