@@ -30,6 +30,7 @@ PEER_NAMES = {
     "FTP_DATA": "FTP_DATA", "SIP": "SIP", "RTSP": "RTSP", "SSDP": "SSDP", "RTP": "RTP",
     "RTCP": "RTCP", "WebSocket": "WebSocket", "NTP": "NTP", "SNMP": "SNMP", "Syslog": "Syslog",
     "DHCP": "DHCP", "DHCPV6": "DHCPv6", "NetBIOS": "NetBIOS", "Kerberos": "Kerberos", "VNC": "VNC", "Telnet": "Telnet", "LDAP": "LDAP", "RDP": "RDP", "SOCKS": "SOCKS", "IRC": "IRC", "XMPP": "XMPP", "Jabber": "XMPP", "RADIUS": "RADIUS", "TFTP": "TFTP",
+    "ICMP": "ICMP", "ICMPV6": "ICMPv6", "IGMP": "IGMP", "GRE": "GRE", "IPsec": "ESP",
 }
 KEST_APPS = set(PEER_NAMES.values())
 
@@ -45,13 +46,18 @@ def endpoint(text):
     return host, int(port) if port.isdigit() else 0
 
 
+# The peer's transport column against kestcap's "proto".
+PEER_L4 = {"icmpv6": "icmp6", "1": "icmp", "2": "igmp", "47": "gre", "50": "esp",
+           "58": "icmp6", "132": "sctp"}
+
+
 def key(proto, a, b):
-    # kest's flow records keep no family for the all-zero address (a DHCP
-    # client before its lease): kestcap writes it "::" beside an IPv4 peer.
-    def v4_zero(end, other):
-        return ("0.0.0.0", end[1]) if end[0] == "::" and "." in other[0] else end
-    a, b = v4_zero(a, b), v4_zero(b, a)
-    return (proto.lower(),) + tuple(sorted([a, b]))
+    proto = PEER_L4.get(proto.lower(), proto.lower())
+    if proto not in ("tcp", "udp"):
+        # The peer keys these by address pair alone; kest's ports carry an
+        # echo identifier or an SPI.
+        a, b = (a[0], 0), (b[0], 0)
+    return (proto,) + tuple(sorted([a, b]))
 
 
 def peer_flows(path):
@@ -95,7 +101,7 @@ def best(records):
 
 def reason_from_bytes(rec):
     if rec is None:
-        return "kest saw no connection for these end points (not TCP/UDP, or cut away)"
+        return "kest saw no connection for these end points"
     if rec["orig_bytes"] + rec["resp_bytes"] == 0:
         return "no payload in the capture: nothing to decide by content"
     if rec["orig_bytes"] == 0 or rec["resp_bytes"] == 0:
