@@ -7,6 +7,8 @@
 # the ratios to the peer and to the floor, and the peak resident memory of
 # each against the peer's.
 #   scripts/bench.sh [COPIES]     (default 300 copies of each conversation)
+# With BASE=<commit>, kestcap built from that commit runs on the same
+# captures too, right after this tree's, for a before-and-after.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 copies="${1:-300}"
@@ -19,6 +21,16 @@ cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
 mkdir -p "$build/plugins-transports"
 cp "$build/plugins/tcp.plg" "$build/plugins/udp.plg" "$build/plugins/wire.plg" \
   "$build/plugins-transports/"
+[ -f "$build/plugins/ip.plg" ] && cp "$build/plugins/ip.plg" "$build/plugins-transports/"
+base="${BASE:-}"
+if [ -n "$base" ]; then
+  rm -rf "$build/base-src"
+  mkdir -p "$build/base-src"
+  git -C "$root" archive "$base" | tar -x -C "$build/base-src"
+  cmake -S "$build/base-src" -B "$build/base" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DKEST_BUILD_TESTS=OFF >/dev/null
+  cmake --build "$build/base" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+fi
 data="$build/bench-data"
 mkdir -p "$data"
 shared="$root/../shared/pcaps"
@@ -82,9 +94,20 @@ for file in replica replica-high; do
   rate="$peer" rss="$peer_rss" row "peer: ndpiReader"
   measure "$build/tools/kestcap/kestcap" --plugins "$build/plugins-transports" "$cap"
   row "kestcap, transports only"
+  transports="$rate"
   for threads in 1 2 4; do
     # shellcheck disable=SC2086
     measure $kestcap --threads "$threads" "$cap"
     row "kestcap, all decoders, $threads thread(s)"
+    if [ "$threads" -eq 1 ]; then
+      one="$rate"
+      # The decoders' share of the cost of a packet on one thread.
+      echo "  decoders' share of the road: $(awk "BEGIN { printf \"%.0f %%\", 100 * (1 - $one / $transports) }")"
+      if [ -n "$base" ]; then
+        measure "$build/base/tools/kestcap/kestcap" --plugins "$build/base/plugins" "$cap"
+        row "kestcap at $base, all decoders, 1 thread"
+        echo "  this tree against $base: $(awk "BEGIN { printf \"%+.1f %%\", 100 * ($one / $rate - 1) }")"
+      fi
+    fi
   done
 done

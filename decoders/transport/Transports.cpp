@@ -33,27 +33,24 @@ const char *OthersName() {
 bool OthersVersion(const oru::VersionRecord *library, oru::VersionRecord *own) {
   return kOthers[0].GetVersion(library, own);
 }
-bool OthersInitInstance() {
+// Runs `start` on each transport; when one fails, `undo` on those before it.
+template <bool (TransportPlugin::*start)() const, void (TransportPlugin::*undo)() const>
+bool StartAll() {
   for (int i = 0; i < kOtherCount; ++i) {
-    if (!kOthers[i].InitInstance()) {
+    if (!(kOthers[i].*start)()) {
       while (i-- > 0) {
-        kOthers[i].ExitInstance();
+        (kOthers[i].*undo)();
       }
       return false;
     }
   }
   return true;
 }
+bool OthersInitInstance() {
+  return StartAll<&TransportPlugin::InitInstance, &TransportPlugin::ExitInstance>();
+}
 bool OthersInitThread() {
-  for (int i = 0; i < kOtherCount; ++i) {
-    if (!kOthers[i].InitThread()) {
-      while (i-- > 0) {
-        kOthers[i].ExitThread();
-      }
-      return false;
-    }
-  }
-  return true;
+  return StartAll<&TransportPlugin::InitThread, &TransportPlugin::ExitThread>();
 }
 void Nothing() {}
 void OthersExitThread() {

@@ -101,15 +101,9 @@ bool Paired(uint8_t protocol, uint8_t type) {
 bool KeyOf(uint8_t protocol, const uint8_t *l4, uint32_t n, uint16_t &a, uint16_t &b) {
   a = b = 0;
   switch (protocol) {
-  case 132:
-    if (n < 12) {
-      return false;
-    }
-    a = oru::kit::LoadBe16(l4);
-    b = oru::kit::LoadBe16(l4 + 2);
-    return true;
-  case 50:
-    if (n < 8) {
+  case 132: // a common header of 12 bytes
+  case 50:  // SPI and sequence number
+    if (n < (protocol == 132 ? 12u : 8u)) {
       return false;
     }
     a = oru::kit::LoadBe16(l4);
