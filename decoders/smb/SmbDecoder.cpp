@@ -39,15 +39,12 @@ struct Smb {
   static constexpr uint32_t kMaxNames = 4;
   // NetBIOS session messages a side may send before its first SMB message.
   static constexpr uint32_t kMaxControl = 4;
-  // Runs of bytes read on a side that framed no message, before leaving.
-  static constexpr uint32_t kMaxLost = 8;
 
   struct Side {
     uint8_t head[kHead];
     uint32_t have;    // bytes of the current message's head kept
     uint32_t skip;    // bytes of the current message still to pass over
     uint32_t control; // NetBIOS session messages passed over
-    uint32_t lost;    // runs of bytes since the side framed no message
   };
   struct State {
     Side side[2];
@@ -303,20 +300,10 @@ struct Smb {
     return length >= kShortest[h[4] - 0xfc] ? Verdict::kNeedMore : Verdict::kNotMine;
   }
 
-  // A side whose bytes frame no message before the protocol is named may
-  // have opened amid one (a capture that starts late): the other side can
-  // still show SMB, while this one sends a few more runs of bytes.
-  static Verdict Lose(State &st, Side &side) {
-    side.lost = 1;
-    return st.side[0].lost != 0 && st.side[1].lost != 0 ? Verdict::kNotMine : Verdict::kNeedMore;
-  }
-
   static Verdict Feed(Session<Smb> &s, ByteReader r) {
-    State &st = s.state();
-    Side &side = st.side[s.side()];
-    if (side.lost != 0) {
-      return s.named() || ++side.lost <= kMaxLost ? Verdict::kNeedMore : Verdict::kNotMine;
-    }
+    Side &side = s.state().side[s.side()];
+    // Bytes that frame no message: not SMB, or (once named) the place is lost.
+    const Verdict foreign = s.named() ? Verdict::kDone : Verdict::kNotMine;
     while (!r.Empty()) {
       if (side.skip != 0) {
         const uint32_t n = side.skip < r.Left() ? side.skip : static_cast<uint32_t>(r.Left());
@@ -337,17 +324,17 @@ struct Smb {
       side.have += take;
       r.Skip(take);
       if (Frame(side, size) == Verdict::kNotMine) {
-        return s.named() ? Verdict::kDone : Lose(st, side);
+        return foreign;
       }
       if (size == 0 || side.have < (size < kHead ? size : kHead)) {
         continue;
       }
       const bool control = side.head[0] != 0;
       if (!control && !Message(s, Span{side.head + 4, side.have - 4}, size - 4) && !s.named()) {
-        return Lose(st, side);
+        return Verdict::kNotMine;
       }
       if (control && !s.named() && ++side.control > kMaxControl) {
-        return Lose(st, side);
+        return Verdict::kNotMine;
       }
       side.skip = size - side.have;
       side.have = 0;
