@@ -31,7 +31,12 @@ PEER_NAMES = {
     "RTCP": "RTCP", "WebSocket": "WebSocket", "NTP": "NTP", "SNMP": "SNMP", "Syslog": "Syslog",
     "DHCP": "DHCP", "DHCPV6": "DHCPv6", "NetBIOS": "NetBIOS", "Kerberos": "Kerberos", "VNC": "VNC", "Telnet": "Telnet", "LDAP": "LDAP", "RDP": "RDP", "SOCKS": "SOCKS", "IRC": "IRC", "XMPP": "XMPP", "Jabber": "XMPP", "RADIUS": "RADIUS", "TFTP": "TFTP",
     "ICMP": "ICMP", "ICMPV6": "ICMPv6", "IGMP": "IGMP", "GRE": "GRE", "IPsec": "ESP",
+    "SMBv1": "SMB", "SMBv23": "SMB",
 }
+# Whole labels read before their first part: the peer puts SMB under NetBIOS
+# whether or not a NetBIOS session carries it. Over UDP that SMB is a
+# browser datagram's, read by kest's NetBIOS decoder only.
+PEER_LABELS = {"NetBIOS.SMBv1": "SMB", "NetBIOS.SMBv23": "SMB"}
 KEST_APPS = set(PEER_NAMES.values())
 
 
@@ -145,7 +150,9 @@ def main():
             rec = best(records) if records else None
             stack = rec["stack"] if rec else []
             flow = f'{p["l4"]} {p["client"]} -> {p["server"]}'
-            want = PEER_NAMES.get(p["master"])
+            want = PEER_LABELS.get(p["label"]) or PEER_NAMES.get(p["master"])
+            if want == "SMB" and p["l4"].lower() == "udp":
+                want = "NetBIOS"
             if want and p["confidence"].startswith("DPI"):
                 per_proto[want] += 1
                 if want in stack:

@@ -136,6 +136,44 @@ inline uint32_t FormatDecimal(uint32_t value, char *out) {
   return n;
 }
 
+// Writes UTF-16LE text of `length` bytes (an odd last byte is left) as UTF-8
+// into `out`: whole characters only, at most `room` bytes. A NUL ends the
+// text; a surrogate without its partner is written as U+FFFD. Returns the
+// bytes written. SMB and NTLM carry their names so.
+inline uint32_t Utf8FromUtf16Le(const uint8_t *in, size_t length, char *out, uint32_t room) {
+  uint32_t n = 0;
+  for (size_t i = 0; i + 1 < length; i += 2) {
+    uint32_t c = static_cast<uint32_t>(in[i] | in[i + 1] << 8);
+    if (c == 0) {
+      break;
+    }
+    if (c >= 0xD800 && c <= 0xDBFF && i + 3 < length) {
+      const uint32_t low = static_cast<uint32_t>(in[i + 2] | in[i + 3] << 8);
+      if (low >= 0xDC00 && low <= 0xDFFF) {
+        c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+        i += 2;
+      }
+    }
+    if (c >= 0xD800 && c <= 0xDFFF) {
+      c = 0xFFFD;
+    }
+    const uint32_t size = c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+    if (size > room - n) {
+      break;
+    }
+    if (size == 1) {
+      out[n++] = static_cast<char>(c);
+      continue;
+    }
+    // The lead byte: as many high bits as bytes, then the top of the value.
+    out[n++] = static_cast<char>((0xF00u >> size & 0xF0) | c >> (6 * (size - 1)));
+    for (uint32_t k = size - 1; k-- > 0;) {
+      out[n++] = static_cast<char>(0x80 | (c >> (6 * k) & 0x3F));
+    }
+  }
+  return n;
+}
+
 // Every byte of `text` is printable ASCII.
 inline bool Printable(const char *text, uint32_t length) {
   for (uint32_t i = 0; i < length; ++i) {
