@@ -24,7 +24,7 @@ SpinLock g_loader_lock = 0;
 
 // The copy is written in blocks of this size. It is a multiple of the key
 // size, so the key position can start from 0 in every block.
-constexpr size_t kCopyBlock = 1024;
+constexpr size_t kCopyBlock = 16384;
 static_assert(kCopyBlock % kPluginKeySize == 0, "blocks must not break the key sequence");
 
 using QueryFunction = const PluginEntryTable *(*)();

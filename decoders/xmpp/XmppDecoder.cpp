@@ -63,6 +63,10 @@ struct Xmpp {
   static Verdict Feed(Session<Xmpp> &s, ByteReader r) {
     State &st = s.state();
     Side &side = st.side[s.side()];
+    if (side.have == 0 && r.Left() != 0 && r.Peek() != '<') {
+      // Most streams say at once that they are not XML: nothing is copied.
+      return s.named() ? Verdict::kDone : Verdict::kNotMine;
+    }
     const uint32_t room = kRoom - side.have;
     const uint32_t take = static_cast<uint32_t>(r.Left() < room ? r.Left() : room);
     memcpy(side.text + side.have, r.Here(), take);

@@ -19,7 +19,16 @@ inline constexpr unsigned char kPluginKey[kPluginKeySize] = {
 // data[0] in the file; a block that starts at a multiple of the key size may
 // pass 0.
 inline void ScrambleBlock(unsigned char *data, size_t n, size_t key_offset) {
-  for (size_t i = 0; i < n; ++i) {
+  size_t i = 0;
+  if (key_offset % kPluginKeySize == 0) {
+    // Whole turns of the key, which the compiler does sixteen bytes at once.
+    for (; i + kPluginKeySize <= n; i += kPluginKeySize) {
+      for (size_t k = 0; k < kPluginKeySize; ++k) {
+        data[i + k] ^= kPluginKey[k];
+      }
+    }
+  }
+  for (; i < n; ++i) {
     data[i] ^= kPluginKey[(key_offset + i) % kPluginKeySize];
   }
 }

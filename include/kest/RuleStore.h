@@ -212,26 +212,34 @@ protected:
   }
 
   // Removes every later occurrence of a callback, so the entry that sorted
-  // first survives. Uses no heap: the callbacks seen are kept on the stack,
-  // and past that room the surviving entries themselves are looked through.
+  // first survives. Uses no heap: the callbacks seen are kept on the stack
+  // and found through a small open-addressed index (a chain holds an entry
+  // per decoder, so dozens), and past that room the surviving entries
+  // themselves are looked through.
   static void UniqueChain(InspectorChain &chain) {
     using Link = fdt::list_link;
     using Node = InspectorChain::EntryList::node_type;
-    constexpr int kRoom = 32;
+    constexpr uint32_t kSlots = 128;
+    constexpr uint32_t kRoom = 96;
     struct Seen {
       Inspector *object;
       InspectorMethod method;
     } seen[kRoom];
-    int count = 0;
+    // 0: an empty slot; otherwise 1 + the place in `seen`.
+    uint8_t slots[kSlots] = {};
+    uint32_t count = 0;
     Link *const sentinel = chain.m_entries.end().node();
     // The first survivor that did not fit in `seen`; null while all did.
     Link *overflow = nullptr;
     for (Link *link = sentinel->m_next; link != sentinel;) {
       Node *node = static_cast<Node *>(link);
       const InspectorCallback &cb = node->m_value.callback;
+      const uintptr_t bits = reinterpret_cast<uintptr_t>(cb.object.get());
+      uint32_t slot = static_cast<uint32_t>((bits >> 4) ^ (bits >> 11)) & (kSlots - 1);
       bool repeated = false;
-      for (int i = 0; i < count && !repeated; ++i) {
-        repeated = seen[i].object == cb.object.get() && SameMethod(seen[i].method, cb.method);
+      for (; slots[slot] != 0 && !repeated; slot = (slot + 1) & (kSlots - 1)) {
+        const Seen &e = seen[slots[slot] - 1];
+        repeated = e.object == cb.object.get() && SameMethod(e.method, cb.method);
       }
       for (Link *s = overflow; s != nullptr && s != link && !repeated; s = s->m_next) {
         repeated = static_cast<Node *>(s)->m_value.callback.Same(cb);
@@ -244,7 +252,7 @@ protected:
       if (count < kRoom) {
         seen[count].object = cb.object.get();
         seen[count].method = cb.method;
-        ++count;
+        slots[slot] = static_cast<uint8_t>(++count);
       } else if (overflow == nullptr) {
         overflow = link;
       }

@@ -127,8 +127,8 @@ TEST_F(IpPortRuleStoreTest, AgreesWithABruteForceModel) {
     // One inspector per letter, with two methods; duplicates are refused
     // only within a list. Half the chains hold more callbacks than the
     // duplicate removal keeps on its stack.
-    r.name = std::string(1, char('a' + random() % 20)) + (random() % 4 == 0 ? "'" : "");
-    r.first = r.name < "c";
+    r.name = std::string(1, char('A' + random() % 60)) + (random() % 4 == 0 ? "'" : "");
+    r.first = r.name < "C";
     r.proto = random() % 4 == 0 ? 17 : random() % 50 == 0 ? 9 : 6;
     r.port = static_cast<uint16_t>(random() % 3 == 0 ? 0 : 79 + random() % 4);
     r.low = addr();

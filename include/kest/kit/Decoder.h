@@ -453,17 +453,42 @@ public:
       // inspector too: the bytes inside are not this protocol's.
       return oru::INSPECT_FINISHED;
     }
-    Entry *entry = m_conns.Get(*conn);
-    if (entry == nullptr) {
-      // Without memory to follow the connection, this packet is all.
-      Entry once{};
-      Run(once, pkt, tuple, *conn);
-      return oru::INSPECT_FINISHED;
+    Entry *entry = m_conns.Find(*conn);
+    unsigned result;
+    if (entry != nullptr) {
+      if (entry->inner.get() != nullptr) {
+        return PassInner(*entry, pkt, tuple, conn);
+      }
+      result = Run(*entry, pkt, tuple, *conn);
+    } else if constexpr (
+        requires(Session<D> & s) { D::Leave(s); } ||
+        !requires(typename D::State & a, const typename D::State &b) { a = b; }) {
+      // A decoder with Leave keeps its state from the start, for its exit;
+      // so does one whose state cannot be copied.
+      entry = m_conns.Get(*conn);
+      if (entry == nullptr) {
+        // Without memory to follow the connection, this packet is all.
+        Entry once{};
+        Run(once, pkt, tuple, *conn);
+        return oru::INSPECT_FINISHED;
+      }
+      result = Run(*entry, pkt, tuple, *conn);
+    } else {
+      // Most connections are not this protocol and say so in their first
+      // packet: that reading is on a state of the moment, kept only when
+      // the decoder stays.
+      Entry first{};
+      result = Run(first, pkt, tuple, *conn);
+      if (result == oru::INSPECT_FINISHED && !first.hand_on) {
+        return result;
+      }
+      entry = m_conns.Get(*conn);
+      if (entry == nullptr) {
+        // Without memory to follow the connection, this packet is all.
+        return oru::INSPECT_FINISHED;
+      }
+      *entry = first;
     }
-    if (entry->inner.get() != nullptr) {
-      return PassInner(*entry, pkt, tuple, conn);
-    }
-    const unsigned result = Run(*entry, pkt, tuple, *conn);
     if (!entry->hand_on || tuple.protocol != 6) {
       return result;
     }
