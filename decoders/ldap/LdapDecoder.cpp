@@ -135,6 +135,9 @@ struct Ldap {
            (side.have <= id_at || side.head[id_at] == 0x02);
   }
 
+  // Every message is a SEQUENCE.
+  static bool Opening(unsigned, ByteReader first) { return first.Peek() == 0x30; }
+
   static Verdict Feed(Session<Ldap> &s, ByteReader r) {
     uint64_t size = 0;
     if (s.tuple().protocol == 17) {

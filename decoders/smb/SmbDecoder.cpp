@@ -300,6 +300,11 @@ struct Smb {
     return length >= kShortest[h[4] - 0xfc] ? Verdict::kNeedMore : Verdict::kNotMine;
   }
 
+  // A session message (type 0) or a NetBIOS session request or answer.
+  static bool Opening(unsigned, ByteReader first) {
+    return first.Peek() == 0 || (first.Peek() >= 0x81 && first.Peek() <= 0x85);
+  }
+
   static Verdict Feed(Session<Smb> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
     // Bytes that frame no message: not SMB, or (once named) the place is lost.

@@ -172,6 +172,11 @@ struct Socks {
     return kBad; // nothing more is expected of this side
   }
 
+  // The client speaks first, with its version.
+  static bool Opening(unsigned side, ByteReader first) {
+    return side == 0 && (first.Peek() == 4 || first.Peek() == 5);
+  }
+
   static Verdict Feed(Session<Socks> &s, ByteReader r) {
     State &st = s.state();
     const unsigned side = s.side();

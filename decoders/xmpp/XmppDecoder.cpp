@@ -60,6 +60,9 @@ struct Xmpp {
     return TextSpan{nullptr, 0};
   }
 
+  // Either side opens with its stream header (or an XML declaration).
+  static bool Opening(unsigned, ByteReader first) { return first.Peek() == '<'; }
+
   static Verdict Feed(Session<Xmpp> &s, ByteReader r) {
     State &st = s.state();
     Side &side = st.side[s.side()];

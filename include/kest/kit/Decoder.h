@@ -21,7 +21,10 @@
 // messages, naming the protocol, and one rule for publishing attributes.
 //
 // A decoder may also have a per-thread D::Thread (made at thread start,
-// Session::thread()), for records an Early(session, head) test that
+// Session::thread()), an Opening(side, first) test of the first bytes it
+// is given of a connection, false when they cannot begin its protocol (no
+// state is made for that connection: most are not this protocol, and a
+// large State costs to clear), for records an Early(session, head) test that
 // judges the start of a record not yet whole (kNotMine leaves), and a
 // Leave(session), run when the inspector leaves a connection that is the
 // thread's active one (after a verdict to leave, or at the connection's
@@ -474,6 +477,12 @@ public:
       }
       result = Run(*entry, pkt, tuple, *conn);
     } else {
+      if constexpr (requires(ByteReader r) { D::Opening(0u, r); }) {
+        if (pkt.data != nullptr && pkt.length != 0 &&
+            !D::Opening(pkt.side != 0 ? 1u : 0u, ByteReader(pkt.data, pkt.length))) {
+          return oru::INSPECT_FINISHED;
+        }
+      }
       // Most connections are not this protocol and say so in their first
       // packet: that reading is on a state of the moment, kept only when
       // the decoder stays.
