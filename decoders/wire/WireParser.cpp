@@ -272,12 +272,12 @@ ParseResult ParsePacket(PacketForm form, const uint8_t *data, uint32_t length, P
 }
 
 bool QuotedFlow(const ParsedPacket &icmp, ParsedPacket &quoted) {
-  quoted = ParsedPacket();
   const uint8_t *p = icmp.payload;
   const uint32_t n = icmp.payload_length;
-  if (p == nullptr || n < 8 || (icmp.protocol != 1 && icmp.protocol != 58)) {
+  if ((icmp.protocol != 1 && icmp.protocol != 58) || p == nullptr || n < 8) {
     return false;
   }
+  quoted = ParsedPacket();
   // Unreachable, source quench, redirect, time exceeded, parameter problem;
   // for ICMPv6 unreachable, too big, time exceeded, parameter problem. The
   // offending packet's start follows the 8 bytes of the ICMP header.

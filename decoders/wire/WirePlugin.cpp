@@ -153,7 +153,7 @@ public:
   unsigned ToTransport(const ParsedPacket &p, const uint8_t *frame, uint32_t length,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) {
     ParsedPacket quoted;
-    if (QuotedFlow(p, quoted)) {
+    if ((p.protocol == 1 || p.protocol == 58) && QuotedFlow(p, quoted)) {
       // An ICMP error counts with the flow it is about, while that lasts.
       if (oru::ITransportSegment *owner = TransportOf(quoted.protocol)) {
         oru::TransportSegment about{};

@@ -211,15 +211,21 @@ bool Worker::FromClient(const FlowRecord &record) const {
 
 void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
   FlowRecord &record = Record(id);
-  // The stack, bottom first, as it stands now.
+  // The stack, bottom first, as it stands now. Protocols only ever go on
+  // top, so while the top is the one recorded, so is the rest.
   kest_result_t cursor = *result;
-  int depth = 0;
-  for (kest_proto_first(m_h, &cursor);
-       kest_proto_valid(m_h, &cursor) != 0 && depth < FlowRecord::kMaxStack;
-       kest_proto_next(m_h, &cursor)) {
-    record.stack[depth++] = kest_proto_get_index(m_h, &cursor);
+  kest_proto_top(m_h, &cursor);
+  const int top = kest_proto_valid(m_h, &cursor) != 0 ? kest_proto_get_index(m_h, &cursor) : -1;
+  if (record.depth == 0 || record.stack[record.depth - 1] != top) {
+    cursor = *result;
+    int depth = 0;
+    for (kest_proto_first(m_h, &cursor);
+         kest_proto_valid(m_h, &cursor) != 0 && depth < FlowRecord::kMaxStack;
+         kest_proto_next(m_h, &cursor)) {
+      record.stack[depth++] = kest_proto_get_index(m_h, &cursor);
+    }
+    record.depth = depth;
   }
-  record.depth = depth;
   if (m_now.counted == id) {
     return; // a deferred result of the same packet
   }
