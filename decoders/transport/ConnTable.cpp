@@ -16,6 +16,9 @@ ConnTable::~ConnTable() {
     m_settings->Unwatch();
   }
   Clear();
+  if (m_gate != nullptr) {
+    m_gate->release();
+  }
 }
 
 oru::Conn *ConnTable::Create(const oru::Tuple &tuple) {

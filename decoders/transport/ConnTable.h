@@ -16,6 +16,7 @@
 
 #include "transport/ConnIndex.h"
 #include "transport/CustomRules.h"
+#include "transport/DecoderGate.h"
 #include "transport/PayloadClassifier.h"
 #include "transport/TransportConn.h"
 
@@ -106,6 +107,9 @@ public:
   // The watcher that keeps the limits in step with the configuration, held
   // for the thread by the plug-in's thread start-up.
   LimitSettings *m_settings = nullptr;
+  // The decoders' gate, on the store with one rule; the table holds a
+  // reference from the thread's start-up.
+  DecoderGate *m_gate = nullptr;
 
 private:
   void Unlink(TransportConn *conn);

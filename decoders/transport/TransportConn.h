@@ -77,6 +77,14 @@ public:
   uint8_t m_closed;
   // The table's list it is in (ConnTable::AgeClass).
   uint8_t m_age;
+  // The decoder gate's record (DecoderGate): which of its members are still
+  // on the connection, for its chain and for an inner chain, and whether
+  // each was started.
+  struct GateMask {
+    uint64_t bits[2];
+  };
+  GateMask m_gate[2];
+  uint8_t m_gate_started[2];
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

@@ -24,7 +24,7 @@ struct Offer {
   oru::InterfaceId id;
   void *object;
 };
-constexpr int kOffers = 5;
+constexpr int kOffers = 6;
 
 void OffersOf(ConnTable &table, Offer (&out)[kOffers]) {
   out[0] = {oru::INTERFACE_IPPORT_RULE_STORE, static_cast<oru::IpPortRuleStore *>(&table.Rules())};
@@ -32,7 +32,8 @@ void OffersOf(ConnTable &table, Offer (&out)[kOffers]) {
   out[2] = {oru::INTERFACE_TRANSPORT_SEGMENT,
             static_cast<oru::ITransportSegment *>(&table.Classifier())};
   out[3] = {oru::INTERFACE_IDLE, static_cast<oru::IIdle *>(&table)};
-  out[4] = {oru::INTERFACE_CONN_FACTORY, static_cast<oru::IConnFactory *>(&table)};
+  out[4] = {oru::INTERFACE_DECODER_GATE, static_cast<oru::IDecoderGate *>(table.m_gate)};
+  out[5] = {oru::INTERFACE_CONN_FACTORY, static_cast<oru::IConnFactory *>(&table)};
 }
 
 } // namespace
@@ -69,6 +70,16 @@ bool TransportPlugin::InitThread() const {
     oru::fdt::DestroyObject(table);
     return false;
   }
+  {
+    oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, m_context);
+    table->m_gate =
+        oru::fdt::CreateObject<DecoderGate>(oru::fdt::OBJECT_LOCAL, table->Rules(), m_ip_protocol);
+  }
+  if (table->m_gate == nullptr) {
+    oru::fdt::DestroyObject(table);
+    return false;
+  }
+  table->m_gate->add_ref();
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Instance();
   const uint32_t event = oru::SyncEventQueue::RegisterEvent(m_event);
   table->Rules().m_event = event;

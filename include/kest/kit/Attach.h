@@ -1,8 +1,11 @@
 // How an application decoder puts its inspector on connections: on every
-// port of TCP and/or UDP (its bytes decide, never the port), and again on
-// the protocol's well-known ports with priority 0, so that there it is
-// tried before the other decoders. The store keeps each inspector once per
-// chain, so a connection on a well-known port gets it once, early.
+// port of TCP and/or UDP (its bytes decide, never the port), tried before
+// the other decoders on the protocol's well-known ports. Where the
+// transport offers its decoder gate (kest/IDecoderGate.h) the inspector
+// joins it, and a connection's chain holds one entry for all the decoders;
+// otherwise it goes on the transport's rule store, on every port and again
+// on the well-known ones with priority 0 (the store keeps each inspector
+// once per chain, so a connection on a well-known port gets it once, early).
 //
 // Call Attach in the plug-in's LinkThread (the transports' stores are
 // registered by then) and Detach in its ExitThread; both run on the thread
@@ -10,6 +13,7 @@
 #ifndef KEST_KIT_ATTACH_H
 #define KEST_KIT_ATTACH_H
 
+#include <kest/IDecoderGate.h>
 #include <kest/Inspector.h>
 #include <kest/InterfaceBroker.h>
 #include <kest/IpPortRuleStore.h>
@@ -37,8 +41,21 @@ inline oru::IpPortRuleStore *AppRules(uint8_t ip_protocol) {
                                  broker->GetInterface(module, oru::INTERFACE_IPPORT_RULE_STORE));
 }
 
-// False when a store is missing or refused a rule (without memory).
+// The transport's decoder gate on this thread, or null.
+inline oru::IDecoderGate *AppGate(uint8_t ip_protocol) {
+  oru::InterfaceBroker *broker = oru::InterfaceBroker::Peek();
+  const oru::ModuleId module = ip_protocol == 6 ? oru::MODULE_TCP : oru::MODULE_UDP;
+  return broker == nullptr ? nullptr
+                           : static_cast<oru::IDecoderGate *>(
+                                 broker->GetInterface(module, oru::INTERFACE_DECODER_GATE));
+}
+
+// False when a store is missing or refused a rule (without memory), or the
+// gate is full.
 inline bool Attach(oru::Inspector *inspector, const AppPorts &where) {
+  if (oru::IDecoderGate *gate = AppGate(where.ip_protocol)) {
+    return gate->Join(inspector, where.ports, where.port_count);
+  }
   oru::IpPortRuleStore *rules = AppRules(where.ip_protocol);
   if (rules == nullptr || inspector == nullptr) {
     return false;
@@ -54,6 +71,10 @@ inline bool Attach(oru::Inspector *inspector, const AppPorts &where) {
 }
 
 inline void Detach(oru::Inspector *inspector, const AppPorts &where) {
+  if (oru::IDecoderGate *gate = AppGate(where.ip_protocol)) {
+    gate->Leave(inspector);
+    return;
+  }
   oru::IpPortRuleStore *rules = AppRules(where.ip_protocol);
   if (rules == nullptr || inspector == nullptr) {
     return;

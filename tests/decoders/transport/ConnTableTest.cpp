@@ -106,4 +106,48 @@ TEST_F(ConnTableTest, ConnectionsEndTheirInspection) {
   EXPECT_TRUE(rules.m_index.empty());
 }
 
+// The decoder gate runs its members as a chain would: those on their ports
+// first, then the others in the order they joined; one that finishes
+// leaves, one that ends the chain takes the rest with it. It is on the
+// store only while it has members.
+TEST_F(ConnTableTest, DecoderGateRunsItsMembersAsAChainWould) {
+  kest_test::Log log;
+  using Inspector = kest_test::ScriptedInspector;
+  oru::fdt::intrusive_ptr<Inspector> a(Inspector::Make("A", &log));
+  oru::fdt::intrusive_ptr<Inspector> b(Inspector::Make("B", &log));
+  oru::fdt::intrusive_ptr<Inspector> c(Inspector::Make("C", &log, oru::INSPECT_FINISHED));
+  kest_decoders::DecoderGate &gate = *kTcp.Table()->m_gate;
+  oru::IpPortRuleStore &rules = kTcp.Table()->Rules();
+  EXPECT_TRUE(rules.m_index.empty());
+  const uint16_t http = 80;
+  ASSERT_TRUE(gate.Join(a.get(), nullptr, 0));
+  ASSERT_TRUE(gate.Join(b.get(), &http, 1));
+  ASSERT_TRUE(gate.Join(c.get(), nullptr, 0));
+  oru::Conn *conn = Create(6); // to port 80
+  const struct {
+    const char *payload;
+    unsigned a_answer;
+    int code;
+    kest_test::Log log;
+  } steps[] = {
+      {"x", oru::INSPECT_STAY, 1, {"B", "A", "C", "C~"}},
+      {"y", oru::INSPECT_STAY, 1, {"B", "A"}},
+      {"z", oru::INSPECT_ABANDON, 3, {"B", "A", "A~", "B~"}},
+      {"w", oru::INSPECT_STAY, 1, {}},
+  };
+  for (const auto &step : steps) {
+    SCOPED_TRACE(step.payload);
+    log.clear();
+    a->m_answer = step.a_answer;
+    ASSERT_EQ(Classify(conn, 0, step.payload), 0);
+    EXPECT_EQ(recorder.calls.back().code, step.code);
+    EXPECT_EQ(log, step.log);
+  }
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(conn)), 0);
+  for (Inspector *member : {a.get(), b.get(), c.get()}) {
+    gate.Leave(member);
+  }
+  EXPECT_TRUE(rules.m_index.empty());
+}
+
 } // namespace

@@ -1,0 +1,139 @@
+#include "transport/DecoderGate.h"
+
+namespace kest_decoders {
+
+namespace {
+
+// Marks the gate busy with a connection at a level for the length of a scope.
+class Busy {
+public:
+  Busy(const oru::Conn *&busy, int &level, const oru::Conn *conn, int now)
+      : m_busy(busy), m_level(level), m_was(busy), m_was_level(level) {
+    busy = conn;
+    level = now;
+  }
+  ~Busy() {
+    m_busy = m_was;
+    m_level = m_was_level;
+  }
+  Busy(const Busy &) = delete;
+  Busy &operator=(const Busy &) = delete;
+
+private:
+  const oru::Conn *&m_busy;
+  int &m_level;
+  const oru::Conn *m_was;
+  int m_was_level;
+};
+
+} // namespace
+
+bool DecoderGate::Join(oru::Inspector *inspector, const uint16_t *ports, size_t port_count) {
+  if (inspector == nullptr) {
+    return false;
+  }
+  if (Empty(m_joined) && !m_rules.AddRule(m_ip_protocol, oru::InspectorCallback(this), 0, {}, {}, 0,
+                                          oru::IpPortRuleStore::EXPIRY_LOCAL, false)) {
+    return false;
+  }
+  size_t at = 0;
+  while (at < m_count && !(m_members[at].callback.object.get() == inspector && Has(m_joined, at))) {
+    ++at;
+  }
+  if (at == m_count) {
+    if (m_count == kMaxMembers) {
+      if (Empty(m_joined)) {
+        m_rules.RemoveRuleFast(m_ip_protocol, oru::InspectorCallback(this), 0, {}, {});
+      }
+      return false;
+    }
+    m_members[at].callback = oru::InspectorCallback(inspector);
+    m_members[at].port_count = 0;
+    ++m_count;
+    Put(m_joined, at);
+  }
+  Member &m = m_members[at];
+  for (size_t i = 0; i < port_count && m.port_count < kMaxPorts; ++i) {
+    m.ports[m.port_count++] = ports[i];
+  }
+  return true;
+}
+
+void DecoderGate::Leave(oru::Inspector *inspector) {
+  const bool joined = !Empty(m_joined);
+  for (size_t i = 0; i < m_count; ++i) {
+    if (m_members[i].callback.object.get() == inspector) {
+      Drop(m_joined, i);
+    }
+  }
+  if (joined && Empty(m_joined)) {
+    m_rules.RemoveRuleFast(m_ip_protocol, oru::InspectorCallback(this), 0, {}, {});
+  }
+}
+
+bool DecoderGate::OnPorts(const Member &m, const oru::Tuple &tuple) const {
+  for (size_t i = 0; i < m.port_count; ++i) {
+    if (m.ports[i] == tuple.src_port || m.ports[i] == tuple.dst_port) {
+      return true;
+    }
+  }
+  return false;
+}
+
+unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                                  oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  TransportConn *own = TransportConn::Of(conn.get());
+  const int level = LevelOf(conn.get());
+  if (own == nullptr || level > 1) {
+    return oru::INSPECT_FINISHED;
+  }
+  if (own->m_gate_started[level] == 0) {
+    own->m_gate_started[level] = 1;
+    own->m_gate[level] = m_joined;
+  }
+  Busy busy(m_busy, m_level, conn.get(), level);
+  // The decoders on their own ports first, then the others.
+  for (int pass = 0; pass < 2; ++pass) {
+    for (size_t i = 0; i < m_count; ++i) {
+      if (!Has(own->m_gate[level], i) || OnPorts(m_members[i], tuple) != (pass == 0)) {
+        continue;
+      }
+      const oru::InspectorCallback &member = m_members[i].callback;
+      const unsigned int r = member.Call(parent, pkt, tuple, conn);
+      if (r == oru::INSPECT_STAY) {
+        continue;
+      }
+      Drop(own->m_gate[level], i);
+      member.object->OnChainExit(conn);
+      if (r != oru::INSPECT_FINISHED) {
+        // The chain ends: the rest leave without seeing the packet.
+        ExitAll(*own, level, conn);
+        return r;
+      }
+    }
+  }
+  return Empty(own->m_gate[level]) ? oru::INSPECT_FINISHED : oru::INSPECT_STAY;
+}
+
+void DecoderGate::ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  for (size_t i = 0; i < m_count; ++i) {
+    if (Has(own.m_gate[level], i)) {
+      Drop(own.m_gate[level], i);
+      m_members[i].callback.object->OnChainExit(conn);
+    }
+  }
+}
+
+void DecoderGate::OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  TransportConn *own = TransportConn::Of(conn.get());
+  const int level = LevelOf(conn.get());
+  if (own == nullptr || level > 1) {
+    return;
+  }
+  Busy busy(m_busy, m_level, conn.get(), level);
+  ExitAll(*own, level, conn);
+  // An inner chain may be made again later; it starts afresh.
+  own->m_gate_started[level] = 0;
+}
+
+} // namespace kest_decoders

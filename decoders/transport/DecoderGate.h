@@ -1,0 +1,78 @@
+// The transport's decoder gate (kest/IDecoderGate.h): one chain entry that
+// runs every joined decoder on a connection as a chain would, so that a
+// connection costs one entry, not one per decoder.
+//
+// Which decoders are still on a connection lives in the connection itself
+// (TransportConn::m_gate), once for its chain and once for an inner chain:
+// a decoder that hands a connection on (an accepted STARTTLS) runs a fresh
+// chain of the transport's decoders on it, and that chain holds the gate
+// again while the outer one is still running it.
+#ifndef KEST_DECODERS_DECODERGATE_H
+#define KEST_DECODERS_DECODERGATE_H
+
+#include "transport/TransportConn.h"
+
+#include <kest/IDecoderGate.h>
+#include <kest/Inspector.h>
+#include <kest/IpPortRuleStore.h>
+#include <kest/fdt/ObjectPrefix.h>
+
+namespace kest_decoders {
+
+class DecoderGate final : public oru::Inspector, public oru::IDecoderGate {
+public:
+  KEST_DELETE_BY_PREFIX
+
+  // The gate of the transport of IP protocol `ip_protocol`, whose rule
+  // store is `rules`: it is on the store (one rule, every port) while at
+  // least one decoder has joined, so that a transport alone keeps empty
+  // chains.
+  DecoderGate(oru::IpPortRuleStore &rules, uint8_t ip_protocol)
+      : m_rules(rules), m_ip_protocol(ip_protocol) {}
+
+  bool Join(oru::Inspector *inspector, const uint16_t *ports, size_t port_count) override;
+  void Leave(oru::Inspector *inspector) override;
+
+  unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                       oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
+  void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
+
+  size_t Members() const { return m_count; }
+
+private:
+  struct Member {
+    oru::InspectorCallback callback;
+    uint16_t ports[kMaxPorts];
+    uint8_t port_count;
+  };
+  using Mask = TransportConn::GateMask;
+
+  // The level of a call for `conn`: 0 for its chain, 1 while the gate runs
+  // it already (an inner chain), 2 beyond (not followed).
+  int LevelOf(const oru::Conn *conn) const { return m_busy == conn ? m_level + 1 : 0; }
+  bool OnPorts(const Member &m, const oru::Tuple &tuple) const;
+  // Every member still on the connection at `level` leaves it.
+  void ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn);
+
+  static bool Has(const Mask &m, size_t i) { return (m.bits[i / 64] >> (i % 64) & 1) != 0; }
+  static void Put(Mask &m, size_t i) { m.bits[i / 64] |= uint64_t{1} << (i % 64); }
+  static void Drop(Mask &m, size_t i) { m.bits[i / 64] &= ~(uint64_t{1} << (i % 64)); }
+  static bool Empty(const Mask &m) { return (m.bits[0] | m.bits[1]) == 0; }
+
+  oru::IpPortRuleStore &m_rules;
+  uint8_t m_ip_protocol;
+
+  // Members in the order they joined; a place is never reused, so that a
+  // connection's bits keep naming the decoder they named.
+  Member m_members[kMaxMembers];
+  size_t m_count = 0;
+  // Who new connections get.
+  Mask m_joined = {};
+  // The connection the gate runs now, and at which level.
+  const oru::Conn *m_busy = nullptr;
+  int m_level = 0;
+};
+
+} // namespace kest_decoders
+
+#endif

@@ -1,0 +1,48 @@
+// One chain entry for all the application decoders of a transport: the TCP
+// and UDP decoders offer it on each thread as INTERFACE_DECODER_GATE of
+// MODULE_TCP and MODULE_UDP, and the decoder kit puts its decoders there
+// rather than each on the rule store (kest/kit/Attach.h).
+//
+// A connection's chain then holds the gate once, whatever the number of
+// decoders; the gate runs, packet by packet, the decoders still on the
+// connection as a chain would: those whose ports the connection uses first,
+// then the others, each in the order it joined. A decoder's answer means
+// what it means on a chain (INSPECT_STAY keeps it, INSPECT_FINISHED lets it
+// go with OnChainExit, anything else ends the connection's chain for all),
+// and the gate leaves the chain with the last of them.
+#ifndef KEST_IDECODERGATE_H
+#define KEST_IDECODERGATE_H
+
+#include <kest/Export.h>
+#include <kest/Inspector.h>
+#include <kest/InterfaceBroker.h>
+#include <stddef.h>
+#include <stdint.h>
+
+namespace oru {
+
+constexpr InterfaceId INTERFACE_DECODER_GATE = 23;
+
+// Virtual table order fixed: Join, Leave. No virtual destructor: the
+// transport owns the object.
+class KEST_API IDecoderGate {
+public:
+  // Puts `inspector`'s Inspect on the connections the transport makes from
+  // now on, tried first on `ports` (at most kMaxPorts are kept). Joining
+  // again only adds ports. False for a null inspector or when the gate is
+  // full (kMaxMembers decoders have joined on this thread).
+  virtual bool Join(Inspector *inspector, const uint16_t *ports, size_t port_count) = 0;
+  // New connections no longer get `inspector`; those that have it keep it
+  // until it leaves them. The gate keeps its reference until the thread ends.
+  virtual void Leave(Inspector *inspector) = 0;
+
+  static constexpr size_t kMaxMembers = 128;
+  static constexpr size_t kMaxPorts = 16;
+
+protected:
+  ~IDecoderGate() = default;
+};
+
+} // namespace oru
+
+#endif
