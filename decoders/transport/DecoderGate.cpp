@@ -87,32 +87,45 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
   if (own == nullptr || level > 1) {
     return oru::INSPECT_FINISHED;
   }
+  Mask &live = own->m_gate[level];
+  Mask &first = own->m_gate_first[level];
   if (own->m_gate_started[level] == 0) {
     own->m_gate_started[level] = 1;
-    own->m_gate[level] = m_joined;
-  }
-  Busy busy(m_busy, m_level, conn.get(), level);
-  // The decoders on their own ports first, then the others.
-  for (int pass = 0; pass < 2; ++pass) {
+    live = m_joined;
+    first = Mask{};
     for (size_t i = 0; i < m_count; ++i) {
-      if (!Has(own->m_gate[level], i) || OnPorts(m_members[i], tuple) != (pass == 0)) {
-        continue;
-      }
-      const oru::InspectorCallback &member = m_members[i].callback;
-      const unsigned int r = member.Call(parent, pkt, tuple, conn);
-      if (r == oru::INSPECT_STAY) {
-        continue;
-      }
-      Drop(own->m_gate[level], i);
-      member.object->OnChainExit(conn);
-      if (r != oru::INSPECT_FINISHED) {
-        // The chain ends: the rest leave without seeing the packet.
-        ExitAll(*own, level, conn);
-        return r;
+      if (Has(live, i) && m_members[i].port_count != 0 && OnPorts(m_members[i], tuple)) {
+        Put(first, i);
       }
     }
   }
-  return Empty(own->m_gate[level]) ? oru::INSPECT_FINISHED : oru::INSPECT_STAY;
+  Busy busy(m_busy, m_level, conn.get(), level);
+  // The decoders on their own ports first, then the others, each pass by
+  // the set bits of the connection's masks.
+  for (int pass = 0; pass < 2; ++pass) {
+    for (size_t word = 0; word < 2; ++word) {
+      const uint64_t order = pass == 0 ? first.bits[word] : ~first.bits[word];
+      for (uint64_t todo = live.bits[word] & order; todo != 0; todo &= todo - 1) {
+        const size_t i = word * 64 + static_cast<size_t>(__builtin_ctzll(todo));
+        if (!Has(live, i)) {
+          continue;
+        }
+        const oru::InspectorCallback &member = m_members[i].callback;
+        const unsigned int r = member.Call(parent, pkt, tuple, conn);
+        if (r == oru::INSPECT_STAY) {
+          continue;
+        }
+        Drop(live, i);
+        member.object->OnChainExit(conn);
+        if (r != oru::INSPECT_FINISHED) {
+          // The chain ends: the rest leave without seeing the packet.
+          ExitAll(*own, level, conn);
+          return r;
+        }
+      }
+    }
+  }
+  return Empty(live) ? oru::INSPECT_FINISHED : oru::INSPECT_STAY;
 }
 
 void DecoderGate::ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn) {

@@ -84,6 +84,8 @@ public:
     uint64_t bits[2];
   };
   GateMask m_gate[2];
+  // Of those, the ones on their own ports, tried first.
+  GateMask m_gate_first[2];
   uint8_t m_gate_started[2];
 
 private:

@@ -266,7 +266,7 @@ public:
     if (found == nullptr) {
       // Most connections are not this protocol and say so in their first
       // bytes: they leave before any state is made for them.
-      if (Foreign(c->m_flow[pkt.side != 0 ? 1 : 0], pkt.side != 0 ? 1 : 0)) {
+      if (Foreign(c->m_flow[pkt.side != 0 ? 1 : 0], pkt, pkt.side != 0 ? 1 : 0)) {
         return oru::INSPECT_FINISHED;
       }
       found = m_dialogs.Get(*c);
@@ -368,9 +368,19 @@ private:
 
   // Whether the side's first bytes cannot open one of the protocol's lines,
   // as the dialogue's first reading would find.
-  static bool Foreign(const oru::FlowBuffer &flow, unsigned s) {
-    char bytes[16];
-    const uint32_t n = CopyFlow(flow, flow.Begin(), bytes, sizeof bytes);
+  // The packet's own bytes are the side's first ones most of the time, and
+  // are read in place then.
+  static bool Foreign(const oru::FlowBuffer &flow, const oru::PktInfo &pkt, unsigned s) {
+    char copy[16];
+    const char *bytes = copy;
+    uint32_t n;
+    if (pkt.data != nullptr && pkt.stream_pos == flow.Begin() &&
+        (pkt.length >= sizeof copy || pkt.stream_pos + pkt.length == flow.End())) {
+      bytes = reinterpret_cast<const char *>(pkt.data);
+      n = pkt.length < sizeof copy ? pkt.length : static_cast<uint32_t>(sizeof copy);
+    } else {
+      n = CopyFlow(flow, flow.Begin(), copy, sizeof copy);
+    }
     typename Rules::State fresh = {};
     return n != 0 && !Rules::Opening(fresh, s, bytes, n);
   }
