@@ -31,23 +31,24 @@ struct AppPorts {
   size_t port_count;
 };
 
-// The transport's store on this thread, or null (its thread may have ended
-// first).
-inline oru::IpPortRuleStore *AppRules(uint8_t ip_protocol) {
+// An interface of the transport (TCP for 6, UDP otherwise) on this thread,
+// or null (its thread may have ended first).
+inline void *TransportInterface(uint8_t ip_protocol, oru::InterfaceId id) {
   oru::InterfaceBroker *broker = oru::InterfaceBroker::Peek();
   const oru::ModuleId module = ip_protocol == 6 ? oru::MODULE_TCP : oru::MODULE_UDP;
-  return broker == nullptr ? nullptr
-                           : static_cast<oru::IpPortRuleStore *>(
-                                 broker->GetInterface(module, oru::INTERFACE_IPPORT_RULE_STORE));
+  return broker == nullptr ? nullptr : broker->GetInterface(module, id);
 }
 
-// The transport's decoder gate on this thread, or null.
+// The transport's store.
+inline oru::IpPortRuleStore *AppRules(uint8_t ip_protocol) {
+  return static_cast<oru::IpPortRuleStore *>(
+      TransportInterface(ip_protocol, oru::INTERFACE_IPPORT_RULE_STORE));
+}
+
+// The transport's decoder gate.
 inline oru::IDecoderGate *AppGate(uint8_t ip_protocol) {
-  oru::InterfaceBroker *broker = oru::InterfaceBroker::Peek();
-  const oru::ModuleId module = ip_protocol == 6 ? oru::MODULE_TCP : oru::MODULE_UDP;
-  return broker == nullptr ? nullptr
-                           : static_cast<oru::IDecoderGate *>(
-                                 broker->GetInterface(module, oru::INTERFACE_DECODER_GATE));
+  return static_cast<oru::IDecoderGate *>(
+      TransportInterface(ip_protocol, oru::INTERFACE_DECODER_GATE));
 }
 
 // False when a store is missing or refused a rule (without memory), or the
