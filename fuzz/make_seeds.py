@@ -148,7 +148,8 @@ def decoder_ports(name):
 def conversations(name):
     """(case, transport, port, [(side, bytes)]) for each connection of each case."""
     folder = os.path.join(ROOT, "tests", "decoders", name)
-    for conv in sorted(f for f in os.listdir(folder) if f.endswith(".conv")):
+    files = os.listdir(folder) if os.path.isdir(folder) else []
+    for conv in sorted(f for f in files if f.endswith(".conv")):
         what, conn = None, None
         with open(os.path.join(folder, conv)) as f:
             for line in f.read().splitlines():
