@@ -820,6 +820,10 @@ def lying_lengths(cap):
     dhcp6 = [b"\x01\x00\x00\x01" + b"\x00\x01\xff\xff\x00\x01",
              b"\x02\x00\x00\x01" + b"\x00\x01\x00\x04\x00\x03" + b"\x00\x02\x00\x40\x00",
              b"\x03\x00\x00\x01" + b"\x00\x27\x00\x20\x01abc"]
+    # A client name of more labels than any name holds.
+    fqdn = b"\x00" + (b"\x3f" + b"n" * 63) * 6 + b"\x00"
+    dhcp6.append(b"\x01\x00\x00\x01" + b"\x00\x01\x00\x02\x00\x01" + b"\x00\x27" +
+                 struct.pack("!H", len(fqdn)) + fqdn)
     service_exchanges(cap, 17, 547, dhcp6)
     service_exchanges(cap, 17, 546, dhcp6)
     # NetBIOS: the encoded name's length byte other than 32, past the
