@@ -23,11 +23,29 @@ public:
     return *m_data++;
   }
 
-  uint16_t Word() { return static_cast<uint16_t>(Byte() << 8 | Byte()); }
+  // High byte first. The two reads are sequenced: the operands of | are not.
+  uint16_t Word() {
+    const uint8_t high = Byte();
+    return static_cast<uint16_t>(high << 8 | Byte());
+  }
 
   // Up to `max` bytes, the count taken from the input; points into the input.
-  const uint8_t *Run(size_t max, size_t *length) {
-    size_t wanted = Byte();
+  const uint8_t *Run(size_t max, size_t *length) { return Take(Byte(), max, length); }
+
+  // The same with a two-byte count, for packets longer than 255 bytes.
+  const uint8_t *LongRun(size_t max, size_t *length) { return Take(Word(), max, length); }
+
+  // A NUL-terminated text of up to `capacity - 1` bytes, copied into `out`.
+  const char *Text(char *out, size_t capacity) {
+    size_t length = 0;
+    const uint8_t *run = Run(capacity - 1, &length);
+    memcpy(out, run, length);
+    out[length] = '\0';
+    return out;
+  }
+
+private:
+  const uint8_t *Take(size_t wanted, size_t max, size_t *length) {
     if (wanted > max) {
       wanted = max;
     }
@@ -41,16 +59,6 @@ public:
     return start;
   }
 
-  // A NUL-terminated text of up to `capacity - 1` bytes, copied into `out`.
-  const char *Text(char *out, size_t capacity) {
-    size_t length = 0;
-    const uint8_t *run = Run(capacity - 1, &length);
-    memcpy(out, run, length);
-    out[length] = '\0';
-    return out;
-  }
-
-private:
   const uint8_t *m_data;
   size_t m_left;
 };

@@ -2,6 +2,7 @@
 """Writes the seed inputs of fuzz/corpus from readable scripts, so that a
 change of the host_api script format only needs this file run again."""
 import os
+import re
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -104,3 +105,90 @@ for target, seeds in SEEDS.items():
     for name, data in seeds.items():
         with open(os.path.join(folder, name), "wb") as out:
             out.write(data)
+
+
+# The application decoders' targets (fuzz/decoders.cmake, one line each)
+# start from their conversation cases (tests/decoders/<name>/*.conv): one seed
+# per connection of a case, in decoder_fuzz.cpp's form.
+ROOT = os.path.dirname(HERE)
+
+
+def unescape(text):
+    out, i = bytearray(), 0
+    while i < len(text):
+        if text[i] == "\\" and i + 1 < len(text):
+            kind = text[i + 1]
+            if kind == "x":
+                out.append(int(text[i + 2:i + 4], 16))
+                i += 4
+                continue
+            out += {"r": b"\r", "n": b"\n", "t": b"\t", "0": b"\0"}.get(kind, kind.encode())
+            i += 2
+            continue
+        out += text[i].encode()
+        i += 1
+    return bytes(out)
+
+
+def decoder_ports(name):
+    """The ports the decoder tries first, TCP's then UDP's, as its Spec has them."""
+    text = ""
+    folder = os.path.join(ROOT, "decoders", name)
+    for source in sorted(os.listdir(folder)):
+        if source.endswith(".cpp"):
+            with open(os.path.join(folder, source)) as f:
+                text += f.read()
+    ports = []
+    for kind in ("tcp", "udp"):
+        found = re.search(r"\." + kind + r"_ports = \{([^}]*)\}", text)
+        ports += [int(p) for p in found.group(1).split(",")] if found else []
+    return ports
+
+
+def conversations(name):
+    """(case, transport, port, [(side, bytes)]) for each connection of each case."""
+    folder = os.path.join(ROOT, "tests", "decoders", name)
+    files = os.listdir(folder) if os.path.isdir(folder) else []
+    for conv in sorted(f for f in files if f.endswith(".conv")):
+        what, conn = None, None
+        with open(os.path.join(folder, conv)) as f:
+            for line in f.read().splitlines():
+                word, _, rest = line.partition(" ")
+                if word in ("case", "tcp", "udp") and conn is not None:
+                    yield conn
+                    conn = None
+                if word == "case":
+                    what = rest
+                elif word in ("tcp", "udp"):
+                    conn = (what, word, int(rest), [])
+                elif word in ("c", "s", "cx", "sx") and conn is not None:
+                    data = unescape(rest) if len(word) == 1 else bytes.fromhex(rest.replace(" ", ""))
+                    conn[3].append((1 if word[0] == "s" else 0, data))
+        if conn is not None:
+            yield conn
+
+
+def decoder_seed(ports, transport, port, steps):
+    index = ports.index(port) if port in ports else 127
+    out = bytes([index << 1 | (1 if transport == "udp" else 0), 0])
+    for side, data in steps:
+        out += bytes([side]) + len(data).to_bytes(2, "big") + data
+    return out
+
+
+with open(os.path.join(HERE, "decoders.cmake")) as f:
+    DECODERS = re.findall(r"^kest_decoder_fuzz_target\((\w+)", f.read(), re.M)
+for decoder in DECODERS:
+    folder = os.path.join(HERE, "corpus", decoder + "_decoder")
+    os.makedirs(folder, exist_ok=True)
+    ports = decoder_ports(decoder)
+    names = set()
+    for what, transport, port, steps in conversations(decoder):
+        name = re.sub(r"[^a-z0-9]+", "_", what.lower()).strip("_")[:60]
+        base, n = name, 1
+        while name in names:
+            n += 1
+            name = "%s_%d" % (base, n)
+        names.add(name)
+        with open(os.path.join(folder, name), "wb") as out:
+            out.write(decoder_seed(ports, transport, port, steps))

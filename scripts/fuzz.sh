@@ -23,10 +23,11 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$root/build-fuzz" -G Ninja -DCMAKE_BUI
   -DKEST_BUILD_BENCH=OFF >/dev/null
 cmake --build "$root/build-fuzz" -j "$(nproc 2>/dev/null || echo 2)"
 cd "$root/build-fuzz"
-# Every target of fuzz/, or those named.
+# Every target built (the application decoders' ones included), or those
+# named.
 targets="$*"
 if [ -z "$targets" ]; then
-  targets="$(cd "$root/fuzz" && ls ./*_fuzz.cpp | sed 's|^\./||; s|_fuzz\.cpp$||')"
+  targets="$(cd fuzz && ls ./*_fuzz | sed 's|^\./||; s|_fuzz$||')"
 fi
 for target in $targets; do
   mkdir -p "corpus/$target"

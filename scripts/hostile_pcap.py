@@ -11,8 +11,10 @@ overlapping, conflicting and never-completing IPv4 and IPv6 fragments;
 beyond what is opened; MPLS stacks; packets of several header stacks cut
 at every byte count, both as captured short and with every length field
 made to agree with the cut; bad IHL, length and offset fields; hostile DNS
-and HTTP messages; random and mutated frames; and time stamps that go back
-and jump ahead.
+and HTTP messages; length fields that lie to the application decoders
+(SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC), on their
+ports and from both sides; random and mutated frames; and time stamps that
+go back and jump ahead.
 """
 import argparse
 import random
@@ -713,6 +715,156 @@ def hostile_payloads(cap):
                 conn.send(1, TCP_ACK | TCP_PSH, rng.randbytes(rng.randrange(1, 600)))
 
 
+def ber(tag, body, length=None):
+    """A BER element; `length` (bytes of the length field, already encoded)
+    replaces the true one when given."""
+    if length is None:
+        n = len(body)
+        length = bytes([n]) if n < 128 else b"\x82" + struct.pack("!H", n)
+    return bytes([tag]) + length + body
+
+
+def service_exchanges(cap, proto, port, messages):
+    """Each message from the client to `port`, then from `port` back to the
+    client, on a fresh pair of hosts; over TCP each on a connection of its
+    own, and once more cut into three-byte segments."""
+    for msg in messages:
+        c, s = cap.next_hosts()
+        if proto == 17:
+            w = ip_pair_wrap(c, s, 17)
+            sport = cap.next_port()
+            cap.frame(w(udp(sport, port, msg), 0))
+            cap.frame(w(udp(port, sport, msg), 1))
+            continue
+        for side in (0, 1):
+            for step in (len(msg) or 1, 3):
+                conn = Tcp(cap, v4_wrap(c, s), cap.next_port(), port)
+                conn.handshake()
+                for at in range(0, len(msg), step):
+                    conn.send(side, TCP_ACK | TCP_PSH, msg[at:at + step])
+                conn.close()
+
+
+def lying_lengths(cap):
+    """The application decoders' length fields made to lie: BER lengths past
+    their record, attribute and option lengths past their packet, names
+    longer than said or than their packet, strings without their ends."""
+    huge4 = b"\x84\xff\xff\xff\xff"
+    # SNMP: the message, the community and the PDU each longer than the
+    # datagram, lengths of five and nine bytes, an indefinite length.
+    version = ber(0x02, b"\x01")
+    community = ber(0x04, b"public")
+    pdu = ber(0xA0, ber(0x02, b"\x01") + ber(0x02, b"\x00") * 2 + ber(0x30, b""))
+    snmp = [
+        ber(0x30, version + community + pdu, b"\x82\xff\xff"),
+        ber(0x30, version + ber(0x04, b"public", b"\x7f") + pdu),
+        ber(0x30, version + community + ber(0xA0, pdu[2:], huge4)),
+        ber(0x30, version + community + pdu, b"\x88" + b"\xff" * 8),
+        ber(0x30, version + community + pdu, b"\x80") + b"\0\0",
+        ber(0x30, version + ber(0x04, b"public", b"\x84\x00\x00\x00\x06") + pdu),
+        ber(0x30, ber(0x02, b"\x03") + ber(0x30, b"\x02\x01", b"\x82\x10\x00")),
+    ]
+    for port in (161, 162):
+        service_exchanges(cap, 17, port, snmp)
+    # LDAP over TCP: the message, the bind DN and the search base past the
+    # record.
+    bind = ber(0x60, ber(0x02, b"\x03") + ber(0x04, b"cn=admin", b"\x81\xf0") + ber(0x80, b"pw"))
+    search = ber(0x63, ber(0x04, b"dc=example", huge4))
+    ldap = [
+        ber(0x30, ber(0x02, b"\x01") + bind, huge4),
+        ber(0x30, ber(0x02, b"\x01") + bind),
+        ber(0x30, ber(0x02, b"\x02") + search),
+        ber(0x30, ber(0x02, b"\x03", b"\x7f") + search),
+        ber(0x30, ber(0x02, b"\x04") + ber(0x61, ber(0x0A, b"\x00"), b"\x83\xff\xff\xff")),
+    ]
+    service_exchanges(cap, 6, 389, ldap)
+    # Kerberos: an AS-REQ whose lengths run past the datagram or the record,
+    # over UDP and TCP (whose four-byte record length lies as well).
+    realm = ber(0xA2, ber(0x1B, b"EXAMPLE.ORG", b"\x82\x7f\xff"))
+    body = ber(0xA4, ber(0x30, realm, b"\x81\x80"))
+    as_req = [
+        ber(0x6A, ber(0x30, ber(0xA1, ber(0x02, b"\x05")) + body), huge4),
+        ber(0x6A, ber(0x30, ber(0xA1, ber(0x02, b"\x05")) + ber(0xA2, ber(0x02, b"\x0a")) + body)),
+        ber(0x6A, ber(0x30, b"", b"\x84\x7f\xff\xff\xff")),
+        ber(0x7E, ber(0x30, ber(0xA0, ber(0x02, b"\x05"), b"\x82\xff\xff"))),
+    ]
+    service_exchanges(cap, 17, 88, as_req)
+    service_exchanges(cap, 6, 88, [struct.pack("!I", len(m)) + m for m in as_req] +
+                      [b"\x7f\xff\xff\xff" + as_req[1], b"\x00\x00\x00\x02" + as_req[1]])
+    # RADIUS: a length field past the datagram and below the header, and
+    # attributes of length 0, 1 and past the packet.
+    def radius(code, attrs, length=None):
+        size = 20 + len(attrs) if length is None else length
+        return struct.pack("!BBH", code, 7, size) + bytes(range(16)) + attrs
+    radius_msgs = [
+        radius(1, b"\x01\x06user", 4096), radius(1, b"\x01\x06user", 19),
+        radius(1, b"\x01\x00user"), radius(1, b"\x01\x01user"), radius(1, b"\x01\xffuser"),
+        radius(2, b"\x12\x05ok" + b"\x01\x40user"), radius(4, b"\x1a\xff\x00\x00\x00\x09"),
+    ]
+    for port in (1812, 1813):
+        service_exchanges(cap, 17, port, radius_msgs)
+    # DHCP: options past the datagram, a hardware address length past its
+    # field, no end option; DHCPv6 options past the datagram.
+    def bootp(op, options, hlen=6):
+        head = struct.pack("!BBBBIHH", op, 1, hlen, 0, 0x1234, 0, 0) + bytes(16)
+        return head + bytes(16) + bytes(192) + b"\x63\x82\x53\x63" + options
+    dhcp = [
+        bootp(1, b"\x35\x01\x01\x0c\xffhost"),
+        bootp(1, b"\x35\x01\x03\x3d\x00\x32\x04\x0a"),
+        bootp(2, b"\x35\x01\x02\x3c\x80vendor"),
+        bootp(1, b"\x35\x01\x01" + b"\x00" * 40, hlen=255),
+        bootp(1, b"\x35\x05\x01"),
+    ]
+    service_exchanges(cap, 17, 67, dhcp)
+    service_exchanges(cap, 17, 68, dhcp)
+    dhcp6 = [b"\x01\x00\x00\x01" + b"\x00\x01\xff\xff\x00\x01",
+             b"\x02\x00\x00\x01" + b"\x00\x01\x00\x04\x00\x03" + b"\x00\x02\x00\x40\x00",
+             b"\x03\x00\x00\x01" + b"\x00\x27\x00\x20\x01abc"]
+    # A client name of more labels than any name holds.
+    fqdn = b"\x00" + (b"\x3f" + b"n" * 63) * 6 + b"\x00"
+    dhcp6.append(b"\x01\x00\x00\x01" + b"\x00\x01\x00\x02\x00\x01" + b"\x00\x27" +
+                 struct.pack("!H", len(fqdn)) + fqdn)
+    service_exchanges(cap, 17, 547, dhcp6)
+    service_exchanges(cap, 17, 546, dhcp6)
+    # NetBIOS: the encoded name's length byte other than 32, past the
+    # packet, a pointer to itself; session requests the same over TCP.
+    def ns(flags, name_len, name, qd=1):
+        return struct.pack("!HHHHHH", 0x4242, flags, qd, 0, 0, 0) + bytes([name_len]) + name + \
+            b"\x00\x00\x20\x00\x01"
+    encoded = b"EB" * 16
+    netbios = [ns(0x0110, 0x3f, encoded), ns(0x0110, 0xff, encoded[:5]),
+               ns(0x0110, 0x20, encoded[:10]), ns(0x8500, 0xc0, b"\x0c"),
+               ns(0x0110, 0x20, encoded, qd=0xffff)]
+    service_exchanges(cap, 17, 137, netbios)
+    dgm = [struct.pack("!BBHIHHH", 0x11, 2, 1, 0x0a000001, 138, 0xfff0, 0) + b"\x20" + encoded,
+           struct.pack("!BBHIHHH", 0x10, 2, 1, 0x0a000001, 138, 68, 0) + b"\xff" + encoded[:4]]
+    service_exchanges(cap, 17, 138, dgm)
+    session = [b"\x81\x00\x00\x44" + b"\x20" + encoded + b"\x00" + b"\xff" + encoded[:6],
+               b"\x81\x00\xff\xff" + b"\x20" + encoded, b"\x81\x01\x00\x44" + b"\x40" + encoded,
+               b"\x82\x00\x00\x00", b"\x83\x00\x00\x01"]
+    service_exchanges(cap, 6, 139, session)
+    # TFTP: file names and modes without their terminating zero, options
+    # without values, an error without the end of its text.
+    tftp = [b"\x00\x01file.txt", b"\x00\x01file.txt\x00octet", b"\x00\x02" + b"n" * 500,
+            b"\x00\x01f\x00netascii\x00blksize\x001428\x00tsize", b"\x00\x05\x00\x01not found",
+            b"\x00\x06blksize\x00"]
+    service_exchanges(cap, 17, 69, tftp)
+    # SOCKS: more methods than sent, a name length of 255 with three bytes
+    # of name, a user name past the request, SOCKS 4a without the ends of
+    # its user id and name.
+    socks = [b"\x05\xff\x00\x02", b"\x05\x01\x00" + b"\x05\x01\x00\x03\xffabc\x00\x50",
+             b"\x05\x01\x02" + b"\x01\xffuser", b"\x05\x01\x00\x03\x00\x00\x50",
+             b"\x04\x01\x00\x50\x00\x00\x00\x01user", b"\x04\x01\x00\x50\x00\x00\x00\x01\x00host",
+             b"\x05\x00\x00\x03\xff" + b"h" * 20]
+    service_exchanges(cap, 6, 1080, socks)
+    # VNC: version lines cut short, a type count past the packet, a failure
+    # whose reason is longer than sent.
+    vnc = [b"RFB 003.0", b"RFB 003.008", b"RFB ", b"RFB 003.008\n\xff\x01",
+           b"RFB 003.003\n\x00\x00\x00\x00\xff\xff\xff\xffno", b"RFB 003.008\nRFB 003.008\n\x00"]
+    for port in (5900, 5901):
+        service_exchanges(cap, 6, port, vnc)
+
+
 def random_frames(cap, valid):
     rng = cap.rng
     for _ in range(1000):
@@ -771,7 +923,8 @@ def main():
         recorder = Recorder(cap)
         cap.frame = recorder.frame
         for section in (valid_traffic, tunnels, tcp_hostile, fragments, ext_headers,
-                        vlans_and_mpls, cut_everywhere, bad_fields, hostile_payloads):
+                        vlans_and_mpls, cut_everywhere, bad_fields, hostile_payloads,
+                        lying_lengths):
             section(cap)
         random_frames(cap, recorder.frames)
         clock_games(cap, recorder.frames)

@@ -125,7 +125,9 @@ struct Dhcp {
           for (uint32_t i = 0; text.Ok() && i < label && f.name_length + 2 < sizeof f.name; ++i) {
             f.name[f.name_length++] = static_cast<char>(text.U8());
           }
-          f.name[f.name_length++] = '.';
+          if (f.name_length + 1 < sizeof f.name) {
+            f.name[f.name_length++] = '.';
+          }
         }
         f.name_length -= f.name_length != 0 ? 1 : 0;
       }

@@ -80,6 +80,9 @@ for threads in 1 2; do
   [ "$read" -eq "$written" ] || fail "$t: $read packets read, $written written"
   [ "$read" -eq $(($2 + $3 + $4)) ] || fail "$t: $read read but $2 + $3 + $4 accounted"
 
+  # The JSON lines of a second run against the totals of the first: a
+  # file's run gives the same connections whatever the scheduling, on any
+  # number of threads.
   run --threads "$threads" --json
   jq -c . "$work/out" >/dev/null || fail "$t: a JSON line does not parse"
   lines="$(wc -l <"$work/out")"

@@ -223,7 +223,12 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
           if (done.load(std::memory_order_acquire) && ring.Peek(bytes) == nullptr) {
             break;
           }
-          if (++quiet == 1000) {
+          // Idle passes only for live input, as on one thread: a file's
+          // connections age by its time stamps as its packets come, and an
+          // idle pass whenever this ring ran dry would end them at points
+          // that the scheduling picks, so that two runs of one file could
+          // report different connections.
+          if (!setup.capture_clock && ++quiet == 1000) {
             worker.Idle();
             quiet = 0;
           }
