@@ -107,9 +107,6 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
       const uint64_t order = pass == 0 ? first.bits[word] : ~first.bits[word];
       for (uint64_t todo = live.bits[word] & order; todo != 0; todo &= todo - 1) {
         const size_t i = word * 64 + static_cast<size_t>(__builtin_ctzll(todo));
-        if (!Has(live, i)) {
-          continue;
-        }
         const oru::InspectorCallback &member = m_members[i].callback;
         const unsigned int r = member.Call(parent, pkt, tuple, conn);
         if (r == oru::INSPECT_STAY) {

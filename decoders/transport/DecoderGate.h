@@ -37,8 +37,6 @@ public:
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
   void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
 
-  size_t Members() const { return m_count; }
-
 private:
   struct Member {
     oru::InspectorCallback callback;
