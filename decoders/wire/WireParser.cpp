@@ -402,6 +402,38 @@ bool Vxlan(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   return true;
 }
 
+// Teredo: an IPv6 packet alone in a UDP datagram, after an optional
+// authentication indicator (type 1: client id and authentication value
+// lengths, both values, an 8-byte nonce, a confirmation byte) and an optional
+// origin indication (type 0: port and address, 8 bytes). Any port may carry
+// it, so the packet itself must add up: version 6, a payload length that
+// ends exactly with the datagram, and a Teredo (2001:0::/32) or link-local
+// (fe80::/10, the qualification exchange) address on one side.
+bool Teredo(const uint8_t *p, uint32_t n, InnerPacket &inner) {
+  uint32_t at = 0;
+  if (n >= 4 && p[0] == 0 && p[1] == 1) {
+    at = 4u + p[2] + p[3] + 8u + 1u;
+  }
+  if (n >= at + 8 && p[at] == 0 && p[at + 1] == 0) {
+    at += 8;
+  }
+  if (n < at + 40 || (p[at] >> 4) != 6 || oru::kit::LoadBe16(p + at + 4) != n - at - 40) {
+    return false;
+  }
+  auto tunnelled = [](const uint8_t *a) {
+    return (a[0] == 0x20 && a[1] == 0x01 && a[2] == 0 && a[3] == 0) ||
+           (a[0] == 0xfe && (a[1] & 0xc0) == 0x80);
+  };
+  if (!tunnelled(p + at + 8) && !tunnelled(p + at + 24)) {
+    return false;
+  }
+  inner.kind = TunnelKind::kTeredo;
+  inner.form = PacketForm::kIp;
+  inner.data = p + at;
+  inner.length = n - at;
+  return true;
+}
+
 } // namespace
 
 bool Decapsulate(const ParsedPacket &outer, InnerPacket &inner) {
@@ -427,7 +459,7 @@ bool Decapsulate(const ParsedPacket &outer, InnerPacket &inner) {
     if (outer.dst_port == 4789) {
       return Vxlan(p, n, inner);
     }
-    return false;
+    return Teredo(p, n, inner);
   default:
     return false;
   }

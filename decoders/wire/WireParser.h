@@ -90,6 +90,7 @@ enum class TunnelKind : uint8_t {
   kGre,    // IP protocol 47, carrying IPv4, IPv6 or Ethernet
   kGtpU,   // UDP port 2152, G-PDU carrying IP
   kVxlan,  // UDP port 4789, carrying Ethernet
+  kTeredo, // UDP on any port, carrying IPv6 (RFC 4380)
 };
 
 struct InnerPacket {

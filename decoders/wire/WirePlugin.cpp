@@ -258,10 +258,10 @@ public:
   static constexpr unsigned kNotClassified = 0x100;
   // Tunnels opened within one another, at most.
   static constexpr int kMaxTunnels = 4;
-  static constexpr int kTunnelKinds = 5;
+  static constexpr int kTunnelKinds = 6;
   // By TunnelKind.
-  static constexpr const char *kTunnelNames[kTunnelKinds] = {nullptr, "IPIP", "GRE", "GTP",
-                                                             "VXLAN"};
+  static constexpr const char *kTunnelNames[kTunnelKinds] = {nullptr, "IPIP",  "GRE",
+                                                             "GTP",   "VXLAN", "Teredo"};
   // The transports of ip.plg, by IP protocol; the last takes every number
   // not named before it.
   static constexpr int kOtherKinds = 7;
