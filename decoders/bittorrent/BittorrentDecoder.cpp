@@ -54,7 +54,7 @@ struct Wire {
 
 // A tracker request's target, read a byte at a time.
 struct Query {
-  enum : uint8_t { kPath, kName, kValue };
+  enum : uint8_t { kPath, kName, kValue, kHead };
   uint8_t phase = kPath;
   uint8_t name_length = 0;
   // 1: the value is the info hash, 2: the peer id.
@@ -81,7 +81,10 @@ struct Bittorrent {
                               .protocols = {"BitTorrent", "HTTP"},
                               .attributes = {"bittorrent.info_hash", "bittorrent.client"},
                               .tcp = true,
-                              .tcp_ports = {6881, 6969},
+                              // HTTP's ports too: there the tracker request is read before HTTP's
+                              // decoder reads it, so that the two report in one order wherever the
+                              // packets cut the request.
+                              .tcp_ports = {6881, 6969, 80, 8080, 8000, 8008, 8888, 3128},
                               .udp = true,
                               .udp_ports = {6881, 6771, 6969},
                               .tcp_framing = Framing::kStream};
@@ -331,14 +334,19 @@ struct Bittorrent {
     return true;
   }
 
-  // A tracker request's target, one byte; -1 when it is not one, 1 once it
-  // is whole with an info hash, 0 for more.
+  // A tracker request, one byte; -1 when it is not one, 1 once its request
+  // line is whole with an info hash in its target, 0 for more.
   static int QueryByte(State &st, uint8_t c) {
     Query &q = st.query;
     Wire &w = st.side[0];
     const uint32_t at = w.at++;
     if (at < 5) {
       return c == static_cast<uint8_t>("GET /"[at]) ? 0 : -1;
+    }
+    if (q.phase == Query::kHead) {
+      // Named at the end of the request line: HTTP waits for the rest of
+      // the head only once this decoder has left the connection.
+      return c == '\n' ? 1 : at > kMaxPath + kMaxQuery + 16 ? -1 : 0;
     }
     if (c <= ' ' && c != ' ') {
       return -1;
@@ -371,7 +379,8 @@ struct Bittorrent {
       } else if (c == '&') {
         q.name_length = 0;
       } else if (c == ' ') {
-        return q.hash_ok ? 1 : -1;
+        q.phase = Query::kHead;
+        return q.hash_ok ? 0 : -1;
       } else if (q.name_length < sizeof q.name) {
         q.name[q.name_length++] = static_cast<char>(c);
       } else {
@@ -382,9 +391,9 @@ struct Bittorrent {
     if (c == '&' || c == ' ') {
       q.hash_ok = q.hash_ok || (q.target == 1 && q.got == 20 && q.escape == 0);
       q.peer_ok = q.peer_ok || (q.target == 2 && q.got == 20 && q.escape == 0);
-      q.phase = Query::kName;
+      q.phase = c == ' ' ? Query::kHead : Query::kName;
       q.name_length = 0;
-      return c == ' ' ? (q.hash_ok ? 1 : -1) : 0;
+      return c == ' ' && !q.hash_ok ? -1 : 0;
     }
     if (q.target == 0) {
       return 0;
