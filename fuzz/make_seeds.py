@@ -97,6 +97,16 @@ SEEDS = {
         "failing": b"\xf5\x07" + b"\x00" + run("SAY /x CHAT/1.0\r\nNick: a\r\n\r\n")
         + b"\x01" + run("CHAT/1.0 204 None\r\n\r\n"),
     },
+    "bencode": {
+        "dht_get_peers": b"d1:ad2:id20:" + bytes(range(20)) + b"9:info_hash20:" + bytes(range(20, 40))
+        + b"e1:q9:get_peers1:t2:aa1:y1:qe",
+        "dht_reply_nodes": b"d1:rd2:id20:" + bytes(20) + b"5:nodes26:" + bytes(26) + b"e1:t2:aa1:y1:re",
+        "dht_error": b"d1:eli201e7:Generice1:t2:aa1:y1:ee",
+        "nested_lists": b"l" * 20 + b"e" * 20,
+        "integers": b"li0ei-5ei1234567890123456789ee",
+        "leading_zero": b"d2:id03:abce",
+        "tracker_answer": b"d8:intervali1800e5:peers6:\x7f\x00\x00\x01\x1a\xe1e",
+    },
 }
 
 for target, seeds in SEEDS.items():
