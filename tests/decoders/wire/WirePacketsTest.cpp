@@ -213,8 +213,9 @@ TEST_F(WirePackets, TunnelsOpenWithTheirPolicy) {
       const std::vector<Result> results = Send(h, {packets[at], packets[at + 1], packets[at + 2]});
       stacks.push_back(results[1].stack + " " + std::to_string(results[1].code));
     }
-    EXPECT_EQ(stacks, tunnels ? (std::vector<std::string>{"IPIP/TCP/PROBE 1", "GTP/TCP/PROBE 1"})
-                              : (std::vector<std::string>{" 0", "UDP 1"}));
+    EXPECT_EQ(stacks, tunnels ? (std::vector<std::string>{"IPIP/TCP/PROBE 1", "GTP/TCP/PROBE 1",
+                                                          "Teredo/TCP/PROBE 1", "UDP 1"})
+                              : (std::vector<std::string>{" 0", "UDP 1", "UDP 1", "UDP 1"}));
     Close(h);
     dir.clear();
   }
