@@ -7,12 +7,13 @@ every tunnel); TCP streams with overlapping and conflicting segments,
 straddling retransmissions, sequence numbers across 2^32, zero windows and
 window probes; SYN, RST and FIN floods and every flag combination; tiny,
 overlapping, conflicting and never-completing IPv4 and IPv6 fragments;
-64 stacked VLAN tags and QinQ; IP-in-IP, GRE, VXLAN and GTP-U nested far
-beyond what is opened; MPLS stacks; packets of several header stacks cut
+64 stacked VLAN tags and QinQ; IP-in-IP, GRE, VXLAN, GTP-U and Teredo nested
+far beyond what is opened, Teredo with lying IPv6 lengths and indicators; MPLS stacks; packets of several header stacks cut
 at every byte count, both as captured short and with every length field
 made to agree with the cut; bad IHL, length and offset fields; hostile DNS
 and HTTP messages; length fields that lie to the application decoders
-(SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC), on their
+(SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, BitTorrent's
+peer wire, bencode, uTP and trackers), on their
 ports and from both sides; random and mutated frames; and time stamps that
 go back and jump ahead.
 """
@@ -42,6 +43,11 @@ def a4(text):
 def a6(n):
     """2001:db8::/32 with `n` in the last 64 bits."""
     return bytes.fromhex("20010db8000000000000000000000000")[:8] + struct.pack("!Q", n)
+
+
+def teredo6(n):
+    """A Teredo address (2001:0::/32) with `n` in the last 64 bits."""
+    return bytes.fromhex("2001000041379e50") + struct.pack("!Q", n)
 
 
 # Layers: each takes the bytes inside it and gives the bytes with its header.
@@ -341,6 +347,27 @@ def tunnels(cap):
                 return frame_of(nest(layers, ip))
             http_conversation(cap, v4_wrap(c, s, outer=outer))
             dns_exchange(cap, ip_pair_wrap(c, s, 17, outer=outer))
+    # Teredo inside Teredo: IPv6 in UDP in IPv6, as deep as the others.
+    for depth in (1, 2, 3, 4, 5, 8, 16, 40):
+        def outer(ip, depth=depth):
+            for _ in range(depth):
+                ip = ipv6(teredo6(1), a6(2), 17, udp(40000, 3544, ip))
+            return frame_of(ipv4(a4("198.51.100.1"), a4("198.51.100.2"), 17,
+                                 udp(40000, 3544, ip)))
+        http_conversation(cap, v6_wrap(teredo6(3), a6(4), outer=outer))
+    # Teredo whose IPv6 length lies, whose indicators run past the datagram,
+    # or whose inner packet has no Teredo or link-local address.
+    c, s = cap.next_hosts()
+    inner = ipv6(teredo6(5), a6(6), 17, udp(5000, 53, dns_query("teredo.example.com")))
+    plen = len(inner) - 40
+    cases = [ipv6(teredo6(5), a6(6), 17, inner[40:], plen=n) for n in (0, plen - 1, plen + 1,
+                                                                        0xFFFF)]
+    cases += [b"\x00\x01\xff\xff" + inner, b"\x00\x01\x00\x00" + bytes(9) + inner,
+              b"\x00\x01\x00\x00" + bytes(8), b"\x00\x00\x0d\xd8" + inner,
+              b"\x00\x00" + inner, ipv6(a6(5), a6(6), 17, inner[40:]), inner[:39], b"\x60"]
+    for case in cases:
+        cap.frame(frame_of(ipv4(c, s, 17, udp(40001, 3544, case))))
+        cap.frame(frame_of(ipv4(s, c, 17, udp(3544, 40001, case))))
     # Tunnels whose inner packet is damaged, empty or not IP.
     for layer in tunnel_layers(rng, "mixed", 40):
         for inner in (b"", b"\x45", b"\x60" + bytes(10), bytes(40), rng.randbytes(60)):
@@ -865,6 +892,38 @@ def lying_lengths(cap):
         service_exchanges(cap, 6, port, vnc)
 
 
+def bittorrent_lies(cap):
+    """BitTorrent's lengths and counts made to lie: peer wire messages longer
+    than any taken or shorter than their ids need, handshakes cut short,
+    bencode nested past its depth, more items than counted, strings longer
+    than the datagram; uTP extension chains past the datagram or endless;
+    tracker requests and answers cut short."""
+    info = bytes(range(20))
+    hs = b"\x13BitTorrent protocol" + bytes(8) + info + b"-TR3000-" + bytes(12)
+    wire = [hs[:30], hs + b"\xff\xff\xff\xff\x07", hs + b"\x00\x00\x00\x09\x07",
+            b"\x00\x00\x00\x05\x04" * 2 + b"\x7f\xff\xff\xff\x07",
+            b"\x00\x00\x00\x00" * 500, b"\x00\x01\x00\x00\x05" + b"\xff" * 60,
+            b"GET /announce?info_hash=" + b"%41" * 400 + b" HTTP/1.1\r\n\r\n",
+            b"GET /" + b"a" * 300 + b"announce?info_hash=%zz HTTP/1.1\r\n\r\n"]
+    service_exchanges(cap, 6, 6881, wire)
+    dht = [b"l" * 5000 + b"e" * 5000, b"d" + b"1:ai0e" * 3000 + b"e",
+           b"d1:ad2:id9999999:" + bytes(20) + b"ee", b"d1:ti99999999999999999999ee",
+           b"d1:ad2:id20:" + bytes(20) + b"e1:q4:ping1:t2:aa1:y1:q", b"d" * 100 + b"e" * 100,
+           b"di1e1:ae", b"d1:y1:q1:t0:1:q0:1:ade" + b"e" * 50]
+    utp = [b"\x41\x01\x3d\x02" + bytes(16) + b"\x01\xff", b"\x01\x01\x3d\x02" + bytes(16) +
+           b"\x01\x00" * 100, b"\x21\x02\x3d\x02" + bytes(16) + b"\x00\x08" + bytes(4)]
+    tracker = [bytes.fromhex("0000041727101980") + bytes(4),
+               bytes.fromhex("000004172710198000000000") + b"\x00\x00\x00\x01" + bytes(2),
+               b"BT-SEARCH * HTTP/1.1\r\nInfohash: " + b"f" * 39 + b"\r\n\r\n"]
+    service_exchanges(cap, 17, 6881, dht + utp + tracker)
+    # A tracker's connect, then announces shorter than their fields.
+    c, s = cap.next_hosts()
+    w = ip_pair_wrap(c, s, 17)
+    cap.frame(w(udp(40002, 6969, bytes.fromhex("0000041727101980") + bytes(8)), 0))
+    for n in (16, 40, 97):
+        cap.frame(w(udp(40002, 6969, (bytes(8) + b"\x00\x00\x00\x01" + bytes(86))[:n]), 0))
+
+
 def random_frames(cap, valid):
     rng = cap.rng
     for _ in range(1000):
@@ -924,7 +983,7 @@ def main():
         cap.frame = recorder.frame
         for section in (valid_traffic, tunnels, tcp_hostile, fragments, ext_headers,
                         vlans_and_mpls, cut_everywhere, bad_fields, hostile_payloads,
-                        lying_lengths):
+                        lying_lengths, bittorrent_lies):
             section(cap)
         random_frames(cap, recorder.frames)
         clock_games(cap, recorder.frames)
