@@ -73,7 +73,11 @@ struct Utp {
   uint16_t id[2] = {};
   bool seen[2] = {};
   bool syn[2] = {};
+  // Packets of one side while the other has not answered.
+  uint8_t unanswered = 0;
 };
+// A side's uTP packets that wait for the other's, at most.
+constexpr uint8_t kMaxUnanswered = 8;
 
 struct Bittorrent {
   static constexpr Spec kSpec{.plugin = "bittorrent",
@@ -558,6 +562,9 @@ struct Bittorrent {
     const unsigned me = s.side();
     const unsigned other = 1 - me;
     const bool syn = type == 4;
+    if (!s.named() && !u.seen[other] && ++u.unanswered > kMaxUnanswered) {
+      return Verdict::kNotMine;
+    }
     if (!s.named() && u.seen[other]) {
       const uint16_t theirs = u.id[other];
       // The answer to a SYN carries its id; otherwise the initiator sends
