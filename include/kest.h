@@ -296,7 +296,7 @@ KEST_EXPORT int kest_error_get(kest_handle_t handle);
  *   KEST_SELECTOR_ETHERNET    an Ethernet II frame, with any number of
  *                             802.1Q / 802.1ad tags, and PPPoE session frames;
  *   KEST_SELECTOR_LINUX_SLL   a Linux cooked-capture frame (16-byte header).
- * Tunnels (IP-in-IP, GRE, GTP-U, VXLAN) are opened while the thread's
+ * Tunnels (IP-in-IP, GRE, GTP-U, VXLAN, Teredo) are opened while the thread's
  * default policy has the tunnel bit ("conn.default_policy.tunnels"). A frame
  * of another kind (ARP, an IP protocol other than TCP and UDP, a malformed
  * packet) gets result code 0, "not classified", with connection number 0 and
