@@ -101,10 +101,20 @@ struct Bittorrent {
     uint8_t hash[20] = {};
     uint8_t peer[2][20] = {};
     bool hash_told = false;
-    // A UDP tracker's connect request was seen, from this side.
+    // A UDP tracker's connect request was seen, from this side; or only
+    // an announce, of this transaction, whose answer is awaited.
     bool tracker = false;
+    bool announced = false;
     uint8_t tracker_client = 0;
+    uint32_t transaction = 0;
   };
+
+  // An announce to a UDP tracker: a connection id, action 1, a transaction,
+  // the info hash, the peer id, three counts of 8 bytes, an event of 0 to 3,
+  // address, key, wanted peers and port.
+  static bool Announce(ByteReader r) {
+    return r.Left() >= 98 && LoadBe32(r.Here() + 8) == 1 && LoadBe32(r.Here() + 80) <= 3;
+  }
 
   // The first bytes of a connection: a handshake, a tracker request, a
   // message's length (TCP); a bencoded dictionary, a uTP header, a tracker
@@ -112,7 +122,7 @@ struct Bittorrent {
   static bool Opening(unsigned, ByteReader first) {
     const uint32_t c = first.Peek();
     return c == 0x13 || c == 'G' || c == 'd' || c == 'B' || c == 0 ||
-           ((c & 0x0f) == 1 && c <= 0x41);
+           ((c & 0x0f) == 1 && c <= 0x41) || Announce(first);
   }
 
   static void Hex(const uint8_t *bytes, char *out) {
@@ -633,15 +643,41 @@ struct Bittorrent {
     ByteReader h = r;
     const uint64_t connection = h.U64();
     const uint32_t action = h.U32();
-    h.Skip(4); // the transaction
+    const uint32_t transaction = h.U32();
     mine = h.Ok();
     if (mine && connection == 0x41727101980ull && action == 0 && h.Empty() && !s.named()) {
       st.tracker = true;
       st.tracker_client = static_cast<uint8_t>(s.side());
       return s.Name() ? Verdict::kNamed : Verdict::kNotMine;
     }
-    // An announce: info hash, peer id, three counts of 8 bytes, event,
-    // address, key, wanted peers, port.
+    if (!s.named() && !st.announced && Announce(r)) {
+      // Its connect came before the capture: named once the tracker
+      // answers this transaction.
+      st.announced = true;
+      st.tracker_client = static_cast<uint8_t>(s.side());
+      st.transaction = transaction;
+      for (int i = 0; i < 20; ++i) {
+        st.hash[i] = h.Here()[i];
+        st.peer[s.side()][i] = h.Here()[20 + i];
+      }
+      return Verdict::kNeedMore;
+    }
+    if (!s.named() && st.announced) {
+      // The answer: action 1, the transaction, interval, leechers, seeders
+      // and peers of 6 (or 18) bytes; or an error (action 3).
+      const uint32_t answer = static_cast<uint32_t>(connection >> 32);
+      const size_t peers = r.Left() - 20;
+      const bool answered =
+          s.side() != st.tracker_client && static_cast<uint32_t>(connection) == st.transaction &&
+          ((answer == 1 && r.Left() >= 20 && (peers % 6 == 0 || peers % 18 == 0)) || answer == 3);
+      if (!answered || !s.Name()) {
+        return Verdict::kNotMine;
+      }
+      st.tracker = true;
+      TellHash(s, st.hash);
+      TellClient(s, st.peer[st.tracker_client]);
+      return Verdict::kNamed;
+    }
     if (mine && st.tracker && s.side() == st.tracker_client && action == 1 &&
         h.Left() >= 20 + 20 + 24 + 16 + 2) {
       TellHash(s, h.Here());
@@ -667,7 +703,7 @@ struct Bittorrent {
       return v == Verdict::kNotMine && s.named() ? Verdict::kNeedMore : v;
     }
     bool tracker = false;
-    if (r.Left() >= 16 && (c == 0 || s.state().tracker)) {
+    if (r.Left() >= 16 && (c == 0 || s.state().tracker || s.state().announced || Announce(r))) {
       const Verdict v = Tracker(s, r, tracker);
       if (tracker) {
         return v;
