@@ -922,6 +922,15 @@ def bittorrent_lies(cap):
     cap.frame(w(udp(40002, 6969, bytes.fromhex("0000041727101980") + bytes(8)), 0))
     for n in (16, 40, 97):
         cap.frame(w(udp(40002, 6969, (bytes(8) + b"\x00\x00\x00\x01" + bytes(86))[:n]), 0))
+    # An announce with no connect before it, answered short and by another
+    # transaction.
+    announce = bytes(8) + b"\x00\x00\x00\x01" + b"\x00\x00\x00\x07" + info + bytes(66)
+    for answer in (b"\x00\x00\x00\x01\x00\x00\x00\x07" + bytes(11),
+                   b"\x00\x00\x00\x01\x00\x00\x00\x08" + bytes(12)):
+        c, s = cap.next_hosts()
+        w = ip_pair_wrap(c, s, 17)
+        cap.frame(w(udp(40003, 6969, announce), 0))
+        cap.frame(w(udp(6969, 40003, answer), 1))
 
 
 def random_frames(cap, valid):

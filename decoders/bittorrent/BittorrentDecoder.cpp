@@ -12,7 +12,8 @@
 //     uTP packets (version 1, types 0 to 4, a well-formed extension chain)
 //     once the two sides' connection ids pair (a SYN's id answered, or ids
 //     one apart); a tracker's connect request (protocol id 0x41727101980)
-//     and the announces after it; local peer discovery ("BT-SEARCH *").
+//     and the announces after it, or an announce and the tracker's answer
+//     to its transaction; local peer discovery ("BT-SEARCH *").
 // "bittorrent.info_hash" (40 hex digits) comes from handshakes, announces,
 // DHT get_peers and announce_peer queries and discovery; "bittorrent.client"
 // from a peer id: Azureus-style ("-qB4650-": "qBittorrent 4.6.5"),
