@@ -53,7 +53,8 @@ struct Wire {
   uint32_t left = 0;
 };
 
-// A tracker request's target, read a byte at a time.
+// A tracker request's line (its target's path and query, then the rest of
+// the line), read a byte at a time.
 struct Query {
   enum : uint8_t { kPath, kName, kValue, kHead };
   uint8_t phase = kPath;
