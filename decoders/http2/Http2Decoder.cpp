@@ -97,8 +97,30 @@ struct Http2 {
   struct State {
     Side side[2];
   };
+  static constexpr const char *kFamilies[2] = {"http.request.header.", "http.response.header."};
   struct Thread {
+    // The header families are the HTTP decoder's, registered on its thread
+    // start (before this one's, by name); without it, this decoder holds
+    // them, so that the members a host listens to get identifiers.
+    Thread() {
+      oru::AttributeMgr *manager = oru::AttributeMgr::Instance();
+      for (int i = 0; i < 2 && manager != nullptr; ++i) {
+        own[i] = !manager->IsRegistered(kFamilies[i]) &&
+                 manager->Register(oru::fdt::string(kFamilies[i]), Ignore, nullptr);
+      }
+    }
+    ~Thread() {
+      oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
+      for (int i = 0; i < 2 && manager != nullptr; ++i) {
+        if (own[i]) {
+          manager->Unregister(oru::fdt::string(kFamilies[i]));
+        }
+      }
+    }
+    static void Ignore(const oru::fdt::string &, int, int, void *) {}
+
     HpackDecoder::Scratch scratch;
+    bool own[2] = {false, false};
   };
 
   // The HTTP decoder makes the HTTP names; without it loaded (it starts
@@ -209,7 +231,7 @@ struct Http2 {
     if (manager == nullptr) {
       return 0;
     }
-    const char *family = request ? "http.request.header." : "http.response.header.";
+    const char *family = kFamilies[request ? 0 : 1];
     const auto found = manager->m_registrations.find(family);
     if (found == manager->m_registrations.end() || found->first.size() != strlen(family)) {
       return 0;
