@@ -132,21 +132,27 @@ struct Http2 {
     return true;
   }
 
-  // A client opens with the preface, a server with a SETTINGS frame, whose
-  // length's first byte is 0.
+  // A side opens with the preface (a client) or a SETTINGS frame: most
+  // connections are judged on their first bytes, before any state is made.
   static bool Opening(unsigned, ByteReader first) {
-    return first.Peek() == 'P' || first.Peek() == 0;
+    if (first.Peek() == 'P') {
+      const size_t n = first.Left() < kPrefaceLength ? first.Left() : kPrefaceLength;
+      if (memcmp(first.Here(), kPreface, n) != 0) {
+        return false;
+      }
+      first.Skip(n);
+    }
+    return FirstHead(first.Here(), first.Left() < 9 ? static_cast<uint32_t>(first.Left()) : 9);
   }
 
   static Verdict Refuse(Session<Http2> &s) {
     return s.named() ? Verdict::kDone : Verdict::kNotMine;
   }
 
-  // The first frame's head as far as it came: a SETTINGS frame on stream 0,
-  // not an acknowledgement, of a few whole settings.
-  static bool FirstHead(const Side &side) {
-    const uint8_t *h = side.head;
-    for (uint32_t i = 0; i < side.head_have; ++i) {
+  // The first frame's head as far as it came (`have` bytes): a SETTINGS
+  // frame on stream 0, not an acknowledgement, of a few whole settings.
+  static bool FirstHead(const uint8_t *h, uint32_t have) {
+    for (uint32_t i = 0; i < have; ++i) {
       const bool good = i == 2   ? h[2] % 6 == 0 && h[2] <= 6 * kFirstSettings
                         : i == 3 ? h[3] == kSettings
                                  : h[i] == 0;
@@ -370,7 +376,7 @@ struct Http2 {
         memcpy(side.head + side.head_have, r.Here(), take);
         side.head_have = static_cast<uint8_t>(side.head_have + take);
         r.Skip(take);
-        if (side.frames == 0 && !FirstHead(side)) {
+        if (side.frames == 0 && !FirstHead(side.head, side.head_have)) {
           return Refuse(s);
         }
         if (side.head_have < 9) {
