@@ -311,8 +311,13 @@ struct Http2 {
       return Verdict::kNeedMore;
     }
     if (type == kSettings) {
+      // Judged only while it may name the protocol: later, settings of no
+      // known meaning are the peer's to ignore.
+      const bool sound = !side.overflow && side.have - side.frame_at == length &&
+                         SoundSettings(ByteReader(side.block + side.frame_at, length));
       side.have = side.frame_at;
-      if (!SoundSettings(ByteReader(side.block + side.frame_at, length))) {
+      side.overflow = false;
+      if (!sound && !s.named()) {
         return Refuse(s);
       }
       return side.with_preface && !s.Name() ? Verdict::kNotMine : Verdict::kNeedMore;
@@ -349,8 +354,8 @@ struct Http2 {
     }
     const uint8_t type = side.head[3];
     side.left = static_cast<uint32_t>(side.head[0]) << 16 | side.head[1] << 8 | side.head[2];
-    side.keep = side.frames == 0 ||
-                (!side.lost && (type == kHeaders || type == kPushPromise || type == kContinuation));
+    side.keep = (side.frames == 0 && type == kSettings) || type == kHeaders ||
+                type == kPushPromise || type == kContinuation;
     side.frame_at = side.have;
     return Verdict::kNeedMore;
   }
@@ -376,7 +381,7 @@ struct Http2 {
         memcpy(side.head + side.head_have, r.Here(), take);
         side.head_have = static_cast<uint8_t>(side.head_have + take);
         r.Skip(take);
-        if (side.frames == 0 && !FirstHead(side.head, side.head_have)) {
+        if (side.frames == 0 && !s.named() && !FirstHead(side.head, side.head_have)) {
           return Refuse(s);
         }
         if (side.head_have < 9) {
