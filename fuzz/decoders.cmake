@@ -1,10 +1,11 @@
 # The application decoders, each through fuzz/decoder_fuzz.cpp: one line per
 # decoder, WITH the plug-ins it hands connections on to. Its ports and
-# attributes are read from the decoder's Spec; its seeds are in
-# fuzz/corpus/<name>_decoder (fuzz/make_seeds.py writes them from the
-# decoder's conversation cases).
+# attributes (its own and those it borrows) are read from the decoder's Spec,
+# with any more named as ATTRIBUTES (members of another decoder's families);
+# its seeds are in fuzz/corpus/<name>_decoder (fuzz/make_seeds.py writes them
+# from the decoder's conversation cases).
 function(kest_decoder_fuzz_target name)
-  cmake_parse_arguments(DF "" "" "WITH" ${ARGN})
+  cmake_parse_arguments(DF "" "" "WITH;ATTRIBUTES" ${ARGN})
   if(NOT TARGET ${name})
     return()
   endif()
@@ -16,6 +17,18 @@ function(kest_decoder_fuzz_target name)
   endforeach()
   string(REGEX MATCH "\\.attributes = {([^}]*)}" _ "${_spec}")
   string(REGEX REPLACE "[ \n]+" "" _attributes "${CMAKE_MATCH_1}")
+  string(REGEX MATCH "\\.borrowed = {([^}]*)}" _ "${_spec}")
+  string(REGEX REPLACE "[ \n]+" "" _borrowed "${CMAKE_MATCH_1}")
+  foreach(_more IN LISTS _borrowed DF_ATTRIBUTES)
+    if(_attributes)
+      string(APPEND _attributes ",")
+    endif()
+    if(_more MATCHES "^\"")
+      string(APPEND _attributes "${_more}")
+    else()
+      string(APPEND _attributes "\"${_more}\"")
+    endif()
+  endforeach()
   string(REGEX MATCH "\\.tcp_ports = {([^}]*)}" _ "${_spec}")
   set(_ports "${CMAKE_MATCH_1}")
   string(REGEX MATCH "\\.udp_ports = {([^}]*)}" _ "${_spec}")
@@ -65,3 +78,5 @@ kest_decoder_fuzz_target(irc)
 kest_decoder_fuzz_target(xmpp WITH tls)
 kest_decoder_fuzz_target(smb)
 kest_decoder_fuzz_target(bittorrent)
+kest_decoder_fuzz_target(http2 WITH http ATTRIBUTES http.request.header.host
+                         http.response.header.server)

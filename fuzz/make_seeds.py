@@ -202,3 +202,45 @@ for decoder in DECODERS:
         names.add(name)
         with open(os.path.join(folder, name), "wb") as out:
             out.write(decoder_seed(ports, transport, port, steps))
+
+# The HPACK reader's target (fuzz/hpack_fuzz.cpp) starts from the worked
+# examples of the header compression: each a series of header blocks on one
+# context, every block with a two-byte length in front (the responses first
+# set the table to the examples' 256 bytes).
+def hpack_blocks(*blocks):
+    return b"".join(len(b).to_bytes(2, "big") + b for b in (bytes.fromhex(x) for x in blocks))
+
+
+HPACK_SEEDS = {
+    "literal_with_indexing": hpack_blocks(
+        "400a637573746f6d2d6b65790d637573746f6d2d686561646572"),
+    "literal_without_indexing": hpack_blocks("040c2f73616d706c652f70617468"),
+    "literal_never_indexed": hpack_blocks("100870617373776f726406736563726574"),
+    "indexed": hpack_blocks("82"),
+    "requests_raw": hpack_blocks(
+        "828684410f7777772e6578616d706c652e636f6d",
+        "828684be58086e6f2d6361636865",
+        "828785bf400a637573746f6d2d6b65790c637573746f6d2d76616c7565"),
+    "requests_huffman": hpack_blocks(
+        "828684418cf1e3c2e5f23a6ba0ab90f4ff",
+        "828684be5886a8eb10649cbf",
+        "828785bf408825a849e95ba97d7f8925a849e95bb8e8b4bf"),
+    "responses_raw": hpack_blocks(
+        "3fe1014803333032580770726976617465611d4d6f6e2c203231204f637420323031332032303a31333a"
+        "323120474d546e1768747470733a2f2f7777772e6578616d706c652e636f6d",
+        "4803333037c1c0bf",
+        "88c1611d4d6f6e2c203231204f637420323031332032303a31333a323220474d54c05a04677a69707738"
+        "666f6f3d4153444a4b48514b425a584f5157454f50495541585157454f49553b206d61782d6167653d33"
+        "3630303b2076657273696f6e3d31"),
+    "responses_huffman": hpack_blocks(
+        "3fe101488264025885aec3771a4b6196d07abe941054d444a8200595040b8166e082a62d1bff6e919d29"
+        "ad171863c78f0b97c8e9ae82ae43d3",
+        "4883640effc1c0bf",
+        "88c16196d07abe941054d444a8200595040b8166e084a62d1bffc05a839bd9ab77ad94e7821dd7f2e6c7"
+        "b335dfdfcd5b3960d5af27087f3672c1ab270fb5291f9587316065c003ed4ee5b1063d5007"),
+}
+folder = os.path.join(HERE, "corpus", "hpack")
+os.makedirs(folder, exist_ok=True)
+for name, data in HPACK_SEEDS.items():
+    with open(os.path.join(folder, name), "wb") as out:
+        out.write(data)

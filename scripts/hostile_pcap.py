@@ -12,9 +12,9 @@ far beyond what is opened, Teredo with lying IPv6 lengths and indicators; MPLS s
 at every byte count, both as captured short and with every length field
 made to agree with the cut; bad IHL, length and offset fields; hostile DNS
 and HTTP messages; length fields that lie to the application decoders
-(SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, BitTorrent's
-peer wire, bencode, uTP and trackers), on their
-ports and from both sides; random and mutated frames; and time stamps that
+(SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, HTTP/2,
+BitTorrent's peer wire, bencode, uTP and trackers), on their ports and from
+both sides; random and mutated frames; and time stamps that
 go back and jump ahead.
 """
 import argparse
@@ -890,6 +890,29 @@ def lying_lengths(cap):
            b"RFB 003.003\n\x00\x00\x00\x00\xff\xff\xff\xffno", b"RFB 003.008\nRFB 003.008\n\x00"]
     for port in (5900, 5901):
         service_exchanges(cap, 6, port, vnc)
+    # HTTP/2: frames longer than sent or than any frame may be, padding past
+    # its frame, endless CONTINUATION, and header blocks whose integers,
+    # string lengths, indices, table sizes and Huffman codes lie.
+    def h2(kind, flags, stream, payload, length=None):
+        size = len(payload) if length is None else length
+        return struct.pack("!I", size)[1:] + bytes([kind, flags]) + struct.pack("!I", stream) + \
+            payload
+    preface = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + h2(4, 0, 0, b"\x00\x03\x00\x00\x00\x64")
+    blocks = [b"\x82\x86\x84\x41\x7f" + b"\xff" * 8, b"\x82\x41\x7f\xff\xff\xff\x7f" + b"x" * 8,
+              b"\x82\xff\xff\xff\xff\x0f", b"\x3f\xff\xff\xff\xff\x0f\x82",
+              b"\x82\x41\x84\xff\xff\xff\xff", b"\x40\x7f\x10abc\x03def", b"\x82\x20\x84"]
+    http2 = [preface + h2(1, 5, 1, blk) for blk in blocks] + [
+        preface + h2(1, 5, 1, b"\x82\x84", length=0xffffff),
+        preface + h2(1, 0x0d, 1, b"\xff\x82\x84"),
+        preface + h2(1, 0x25, 1, b"\x00\x00\x00\x01"),
+        preface + h2(1, 1, 1, b"\x82") + b"".join(h2(9, 0, 1, b"\x84") for _ in range(600)),
+        preface + h2(1, 1, 1, b"\x82") + h2(9, 4, 3, b"\x84"),
+        preface + h2(5, 4, 1, b"\x00\x00", length=2),
+        h2(4, 0, 0, b"\x00\x05\x00\x00\x40\x00") + h2(0, 0, 1, b"data", length=0xffffff),
+        h2(4, 0, 0, b"", length=0xfffff6) + h2(4, 1, 0, b""),
+    ]
+    for port in (80, 8080):
+        service_exchanges(cap, 6, port, http2)
 
 
 def bittorrent_lies(cap):
