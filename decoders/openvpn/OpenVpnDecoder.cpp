@@ -58,7 +58,8 @@ struct OpenVpn {
 
   static bool Opening(unsigned, ByteReader first) {
     // A datagram opens with the reset; a TCP stream with its length first.
-    return ClientReset(first.Peek(0)) || (first.Peek(0) < 0x10 && ClientReset(first.Peek(2)));
+    return ClientReset(first.Peek(0)) ||
+           (first.Peek(0) < 0x10 && (first.Left() < 3 || ClientReset(first.Peek(2))));
   }
 
   static Verdict Early(Session<OpenVpn> &, ByteReader head) {
