@@ -6,7 +6,7 @@
 // type (IKEv2's encrypted payload, and the whole body of an IKEv1 message
 // with its encryption flag, end the walk). NAT traversal's four zero bytes
 // before the header (UDP 4500) are passed, and what else such a flow
-// carries is ESP in UDP. Reports "ike.version" ("1" or "2") and
+// carries is ESP in UDP. Reports "ike.version" ("1" or "2", each once) and
 // "ike.exchange" (the name of each new exchange type, up to the first 16
 // messages).
 //
@@ -115,6 +115,8 @@ struct Ike {
   struct State {
     // Exchange types published, by bit (see Exchange).
     uint32_t published;
+    // Versions published: 1 and 2, by bit.
+    uint32_t versions;
   };
   struct Thread {
     KeyedPairs *keyed = nullptr;
@@ -245,8 +247,12 @@ struct Ike {
     }
     State &st = s.state();
     if (st.published == 0) {
-      s.Publish(0, version == 1 ? "1" : "2");
       Key(s);
+    }
+    // A flow may carry both versions (a peer trying IKEv2, then IKEv1).
+    if ((st.versions & version) == 0) {
+      st.versions |= version;
+      s.Publish(0, version == 1 ? "1" : "2");
     }
     uint32_t bit = 0;
     const char *name = Exchange(version, exchange, bit);
