@@ -1,12 +1,13 @@
 // IKE (ISAKMP) over UDP on any port, by its header and payload chain: a
 // non-zero initiator SPI, the responder SPI, the first payload, version
 // 0x10 (IKEv1) or 0x20 (IKEv2), an exchange type of that version, flags
-// without unknown bits, a message id and a length equal to the datagram's.
-// The payloads must then chain to exactly that length, each of a known
-// type (IKEv2's encrypted payload, and the whole body of an IKEv1 message
-// with its encryption flag, end the walk). NAT traversal's four zero bytes
-// before the header (UDP 4500) are passed, and what else such a flow
-// carries is ESP in UDP. Reports "ike.version" ("1" or "2", each once) and
+// (reserved ones ignored, as receivers do), a message id and a length equal
+// to the datagram's. The payloads must then chain to exactly that length,
+// each of a known type (IKEv2's from 33 up; its encrypted payload, and the
+// whole body of an IKEv1 message with its encryption flag, end the walk).
+// NAT traversal's four zero bytes before the header (UDP 4500) are passed,
+// and what else such a flow carries is ESP in UDP. Reports "ike.version"
+// ("1" or "2", each once) and
 // "ike.exchange" (the name of each new exchange type, up to the first 16
 // messages).
 //
@@ -163,10 +164,12 @@ struct Ike {
     return nullptr;
   }
 
+  // IKEv1's payload types; IKEv2's from 33 up, the unassigned and private
+  // ones too (a receiver passes an unknown payload that is not critical).
   static bool PayloadType(uint32_t version, uint32_t type) {
     return version == 1
                ? (type >= 1 && type <= 13) || type == 20 || type == 21 || type == 130 || type == 131
-               : type >= 33 && type <= 54;
+               : type >= 33 && type <= 255;
   }
 
   static bool Opening(unsigned, ByteReader first) {
@@ -193,8 +196,7 @@ struct Ike {
     version = v >> 4;
     uint32_t bit = 0;
     if (!r.Ok() || initiator == 0 || (v != 0x10 && v != 0x20) || length != size ||
-        Exchange(version, exchange, bit) == nullptr ||
-        (flags & (version == 1 ? 0xf8u : 0xc7u)) != 0) {
+        Exchange(version, exchange, bit) == nullptr) {
       return false;
     }
     if (version == 1 && (flags & 1) != 0) {
