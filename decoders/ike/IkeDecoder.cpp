@@ -15,7 +15,7 @@
 // ESP flows between them (one per SPI) are named IKE on their first packet
 // (their stack ESP/IKE), and so is a UDP flow between them on port 4500
 // that carries ESP without a word of IKE. A thread keeps the last 32
-// pairs, each for an hour, and only under the future-flows policy.
+// pairs, and only under the future-flows policy.
 #include <kest/kit/Decoder.h>
 
 namespace {
@@ -27,7 +27,6 @@ using namespace oru::kit;
 class KeyedPairs final : public oru::Inspector {
 public:
   static constexpr size_t kMaxPairs = 32;
-  static constexpr unsigned int kTimeout = 3600;
 
   explicit KeyedPairs(uint32_t proto) : m_proto(proto) {}
 
@@ -40,34 +39,38 @@ public:
     return false;
   }
 
-  // Keys the pair; ESP flows reach this inspector through a rule on the
-  // responder's address in the ESP table.
+  // Keys the pair, the newest last; ESP flows reach this inspector through
+  // a rule on the responder's address in the ESP table, one per address.
   void Key(const oru::IpAddr &a, const oru::IpAddr &b) {
     if (Holds(a, b) || a.is_zero() || b.is_zero()) {
       return;
     }
     oru::IpPortRuleStore *rules = Rules();
     if (m_count == kMaxPairs) {
-      Unrule(rules, m_pairs[0].b);
+      const oru::IpAddr oldest = m_pairs[0].b;
       for (size_t i = 1; i < m_count; ++i) {
         m_pairs[i - 1] = m_pairs[i];
       }
       --m_count;
+      if (rules != nullptr && Users(oldest) == 0) {
+        rules->RemoveRuleFast(kEsp, oru::InspectorCallback(this), 0, oldest, oldest);
+      }
     }
-    m_pairs[m_count++] = Pair{a, b};
-    if (rules != nullptr && !rules->AddRule(kEsp, oru::InspectorCallback(this), 0, b, b, kTimeout,
-                                            oru::IpPortRuleStore::EXPIRY_LOCAL, true)) {
+    if (rules != nullptr && Users(b) == 0) {
       rules->AddRule(kEsp, oru::InspectorCallback(this), 0, b, b, 0,
                      oru::IpPortRuleStore::EXPIRY_LOCAL, true);
     }
+    m_pairs[m_count++] = Pair{a, b};
   }
 
   void Withdraw() {
     oru::IpPortRuleStore *rules = Rules();
-    for (size_t i = 0; i < m_count; ++i) {
-      Unrule(rules, m_pairs[i].b);
+    while (m_count != 0) {
+      const oru::IpAddr addr = m_pairs[--m_count].b;
+      if (rules != nullptr && Users(addr) == 0) {
+        rules->RemoveRuleFast(kEsp, oru::InspectorCallback(this), 0, addr, addr);
+      }
     }
-    m_count = 0;
   }
 
   unsigned int Inspect(oru::ParentDpi * /*parent*/, oru::PktInfo & /*pkt*/, oru::Tuple &tuple,
@@ -89,15 +92,13 @@ private:
                              : static_cast<oru::IpPortRuleStore *>(broker->GetInterface(
                                    MODULE_ESP, oru::INTERFACE_IPPORT_RULE_STORE));
   }
-  void Unrule(oru::IpPortRuleStore *rules, const oru::IpAddr &addr) {
-    // Another pair may share the address: its rule is the same one.
+  // Pairs held whose rule is on `addr`.
+  size_t Users(const oru::IpAddr &addr) const {
     size_t users = 0;
     for (size_t i = 0; i < m_count; ++i) {
       users += m_pairs[i].b == addr ? 1 : 0;
     }
-    if (rules != nullptr && users <= 1) {
-      rules->RemoveRuleFast(kEsp, oru::InspectorCallback(this), 0, addr, addr);
-    }
+    return users;
   }
 
   uint32_t m_proto;
