@@ -122,6 +122,11 @@ struct Modbus {
     }
   }
 
+  // Protocol id 0 in the first bytes of a connection: most are refused here.
+  static bool Opening(unsigned, ByteReader first) {
+    return first.Left() < 4 || (first.Peek(2) == 0 && first.Peek(3) == 0);
+  }
+
   static Verdict Early(Session<Modbus> &, ByteReader head) {
     // Protocol id 0 and a unit id and function at most 253 bytes long.
     const bool ok = head.Left() < 4 || (head.Peek(2) == 0 && head.Peek(3) == 0);
