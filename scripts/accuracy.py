@@ -33,6 +33,8 @@ PEER_NAMES = {
     "ICMP": "ICMP", "ICMPV6": "ICMPv6", "IGMP": "IGMP", "GRE": "GRE", "IPsec": "ESP",
     "SMBv1": "SMB", "SMBv23": "SMB", "BitTorrent": "BitTorrent", "Teredo": "Teredo",
     "HTTP2": "HTTP2",
+    "COAP": "CoAP", "Modbus": "Modbus", "DNP3": "DNP3", "WireGuard": "WireGuard",
+    "OpenVPN": "OpenVPN",
 }
 # Whole labels read before their first part: the peer puts SMB under NetBIOS
 # whether or not a NetBIOS session carries it. Over UDP that SMB is a
@@ -154,6 +156,10 @@ def main():
             want = PEER_LABELS.get(p["label"]) or PEER_NAMES.get(p["master"])
             if want == "SMB" and p["l4"].lower() == "udp":
                 want = "NetBIOS"
+            # The peer's IPsec over UDP is the key exchange (or ESP in UDP on
+            # its flow); ESP itself is IP protocol 50.
+            if want == "ESP" and p["l4"].lower() == "udp":
+                want = "IKE"
             if want and p["confidence"].startswith("DPI"):
                 per_proto[want] += 1
                 if want in stack:

@@ -913,6 +913,51 @@ def lying_lengths(cap):
     ]
     for port in (80, 8080):
         service_exchanges(cap, 6, port, http2)
+    # CoAP: an option length past the datagram (extended to two bytes), a
+    # token longer than sent, a path of many long segments (past what is
+    # kept), a payload marker with nothing behind it.
+    coap = [b"\x41\x01\x00\x01\x01" + b"\xbe\xff\xf0abc", b"\x48\x01\x00\x02\x01\x02",
+            b"\x40\x01\x00\x03" + b"\xbd\xf0" + b"p" * 253 + (b"\x0d\xf0" + b"q" * 253) * 4,
+            b"\x40\x01\x00\x04" + b"\xb1a" + b"\x01b" * 600, b"\x40\x02\x00\x05\xff"]
+    service_exchanges(cap, 17, 5683, coap)
+    # Modbus/TCP: lengths of 0, 1 and past the longest PDU; byte counts past
+    # the record.
+    modbus = [b"\x00\x01\x00\x00\xff\xff\x01\x03", b"\x00\x01\x00\x00\x00\x00",
+              b"\x00\x01\x00\x00\x00\x01\x01", b"\x00\x01\x00\x00\x00\x07\x01\x10\x00\x01\x00\x02\xff",
+              b"\x00\x01\x00\x00\x00\x04\x01\x03\xfe\x00"]
+    service_exchanges(cap, 6, 502, modbus)
+    # DNP3: a length of 255 with a short frame, many link frames in a row, a
+    # length below the header's.
+    link = bytes.fromhex("056405c90a000100feda")
+    dnp3 = [bytes.fromhex("0564ffc40a000100") + b"\x00" * 30, link * 300,
+            bytes.fromhex("056400c40a000100acd1"), bytes.fromhex("05640bc40a000100acd1c0c0")]
+    service_exchanges(cap, 6, 20000, dnp3)
+    service_exchanges(cap, 17, 20000, dnp3)
+    # WireGuard: each message type a byte short and long, data not in
+    # blocks.
+    wg = [b"\x01\x00\x00\x00" + b"\x11" * 143, b"\x02\x00\x00\x00" + b"\x22" * 89,
+          b"\x03\x00\x00\x00" + b"\x33" * 61, b"\x04\x00\x00\x00" + b"\x44" * 29,
+          b"\x04\x00\x00\x00" + b"\x44" * 33]
+    service_exchanges(cap, 17, 51820, wg)
+    # OpenVPN: a reset whose acknowledgement count runs past the packet,
+    # TCP lengths of 0xffff and 0.
+    reset = b"\x38" + b"\x5a" * 8 + b"\xff" + b"\x00" * 4
+    service_exchanges(cap, 17, 1194, [reset, b"\x38", b"\x40" + b"\x5a" * 8])
+    service_exchanges(cap, 6, 1194, [b"\xff\xff" + reset, b"\x00\x00" + reset,
+                                     struct.pack("!H", len(reset)) + reset])
+    # IKE: a length past the datagram and of 0xffffffff, payloads of length
+    # 0, 3 and past the message, a chain longer than any message has, the
+    # NAT traversal marker alone.
+    def ike(payloads, next_payload=41, length=None):
+        size = 28 + len(payloads) if length is None else length
+        return b"\x11" * 8 + bytes(8) + bytes([next_payload, 0x20, 34, 0x08]) + bytes(4) + \
+            struct.pack("!I", size) + payloads
+    chain = b"".join(b"\x29\x00\x00\x04" for _ in range(200)) + b"\x00\x00\x00\x04"
+    ike_msgs = [ike(b"", length=0xffffffff), ike(b"\x00\x00\x00\x00"), ike(b"\x00\x00\x00\x03"),
+                ike(b"\x00\x00\xff\xff"), ike(chain), ike(b"\x00\x00\x00\x04", length=29),
+                b"\x00\x00\x00\x00", b"\x00\x00\x00\x00" + ike(b"\x2e\x00\xff\xf0", 46)]
+    service_exchanges(cap, 17, 500, ike_msgs)
+    service_exchanges(cap, 17, 4500, ike_msgs)
 
 
 def bittorrent_lies(cap):

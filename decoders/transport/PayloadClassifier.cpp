@@ -125,6 +125,7 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
     m_table->Destroy(own);
     own = nullptr;
   }
+  const bool fresh = own == nullptr;
   if (own == nullptr) {
     // The client: the sender of a SYN without ACK; the receiver of a SYN with
     // ACK; otherwise whoever spoke first.
@@ -159,7 +160,26 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   uint64_t from = flow.m_next_pos;
   uint32_t grown = 0;
   if (!stream) {
-    // Counted above; nothing for inspectors.
+    // Counted above; no bytes for inspectors. A new flow still shows its
+    // first packet, without payload, to what rules on its end points put on
+    // its chain (the ESP flows that a key exchange keyed are named so);
+    // most such chains are empty and cost nothing.
+    if (fresh && !own->m_chain.empty()) {
+      oru::PktInfo pkt{nullptr,
+                       0,
+                       side,
+                       0,
+                       segment.l3_offset,
+                       segment.l4_offset,
+                       0,
+                       from,
+                       oru::now(),
+                       segment.frame,
+                       segment.frame_length};
+      const unsigned result = Handoff(own->m_chain, pkt, own->m_tuple, conn);
+      m_table->Used(own);
+      return result;
+    }
   } else if (!tcp) {
     if (segment.payload_length != 0 && segment.payload_length <= kMaxBlock &&
         flow.AddBlock(from, segment.payload, static_cast<uint16_t>(segment.payload_length),

@@ -23,7 +23,10 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr snmp.version --attr snmp.pdu --attr syslog.facility --attr syslog.app
   --attr kerberos.msg_type --attr kerberos.cname --attr telnet.options --attr vnc.security
   --attr irc.nick --attr smb.version --attr smb.dialect --attr smb.file --attr ntlm.user
-  --attr bittorrent.info_hash --attr bittorrent.client"
+  --attr bittorrent.info_hash --attr bittorrent.client
+  --attr coap.method --attr coap.uri_path --attr modbus.function --attr modbus.unit
+  --attr dnp3.function --attr wireguard.sender_index --attr openvpn.opcode --attr ike.version
+  --attr ike.exchange"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0
