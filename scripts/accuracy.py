@@ -31,7 +31,7 @@ PEER_NAMES = {
     "RTCP": "RTCP", "WebSocket": "WebSocket", "NTP": "NTP", "SNMP": "SNMP", "Syslog": "Syslog",
     "DHCP": "DHCP", "DHCPV6": "DHCPv6", "NetBIOS": "NetBIOS", "Kerberos": "Kerberos", "VNC": "VNC", "Telnet": "Telnet", "LDAP": "LDAP", "RDP": "RDP", "SOCKS": "SOCKS", "IRC": "IRC", "XMPP": "XMPP", "Jabber": "XMPP", "RADIUS": "RADIUS", "TFTP": "TFTP",
     "ICMP": "ICMP", "ICMPV6": "ICMPv6", "IGMP": "IGMP", "GRE": "GRE", "IPsec": "ESP",
-    "SMBv1": "SMB", "SMBv23": "SMB",
+    "SMBv1": "SMB", "SMBv23": "SMB", "STUN": "STUN", "DTLS": "DTLS",
 }
 # Whole labels read before their first part: the peer puts SMB under NetBIOS
 # whether or not a NetBIOS session carries it. Over UDP that SMB is a
