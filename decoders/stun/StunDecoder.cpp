@@ -298,6 +298,10 @@ private:
       memcpy(f.held + f.have, run.Here(), n);
       run.Skip(n);
       f.have = static_cast<uint16_t>(f.have + n);
+      if (f.framing == kUnknown && (f.held[0] & 0xC0) != 0) {
+        // Neither a STUN type nor a length of one: most streams leave here.
+        return Stop(s);
+      }
       if (f.have < goal) {
         break;
       }
