@@ -22,12 +22,12 @@
 //
 // A hello sent in fragments over several datagrams is put back together,
 // in order, up to 8 KB, in one of four slots of the classifying thread
-// (the one used least recently is taken back when all are busy); a fragment
-// that comes before the bytes it follows is dropped and waits for its
-// retransmission. The decoder leaves once both hellos are read, after 24
-// datagrams, or, before a name, at the first datagram that is neither DTLS
-// nor STUN or after 16. Encrypted records, DTLS 1.3's short headers among
-// them, are passed over.
+// (given back when the decoder leaves the connection; the one used least
+// recently is taken back when all are busy); a fragment that begins beyond
+// the bytes held is dropped and waits for its retransmission. The decoder
+// leaves once both hellos are read, after 24 datagrams, or, before a name,
+// at the first datagram that is neither DTLS nor STUN or after 16.
+// Encrypted records, DTLS 1.3's short headers among them, are passed over.
 #include "tls/TlsFingerprint.h"
 #include "tls/TlsHello.h"
 
@@ -135,14 +135,15 @@ struct Dtls {
       }
     });
     if (shaped && ++c.shaped >= 2 && !s.named() && !s.Name()) {
-      return Verdict::kNotMine;
+      return Leave(s, Verdict::kNotMine);
     }
     if (s.named()) {
       const bool both = c.side[0].parsed && c.side[1].parsed;
-      return both || c.datagrams >= kMaxDatagrams ? Verdict::kDone : Verdict::kNeedMore;
+      return both || c.datagrams >= kMaxDatagrams ? Leave(s, Verdict::kDone) : Verdict::kNeedMore;
     }
     const bool stun = datagram.Left() >= 20 && (datagram.Peek(0) & 0xC0) == 0;
-    return (shaped || stun) && c.datagrams < kPatience ? Verdict::kNeedMore : Verdict::kNotMine;
+    return (shaped || stun) && c.datagrams < kPatience ? Verdict::kNeedMore
+                                                       : Leave(s, Verdict::kNotMine);
   }
 
 private:
@@ -213,6 +214,14 @@ private:
       slot->busy = false;
       Parse(s, slot->bytes, slot->length);
     }
+  }
+
+  // Leaving the connection: its hellos in pieces are given up.
+  static Verdict Leave(Session &s, Verdict verdict) {
+    for (Slot &slot : s.thread().slots) {
+      slot.busy = slot.busy && slot.conn != s.conn().m_number;
+    }
+    return verdict;
   }
 
   // The slot of this side's hello; a new one for its first piece: a free
