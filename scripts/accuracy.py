@@ -35,6 +35,7 @@ PEER_NAMES = {
     "HTTP2": "HTTP2",
     "COAP": "CoAP", "Modbus": "Modbus", "DNP3": "DNP3", "WireGuard": "WireGuard",
     "OpenVPN": "OpenVPN",
+    "STUN": "STUN", "DTLS": "DTLS",
 }
 # Whole labels read before their first part: the peer puts SMB under NetBIOS
 # whether or not a NetBIOS session carries it. Over UDP that SMB is a

@@ -12,10 +12,10 @@ far beyond what is opened, Teredo with lying IPv6 lengths and indicators; MPLS s
 at every byte count, both as captured short and with every length field
 made to agree with the cut; bad IHL, length and offset fields; hostile DNS
 and HTTP messages; length fields that lie to the application decoders
-(SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, HTTP/2,
-BitTorrent's peer wire, bencode, uTP and trackers), on their ports and from
-both sides; random and mutated frames; and time stamps that
-go back and jump ahead.
+(SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, HTTP/2, STUN,
+DTLS, BitTorrent's peer wire, bencode, uTP and trackers, CoAP, Modbus, DNP3,
+WireGuard, OpenVPN, IKE), on their ports and from both sides; random and
+mutated frames; and time stamps that go back and jump ahead.
 """
 import argparse
 import random
@@ -958,6 +958,50 @@ def lying_lengths(cap):
                 b"\x00\x00\x00\x00", b"\x00\x00\x00\x00" + ike(b"\x2e\x00\xff\xf0", 46)]
     service_exchanges(cap, 17, 500, ike_msgs)
     service_exchanges(cap, 17, 4500, ike_msgs)
+    # STUN: a body length past the datagram, attributes past their message,
+    # an allocation's address of the wrong size for its family, hundreds of
+    # empty attributes, a name of bytes that are not text; over TCP behind
+    # a two-byte length that lies, ChannelData of 64 KB after a message.
+    def stun(mtype, attrs, length=None, cookie=b"\x21\x12\xa4\x42"):
+        size = len(attrs) if length is None else length
+        return struct.pack("!HH", mtype, size) + cookie + bytes(range(12)) + attrs
+    def stun_attr(atype, value, length=None):
+        size = len(value) if length is None else length
+        return struct.pack("!HH", atype, size) + value + bytes(-len(value) % 4)
+    stun_msgs = [
+        stun(0x0001, b"", 0xfffc), stun(0x0001, stun_attr(0x0006, b"user", 0xffff)),
+        stun(0x0103, stun_attr(0x0016, b"\x00\x02\x12\x34\x01\x02\x03\x04")),
+        stun(0x0103, stun_attr(0x0016, b"\x00\x01\x12\x34\x01\x02\x03") * 8),
+        stun(0x0001, b"\x00\x00\x00\x00" * 300),
+        stun(0x0001, stun_attr(0x0006, b"\xf4\x90\x80\x80\xc0" * 120) +
+             stun_attr(0x8022, b"\xe2\x82" * 70)),
+        stun(0x0101, stun_attr(0x0001, b"\x00\x01\x00\x50\x01\x02"), cookie=b"\x00" * 4),
+    ]
+    service_exchanges(cap, 17, 3478, stun_msgs)
+    service_exchanges(cap, 6, 3478, stun_msgs + [
+        struct.pack("!H", 0xffff) + stun(0x0001, b""),
+        struct.pack("!H", 20) + stun(0x0001, b"", 0x40),
+        stun(0x0001, b"") + b"\x40\x00\xff\xff" + bytes(64)])
+    # DTLS: a record length past the datagram, fragments past their message
+    # and at the end of the 24-bit range, a hello longer than any kept, a
+    # cookie longer than the HelloVerifyRequest, a hundred empty records,
+    # and first fragments of hellos on many flows at once.
+    def dtls_record(ctype, body, length=None):
+        size = len(body) if length is None else length
+        return struct.pack("!BHH6sH", ctype, 0xfefd, 0, bytes(6), size) + body
+    def dtls_hs(mtype, body, length, offset=0):
+        return struct.pack("!B3sH3s3s", mtype, length.to_bytes(3, "big"), 0,
+                           offset.to_bytes(3, "big"), len(body).to_bytes(3, "big")) + body
+    hello = b"\xfe\xfd" + bytes(32) + b"\x00\xff" + b"\x00\x02\x13\x01\x01\x00"
+    dtls_msgs = [
+        dtls_record(22, dtls_hs(1, hello, len(hello)), 0xffff),
+        dtls_record(22, dtls_hs(1, hello, 0xffffff, 0xfffff0)),
+        dtls_record(22, dtls_hs(1, hello, 0x10000)),
+        dtls_record(22, dtls_hs(3, b"\xfe\xff\xff\x01\x02\x03", 6)),
+        dtls_record(22, dtls_hs(1, hello, len(hello))),
+        dtls_record(23, b"") * 100,
+    ] + [dtls_record(22, dtls_hs(1, hello, 4000)) for _ in range(6)]
+    service_exchanges(cap, 17, 4433, dtls_msgs)
 
 
 def bittorrent_lies(cap):

@@ -83,7 +83,7 @@ void ClientFingerprint(const HelloInfo &hello, char out[kFingerprintSize]) {
   const uint16_t version =
       hello.supported_version != 0 ? hello.supported_version : hello.legacy_version;
   char *p = out;
-  *p++ = 't';
+  *p++ = hello.dtls ? 'd' : 't';
   memcpy(p, VersionCode(version), 2);
   p += 2;
   *p++ = hello.has_server_name ? 'd' : 'i';

@@ -3,12 +3,13 @@
 // from the ClientHello alone. Three parts joined by "_":
 //
 //   a) ten characters, in this order:
-//      - "t" (TLS over TCP);
+//      - "t" (TLS over TCP), or "d" for DTLS;
 //      - the highest version offered, two characters: the highest entry of
 //        supported_versions, GREASE and unknown values left out and TLS 1.3
 //        drafts counted as 1.3, or without that extension the hello's
 //        version field; 0x0304 "13", 0x0303 "12", 0x0302 "11", 0x0301
-//        "10", 0x0300 "s3", anything else "00";
+//        "10", 0x0300 "s3", DTLS 0xfefc "d3", 0xfefd "d2", 0xfeff "d1",
+//        anything else "00";
 //      - "d" when the hello names a server (server_name with a host name),
 //        else "i";
 //      - the number of cipher suites, GREASE left out, two decimal digits,

@@ -91,6 +91,14 @@ void ReadSupportedVersions(ByteReader r, bool client, HelloInfo &out) {
   ByteReader list = r.Prefixed(1);
   while (list.Ok() && list.Left() >= 2) {
     uint16_t v = static_cast<uint16_t>(list.U16());
+    if (out.dtls) {
+      // DTLS numbers its versions downwards: the smallest known is newest.
+      if (DtlsVersionText(v) != nullptr &&
+          (out.supported_version == 0 || v < out.supported_version)) {
+        out.supported_version = v;
+      }
+      continue;
+    }
     if (VersionText(v) == nullptr) {
       continue;
     }
@@ -144,7 +152,7 @@ bool ReadExtensions(ByteReader &body, bool client, HelloInfo &out) {
 
 } // namespace
 
-ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out) {
+ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out, bool dtls) {
   memset(&out, 0, sizeof out);
   if (data == nullptr) {
     return ParseStatus::kMalformed;
@@ -158,14 +166,19 @@ ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out) {
   }
   const bool client = type == kClientHello;
   out.type = static_cast<uint8_t>(type);
+  out.dtls = dtls;
   ByteReader body = message.Sub(body_length);
   out.legacy_version = static_cast<uint16_t>(body.U16());
   body.Skip(32); // random
   const uint32_t session_id = body.U8();
-  if (!body.Ok() || (out.legacy_version >> 8) != 3 || session_id > 32) {
+  if (!body.Ok() || (out.legacy_version >> 8) != (dtls ? 0xfe : 3) || session_id > 32) {
     return ParseStatus::kMalformed;
   }
   body.Skip(session_id);
+  if (client && dtls) {
+    // The cookie of a HelloVerifyRequest, or none.
+    body.Skip(body.U8());
+  }
   if (client) {
     const uint32_t cipher_bytes = body.U16();
     ByteReader ciphers = body.Sub(cipher_bytes);
@@ -210,9 +223,13 @@ constexpr KnownVersion kVersions[] = {{0x0300, nullptr, "s3"},
                                       {0x0302, "1.1", "11"},
                                       {0x0303, "1.2", "12"},
                                       {0x0304, "1.3", "13"}};
+// DTLS's, apart: a TLS hello that names them names nothing TLS knows.
+constexpr KnownVersion kDtlsVersions[] = {
+    {0xfeff, "1.0", "d1"}, {0xfefd, "1.2", "d2"}, {0xfefc, "1.3", "d3"}};
 
-const KnownVersion *FindVersion(uint16_t version) {
-  for (const KnownVersion &known : kVersions) {
+template <size_t N>
+const KnownVersion *FindVersion(const KnownVersion (&table)[N], uint16_t version) {
+  for (const KnownVersion &known : table) {
     if (known.version == version) {
       return &known;
     }
@@ -223,14 +240,22 @@ const KnownVersion *FindVersion(uint16_t version) {
 } // namespace
 
 const char *VersionText(uint16_t version) {
-  if (const KnownVersion *known = FindVersion(version)) {
+  if (const KnownVersion *known = FindVersion(kVersions, version)) {
     return known->text;
   }
   return (version >> 8) == 0x7f || (version >> 8) == 0xfb ? "1.3" : nullptr;
 }
 
+const char *DtlsVersionText(uint16_t version) {
+  const KnownVersion *known = FindVersion(kDtlsVersions, version);
+  return known != nullptr ? known->text : nullptr;
+}
+
 const char *VersionCode(uint16_t version) {
-  const KnownVersion *known = FindVersion(version);
+  const KnownVersion *known = FindVersion(kVersions, version);
+  if (known == nullptr) {
+    known = FindVersion(kDtlsVersions, version);
+  }
   return known != nullptr ? known->code : "00";
 }
 

@@ -6,6 +6,9 @@
 //  - ParseHello reads ONE handshake message, header included:
 //      msg_type(1) length(3) body(length)
 //    as a ClientHello (type 1) or a ServerHello (type 2), into a HelloInfo.
+//    DTLS hellos are read too, once their fragments are put back together
+//    under that four-byte header: their versions count down from 0xfeff,
+//    and a DTLS ClientHello has a cookie after its session id.
 //    It allocates nothing and never reads outside [data, data + length).
 //    A decoder that gets the handshake bytes another way (QUIC's CRYPTO
 //    frames, put in order) hands the message straight to ParseHello.
@@ -55,11 +58,14 @@ struct HelloInfo {
   static constexpr size_t kMaxAlpnText = 511;
 
   uint8_t type;
+  // A DTLS hello.
+  bool dtls;
   // The version field of the hello body.
   uint16_t legacy_version;
   // ClientHello: the highest entry of supported_versions that VersionText
-  // knows (GREASE and unknown values left out; 1.3 drafts count as 0x0304).
-  // ServerHello: the version it selected there. 0 without the extension.
+  // knows (GREASE and unknown values left out; 1.3 drafts count as 0x0304),
+  // for DTLS the newest that DtlsVersionText knows. ServerHello: the
+  // version it selected there. 0 without the extension.
   uint16_t supported_version;
   bool lists_cut;
 
@@ -96,15 +102,20 @@ enum class ParseStatus {
 };
 
 // Reads one handshake message (header included) of `length` bytes. The
-// message must be whole: its length field must equal length - 4.
-ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out);
+// message must be whole: its length field must equal length - 4. With
+// `dtls`, a DTLS hello (versions 0xfexx, the ClientHello's cookie).
+ParseStatus ParseHello(const uint8_t *data, size_t length, HelloInfo &out, bool dtls = false);
 
 // "1.0" .. "1.3" for a negotiated version, or null for anything else. TLS 1.3
 // drafts (0x7fxx) and the experimental 1.3 variants some large sites run
 // (0xfbxx) read as "1.3".
 const char *VersionText(uint16_t version);
+// "1.0", "1.2" or "1.3" for DTLS 1.0 (0xfeff), 1.2 (0xfefd) and 1.3
+// (0xfefc): the DTLS version's own number; null for anything else.
+const char *DtlsVersionText(uint16_t version);
 // The version's two characters in the client fingerprint: "10" .. "13",
-// "s3" for SSL 3, "00" for anything else.
+// "s3" for SSL 3, "d1", "d2" and "d3" for DTLS 1.0, 1.2 and 1.3, "00" for
+// anything else.
 const char *VersionCode(uint16_t version);
 
 // The version a ServerHello settles on: supported_versions if present, else
