@@ -1,7 +1,10 @@
 // MQTT 3.1, 3.1.1 and 5 on any port, by the client's CONNECT: the first
 // packet of the side that speaks first (an MQTT server never does), with
 // the protocol name and level of one of those versions ("MQIsdp" 3, "MQTT"
-// 4 or 5) and connect flags that keep their rules. It reports
+// 4 or 5) and connect flags that keep their rules. A connection seen from
+// its middle is named by an exchange only MQTT makes: a PINGREQ answered by
+// a PINGRESP, or a PUBLISH of QoS 1 or 2 answered by the PUBACK or PUBREC
+// of its packet id. It reports
 // "mqtt.version" ("3.1", "3.1.1", "5.0"), "mqtt.client_id" and "mqtt.user"
 // from the CONNECT, and the first four distinct topics of either side's
 // PUBLISH and SUBSCRIBE packets ("mqtt.topic"). Passwords, will messages,
@@ -43,17 +46,27 @@ struct Mqtt {
     uint8_t client; // 1 + the side that spoke first
     uint8_t level;  // the CONNECT's protocol level
     uint8_t topics; // topics published
+    // A connection seen from its middle: the reply the first speaker's
+    // first packet asks for (its first byte's type bits), and its packet id.
+    uint8_t expect;
+    uint16_t expect_id;
+    bool first_done; // the first speaker's first packet was read
   };
   using S = Session<Mqtt>;
 
-  static bool Opening(unsigned, ByteReader first) { return first.Peek() == 0x10; }
+  static bool Opening(unsigned, ByteReader first) {
+    const uint32_t b = first.Peek();
+    return b == 0x10 || b == 0xC0 || Asks(b);
+  }
+  // A PUBLISH of QoS 1 or 2, which its receiver acknowledges.
+  static bool Asks(uint32_t b) { return (b & 0xF0) == 0x30 && ((b & 6) == 2 || (b & 6) == 4); }
 
   static Verdict Feed(S &s, ByteReader r) {
     State &st = s.state();
     st.client = st.client != 0 ? st.client : static_cast<uint8_t>(1 + s.side());
     const unsigned at = st.client == 1 + s.side() ? 0 : 1;
-    if (at == 1 && !s.named()) {
-      // The server answers a whole CONNECT only.
+    if (at == 1 && !s.named() && st.expect == 0) {
+      // The server speaks after a whole first packet only.
       return Verdict::kNotMine;
     }
     Side &side = st.side[at];
@@ -71,7 +84,8 @@ struct Mqtt {
       }
       r.Skip(n);
       side.seen += n;
-      if (!s.named() && side.seen >= 9 && side.seen - n < 9 && !ProtocolName(st.keep[0])) {
+      if (!s.named() && side.type == 0x10 && side.seen >= 9 && side.seen - n < 9 &&
+          !ProtocolName(st.keep[0])) {
         // A CONNECT's first nine bytes hold its protocol name and level.
         return Verdict::kNotMine;
       }
@@ -89,7 +103,11 @@ struct Mqtt {
     State &st = s.state();
     Side &side = st.side[at];
     if (side.type == 0) {
-      if (!Fixed(b) || (!s.named() && b != 0x10)) {
+      // Before the name: a CONNECT, or from the middle of a connection a
+      // PINGREQ or a PUBLISH to acknowledge, and then its answer.
+      const bool opens = st.first_done || b == 0x10 || b == 0xC0 || Asks(b);
+      const bool fits = s.named() || (at == 0 ? opens : (b & 0xF0) == st.expect);
+      if (!Fixed(b) || !fits) {
         return Verdict::kNotMine;
       }
       side.type = b;
@@ -140,7 +158,7 @@ struct Mqtt {
     ByteReader r(st.keep[at], side.body < kKeep ? side.body : kKeep);
     const uint8_t type = side.type >> 4;
     if (!s.named()) {
-      return type == kConnect ? Connect(s, r) : Verdict::kNotMine;
+      return Unnamed(s, at, r);
     }
     if (type == kPublish) {
       Topic(s, r.Prefixed(2));
@@ -155,6 +173,38 @@ struct Mqtt {
       }
     }
     return st.topics < kTopics ? Verdict::kNeedMore : Verdict::kDone;
+  }
+
+  // A whole packet before the name.
+  static Verdict Unnamed(S &s, unsigned at, ByteReader r) {
+    State &st = s.state();
+    const uint8_t first = st.side[at].type;
+    if (at == 0) {
+      if (st.first_done) {
+        return Verdict::kNeedMore;
+      }
+      st.first_done = true;
+      if (first == 0x10) {
+        return Connect(s, r);
+      }
+      if (first == 0xC0) {
+        st.expect = 0xD0;
+        return r.Empty() ? Verdict::kNeedMore : Verdict::kNotMine;
+      }
+      r.Prefixed(2);
+      st.expect_id = static_cast<uint16_t>(r.U16());
+      st.expect = (first & 6) == 2 ? 0x40 : 0x50;
+      return r.Ok() && st.expect_id != 0 ? Verdict::kNeedMore : Verdict::kNotMine;
+    }
+    // The answer: a PINGRESP, or the acknowledgement of the PUBLISH's id.
+    const bool answers = st.expect == 0xD0 ? r.Empty() : r.U16() == st.expect_id && r.Ok();
+    if (!answers || !s.Name()) {
+      return Verdict::kNotMine;
+    }
+    // Without its CONNECT, the connection's level is not known: 3.1.1's
+    // SUBSCRIBE is the likelier.
+    st.level = 4;
+    return Verdict::kNeedMore;
   }
 
   static Verdict Connect(S &s, ByteReader r) {
