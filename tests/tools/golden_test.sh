@@ -22,7 +22,8 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr sip.request.method --attr rtsp.request.method --attr ssdp.request.method
   --attr snmp.version --attr snmp.pdu --attr syslog.facility --attr syslog.app
   --attr kerberos.msg_type --attr kerberos.cname --attr telnet.options --attr vnc.security
-  --attr irc.nick --attr smb.version --attr smb.dialect --attr smb.file --attr ntlm.user"
+  --attr irc.nick --attr smb.version --attr smb.dialect --attr smb.file --attr ntlm.user
+  --attr mqtt.version --attr mqtt.client_id --attr mqtt.topic"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0
