@@ -41,12 +41,15 @@ struct Memcached {
   // The largest value memcached takes, by default and then some.
   static constexpr uint64_t kMaxValue = 128u * 1024 * 1024;
   static constexpr uint8_t kCommands = 4;
+  // The longest text command's word.
+  static constexpr uint32_t kWord = 14;
 
   struct Side {
     uint64_t skip;   // bytes of a value or body still to pass
     uint32_t length; // bytes of the current line or header seen
     uint8_t binary;  // 1: text, 2: binary (decided by the first byte)
     bool cr;         // the line's last byte was a CR
+    bool word;       // the line's first word has ended
   };
   struct State {
     char line[kLine];      // the client's current line, or a header of either side
@@ -201,6 +204,14 @@ struct Memcached {
       if (!printable || cr || side.length > kLongLine) {
         return Verdict::kNotMine;
       }
+      if (client && !side.word && (c == ' ' || c == '\r' || side.length > kWord)) {
+        // The first word is judged as soon as it ends: most lines of other
+        // protocols leave here, without waiting for their end.
+        side.word = true;
+        if (!KnownWord(st.line, side.length - 1)) {
+          return Verdict::kNotMine;
+        }
+      }
       if (!client && side.length == sizeof st.reply) {
         return st.pending[0] < 0x80 && Reply(st.reply, side.length) ? Confirm(s)
                                                                     : Verdict::kNotMine;
@@ -209,6 +220,7 @@ struct Memcached {
     }
     const uint32_t n = side.length;
     side.length = 0;
+    side.word = false;
     if (!cr || n < 2) {
       return Verdict::kNotMine;
     }
@@ -332,6 +344,15 @@ struct Memcached {
       }
     }
     return true;
+  }
+
+  static bool KnownWord(const char *word, uint32_t n) {
+    for (const Command &command : kText) {
+      if (TextLength(command.word) == n && Same(word, command.word, n)) {
+        return true;
+      }
+    }
+    return false;
   }
 
   // A signed decimal of at most 20 digits.

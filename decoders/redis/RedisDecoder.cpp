@@ -45,6 +45,7 @@ struct Redis {
     uint8_t pending_length;
     uint8_t http;   // bytes of " HTTP/" matched at the end of the line
     bool cr;        // the last byte of the line was a CR
+    bool word;      // the inline line's first word has ended
     bool name_next; // the next bulk string names a command
     bool waiting;   // an inline command waits for the server's reply
   };
@@ -117,7 +118,15 @@ struct Redis {
         // request line (" HTTP/" in it).
         const bool fits = c == '\r' || c == '\t' || (c >= 0x20 && c < 0x7F);
         st.http = c == " HTTP/"[st.http] ? st.http + 1 : c == ' ' ? 1 : 0;
-        return fits && st.http < 6 && st.length <= kInline ? Verdict::kNeedMore : Verdict::kNotMine;
+        if (!fits || st.http == 6 || st.length > kInline) {
+          return Verdict::kNotMine;
+        }
+        // The first word is judged as soon as it ends: most lines of other
+        // protocols leave here, without waiting for their end.
+        const bool word_end = (c == ' ' || c == '\r' || c == '\t') && !st.word;
+        st.word = st.word || word_end;
+        const bool known = st.length - 1 < kName && Known(st.text, st.length - 1);
+        return !word_end || known ? Verdict::kNeedMore : Verdict::kNotMine;
       }
       // "*<count>" or "$<length>": a type byte then digits.
       const bool ok = st.length == 1 ? (type == '*' && st.args == 0) || (type == '$' && st.args > 0)
@@ -127,6 +136,7 @@ struct Redis {
     const uint32_t n = st.length - (cr ? 1 : 0);
     st.length = 0;
     st.http = 0;
+    st.word = false;
     if (n == 0) {
       return Verdict::kNotMine;
     }
