@@ -115,9 +115,18 @@ struct Memcached {
   static bool Lower(uint32_t c) { return c >= 'a' && c <= 'z'; }
   static bool Opening(unsigned, ByteReader first) {
     const uint32_t c = first.Peek();
-    // TCP: a text command or a binary header. UDP: a frame header whose
-    // reserved bytes are zero.
-    return c == 0x80 || Lower(c) || (first.Left() > 8 && first.Peek(6) == 0 && first.Peek(7) == 0);
+    // UDP: a frame header whose reserved bytes are zero. TCP: a binary
+    // header, or a text command whose first word, when it ends in this
+    // packet, is one of memcached's.
+    if (c == 0x80 || (first.Left() > 8 && first.Peek(6) == 0 && first.Peek(7) == 0)) {
+      return true;
+    }
+    const char *text = reinterpret_cast<const char *>(first.Here());
+    uint32_t word = 0;
+    while (word < first.Left() && word <= kWord && (Lower(text[word]) || text[word] == '_')) {
+      ++word;
+    }
+    return word > 0 && (word == first.Left() || KnownWord(text, word));
   }
 
   static Verdict Feed(S &s, ByteReader r) {
@@ -348,7 +357,8 @@ struct Memcached {
 
   static bool KnownWord(const char *word, uint32_t n) {
     for (const Command &command : kText) {
-      if (TextLength(command.word) == n && Same(word, command.word, n)) {
+      if (n > 0 && command.word[0] == word[0] && TextLength(command.word) == n &&
+          Same(word, command.word, n)) {
         return true;
       }
     }

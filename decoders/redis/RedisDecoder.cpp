@@ -51,8 +51,32 @@ struct Redis {
   };
   using S = Session<Redis>;
 
+  // The first packet: an array, or a line whose first word Redis knows and
+  // that is no HTTP request. Most text connections leave here, before any
+  // state is made for them.
   static bool Opening(unsigned, ByteReader first) {
-    return first.Peek() == '*' || Letter(static_cast<char>(first.Peek()));
+    if (first.Peek() == '*') {
+      return true;
+    }
+    const char *text = reinterpret_cast<const char *>(first.Here());
+    const size_t n = first.Left();
+    size_t word = 0;
+    while (word < n && word <= kName && Letter(text[word])) {
+      ++word;
+    }
+    if (word == 0 || (word < n && !Known(text, static_cast<uint32_t>(word)))) {
+      return false;
+    }
+    // A path after the word ("GET /index.html") or " HTTP/" before the end
+    // of the line: an HTTP request.
+    if (word + 1 < n && text[word] == ' ' && text[word + 1] == '/') {
+      return false;
+    }
+    uint32_t http = 0;
+    for (size_t i = word; i < n && text[i] != '\n' && http < 6; ++i) {
+      http = text[i] == " HTTP/"[http] ? http + 1 : text[i] == ' ' ? 1 : 0;
+    }
+    return http < 6;
   }
 
   static Verdict Feed(S &s, ByteReader r) {
@@ -276,8 +300,9 @@ struct Redis {
         "EVAL",   "EVALSHA",  "SCRIPT",   "ROLE",    "TIME",      "LASTSAVE",   "APPEND",
         "STRLEN", "SETEX",    "SETNX",    "GETSET",  "SLOWLOG",   "CLUSTER",    "XADD",
         "XREAD",  "RENAME",   "MODULE",   "ACL",     "DEBUG",     "RANDOMKEY",  "UNLINK"};
+    const char first = n > 0 ? static_cast<char>(word[0] & ~0x20) : 0;
     for (const char *w : kWords) {
-      if (TextLength(w) == n && StartsWith(word, n, w)) {
+      if (w[0] == first && TextLength(w) == n && StartsWith(word, n, w)) {
         return true;
       }
     }
