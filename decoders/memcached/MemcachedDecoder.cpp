@@ -175,16 +175,9 @@ struct Memcached {
       return Verdict::kNeedMore;
     }
     side.length = 0;
-    ByteReader h(head, kHeader);
-    const uint32_t magic = h.U8();
-    const uint32_t opcode = h.U8();
-    const uint32_t key = h.U16();
-    const uint32_t extras = h.U8();
-    const uint32_t type = h.U8();
-    h.Skip(2);
-    const uint32_t body = h.U32();
-    if (magic != (client ? 0x80u : 0x81u) || type != 0 || key + extras > body || body > kMaxValue ||
-        opcode >= kOpcodeCount || kOpcodes[opcode] == nullptr || (client && key > 250)) {
+    uint32_t body = 0;
+    const int opcode = Header(ByteReader(head, kHeader), client ? 0x80 : 0x81, body);
+    if (opcode < 0) {
       return Verdict::kNotMine;
     }
     side.skip = body;
@@ -192,7 +185,23 @@ struct Memcached {
       return opcode + 0x80 == st.pending[0] ? Confirm(s) : Verdict::kNotMine;
     }
     const char *name = kOpcodes[opcode];
-    return Request(s, -2 - static_cast<int>(opcode), name, TextLength(name));
+    return Request(s, -2 - opcode, name, TextLength(name));
+  }
+
+  // A binary header of the magic given (0x80 a request, 0x81 a response):
+  // its opcode, or -1; the body's length goes to `body`.
+  static int Header(ByteReader h, uint32_t magic, uint32_t &body) {
+    const uint32_t m = h.U8();
+    const uint32_t opcode = h.U8();
+    const uint32_t key = h.U16();
+    const uint32_t extras = h.U8();
+    const uint32_t type = h.U8();
+    h.Skip(2);
+    body = h.U32();
+    h.Skip(12);
+    const bool ok = h.Ok() && m == magic && type == 0 && key <= 250 && key + extras <= body &&
+                    body <= kMaxValue && opcode < kOpcodeCount && kOpcodes[opcode] != nullptr;
+    return ok ? static_cast<int>(opcode) : -1;
   }
 
   // Text: a line's bytes; the client's whole line is judged at its LF, the
@@ -413,20 +422,12 @@ struct Memcached {
     uint32_t n = 0;
     const uint32_t first = r.Peek();
     if (first == 0x80 || first == 0x81) {
-      ByteReader h = r;
-      const uint32_t magic = h.U8();
-      const uint32_t opcode = h.U8();
-      const uint32_t key = h.U16();
-      const uint32_t extras = h.U8();
-      const uint32_t type = h.U8();
-      h.Skip(2);
-      const uint32_t body = h.U32();
-      h.Skip(12);
-      if (!h.Ok() || type != 0 || key + extras > body || opcode >= kOpcodeCount ||
-          kOpcodes[opcode] == nullptr || (sequence == 0 && body > h.Left())) {
+      uint32_t body = 0;
+      const int opcode = Header(r, first, body);
+      if (opcode < 0 || (sequence == 0 && body > r.Left() - kHeader)) {
         return s.named() ? Verdict::kNeedMore : Verdict::kNotMine;
       }
-      name = magic == 0x80 ? kOpcodes[opcode] : nullptr;
+      name = first == 0x80 ? kOpcodes[opcode] : nullptr;
     } else {
       // The line up to its CR LF, within the datagram.
       const char *text = reinterpret_cast<const char *>(r.Here());
