@@ -89,6 +89,11 @@ struct Mqtt {
         // A CONNECT's first nine bytes hold its protocol name and level.
         return Verdict::kNotMine;
       }
+      if (!s.named() && !st.first_done && Asks(side.type) && side.seen >= 2 && side.seen - n < 2 &&
+          (st.keep[0][0] << 8 | st.keep[0][1]) + 4u > side.body) {
+        // A first PUBLISH's topic and packet id fit in its body.
+        return Verdict::kNotMine;
+      }
       if (side.seen == side.body) {
         v = Packet(s, at);
         side.type = 0;
@@ -120,6 +125,10 @@ struct Mqtt {
       return ++side.header <= 4 ? Verdict::kNeedMore : Verdict::kNotMine;
     }
     side.header = 0;
+    if (!s.named() && side.type == 0xC0 && side.body != 0) {
+      // A PINGREQ has no body.
+      return Verdict::kNotMine;
+    }
     if (side.body == 0) {
       const Verdict v = Packet(s, at);
       side.type = 0;
