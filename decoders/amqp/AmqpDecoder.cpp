@@ -22,7 +22,7 @@ struct Amqp {
                               .protocols = {"AMQP"},
                               .attributes = {"amqp.version"},
                               .tcp = true,
-                              .tcp_ports = {5672, 5671}};
+                              .tcp_ports = {5672}};
   // The bytes a side's opening is judged on: a header, or the start of
   // Connection.Start (frame header and the method's first four bytes).
   static constexpr uint32_t kOpening = 13;

@@ -4,11 +4,11 @@
 // 4 or 5) and connect flags that keep their rules. A connection seen from
 // its middle is named by an exchange only MQTT makes: a PINGREQ answered by
 // a PINGRESP, or a PUBLISH of QoS 1 or 2 answered by the PUBACK or PUBREC
-// of its packet id. It reports
-// "mqtt.version" ("3.1", "3.1.1", "5.0"), "mqtt.client_id" and "mqtt.user"
-// from the CONNECT, and the first four distinct topics of either side's
-// PUBLISH and SUBSCRIBE packets ("mqtt.topic"). Passwords, will messages,
-// properties and payloads are passed by their lengths, unread.
+// of its packet id. It reports "mqtt.version" ("3.1", "3.1.1", "5.0"),
+// "mqtt.client_id" and "mqtt.user" from the CONNECT, and the first four
+// distinct topics of either side's PUBLISH and SUBSCRIBE packets
+// ("mqtt.topic"). Passwords, will messages, properties and payloads are
+// passed by their lengths, unread.
 //
 // Each side's packets are followed across TCP segments: the fixed header is
 // read byte by byte, the first bytes of a body are kept (enough for a
@@ -26,7 +26,8 @@ struct Mqtt {
       .protocols = {"MQTT"},
       .attributes = {"mqtt.version", "mqtt.client_id", "mqtt.user", "mqtt.topic"},
       .tcp = true,
-      .tcp_ports = {1883, 8883}};
+      // 8883 carries MQTT inside TLS: the TLS decoder's.
+      .tcp_ports = {1883}};
   // Bytes of a body kept per side; what lies beyond is not reported.
   static constexpr uint32_t kKeep = 256;
   static constexpr uint8_t kTopics = 4;
