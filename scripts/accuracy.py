@@ -36,6 +36,7 @@ PEER_NAMES = {
     "COAP": "CoAP", "Modbus": "Modbus", "DNP3": "DNP3", "WireGuard": "WireGuard",
     "OpenVPN": "OpenVPN",
     "STUN": "STUN", "DTLS": "DTLS",
+    "Redis": "Redis", "Memcached": "Memcached", "MQTT": "MQTT", "AMQP": "AMQP",
 }
 # Whole labels read before their first part: the peer puts SMB under NetBIOS
 # whether or not a NetBIOS session carries it. Over UDP that SMB is a

@@ -14,8 +14,9 @@ made to agree with the cut; bad IHL, length and offset fields; hostile DNS
 and HTTP messages; length fields that lie to the application decoders
 (SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, HTTP/2, STUN,
 DTLS, BitTorrent's peer wire, bencode, uTP and trackers, CoAP, Modbus, DNP3,
-WireGuard, OpenVPN, IKE), on their ports and from both sides; random and
-mutated frames; and time stamps that go back and jump ahead.
+WireGuard, OpenVPN, IKE, Redis, Memcached, MQTT, AMQP), on their ports and
+from both sides; random and mutated frames; and time stamps that go back and
+jump ahead.
 """
 import argparse
 import random
@@ -1002,6 +1003,34 @@ def lying_lengths(cap):
         dtls_record(23, b"") * 100,
     ] + [dtls_record(22, dtls_hs(1, hello, 4000)) for _ in range(6)]
     service_exchanges(cap, 17, 4433, dtls_msgs)
+    # Redis: counts and lengths past any bound and past the packet, a name
+    # longer than kept, an inline line that never ends.
+    redis = [b"*99999999999\r\n", b"*3\r\n$999999999999\r\nGET\r\n", b"*1\r\n$-1\r\n",
+             b"*2\r\n$3\r\nGET\r\n$536870913\r\nx", b"*1\r\n$40\r\n" + b"A" * 40 + b"\r\n",
+             b"PING\r\n" + b"x" * 2000, b"PING\r" + b"\r" * 10, b"*1\r\n$4\r\nPING\r\n" * 40]
+    service_exchanges(cap, 6, 6379, redis)
+    # Memcached: data blocks past any bound, a key line past the bound, a
+    # binary key and body longer than sent, and over UDP behind the frame
+    # header, a sequence past its count.
+    memcached = [b"set k 0 0 99999999999\r\nabc", b"set k 0 0 4294967300\r\n",
+                 b"get " + b"k" * 9000 + b"\r\n", b"\x80\x00\xff\xff\xff\x00\x00\x00\xff\xff\xff\xff" + bytes(12),
+                 b"\x80\x01\x00\x03\x08\x00\x00\x00\x00\x00\x00\x02" + bytes(12) + b"abc"]
+    service_exchanges(cap, 6, 11211, memcached)
+    service_exchanges(cap, 17, 11211, [b"\x00\x01\x00\x00\x00\x01\x00\x00" + m for m in memcached] +
+                      [b"\x00\x01\xff\xff\x00\x01\x00\x00get k\r\n"])
+    # MQTT: a remaining length of five bytes, a protocol name, properties,
+    # a client id and a topic longer than their packet.
+    connect = b"\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\x00\x00"
+    mqtt = [b"\x10\xff\xff\xff\xff\x7f", b"\x10\x0c\x00\xffMQTT\x04\x02\x00\x3c\x00\x00",
+            b"\x10\x10\x00\x04MQTT\x05\x82\x00\x3c\xff\xff\xff\x0f\x00\x03abc",
+            b"\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\xff\xff",
+            connect + b"\x30\xff\xff\xff\x7f\xff\xff", connect + b"\x82\x06\x00\x01\xff\xffab"]
+    service_exchanges(cap, 6, 1883, mqtt)
+    # AMQP: headers cut short, a frame size past any bound, headers again
+    # and again.
+    amqp = [b"AMQP", b"AMQP\x00\x00\x09", b"\x01\x00\x00\xff\xff\xff\xff\x00\x0a\x00\x0a\x00\x09",
+            b"AMQP\x00\x01\x00\x00" * 50]
+    service_exchanges(cap, 6, 5672, amqp)
 
 
 def bittorrent_lies(cap):

@@ -27,7 +27,8 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr coap.method --attr coap.uri_path --attr modbus.function --attr modbus.unit
   --attr dnp3.function --attr wireguard.sender_index --attr openvpn.opcode --attr ike.version
   --attr ike.exchange
-  --attr stun.method --attr stun.software --attr stun.username"
+  --attr stun.method --attr stun.software --attr stun.username
+  --attr mqtt.version --attr mqtt.client_id --attr mqtt.topic"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0
