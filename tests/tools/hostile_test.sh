@@ -87,7 +87,7 @@ for threads in 1 2; do
   jq -c . "$work/out" >/dev/null || fail "$t: a JSON line does not parse"
   lines="$(wc -l <"$work/out")"
   [ "$lines" -eq "$connections" ] || fail "$t: $lines JSON lines, $connections connections"
-  held="$(jq -s 'map(.orig_pkts + .resp_pkts) | add // 0' "$work/out")"
+  held="$(jq -s -f "$(dirname "$0")/held.jq" "$work/out")"
   [ "$held" -eq "$classified" ] || fail "$t: connections hold $held packets, $classified classified"
   # A connection once; time stamps that go back make no negative duration.
   jq -r '"\(.proto) \(."id.orig_h") \(."id.orig_p") \(."id.resp_h") \(."id.resp_p") \(.ts) \(.stack)"' \

@@ -44,7 +44,7 @@ check_capture() {
   set -- $counts
   [ $# -eq 4 ] || { fail "$name: no totals line"; return; }
   [ "$1" -eq $(($2 + $3 + $4)) ] || fail "$name: $1 read but $2 + $3 + $4 accounted"
-  held="$(jq -s 'map(.orig_pkts + .resp_pkts) | add // 0' "$work/one")"
+  held="$(jq -s -f "$(dirname "$0")/held.jq" "$work/one")"
   [ "$held" -eq "$2" ] || fail "$name: connections hold $held packets, $2 classified"
   if command -v tcpdump >/dev/null 2>&1; then
     in_file="$(tcpdump -r "$cap" 2>/dev/null | wc -l)"

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <tuple>
 
 namespace kestcap {
 
@@ -74,6 +75,9 @@ void Worker::Handle(const Frame &frame) {
     if (!kest_decoders::Decapsulate(m_now.packet, inner)) {
       break;
     }
+    if (depth == 0) {
+      CountTunnel(m_now.packet, inner.kind);
+    }
     const ParseResult r = kest_decoders::ParsePacket(inner.form, inner.data, inner.length, q);
     if (r != ParseResult::kOk && r != ParseResult::kFragment) {
       break;
@@ -141,6 +145,74 @@ void Worker::Finish() {
   while (!m_records.empty()) {
     Expired(m_records.begin()->first);
   }
+  WriteTunnels();
+}
+
+void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders::TunnelKind kind) {
+  using kest_decoders::TunnelKind;
+  const char *name = kind == TunnelKind::kTeredo  ? "Teredo"
+                     : kind == TunnelKind::kGtpU  ? "GTP"
+                     : kind == TunnelKind::kVxlan ? "VXLAN"
+                                                  : nullptr;
+  if (name == nullptr || outer.protocol != 17) {
+    return;
+  }
+  // One flow for both directions: the key puts the lower end point first.
+  std::string from(reinterpret_cast<const char *>(&outer.src), sizeof outer.src);
+  from.append(reinterpret_cast<const char *>(&outer.src_port), sizeof outer.src_port);
+  std::string to(reinterpret_cast<const char *>(&outer.dst), sizeof outer.dst);
+  to.append(reinterpret_cast<const char *>(&outer.dst_port), sizeof outer.dst_port);
+  const std::string key = from < to ? from + to : to + from;
+  auto it = m_tunnel_index.find(key);
+  if (it == m_tunnel_index.end()) {
+    if (m_tunnel_flows.size() >= kMaxTunnelFlows) {
+      return;
+    }
+    it = m_tunnel_index.emplace(key, m_tunnel_flows.size()).first;
+    TunnelFlow &made = m_tunnel_flows.emplace_back();
+    made.name = name;
+    FlowRecord &record = made.record;
+    record.first_us = record.last_us = m_now.ts_us;
+    record.protocol = 17;
+    // The sender of the first packet seen is the client.
+    for (auto [end, address, port] : {std::tuple{&record.client, &outer.src, outer.src_port},
+                                      std::tuple{&record.server, &outer.dst, outer.dst_port}}) {
+      if (outer.ip_version == 6) {
+        end->family = KEST_FAMILY_IPV6;
+        address->ToV6(end->address);
+      } else {
+        // 0.0.0.0 too: the packet says IPv4.
+        end->family = KEST_FAMILY_IPV4;
+        const uint32_t v4 = htonl(address->v4());
+        std::memcpy(end->address, &v4, sizeof v4);
+      }
+      end->port = htons(port);
+    }
+  }
+  FlowRecord &record = m_tunnel_flows[it->second].record;
+  const oru::IpAddr client = oru::IpAddr::FromEndpoint(record.client.family, record.client.address);
+  const int side = outer.src == client && outer.src_port == ntohs(record.client.port) ? 0 : 1;
+  ++record.packets[side];
+  record.bytes[side] += outer.payload_length;
+  if (m_now.ts_us > record.last_us) {
+    record.last_us = m_now.ts_us;
+  }
+}
+
+void Worker::WriteTunnels() {
+  for (const TunnelFlow &tunnel : m_tunnel_flows) {
+    const FlowRecord &record = tunnel.record;
+    ++m_totals.connections;
+    AppRow &row = m_apps[tunnel.name];
+    ++row.connections;
+    row.packets += record.packets[0] + record.packets[1];
+    row.bytes += record.bytes[0] + record.bytes[1];
+    if (m_setup.json != nullptr) {
+      m_setup.json->Write(JsonLine(record, tunnel.name, {"UDP", tunnel.name}));
+    }
+  }
+  m_tunnel_flows.clear();
+  m_tunnel_index.clear();
 }
 
 int Worker::OnResult(kest_handle_t, kest_result_t *result, int, kest_conn_id_t id, void *user,

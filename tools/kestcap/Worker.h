@@ -100,6 +100,21 @@ private:
   // otherwise.
   void CountFragment();
 
+  // The outer UDP flows of the tunnels opened (GTP-U, VXLAN, Teredo). The
+  // library classifies only what they carry, so kestcap keeps these itself
+  // and lists each beside its inner flows, as conn logs do; they are
+  // written when the worker finishes, in order of their first packet.
+  // Bounded: beyond kMaxTunnelFlows, further tunnels are not listed.
+  struct TunnelFlow {
+    FlowRecord record;
+    const char *name;
+  };
+  static constexpr size_t kMaxTunnelFlows = 4096;
+  std::unordered_map<std::string, size_t> m_tunnel_index;
+  std::vector<TunnelFlow> m_tunnel_flows;
+  void CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders::TunnelKind kind);
+  void WriteTunnels();
+
   Totals m_totals;
   AppTable m_apps;
 };
