@@ -276,7 +276,7 @@ struct Mongodb {
     case kInsert:
     case kGetMore:
     case kDelete:
-      r.Skip(op == kInsert ? 0 : 4); // a reserved zero (OP_INSERT: its flags)
+      r.Skip(4); // a reserved zero (OP_INSERT: its flags)
       ok = answers == 0 && CString(r, collection, n) && n > 2 && Printable(collection, n) &&
            memchr(collection, '.', n) != nullptr;
       break;

@@ -153,8 +153,9 @@ struct Pgsql {
     return true;
   }
 
-  // Startup parameters, name and value NUL-terminated each, then a NUL.
-  static bool Parameters(Session<Pgsql> &s, ByteReader r, bool whole) {
+  // Startup parameters, name and value NUL-terminated each, then a NUL;
+  // published when `publish` (once they were found to frame).
+  static bool Parameters(Session<Pgsql> &s, ByteReader r, bool whole, bool publish) {
     for (;;) {
       const char *name = reinterpret_cast<const char *>(r.Here());
       const void *end = memchr(name, 0, r.Left());
@@ -180,7 +181,7 @@ struct Pgsql {
                             : n == 8 && memcmp(name, "database", 8) == 0           ? kDatabase
                             : n == 16 && memcmp(name, "application_name", 16) == 0 ? kApplication
                                                                                    : -1;
-      if (attribute >= 0 && m != 0 && s.Name()) {
+      if (publish && attribute >= 0 && m != 0) {
         s.Publish(attribute, value, m);
       }
     }
@@ -224,9 +225,10 @@ struct Pgsql {
       st.mode[st.client] = kTyped;
       return Verdict::kNamed;
     }
-    if (!Parameters(s, r, size <= kHead) || !s.Name()) {
+    if (!Parameters(s, r, size <= kHead, false) || !s.Name()) {
       return Verdict::kNotMine;
     }
+    Parameters(s, r, size <= kHead, true);
     st.mode[st.client] = kTyped;
     return Verdict::kNamed;
   }
