@@ -32,6 +32,7 @@ PEER_NAMES = {
     "DHCP": "DHCP", "DHCPV6": "DHCPv6", "NetBIOS": "NetBIOS", "Kerberos": "Kerberos", "VNC": "VNC", "Telnet": "Telnet", "LDAP": "LDAP", "RDP": "RDP", "SOCKS": "SOCKS", "IRC": "IRC", "XMPP": "XMPP", "Jabber": "XMPP", "RADIUS": "RADIUS", "TFTP": "TFTP",
     "ICMP": "ICMP", "ICMPV6": "ICMPv6", "IGMP": "IGMP", "GRE": "GRE", "IPsec": "ESP",
     "SMBv1": "SMB", "SMBv23": "SMB",
+    "MySQL": "MySQL", "PostgreSQL": "PostgreSQL", "MsSQL-TDS": "TDS", "MongoDB": "MongoDB",
 }
 # Whole labels read before their first part: the peer puts SMB under NetBIOS
 # whether or not a NetBIOS session carries it. Over UDP that SMB is a
