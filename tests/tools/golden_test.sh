@@ -22,7 +22,9 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr sip.request.method --attr rtsp.request.method --attr ssdp.request.method
   --attr snmp.version --attr snmp.pdu --attr syslog.facility --attr syslog.app
   --attr kerberos.msg_type --attr kerberos.cname --attr telnet.options --attr vnc.security
-  --attr irc.nick --attr smb.version --attr smb.dialect --attr smb.file --attr ntlm.user"
+  --attr irc.nick --attr smb.version --attr smb.dialect --attr smb.file --attr ntlm.user
+  --attr mysql.server_version --attr mysql.user --attr pgsql.user --attr pgsql.database
+  --attr pgsql.application --attr tds.version --attr tds.user --attr tds.app"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0
