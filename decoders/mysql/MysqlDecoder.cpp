@@ -172,8 +172,21 @@ struct Mysql {
     return Verdict::kNamed;
   }
 
-  // A packet's head: a length, a small sequence number.
-  static bool Opening(unsigned, ByteReader first) { return first.Left() < 4 || first.Peek(3) < 4; }
+  // The head of a packet that can name the protocol: a greeting or its
+  // error (sequence 0), a handshake response (1), a command with text (0).
+  static bool MayBegin(const uint8_t *h, size_t have) {
+    if (have < 4) {
+      return true;
+    }
+    const uint32_t length = h[0] | h[1] << 8 | h[2] << 16;
+    if (h[3] == 1) {
+      return length >= 32;
+    }
+    return h[3] == 0 && (have < 5 || h[4] == 10 || h[4] == 0xff || h[4] == kInitDb ||
+                         h[4] == kQuery || h[4] == kPrepare);
+  }
+
+  static bool Opening(unsigned, ByteReader first) { return MayBegin(first.Here(), first.Left()); }
 
   static Verdict Feed(Session<Mysql> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
@@ -197,7 +210,7 @@ struct Mysql {
         continue;
       }
       const uint32_t whole = (side.head[0] | side.head[1] << 8 | side.head[2] << 16) + 4;
-      if (whole == 4 || (!s.named() && side.head[3] > 3)) {
+      if (whole == 4 || (!s.named() && !MayBegin(side.head, side.have))) {
         return foreign;
       }
       if (side.have < (whole < kHead ? whole : kHead)) {

@@ -285,11 +285,12 @@ struct Pgsql {
     return Verdict::kNeedMore;
   }
 
-  // The first bytes of a client's untyped message (a length below 64 KB)
-  // or of a typed message of either side.
+  // The first bytes of a client's untyped message or of a typed message
+  // of either side: a length below 16 MB.
   static bool Opening(unsigned, ByteReader first) {
     const uint32_t c = first.Peek();
-    return c == 0 || Has(kClientTypes, c) || Has(kServerTypes, c);
+    return (c == 0 || Has(kClientTypes, c) || Has(kServerTypes, c)) &&
+           (first.Left() < 2 || first.Peek(1) == 0);
   }
 
   static Verdict Feed(Session<Pgsql> &s, ByteReader r) {

@@ -257,9 +257,11 @@ struct Tds {
     return s.named() ? Verdict::kNeedMore : Verdict::kNotMine;
   }
 
-  // A packet header's first two bytes.
+  // A packet header: its type, status, length and window as far as given.
   static bool Opening(unsigned, ByteReader first) {
-    return HeaderOk(first.Here(), static_cast<uint32_t>(first.Left() < 8 ? first.Left() : 8));
+    const uint32_t length = first.Peek(2) << 8 | first.Peek(3);
+    return HeaderOk(first.Here(), static_cast<uint32_t>(first.Left() < 8 ? first.Left() : 8)) &&
+           (first.Left() < 4 || (length >= kHeader && length <= kMaxPacket));
   }
 
   static Verdict Feed(Session<Tds> &s, ByteReader r) {
