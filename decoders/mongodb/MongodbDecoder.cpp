@@ -325,8 +325,8 @@ struct Mongodb {
       }
       const uint32_t known = side.have >= 4 ? ByteReader(side.head, 4).U32Le() : 0;
       const uint32_t want = known < kHeader ? kHeader : known < kHead ? known : kHead;
-      const uint32_t take =
-          static_cast<uint32_t>(want - side.have < r.Left() ? want - side.have : r.Left());
+      const uint32_t room = want > side.have ? want - side.have : 0;
+      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
       memcpy(side.head + side.have, r.Here(), take);
       side.have += take;
       r.Skip(take);

@@ -201,8 +201,8 @@ struct Mysql {
       const uint32_t size =
           side.have >= 4 ? (side.head[0] | side.head[1] << 8 | side.head[2] << 16) + 4 : 0;
       const uint32_t want = size == 0 ? 4 : size < kHead ? size : kHead;
-      const uint32_t take =
-          static_cast<uint32_t>(want - side.have < r.Left() ? want - side.have : r.Left());
+      const uint32_t room = want > side.have ? want - side.have : 0;
+      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
       memcpy(side.head + side.have, r.Here(), take);
       side.have += take;
       r.Skip(take);

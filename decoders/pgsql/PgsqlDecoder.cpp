@@ -35,8 +35,7 @@ struct Pgsql {
   enum { kUser, kDatabase, kApplication, kServerVersion };
   static constexpr uint32_t kHead = 512;
   static constexpr uint32_t kMessages = 32;
-  // The untyped messages' codes: protocol 3.0, and the requests.
-  static constexpr uint32_t kProtocol3 = 0x00030000;
+  // The untyped messages' codes: protocol 2.0, and the requests.
   static constexpr uint32_t kProtocol2 = 0x00020000;
   static constexpr uint32_t kSslRequest = 80877103;
   static constexpr uint32_t kGssRequest = 80877104;
@@ -69,6 +68,7 @@ struct Pgsql {
   static constexpr char kClientTypes[] = "QPBEDCSHFXpdcf";
   static constexpr char kServerTypes[] = "RSKZTDCENAVGHWdcnst123Iv";
 
+  static bool Answer(uint32_t c) { return c == 'S' || c == 'N' || c == 'G'; }
   static bool Has(const char *set, uint32_t c) {
     return c != 0 && strchr(set, static_cast<int>(c));
   }
@@ -123,7 +123,7 @@ struct Pgsql {
       return true;
     }
     const uint8_t first = side.head[0];
-    if (mode == kAnswer && (first == 'S' || first == 'N' || first == 'G')) {
+    if (mode == kAnswer && Answer(first)) {
       size = 1;
       return true;
     }
@@ -318,14 +318,20 @@ struct Pgsql {
       if (!Frame(st, who, side, size)) {
         return foreign;
       }
-      const uint32_t header = st.mode[who] == kUntyped ? 4 : st.mode[who] == kAnswer ? 1 : 5;
+      // An answer's one byte, an untyped message's length, or a type and
+      // its length.
+      const Mode mode = st.mode[who];
+      const bool answer = mode == kAnswer && (side.have == 0 || Answer(side.head[0]));
+      const uint32_t header = answer ? 1 : mode == kUntyped ? 4 : 5;
       const uint32_t want = size == 0 ? header : size < kHead ? size : kHead;
-      const uint32_t take =
-          static_cast<uint32_t>(want - side.have < r.Left() ? want - side.have : r.Left());
+      const uint32_t room = want > side.have ? want - side.have : 0;
+      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
       memcpy(side.head + side.have, r.Here(), take);
       side.have += take;
       r.Skip(take);
-      if (!Frame(st, who, side, size)) {
+      // A side's mode turns with the other side's messages: a head kept
+      // under the old one may not fit the new.
+      if (!Frame(st, who, side, size) || (size != 0 && size < side.have)) {
         return foreign;
       }
       if (size == 0 || side.have < (size < kHead ? size : kHead)) {

@@ -276,8 +276,8 @@ struct Tds {
       }
       const uint32_t size = side.have >= 4 ? LoadBe16(side.head + 2) : 0;
       const uint32_t want = size < kHeader ? kHeader : size < kHead ? size : kHead;
-      const uint32_t take =
-          static_cast<uint32_t>(want - side.have < r.Left() ? want - side.have : r.Left());
+      const uint32_t room = want > side.have ? want - side.have : 0;
+      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
       memcpy(side.head + side.have, r.Here(), take);
       side.have += take;
       r.Skip(take);
