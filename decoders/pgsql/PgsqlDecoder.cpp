@@ -68,6 +68,11 @@ struct Pgsql {
   static constexpr char kClientTypes[] = "QPBEDCSHFXpdcf";
   static constexpr char kServerTypes[] = "RSKZTDCENAVGHWdcnst123Iv";
 
+  // An untyped message's code: a request's, or a protocol version's.
+  static bool Code(uint32_t code) {
+    return code == kSslRequest || code == kGssRequest || code == kCancel || code == kProtocol2 ||
+           (code >> 16 == 3 && (code & 0xffff) <= 16);
+  }
   static bool Answer(uint32_t c) { return c == 'S' || c == 'N' || c == 'G'; }
   static bool Has(const char *set, uint32_t c) {
     return c != 0 && strchr(set, static_cast<int>(c));
@@ -132,7 +137,7 @@ struct Pgsql {
         return side.head[0] == 0;
       }
       const uint32_t length = Be32(side.head);
-      if (length < 8 || length > kMaxStartup) {
+      if (length < 8 || length > kMaxStartup || (side.have >= 8 && !Code(Be32(side.head + 4)))) {
         return false;
       }
       size = length;
@@ -210,7 +215,7 @@ struct Pgsql {
     if (code == kCancel && size == 16) {
       return s.Name() ? Verdict::kDone : Verdict::kNotMine;
     }
-    if ((code >> 16 != 3 && code != kProtocol2) || (code & 0xffff) > 16) {
+    if (!Code(code) || code == kSslRequest || code == kGssRequest || code == kCancel) {
       return Verdict::kNotMine;
     }
     if (code == kProtocol2) {
