@@ -10,7 +10,9 @@
 //
 // Reports LOGIN7's TDS version as "tds.version" ("7.4"), its user, client
 // host, application and database names as "tds.user", "tds.host", "tds.app"
-// and "tds.database" (the password stays unread). A pre-login that carries a
+// and "tds.database" (the password stays unread), and the server's
+// pre-login answer on encryption as "tds.encryption" ("off", "on",
+// "not-supported", "required"). A pre-login that carries a
 // TLS handshake (TDS 7's encryption, wrapped in TDS packets) ends the
 // reading: the login that follows is encrypted. TDS 8 connections start
 // with TLS itself, for the TLS decoder. Of each packet only the head is
@@ -26,14 +28,14 @@ namespace {
 using namespace oru::kit;
 
 struct Tds {
-  static constexpr Spec kSpec{
-      .plugin = "tds",
-      .module = MODULE_TDS,
-      .protocols = {"TDS"},
-      .attributes = {"tds.version", "tds.user", "tds.host", "tds.app", "tds.database"},
-      .tcp = true,
-      .tcp_ports = {1433}};
-  enum { kVersion, kUser, kHost, kApp, kDatabase };
+  static constexpr Spec kSpec{.plugin = "tds",
+                              .module = MODULE_TDS,
+                              .protocols = {"TDS"},
+                              .attributes = {"tds.version", "tds.user", "tds.host", "tds.app",
+                                             "tds.database", "tds.encryption"},
+                              .tcp = true,
+                              .tcp_ports = {1433}};
+  enum { kVersion, kUser, kHost, kApp, kDatabase, kEncryption };
   static constexpr uint32_t kHeader = 8;
   static constexpr uint32_t kHead = 1024;
   static constexpr uint32_t kMessages = 8;
@@ -83,9 +85,10 @@ struct Tds {
 
   // The pre-login option table: tokens of five bytes, 0xFF at its end,
   // VERSION first with six bytes, each value inside the payload `p`.
-  static bool Options(ByteReader p) {
+  static bool Options(ByteReader p, int &encryption) {
     ByteReader r = p;
     bool first = true;
+    encryption = -1;
     for (uint32_t i = 0; i < 16; ++i) {
       const uint32_t token = r.U8();
       if (token == 0xff) {
@@ -95,6 +98,9 @@ struct Tds {
       const uint32_t length = r.U16();
       if (!r.Ok() || (first && (token != 0 || length != 6)) || offset + length > p.Left()) {
         return false;
+      }
+      if (token == 1 && length == 1) {
+        encryption = static_cast<int>(p.Peek(offset));
       }
       first = false;
     }
@@ -231,14 +237,24 @@ struct Tds {
         return s.named() ? Verdict::kDone : Verdict::kNotMine;
       }
       [[fallthrough]];
-    case kReply:
-      if (Options(payload)) {
-        return s.Name() ? Verdict::kNamed : Verdict::kNotMine;
+    case kReply: {
+      int encryption = -1;
+      if (!Options(payload, encryption)) {
+        if (type == kReply && Reply(payload)) {
+          return s.Name() ? Verdict::kNamed : Verdict::kNotMine;
+        }
+        break;
       }
-      if (type == kReply && Reply(payload)) {
-        return s.Name() ? Verdict::kNamed : Verdict::kNotMine;
+      if (!s.Name()) {
+        return Verdict::kNotMine;
       }
-      break;
+      // The server's answer decides whether the login, or all, is encrypted.
+      static constexpr const char *kModes[] = {"off", "on", "not-supported", "required"};
+      if (type == kReply && encryption >= 0 && encryption <= 3) {
+        s.Publish(kEncryption, kModes[encryption]);
+      }
+      return Verdict::kNamed;
+    }
     case kLogin7:
       if (Login(s, h + kHeader, have - kHeader, size - kHeader)) {
         return Verdict::kDone;
