@@ -37,6 +37,7 @@ PEER_NAMES = {
     "OpenVPN": "OpenVPN",
     "STUN": "STUN", "DTLS": "DTLS",
     "Redis": "Redis", "Memcached": "Memcached", "MQTT": "MQTT", "AMQP": "AMQP",
+    "MySQL": "MySQL", "PostgreSQL": "PostgreSQL", "MsSQL-TDS": "TDS", "MongoDB": "MongoDB",
 }
 # Whole labels read before their first part: the peer puts SMB under NetBIOS
 # whether or not a NetBIOS session carries it. Over UDP that SMB is a

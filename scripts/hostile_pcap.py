@@ -14,9 +14,9 @@ made to agree with the cut; bad IHL, length and offset fields; hostile DNS
 and HTTP messages; length fields that lie to the application decoders
 (SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, HTTP/2, STUN,
 DTLS, BitTorrent's peer wire, bencode, uTP and trackers, CoAP, Modbus, DNP3,
-WireGuard, OpenVPN, IKE, Redis, Memcached, MQTT, AMQP), on their ports and
-from both sides; random and mutated frames; and time stamps that go back and
-jump ahead.
+WireGuard, OpenVPN, IKE, Redis, Memcached, MQTT, AMQP, MySQL, PostgreSQL,
+TDS, MongoDB), on their ports and from both sides; random and mutated frames;
+and time stamps that go back and jump ahead.
 """
 import argparse
 import random
@@ -1031,6 +1031,51 @@ def lying_lengths(cap):
     amqp = [b"AMQP", b"AMQP\x00\x00\x09", b"\x01\x00\x00\xff\xff\xff\xff\x00\x0a\x00\x0a\x00\x09",
             b"AMQP\x00\x01\x00\x00" * 50]
     service_exchanges(cap, 6, 5672, amqp)
+    # MySQL: a greeting whose version runs past its packet, a packet length
+    # of 16 MB that never comes, a handshake response whose user and
+    # database have no end and whose auth length runs past the packet.
+    def mysql(seq, payload, length=None):
+        n = len(payload) if length is None else length
+        return struct.pack("<I", n)[:3] + bytes([seq]) + payload
+    response = struct.pack("<IIB", 0x0000a28d, 1 << 24, 33) + bytes(23)
+    mysql_msgs = [mysql(0, b"\x0a5.7.0" + b"v" * 60), mysql(0, b"\x0a8.0\x00" + bytes(20), 0xffffff),
+                  mysql(1, response + b"user-without-end"), mysql(1, response + b"u\x00\xffab"),
+                  mysql(1, response[:4] + b"\xff" * 28), mysql(0, b"\x02" + b"d" * 40, 8)]
+    service_exchanges(cap, 6, 3306, mysql_msgs)
+    # PostgreSQL: startups whose length lies either way, parameters without
+    # their ends, typed messages of lengths past the stream and of 2^32 - 1.
+    startup = b"\x00\x03\x00\x00user\x00kest\x00database\x00"
+    pgsql_msgs = [struct.pack("!I", len(startup) + 4) + startup, struct.pack("!I", 9999) + startup,
+                  struct.pack("!I", 6) + startup, struct.pack("!II", 8, 80877103) + b"S" * 9,
+                  b"Q\xff\xff\xff\xffselect", b"R\x00\x00\x00\x08\x00\x00\x00\x00Z\x00\x00\x00\x05I" +
+                  b"S\x00\x00\x00\x40server_version"]
+    service_exchanges(cap, 6, 5432, pgsql_msgs)
+    # TDS: pre-login options past the packet and without their end, LOGIN7
+    # offsets and lengths past the message, a packet length below its
+    # header and of 64 KB.
+    def tds(kind, payload, length=None):
+        n = 8 + len(payload) if length is None else length
+        return struct.pack("!BBHHBB", kind, 1, n, 0, 1, 0) + payload
+    login = bytearray(94)
+    struct.pack_into("<II", login, 0, 94, 0x74000004)
+    for at in range(36, 72, 4):
+        struct.pack_into("<HH", login, at, 90, 0xffff)
+    tds_msgs = [tds(0x12, b"\x00\x00\x06\x00\x06" * 40), tds(0x12, b"\x00\xff\xf0\x00\x06\xff"),
+                tds(0x10, bytes(login)), tds(0x10, bytes(login[:40])), tds(0x12, b"", 4),
+                tds(0x01, b"\x16\x00\x00\x00" * 8, 0xffff), tds(0x03, b"\xff\xff\xff\xff" + b"\x00" * 12)]
+    service_exchanges(cap, 6, 1433, tds_msgs)
+    # MongoDB: documents longer than their section and message, elements
+    # whose string lengths run past the document, a collection name without
+    # its end, a length of 2^31 - 1.
+    def mongo(op, body, length=None):
+        n = 16 + len(body) if length is None else length
+        return struct.pack("<iiii", n, 1, 0, op) + body
+    doc = struct.pack("<i", 30) + b"\x02find\x00" + struct.pack("<i", 0x7fffffff) + b"orders\x00\x00"
+    mongo_msgs = [mongo(2013, b"\x00\x00\x00\x00\x00" + doc), mongo(2013, b"\x00\x00\x00\x00\x00" +
+                  struct.pack("<i", 0x7ffffff0) + b"\x03a\x00" + struct.pack("<i", 5) + b"\x00"),
+                  mongo(2004, b"\x00" * 4 + b"shop.orders" * 30), mongo(2013, b"", 0x7fffffff),
+                  mongo(2013, b"\x00\x00\x00\x00\x00" + struct.pack("<i", 12) + b"\x0bx\x00ab")]
+    service_exchanges(cap, 6, 27017, mongo_msgs)
 
 
 def bittorrent_lies(cap):

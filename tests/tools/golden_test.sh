@@ -28,7 +28,9 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr dnp3.function --attr wireguard.sender_index --attr openvpn.opcode --attr ike.version
   --attr ike.exchange
   --attr stun.method --attr stun.software --attr stun.username
-  --attr mqtt.version --attr mqtt.client_id --attr mqtt.topic"
+  --attr mqtt.version --attr mqtt.client_id --attr mqtt.topic
+  --attr mysql.server_version --attr mysql.user --attr pgsql.user --attr pgsql.database
+  --attr pgsql.application --attr tds.version --attr tds.user --attr tds.app"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0
