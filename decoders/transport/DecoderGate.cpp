@@ -54,7 +54,12 @@ bool DecoderGate::Join(oru::Inspector *inspector, const uint16_t *ports, size_t 
   }
   Member &m = m_members[at];
   for (size_t i = 0; i < port_count && m.port_count < kMaxPorts; ++i) {
-    m.ports[m.port_count++] = ports[i];
+    ++m.port_count;
+    size_t j = m_port_entries++;
+    for (; j > 0 && m_by_port[j - 1].port > ports[i]; --j) {
+      m_by_port[j] = m_by_port[j - 1];
+    }
+    m_by_port[j] = PortEntry{ports[i], static_cast<uint8_t>(at)};
   }
   return true;
 }
@@ -71,13 +76,20 @@ void DecoderGate::Leave(oru::Inspector *inspector) {
   }
 }
 
-bool DecoderGate::OnPorts(const Member &m, const oru::Tuple &tuple) const {
-  for (size_t i = 0; i < m.port_count; ++i) {
-    if (m.ports[i] == tuple.src_port || m.ports[i] == tuple.dst_port) {
-      return true;
+void DecoderGate::MarkPort(uint16_t port, Mask &mask) const {
+  size_t low = 0;
+  size_t high = m_port_entries;
+  while (low < high) {
+    const size_t mid = (low + high) / 2;
+    if (m_by_port[mid].port < port) {
+      low = mid + 1;
+    } else {
+      high = mid;
     }
   }
-  return false;
+  for (; low < m_port_entries && m_by_port[low].port == port; ++low) {
+    Put(mask, m_by_port[low].member);
+  }
 }
 
 unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
@@ -93,11 +105,10 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
     own->m_gate_started[level] = 1;
     live = m_joined;
     first = Mask{};
-    for (size_t i = 0; i < m_count; ++i) {
-      if (Has(live, i) && m_members[i].port_count != 0 && OnPorts(m_members[i], tuple)) {
-        Put(first, i);
-      }
-    }
+    MarkPort(tuple.src_port, first);
+    MarkPort(tuple.dst_port, first);
+    first.bits[0] &= live.bits[0];
+    first.bits[1] &= live.bits[1];
   }
   Busy busy(m_busy, m_level, conn.get(), level);
   // The decoders on their own ports first, then the others, each pass by

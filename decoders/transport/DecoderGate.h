@@ -40,15 +40,20 @@ public:
 private:
   struct Member {
     oru::InspectorCallback callback;
-    uint16_t ports[kMaxPorts];
     uint8_t port_count;
+  };
+  // One port of one member.
+  struct PortEntry {
+    uint16_t port;
+    uint8_t member;
   };
   using Mask = TransportConn::GateMask;
 
   // The level of a call for `conn`: 0 for its chain, 1 while the gate runs
   // it already (an inner chain), 2 beyond (not followed).
   int LevelOf(const oru::Conn *conn) const { return m_busy == conn ? m_level + 1 : 0; }
-  bool OnPorts(const Member &m, const oru::Tuple &tuple) const;
+  // Sets in `mask` the bit of every member tried first on `port`.
+  void MarkPort(uint16_t port, Mask &mask) const;
   // Every member still on the connection at `level` leaves it.
   void ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn);
 
@@ -64,6 +69,12 @@ private:
   // connection's bits keep naming the decoder they named.
   Member m_members[kMaxMembers];
   size_t m_count = 0;
+  // Every member's ports, sorted by port: a new connection finds the
+  // decoders of its two ports by two searches rather than by a walk over
+  // every member's list.
+  static_assert(kMaxMembers <= 256, "a port entry names its member in a byte");
+  PortEntry m_by_port[kMaxMembers * kMaxPorts];
+  size_t m_port_entries = 0;
   // Who new connections get.
   Mask m_joined = {};
   // The connection the gate runs now, and at which level.
