@@ -25,6 +25,8 @@
 #include <kest/kit/Decoder.h>
 #include <kest/kit/TextLine.h>
 
+#include <string.h>
+
 namespace {
 
 using namespace oru::kit;
@@ -123,8 +125,36 @@ struct Bittorrent {
   // connect or answer, a discovery search (UDP).
   static bool Opening(unsigned, ByteReader first) {
     const uint32_t c = first.Peek();
-    return c == 0x13 || c == 'G' || c == 'd' || c == 'B' || c == 0 ||
+    return c == 0x13 || (c == 'G' && MayBeTrackerQuery(first)) || c == 'd' || c == 'B' || c == 0 ||
            ((c & 0x0f) == 1 && c <= 0x41) || Announce(first);
+  }
+
+  // Whether a first packet that opens with 'G' may begin a tracker request:
+  // "GET /" and a path that, as far as the packet goes, ends in "announce"
+  // or "scrape" before its query. Every HTTP request passes here, so the
+  // path is scanned in one pass rather than a byte per call.
+  static bool MayBeTrackerQuery(ByteReader first) {
+    const char *text = reinterpret_cast<const char *>(first.Here());
+    const size_t n = first.Left();
+    static constexpr char kGet[] = "GET /";
+    for (size_t i = 0; i < sizeof kGet - 1; ++i) {
+      if (i == n) {
+        return true;
+      }
+      if (text[i] != kGet[i]) {
+        return false;
+      }
+    }
+    for (size_t i = sizeof kGet - 1; i < n; ++i) {
+      if (text[i] == ' ' || static_cast<unsigned char>(text[i]) < ' ') {
+        return false;
+      }
+      if (text[i] == '?') {
+        return (i >= 8 && HasPrefix(text + i - 8, 8, "announce")) ||
+               (i >= 6 && HasPrefix(text + i - 6, 6, "scrape"));
+      }
+    }
+    return true;
   }
 
   static void Hex(const uint8_t *bytes, char *out) {
@@ -452,6 +482,26 @@ struct Bittorrent {
                : c == 'G' && s.side() == 0 && other.mode == Wire::kStart ? Wire::kQuery
                : other.mode == Wire::kQuery                              ? Wire::kQuiet
                                                                          : Wire::kFrames;
+    }
+    if (w.mode == Wire::kHandshake && w.at == 0 && r.Left() >= kHandshake) {
+      // A whole handshake at hand, as it usually comes: read at once.
+      const uint8_t *h = r.Here();
+      if (memcmp(h, kProtocolName, sizeof kProtocolName) != 0) {
+        return s.named() ? Verdict::kDone : Verdict::kNotMine;
+      }
+      if (!s.Name()) {
+        return Verdict::kNotMine;
+      }
+      if (!st.hash_told) {
+        memcpy(st.hash, h + 28, sizeof st.hash);
+        st.hash_told = true;
+        TellHash(s, st.hash);
+      }
+      memcpy(st.peer[s.side()], h + 48, sizeof st.peer[0]);
+      TellClient(s, st.peer[s.side()]);
+      r.Skip(kHandshake);
+      w.at = kHandshake;
+      w.mode = Wire::kQuiet;
     }
     while (!r.Empty() && w.mode != Wire::kQuiet) {
       if (w.mode == Wire::kHandshake) {
