@@ -17,6 +17,7 @@
 // over by their size. Of each message only the head is kept (kHead bytes);
 // the rest is passed over by its length.
 #include <kest/kit/Decoder.h>
+#include <kest/kit/MessageHeads.h>
 #include <kest/kit/TextLine.h>
 
 #include <string.h>
@@ -53,10 +54,7 @@ struct Mongodb {
     kMsg = 2013,
   };
 
-  struct Side {
-    uint8_t head[kHead];
-    uint32_t have;     // bytes of the current message's head kept
-    uint32_t skip;     // bytes of the current message still to pass over
+  struct Side : MessageHeads<kHead> {
     uint32_t messages; // messages read
   };
   struct State {
@@ -315,45 +313,32 @@ struct Mongodb {
 
   static Verdict Feed(Session<Mongodb> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    const Verdict foreign = s.named() ? Verdict::kDone : Verdict::kNotMine;
-    while (!r.Empty()) {
-      if (side.skip != 0) {
-        const uint32_t n = side.skip < r.Left() ? side.skip : static_cast<uint32_t>(r.Left());
-        r.Skip(n);
-        side.skip -= n;
-        continue;
-      }
-      const uint32_t known = side.have >= 4 ? ByteReader(side.head, 4).U32Le() : 0;
-      const uint32_t want = known < kHeader ? kHeader : known < kHead ? known : kHead;
-      const uint32_t room = want > side.have ? want - side.have : 0;
-      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
-      memcpy(side.head + side.have, r.Here(), take);
-      side.have += take;
-      r.Skip(take);
-      const uint32_t size = side.have >= 4 ? ByteReader(side.head, 4).U32Le() : 0;
-      if (side.have >= 4 && (size < kHeader || size > kMaxMessage)) {
-        return foreign;
-      }
-      if (side.have < kHeader) {
-        continue;
-      }
-      if (OpName(ByteReader(side.head + 12, 4).U32Le()) == nullptr) {
-        return foreign;
-      }
-      if (side.have < (size < kHead ? size : kHead)) {
-        continue;
-      }
-      const Verdict v = Message(s, ByteReader(side.head, side.have), size);
-      if (v == Verdict::kNotMine) {
-        return foreign;
-      }
-      side.skip = size - side.have;
-      side.have = 0;
-      if (++side.messages >= kMessages) {
-        return s.named() ? Verdict::kDone : Verdict::kNotMine;
-      }
+    const Verdict v = side.Read(
+        r,
+        [](const uint8_t *head, uint32_t have) -> uint32_t {
+          if (have < 4) {
+            return 0;
+          }
+          const uint32_t size = ByteReader(head, 4).U32Le();
+          if (size < kHeader || size > kMaxMessage) {
+            return Side::kForeign;
+          }
+          if (have < kHeader) {
+            return 0;
+          }
+          return OpName(ByteReader(head + 12, 4).U32Le()) == nullptr ? Side::kForeign : size;
+        },
+        [&](ByteReader head, uint32_t size) {
+          if (Message(s, head, size) == Verdict::kNotMine) {
+            return Verdict::kNotMine;
+          }
+          return ++side.messages >= kMessages ? Verdict::kDone : Verdict::kNeedMore;
+        });
+    if (v == Verdict::kNeedMore) {
+      return v;
     }
-    return Verdict::kNeedMore;
+    // Bytes that frame no message, or enough read.
+    return s.named() ? Verdict::kDone : Verdict::kNotMine;
   }
 };
 

@@ -15,6 +15,7 @@
 // packet only the head is kept; the rest (result rows, blobs) is passed over
 // by its length. The first kMessages packets of each side are read.
 #include <kest/kit/Decoder.h>
+#include <kest/kit/MessageHeads.h>
 #include <kest/kit/TextLine.h>
 
 #include <string.h>
@@ -45,10 +46,7 @@ struct Mysql {
   static constexpr uint32_t kQuery = 0x03;
   static constexpr uint32_t kPrepare = 0x16;
 
-  struct Side {
-    uint8_t head[kHead];
-    uint32_t have;     // bytes of the current packet's head kept
-    uint32_t skip;     // bytes of the current packet still to pass over
+  struct Side : MessageHeads<kHead> {
     uint32_t messages; // packets read
   };
   struct State {
@@ -190,43 +188,28 @@ struct Mysql {
 
   static Verdict Feed(Session<Mysql> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    const Verdict foreign = s.named() ? Verdict::kDone : Verdict::kNotMine;
-    while (!r.Empty()) {
-      if (side.skip != 0) {
-        const uint32_t n = side.skip < r.Left() ? side.skip : static_cast<uint32_t>(r.Left());
-        r.Skip(n);
-        side.skip -= n;
-        continue;
-      }
-      const uint32_t size =
-          side.have >= 4 ? (side.head[0] | side.head[1] << 8 | side.head[2] << 16) + 4 : 0;
-      const uint32_t want = size == 0 ? 4 : size < kHead ? size : kHead;
-      const uint32_t room = want > side.have ? want - side.have : 0;
-      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
-      memcpy(side.head + side.have, r.Here(), take);
-      side.have += take;
-      r.Skip(take);
-      if (side.have < 4) {
-        continue;
-      }
-      const uint32_t whole = (side.head[0] | side.head[1] << 8 | side.head[2] << 16) + 4;
-      if (whole == 4 || (!s.named() && !MayBegin(side.head, side.have))) {
-        return foreign;
-      }
-      if (side.have < (whole < kHead ? whole : kHead)) {
-        continue;
-      }
-      const Verdict v = Packet(s, ByteReader(side.head, side.have), whole);
-      if (v == Verdict::kNotMine) {
-        return foreign;
-      }
-      side.skip = whole - side.have;
-      side.have = 0;
-      if (v == Verdict::kDone || ++side.messages >= kMessages) {
-        return s.named() ? Verdict::kDone : Verdict::kNotMine;
-      }
+    const Verdict v = side.Read(
+        r,
+        [&](const uint8_t *head, uint32_t have) -> uint32_t {
+          if (have < 4) {
+            return 0;
+          }
+          const uint32_t whole = (head[0] | head[1] << 8 | head[2] << 16) + 4;
+          return whole == 4 || (!s.named() && !MayBegin(head, have)) ? Side::kForeign : whole;
+        },
+        [&](ByteReader head, uint32_t whole) {
+          const Verdict got = Packet(s, head, whole);
+          if (got == Verdict::kNotMine) {
+            return got;
+          }
+          return got == Verdict::kDone || ++side.messages >= kMessages ? Verdict::kDone
+                                                                       : Verdict::kNeedMore;
+        });
+    if (v == Verdict::kNeedMore) {
+      return v;
     }
-    return Verdict::kNeedMore;
+    // Bytes that frame no packet, or enough read.
+    return s.named() ? Verdict::kDone : Verdict::kNotMine;
   }
 };
 

@@ -16,6 +16,7 @@
 // kept (kHead bytes); the rest (rows, copied data) is passed over by its
 // length. The first kMessages messages of each side are read.
 #include <kest/kit/Decoder.h>
+#include <kest/kit/MessageHeads.h>
 #include <kest/kit/TextLine.h>
 
 #include <string.h>
@@ -48,10 +49,7 @@ struct Pgsql {
     kTyped,   // a type byte, then a four-byte length
     kAnswer,  // the server's one-byte answer to an SSL or GSS request
   };
-  struct Side {
-    uint8_t head[kHead];
-    uint32_t have;      // bytes of the current message's head kept
-    uint32_t skip;      // bytes of the current message still to pass over
+  struct Side : MessageHeads<kHead> {
     uint32_t messages;  // messages read
     uint32_t plausible; // typed messages in a row that framed well, unnamed
   };
@@ -311,48 +309,27 @@ struct Pgsql {
       st.mode[st.client ^ 1] = kTyped;
     }
     Side &side = st.side[who];
-    const Verdict foreign = s.named() ? Verdict::kDone : Verdict::kNotMine;
-    while (!r.Empty()) {
-      if (side.skip != 0) {
-        const uint32_t n = side.skip < r.Left() ? side.skip : static_cast<uint32_t>(r.Left());
-        r.Skip(n);
-        side.skip -= n;
-        continue;
-      }
-      uint32_t size = 0;
-      if (!Frame(st, who, side, size)) {
-        return foreign;
-      }
-      // An answer's one byte, an untyped message's length, or a type and
-      // its length.
-      const Mode mode = st.mode[who];
-      const bool answer = mode == kAnswer && (side.have == 0 || Answer(side.head[0]));
-      const uint32_t header = answer ? 1 : mode == kUntyped ? 4 : 5;
-      const uint32_t want = size == 0 ? header : size < kHead ? size : kHead;
-      const uint32_t room = want > side.have ? want - side.have : 0;
-      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
-      memcpy(side.head + side.have, r.Here(), take);
-      side.have += take;
-      r.Skip(take);
-      // A side's mode turns with the other side's messages: a head kept
-      // under the old one may not fit the new.
-      if (!Frame(st, who, side, size) || (size != 0 && size < side.have)) {
-        return foreign;
-      }
-      if (size == 0 || side.have < (size < kHead ? size : kHead)) {
-        continue;
-      }
-      const Verdict v = Message(s, ByteReader(side.head, side.have), size);
-      if (v == Verdict::kNotMine) {
-        return foreign;
-      }
-      side.skip = size - side.have;
-      side.have = 0;
-      if (v == Verdict::kDone || ++side.messages >= kMessages) {
-        return s.named() ? Verdict::kDone : Verdict::kNotMine;
-      }
+    // A side's mode turns with the other side's messages: a head kept under
+    // the old one may not fit the new, and is judged again.
+    const Verdict v = side.Read(
+        r,
+        [&](const uint8_t *, uint32_t) -> uint32_t {
+          uint32_t size = 0;
+          return Frame(st, who, side, size) ? size : Side::kForeign;
+        },
+        [&](ByteReader head, uint32_t size) {
+          const Verdict got = Message(s, head, size);
+          if (got == Verdict::kNotMine) {
+            return got;
+          }
+          return got == Verdict::kDone || ++side.messages >= kMessages ? Verdict::kDone
+                                                                       : Verdict::kNeedMore;
+        });
+    if (v == Verdict::kNeedMore) {
+      return v;
     }
-    return Verdict::kNeedMore;
+    // Bytes that frame no message, or enough read.
+    return s.named() ? Verdict::kDone : Verdict::kNotMine;
   }
 };
 

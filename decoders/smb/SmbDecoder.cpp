@@ -15,6 +15,7 @@
 // "ntlm.domain" and "ntlm.host" from the NTLMSSP AUTHENTICATE message of a
 // session setup.
 #include <kest/kit/Decoder.h>
+#include <kest/kit/MessageHeads.h>
 #include <kest/kit/TextLine.h>
 
 #include <string.h>
@@ -40,10 +41,7 @@ struct Smb {
   // NetBIOS session messages a side may send before its first SMB message.
   static constexpr uint32_t kMaxControl = 4;
 
-  struct Side {
-    uint8_t head[kHead];
-    uint32_t have;    // bytes of the current message's head kept
-    uint32_t skip;    // bytes of the current message still to pass over
+  struct Side : MessageHeads<kHead> {
     uint32_t control; // NetBIOS session messages passed over
   };
   struct State {
@@ -307,42 +305,27 @@ struct Smb {
 
   static Verdict Feed(Session<Smb> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    // Bytes that frame no message: not SMB, or (once named) the place is lost.
-    const Verdict foreign = s.named() ? Verdict::kDone : Verdict::kNotMine;
-    while (!r.Empty()) {
-      if (side.skip != 0) {
-        const uint32_t n = side.skip < r.Left() ? side.skip : static_cast<uint32_t>(r.Left());
-        r.Skip(n);
-        side.skip -= n;
-        continue;
-      }
-      // A message's head is copied a byte at a time until its length is
-      // known, then up to kHead at once.
-      uint32_t size = 0;
-      if (side.have != 0) {
-        Frame(side, size);
-      }
-      const uint32_t want = size == 0 ? side.have + 1 : size < kHead ? size : kHead;
-      const uint32_t take =
-          static_cast<uint32_t>(want - side.have < r.Left() ? want - side.have : r.Left());
-      memcpy(side.head + side.have, r.Here(), take);
-      side.have += take;
-      r.Skip(take);
-      if (Frame(side, size) == Verdict::kNotMine) {
-        return foreign;
-      }
-      if (size == 0 || side.have < (size < kHead ? size : kHead)) {
-        continue;
-      }
-      const bool control = side.head[0] != 0;
-      if (!control && !Message(s, Span{side.head + 4, side.have - 4}, size - 4) && !s.named()) {
-        return Verdict::kNotMine;
-      }
-      if (control && !s.named() && ++side.control > kMaxControl) {
-        return Verdict::kNotMine;
-      }
-      side.skip = size - side.have;
-      side.have = 0;
+    const Verdict v = side.Read(
+        r,
+        [&](const uint8_t *, uint32_t) -> uint32_t {
+          uint32_t size = 0;
+          return Frame(side, size) == Verdict::kNotMine ? Side::kForeign : size;
+        },
+        [&](ByteReader head, uint32_t size) {
+          const uint8_t *h = head.Here();
+          const uint32_t have = static_cast<uint32_t>(head.Left());
+          const bool control = h[0] != 0;
+          if (!control && !Message(s, Span{h + 4, have - 4}, size - 4) && !s.named()) {
+            return Verdict::kNotMine;
+          }
+          if (control && !s.named() && ++side.control > kMaxControl) {
+            return Verdict::kNotMine;
+          }
+          return Verdict::kNeedMore;
+        });
+    if (v == Verdict::kNotMine) {
+      // Bytes that frame no message: not SMB, or (once named) the place is lost.
+      return s.named() ? Verdict::kDone : Verdict::kNotMine;
     }
     return s.named() ? Verdict::kNamed : Verdict::kNeedMore;
   }

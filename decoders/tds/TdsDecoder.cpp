@@ -19,6 +19,7 @@
 // kept; the rest is passed over by its length. The first kMessages packets
 // of each side are read.
 #include <kest/kit/Decoder.h>
+#include <kest/kit/MessageHeads.h>
 #include <kest/kit/TextLine.h>
 
 #include <string.h>
@@ -59,10 +60,7 @@ struct Tds {
     kPrelogin = 18,
   };
 
-  struct Side {
-    uint8_t head[kHead];
-    uint32_t have;     // bytes of the current packet's head kept
-    uint32_t skip;     // bytes of the current packet still to pass over
+  struct Side : MessageHeads<kHead> {
     uint32_t messages; // packets read
     bool inside;       // the last packet did not end its message
   };
@@ -282,45 +280,32 @@ struct Tds {
 
   static Verdict Feed(Session<Tds> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    const Verdict foreign = s.named() ? Verdict::kDone : Verdict::kNotMine;
-    while (!r.Empty()) {
-      if (side.skip != 0) {
-        const uint32_t n = side.skip < r.Left() ? side.skip : static_cast<uint32_t>(r.Left());
-        r.Skip(n);
-        side.skip -= n;
-        continue;
-      }
-      const uint32_t size = side.have >= 4 ? LoadBe16(side.head + 2) : 0;
-      const uint32_t want = size < kHeader ? kHeader : size < kHead ? size : kHead;
-      const uint32_t room = want > side.have ? want - side.have : 0;
-      const uint32_t take = static_cast<uint32_t>(room < r.Left() ? room : r.Left());
-      memcpy(side.head + side.have, r.Here(), take);
-      side.have += take;
-      r.Skip(take);
-      if (!HeaderOk(side.head, side.have)) {
-        return foreign;
-      }
-      if (side.have < kHeader) {
-        continue;
-      }
-      const uint32_t whole = LoadBe16(side.head + 2);
-      if (whole < kHeader || whole > kMaxPacket) {
-        return foreign;
-      }
-      if (side.have < (whole < kHead ? whole : kHead)) {
-        continue;
-      }
-      const Verdict v = Packet(s, side, side.head, side.have, whole);
-      if (v == Verdict::kNotMine) {
-        return foreign;
-      }
-      side.skip = whole - side.have;
-      side.have = 0;
-      if (v == Verdict::kDone || ++side.messages >= kMessages) {
-        return s.named() ? Verdict::kDone : Verdict::kNotMine;
-      }
+    const Verdict v = side.Read(
+        r,
+        [](const uint8_t *head, uint32_t have) -> uint32_t {
+          if (!HeaderOk(head, have)) {
+            return Side::kForeign;
+          }
+          if (have < kHeader) {
+            return 0;
+          }
+          const uint32_t whole = LoadBe16(head + 2);
+          return whole < kHeader || whole > kMaxPacket ? Side::kForeign : whole;
+        },
+        [&](ByteReader head, uint32_t whole) {
+          const Verdict got =
+              Packet(s, side, head.Here(), static_cast<uint32_t>(head.Left()), whole);
+          if (got == Verdict::kNotMine) {
+            return got;
+          }
+          return got == Verdict::kDone || ++side.messages >= kMessages ? Verdict::kDone
+                                                                       : Verdict::kNeedMore;
+        });
+    if (v == Verdict::kNeedMore) {
+      return v;
     }
-    return Verdict::kNeedMore;
+    // Bytes that frame no packet, or enough read.
+    return s.named() ? Verdict::kDone : Verdict::kNotMine;
   }
 };
 
