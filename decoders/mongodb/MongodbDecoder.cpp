@@ -54,9 +54,7 @@ struct Mongodb {
     kMsg = 2013,
   };
 
-  struct Side : MessageHeads<kHead> {
-    uint32_t messages; // messages read
-  };
+  using Side = MessageHeads<kHead>;
   struct State {
     Side side[2];
     uint32_t requests; // requests reported
@@ -313,8 +311,8 @@ struct Mongodb {
 
   static Verdict Feed(Session<Mongodb> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    const Verdict v = side.Read(
-        r,
+    return side.ReadAtMost(
+        s, r, kMessages,
         [](const uint8_t *head, uint32_t have) -> uint32_t {
           if (have < 4) {
             return 0;
@@ -328,17 +326,7 @@ struct Mongodb {
           }
           return OpName(ByteReader(head + 12, 4).U32Le()) == nullptr ? Side::kForeign : size;
         },
-        [&](ByteReader head, uint32_t size) {
-          if (Message(s, head, size) == Verdict::kNotMine) {
-            return Verdict::kNotMine;
-          }
-          return ++side.messages >= kMessages ? Verdict::kDone : Verdict::kNeedMore;
-        });
-    if (v == Verdict::kNeedMore) {
-      return v;
-    }
-    // Bytes that frame no message, or enough read.
-    return s.named() ? Verdict::kDone : Verdict::kNotMine;
+        [&](ByteReader head, uint32_t size) { return Message(s, head, size); });
   }
 };
 

@@ -46,9 +46,7 @@ struct Mysql {
   static constexpr uint32_t kQuery = 0x03;
   static constexpr uint32_t kPrepare = 0x16;
 
-  struct Side : MessageHeads<kHead> {
-    uint32_t messages; // packets read
-  };
+  using Side = MessageHeads<kHead>;
   struct State {
     Side side[2];
   };
@@ -188,8 +186,8 @@ struct Mysql {
 
   static Verdict Feed(Session<Mysql> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    const Verdict v = side.Read(
-        r,
+    return side.ReadAtMost(
+        s, r, kMessages,
         [&](const uint8_t *head, uint32_t have) -> uint32_t {
           if (have < 4) {
             return 0;
@@ -197,19 +195,7 @@ struct Mysql {
           const uint32_t whole = (head[0] | head[1] << 8 | head[2] << 16) + 4;
           return whole == 4 || (!s.named() && !MayBegin(head, have)) ? Side::kForeign : whole;
         },
-        [&](ByteReader head, uint32_t whole) {
-          const Verdict got = Packet(s, head, whole);
-          if (got == Verdict::kNotMine) {
-            return got;
-          }
-          return got == Verdict::kDone || ++side.messages >= kMessages ? Verdict::kDone
-                                                                       : Verdict::kNeedMore;
-        });
-    if (v == Verdict::kNeedMore) {
-      return v;
-    }
-    // Bytes that frame no packet, or enough read.
-    return s.named() ? Verdict::kDone : Verdict::kNotMine;
+        [&](ByteReader head, uint32_t whole) { return Packet(s, head, whole); });
   }
 };
 

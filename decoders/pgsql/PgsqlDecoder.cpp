@@ -50,7 +50,6 @@ struct Pgsql {
     kAnswer,  // the server's one-byte answer to an SSL or GSS request
   };
   struct Side : MessageHeads<kHead> {
-    uint32_t messages;  // messages read
     uint32_t plausible; // typed messages in a row that framed well, unnamed
   };
   struct State {
@@ -311,25 +310,13 @@ struct Pgsql {
     Side &side = st.side[who];
     // A side's mode turns with the other side's messages: a head kept under
     // the old one may not fit the new, and is judged again.
-    const Verdict v = side.Read(
-        r,
+    return side.ReadAtMost(
+        s, r, kMessages,
         [&](const uint8_t *, uint32_t) -> uint32_t {
           uint32_t size = 0;
           return Frame(st, who, side, size) ? size : Side::kForeign;
         },
-        [&](ByteReader head, uint32_t size) {
-          const Verdict got = Message(s, head, size);
-          if (got == Verdict::kNotMine) {
-            return got;
-          }
-          return got == Verdict::kDone || ++side.messages >= kMessages ? Verdict::kDone
-                                                                       : Verdict::kNeedMore;
-        });
-    if (v == Verdict::kNeedMore) {
-      return v;
-    }
-    // Bytes that frame no message, or enough read.
-    return s.named() ? Verdict::kDone : Verdict::kNotMine;
+        [&](ByteReader head, uint32_t size) { return Message(s, head, size); });
   }
 };
 

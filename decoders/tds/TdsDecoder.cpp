@@ -61,8 +61,7 @@ struct Tds {
   };
 
   struct Side : MessageHeads<kHead> {
-    uint32_t messages; // packets read
-    bool inside;       // the last packet did not end its message
+    bool inside; // the last packet did not end its message
   };
   struct State {
     Side side[2];
@@ -280,8 +279,8 @@ struct Tds {
 
   static Verdict Feed(Session<Tds> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    const Verdict v = side.Read(
-        r,
+    return side.ReadAtMost(
+        s, r, kMessages,
         [](const uint8_t *head, uint32_t have) -> uint32_t {
           if (!HeaderOk(head, have)) {
             return Side::kForeign;
@@ -293,19 +292,8 @@ struct Tds {
           return whole < kHeader || whole > kMaxPacket ? Side::kForeign : whole;
         },
         [&](ByteReader head, uint32_t whole) {
-          const Verdict got =
-              Packet(s, side, head.Here(), static_cast<uint32_t>(head.Left()), whole);
-          if (got == Verdict::kNotMine) {
-            return got;
-          }
-          return got == Verdict::kDone || ++side.messages >= kMessages ? Verdict::kDone
-                                                                       : Verdict::kNeedMore;
+          return Packet(s, side, head.Here(), static_cast<uint32_t>(head.Left()), whole);
         });
-    if (v == Verdict::kNeedMore) {
-      return v;
-    }
-    // Bytes that frame no packet, or enough read.
-    return s.named() ? Verdict::kDone : Verdict::kNotMine;
   }
 };
 

@@ -32,8 +32,9 @@ template <uint32_t N> struct MessageHeads {
   static constexpr uint32_t kForeign = ~0u;
 
   uint8_t head[N];
-  uint32_t have; // bytes of the current message's head kept
-  uint32_t skip; // bytes of the current message still to pass over
+  uint32_t have;     // bytes of the current message's head kept
+  uint32_t skip;     // bytes of the current message still to pass over
+  uint32_t messages; // heads handed over
 
   // Reads `r` to its end. `message(head, size)` gets each message's head
   // once it is whole; kNeedMore or kNamed go on to the next message, any
@@ -73,6 +74,27 @@ template <uint32_t N> struct MessageHeads {
       }
     }
     return Verdict::kNeedMore;
+  }
+
+  // Read for a decoder's Feed that reads at most `limit` messages of a side:
+  // kNeedMore while `r` runs out first; otherwise, after the limit, or when
+  // `message` answers kDone or kNotMine, or at bytes that frame no message,
+  // the verdict to leave with (kDone once the protocol is named, else
+  // kNotMine).
+  template <typename D, typename SizeFn, typename MessageFn>
+  Verdict ReadAtMost(Session<D> &s, ByteReader r, uint32_t limit, SizeFn &&size_of,
+                     MessageFn &&message) {
+    const Verdict v = Read(r, size_of, [&](ByteReader head, uint32_t size) {
+      const Verdict got = message(head, size);
+      if (got != Verdict::kNeedMore && got != Verdict::kNamed) {
+        return got;
+      }
+      return ++messages >= limit ? Verdict::kDone : Verdict::kNeedMore;
+    });
+    if (v == Verdict::kNeedMore) {
+      return v;
+    }
+    return s.named() ? Verdict::kDone : Verdict::kNotMine;
   }
 };
 
