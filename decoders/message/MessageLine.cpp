@@ -159,7 +159,9 @@ Match RequestLine(Cursor c, const Dialect &d) {
       return Match::kNo;
     }
     token[n++] = static_cast<char>(b);
-    if (Method(d, token, n) == Match::kNo) {
+    // The first letter turns most foreign bytes away; the whole token is
+    // judged at its end (a token with no method's prefix is no method).
+    if (n == 1 && Method(d, token, n) == Match::kNo) {
       return Match::kNo;
     }
     c.Skip();
@@ -168,22 +170,13 @@ Match RequestLine(Cursor c, const Dialect &d) {
     return Match::kNo;
   }
   c.Skip();
-  size_t target = 0;
-  bool star = true;
-  while (true) {
-    if (c.AtEnd()) {
-      return c.OutOfBytes();
-    }
-    const unsigned char b = c.Peek();
-    if (b == ' ') {
-      break;
-    }
-    if (b <= 0x20 || b == 0x7f) {
-      return Match::kNo;
-    }
-    star = star && b == '*';
-    ++target;
-    c.Skip();
+  const bool star = !c.AtEnd() && c.Peek() == '*';
+  const size_t target = c.SkipVisible();
+  if (c.AtEnd()) {
+    return c.OutOfBytes();
+  }
+  if (c.Peek() != ' ') {
+    return Match::kNo;
   }
   if (target == 0 || (d.star_target && (target != 1 || !star))) {
     return Match::kNo;

@@ -70,6 +70,20 @@ public:
     return m_data[pos - m_start];
   }
 
+  // The bytes from `pos` to the end of the block that holds it, their count
+  // in `n`; null where no bytes are kept (then At gives the filler byte).
+  const char *Run(uint64_t pos, uint64_t &n) {
+    if (pos - m_start >= m_size) {
+      At(pos);
+      if (pos - m_start >= m_size) {
+        n = 0;
+        return nullptr;
+      }
+    }
+    n = m_size - (pos - m_start);
+    return m_data + (pos - m_start);
+  }
+
   const oru::FlowBuffer &Flow() const { return *m_flow; }
 
 private:
@@ -93,6 +107,35 @@ public:
   bool AtEnd() const { return m_pos >= m_end; }
   unsigned char Peek() { return static_cast<unsigned char>(m_bytes.At(m_pos)); }
   void Skip() { ++m_pos; }
+  // Passes over visible bytes (above the blank, not DEL; UTF-8 included) to
+  // the first other byte or the end, a block at a time; how many.
+  size_t SkipVisible() {
+    const uint64_t from = m_pos;
+    while (m_pos < m_end) {
+      uint64_t n = 0;
+      const char *run = m_bytes.Run(m_pos, n);
+      if (run == nullptr) {
+        const unsigned char b = Peek();
+        if (b <= 0x20 || b == 0x7f) {
+          break;
+        }
+        Skip();
+        continue;
+      }
+      if (n > m_end - m_pos) {
+        n = m_end - m_pos;
+      }
+      uint64_t i = 0;
+      while (i<n &&static_cast<unsigned char>(run[i])> 0x20 && run[i] != 0x7f) {
+        ++i;
+      }
+      m_pos += i;
+      if (i < n) {
+        break;
+      }
+    }
+    return static_cast<size_t>(m_pos - from);
+  }
   // Running out of bytes: more may come, unless the limit cut the line.
   Match OutOfBytes() const { return m_limited ? Match::kNo : Match::kMore; }
 
