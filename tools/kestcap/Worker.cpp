@@ -158,11 +158,17 @@ void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders
     return;
   }
   // One flow for both directions: the key puts the lower end point first.
-  std::string from(reinterpret_cast<const char *>(&outer.src), sizeof outer.src);
-  from.append(reinterpret_cast<const char *>(&outer.src_port), sizeof outer.src_port);
-  std::string to(reinterpret_cast<const char *>(&outer.dst), sizeof outer.dst);
-  to.append(reinterpret_cast<const char *>(&outer.dst_port), sizeof outer.dst_port);
-  const std::string key = from < to ? from + to : to + from;
+  constexpr size_t kEnd = sizeof(oru::IpAddr) + sizeof(uint16_t);
+  char from[kEnd];
+  char to[kEnd];
+  std::memcpy(from, &outer.src, sizeof outer.src);
+  std::memcpy(from + sizeof outer.src, &outer.src_port, sizeof outer.src_port);
+  std::memcpy(to, &outer.dst, sizeof outer.dst);
+  std::memcpy(to + sizeof outer.dst, &outer.dst_port, sizeof outer.dst_port);
+  const bool ordered = std::memcmp(from, to, kEnd) < 0;
+  TunnelKey key;
+  std::memcpy(key.data(), ordered ? from : to, kEnd);
+  std::memcpy(key.data() + kEnd, ordered ? to : from, kEnd);
   auto it = m_tunnel_index.find(key);
   if (it == m_tunnel_index.end()) {
     if (m_tunnel_flows.size() >= kMaxTunnelFlows) {

@@ -12,8 +12,10 @@
 
 #include "wire/WireParser.h"
 
+#include <array>
 #include <kest.h>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -110,7 +112,15 @@ private:
     const char *name;
   };
   static constexpr size_t kMaxTunnelFlows = 4096;
-  std::unordered_map<std::string, size_t> m_tunnel_index;
+  // Both end points, the lower first: a fixed key, so that a tunnel's
+  // packets look their flow up without a heap allocation each.
+  using TunnelKey = std::array<char, 2 * (sizeof(oru::IpAddr) + sizeof(uint16_t))>;
+  struct TunnelKeyHash {
+    size_t operator()(const TunnelKey &key) const {
+      return std::hash<std::string_view>()(std::string_view(key.data(), key.size()));
+    }
+  };
+  std::unordered_map<TunnelKey, size_t, TunnelKeyHash> m_tunnel_index;
   std::vector<TunnelFlow> m_tunnel_flows;
   void CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders::TunnelKind kind);
   void WriteTunnels();
