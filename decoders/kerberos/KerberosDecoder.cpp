@@ -62,6 +62,11 @@ struct Kerberos {
     return strings.Ok() ? n : 0;
   }
 
+  // TCP: a record length below 2^24 (the top bit is reserved).
+  static bool Opening(unsigned, ByteReader first, uint8_t transport) {
+    return transport != 6 || first.Peek() == 0;
+  }
+
   // TCP: a record must hold a whole message of one of the known kinds.
   static Verdict Early(Session<Kerberos> &, ByteReader head) {
     const bool ok = head.Peek(0) == 0 && head.Left() < 5 ? true

@@ -117,6 +117,9 @@ template <class P> struct MessageDecoder {
   class Inspector final : public P::Launcher {
   public:
     bool Start() { return P::Launcher::Start(P::kSpec, P::kMessage); }
+    static bool Openings(uint8_t transport, oru::FirstBytes &first) {
+      return DialectOpenings(*P::kMessage.dialect, transport, first);
+    }
   };
 
   static bool InitInstance() { return oru::WebAttributes::InitInstance(P::kMessage.prefix); }

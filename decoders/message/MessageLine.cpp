@@ -197,6 +197,7 @@ const Dialect kHttp{
     .method_count = Count(kHttpMethods),
     .max_first_line = 8192,
     .hint = KEST_MESSAGE_WORD("HTTP/1."),
+    .hint_needs_text = true,
 };
 const Dialect kSip{
     .protocol = "SIP",
@@ -260,6 +261,27 @@ FirstLine JudgeOpening(const oru::FlowBuffer &flow, const Dialect &dialect) {
     return FirstLine::kNo;
   }
   return SniffFirstLine(flow, 0, flow.End(), dialect);
+}
+
+bool DialectOpenings(const Dialect &dialect, uint8_t transport, oru::FirstBytes &first) {
+  const bool hinted = transport == 6 && dialect.hint.length != 0;
+  if (hinted && !dialect.hint_needs_text) {
+    return false;
+  }
+  for (unsigned side = 0; side < 2; ++side) {
+    first.Allow(side, '\r');
+    first.Allow(side, '\n');
+    for (size_t i = 0; i < dialect.method_count; ++i) {
+      first.Allow(side, static_cast<uint8_t>(dialect.methods[i].text[0]));
+    }
+    for (size_t i = 0; i < dialect.version_count; ++i) {
+      first.Allow(side, static_cast<uint8_t>(dialect.versions[i].text[0]));
+    }
+    if (hinted) {
+      first.AllowWhere(side, [](uint8_t b) { return b >= 0x21 && b <= 0x7e; });
+    }
+  }
+  return true;
 }
 
 bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect) {

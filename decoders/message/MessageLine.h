@@ -13,6 +13,7 @@
 #define KEST_DECODERS_MESSAGE_MESSAGELINE_H
 
 #include <kest/FlowBuffer.h>
+#include <kest/IDecoderGate.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -76,6 +77,13 @@ FirstLine JudgeOpening(const oru::FlowBuffer &flow, const Dialect &dialect);
 // is the other side's first line waited for, so that other protocols'
 // connections are not held up.
 bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect);
+
+// The bytes a connection's first payload may begin with for the dialect's
+// launcher to stay on it, over `transport` (6 or 17): a blank line or a
+// method's or version's first letter, and over TCP any visible byte when a
+// rejected line may still carry the hint. False when every byte may (a hint
+// that needs no text).
+bool DialectOpenings(const Dialect &dialect, uint8_t transport, oru::FirstBytes &first);
 
 // The four dialects.
 extern const Dialect kHttp;

@@ -94,6 +94,10 @@ struct Netbios {
     return type >= 0x14 && type <= 0x16 && ReadName(r, name, false);
   }
 
+  static bool Opening(unsigned, ByteReader first, uint8_t transport) {
+    return transport != 6 || first.Peek() == 0x81;
+  }
+
   // TCP: only a session request names the service. Its head must read so
   // far: type 0x81, flags, a length for two names, the first name's
   // letters; anything else leaves before the record is whole.

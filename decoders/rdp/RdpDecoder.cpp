@@ -23,6 +23,9 @@ struct Rdp {
       .records = {.offset = 2, .width = 2, .adjust = -4, .max = 1024, .min = 11}};
   struct State {};
 
+  // A TPKT header (version 3).
+  static bool Opening(unsigned, ByteReader first) { return first.Peek() == 3; }
+
   // The head of a TPKT record with an X.224 request (0xe0) or confirm (0xd0).
   static Verdict Early(Session<Rdp> &s, ByteReader head) {
     const uint32_t code = s.named() ? 0xd0 : 0xe0;

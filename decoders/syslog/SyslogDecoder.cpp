@@ -119,6 +119,12 @@ struct Syslog {
     return s.tuple().protocol == 6 ? Verdict::kDone : Verdict::kNamed;
   }
 
+  // A priority ("<"), or over TCP an octet count before it.
+  static bool Opening(unsigned, ByteReader first, uint8_t transport) {
+    const char c = static_cast<char>(first.Peek());
+    return c == '<' || (transport == 6 && Digit(c));
+  }
+
   static Verdict Feed(Session<Syslog> &s, ByteReader r) {
     const char *bytes = reinterpret_cast<const char *>(r.Here());
     if (s.tuple().protocol != 6) {

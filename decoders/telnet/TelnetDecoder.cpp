@@ -55,6 +55,8 @@ struct Telnet {
     s.Publish(0, name.text, name.length);
   }
 
+  static bool Opening(unsigned, ByteReader first) { return first.Peek() == 255; }
+
   static Verdict Feed(Session<Telnet> &s, ByteReader r) {
     State &st = s.state();
     const unsigned side = s.side();

@@ -58,6 +58,13 @@ struct Tls {
   };
   using Session = oru::kit::Session<Tls>;
 
+  // A side opens with a handshake record, an alert before it, or a
+  // two-byte SSL 2 header (top bit set).
+  static bool Opening(unsigned, ByteReader first) {
+    const uint32_t c = first.Peek();
+    return c == 22 || c == 21 || c >= 0x80;
+  }
+
   static Verdict Feed(Session &s, ByteReader run) {
     State &state = s.state();
     Side &side = state.side[s.side()];

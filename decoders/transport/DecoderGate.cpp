@@ -51,6 +51,11 @@ bool DecoderGate::Join(oru::Inspector *inspector, const uint16_t *ports, size_t 
     m_members[at].port_count = 0;
     ++m_count;
     Put(m_joined, at);
+    for (auto &side : m_opens) {
+      for (Mask &opens : side) {
+        Put(opens, at);
+      }
+    }
   }
   Member &m = m_members[at];
   for (size_t i = 0; i < port_count && m.port_count < kMaxPorts; ++i) {
@@ -73,6 +78,21 @@ void DecoderGate::Leave(oru::Inspector *inspector) {
   }
   if (joined && Empty(m_joined)) {
     m_rules.RemoveRuleFast(m_ip_protocol, oru::InspectorCallback(this), 0, {}, {});
+  }
+}
+
+void DecoderGate::Narrow(oru::Inspector *inspector, const oru::FirstBytes &first) {
+  for (size_t i = 0; i < m_count; ++i) {
+    if (m_members[i].callback.object.get() != inspector || !Has(m_joined, i)) {
+      continue;
+    }
+    for (unsigned side = 0; side < 2; ++side) {
+      for (unsigned byte = 0; byte < 256; ++byte) {
+        if (!first.Allows(side, static_cast<uint8_t>(byte))) {
+          Drop(m_opens[side][byte], i);
+        }
+      }
+    }
   }
 }
 
@@ -104,6 +124,16 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
   if (own->m_gate_started[level] == 0) {
     own->m_gate_started[level] = 1;
     live = m_joined;
+    if (level == 0 && pkt.data != nullptr && pkt.length != 0 && pkt.stream_pos == 0) {
+      // The connection's first bytes: the members they rule out never see
+      // it, and need not leave it.
+      const Mask &opens = m_opens[pkt.side != 0 ? 1 : 0][pkt.data[0]];
+      live.bits[0] &= opens.bits[0];
+      live.bits[1] &= opens.bits[1];
+      if (Empty(live)) {
+        return oru::INSPECT_FINISHED;
+      }
+    }
     first = Mask{};
     MarkPort(tuple.src_port, first);
     MarkPort(tuple.dst_port, first);

@@ -32,6 +32,7 @@ public:
 
   bool Join(oru::Inspector *inspector, const uint16_t *ports, size_t port_count) override;
   void Leave(oru::Inspector *inspector) override;
+  void Narrow(oru::Inspector *inspector, const oru::FirstBytes &first) override;
 
   unsigned int Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
@@ -77,6 +78,9 @@ private:
   size_t m_port_entries = 0;
   // Who new connections get.
   Mask m_joined = {};
+  // By side and first byte of a connection's first payload, the members
+  // worth trying on it.
+  Mask m_opens[2][256] = {};
   // The connection the gate runs now, and at which level.
   const oru::Conn *m_busy = nullptr;
   int m_level = 0;

@@ -48,6 +48,10 @@ struct Vnc {
     s.Publish(1, name.text, name.length);
   }
 
+  static bool Opening(unsigned, ByteReader first) {
+    return Fits(static_cast<char>(first.Peek()), 0);
+  }
+
   static Verdict Feed(Session<Vnc> &s, ByteReader r) {
     State &st = s.state();
     const unsigned side = s.side();

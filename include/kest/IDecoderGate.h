@@ -23,7 +23,32 @@ namespace oru {
 
 constexpr InterfaceId INTERFACE_DECODER_GATE = 23;
 
-// Virtual table order fixed: Join, Leave. No virtual destructor: the
+// The bytes a connection's first payload may begin with for a decoder to be
+// worth trying on it, for each side (0: the connection's first end point,
+// the client; 1: the other). A decoder that turns away every stream that
+// begins otherwise (as one that reads a 1-byte first segment must) says so
+// through Narrow, and the gate stops offering it other connections: most
+// connections then reach few of the decoders.
+struct FirstBytes {
+  uint64_t bits[2][4] = {};
+
+  void Allow(unsigned side, uint8_t byte) {
+    bits[side & 1][byte >> 6] |= uint64_t{1} << (byte & 63);
+  }
+  // Every byte whose Allow(side, byte) makes `accepts(byte)` true.
+  template <class Accepts> void AllowWhere(unsigned side, Accepts accepts) {
+    for (unsigned b = 0; b < 256; ++b) {
+      if (accepts(static_cast<uint8_t>(b))) {
+        Allow(side, static_cast<uint8_t>(b));
+      }
+    }
+  }
+  bool Allows(unsigned side, uint8_t byte) const {
+    return (bits[side & 1][byte >> 6] >> (byte & 63) & 1) != 0;
+  }
+};
+
+// Virtual table order fixed: Join, Leave, Narrow. No virtual destructor: the
 // transport owns the object.
 class KEST_API IDecoderGate {
 public:
@@ -35,6 +60,14 @@ public:
   // New connections no longer get `inspector`; those that have it keep it
   // until it leaves them. The gate keeps its reference until the thread ends.
   virtual void Leave(Inspector *inspector) = 0;
+  // From now on `inspector` is tried on a connection only when the
+  // connection's first payload (the first bytes of one side's stream)
+  // begins with a byte `first` allows for that side; otherwise it neither
+  // sees the connection nor leaves it. A connection handed on to an inner
+  // chain (after STARTTLS) is not narrowed: its inner bytes start mid-stream.
+  // Without a call every byte is allowed. Ignored for an inspector that has
+  // not joined.
+  virtual void Narrow(Inspector *inspector, const FirstBytes &first) = 0;
 
   static constexpr size_t kMaxMembers = 128;
   static constexpr size_t kMaxPorts = 16;

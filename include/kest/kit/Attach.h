@@ -52,10 +52,19 @@ inline oru::IDecoderGate *AppGate(uint8_t ip_protocol) {
 }
 
 // False when a store is missing or refused a rule (without memory), or the
-// gate is full.
-inline bool Attach(oru::Inspector *inspector, const AppPorts &where) {
+// gate is full. With `first`, the gate offers the inspector only the
+// connections whose first bytes it allows (IDecoderGate::Narrow); the
+// store, without a gate, offers it every one.
+inline bool Attach(oru::Inspector *inspector, const AppPorts &where,
+                   const oru::FirstBytes *first = nullptr) {
   if (oru::IDecoderGate *gate = AppGate(where.ip_protocol)) {
-    return gate->Join(inspector, where.ports, where.port_count);
+    if (!gate->Join(inspector, where.ports, where.port_count)) {
+      return false;
+    }
+    if (first != nullptr) {
+      gate->Narrow(inspector, *first);
+    }
+    return true;
   }
   oru::IpPortRuleStore *rules = AppRules(where.ip_protocol);
   if (rules == nullptr || inspector == nullptr) {

@@ -21,10 +21,13 @@
 // messages, naming the protocol, and one rule for publishing attributes.
 //
 // A decoder may also have a per-thread D::Thread (made at thread start,
-// Session::thread()), an Opening(side, first) test of the first bytes it
-// is given of a connection, false when they cannot begin its protocol (no
-// state is made for that connection: most are not this protocol, and a
-// large State costs to clear), for records an Early(session, head) test that
+// Session::thread()), an Opening(side, first) or Opening(side, first,
+// transport) test of the first bytes it is given of a connection, false when
+// they cannot begin its protocol (no state is made for that connection: most
+// are not this protocol, and a large State costs to clear; over TCP the
+// transport's gate no longer offers the decoder connections whose first byte
+// its Opening turns away alone, so Opening must accept a 1-byte first segment
+// of its protocol, as the split tests check), for records an Early(session, head) test that
 // judges the start of a record not yet whole (kNotMine leaves), and a
 // Leave(session), run when the inspector leaves a connection that is the
 // thread's active one (after a verdict to leave, or at the connection's
@@ -463,9 +466,12 @@ public:
         return PassInner(*entry, pkt, tuple, conn);
       }
       result = Run(*entry, pkt, tuple, *conn);
-    } else if constexpr (
-        requires(Session<D> & s) { D::Leave(s); } ||
-        !requires(typename D::State & a, const typename D::State &b) { a = b; }) {
+    } else if (pkt.data != nullptr && pkt.length != 0 &&
+               !Opens(pkt.side != 0 ? 1u : 0u, ByteReader(pkt.data, pkt.length), tuple.protocol)) {
+      // Most connections are not this protocol and say so in their first
+      // bytes: they leave before any state is made for them.
+      return oru::INSPECT_FINISHED;
+    } else if constexpr (kStateFromStart) {
       // A decoder with Leave keeps its state from the start, for its exit;
       // so does one whose state cannot be copied.
       entry = m_conns.Get(*conn);
@@ -477,12 +483,6 @@ public:
       }
       result = Run(*entry, pkt, tuple, *conn);
     } else {
-      if constexpr (requires(ByteReader r) { D::Opening(0u, r); }) {
-        if (pkt.data != nullptr && pkt.length != 0 &&
-            !D::Opening(pkt.side != 0 ? 1u : 0u, ByteReader(pkt.data, pkt.length))) {
-          return oru::INSPECT_FINISHED;
-        }
-      }
       // Most connections are not this protocol and say so in their first
       // packet: that reading is on a state of the moment, kept only when
       // the decoder stays.
@@ -509,6 +509,23 @@ public:
     }
     // The handing message's packet may carry the first inner bytes.
     return PassInner(*entry, pkt, tuple, conn);
+  }
+
+  // The first bytes a TCP connection may open with for this decoder: those
+  // its Opening does not turn away as a 1-byte first segment, which it must
+  // not do to a stream of its protocol cut anywhere. False (every byte may)
+  // for UDP, where a datagram is whole and Opening may judge its size.
+  static bool Openings(uint8_t transport, oru::FirstBytes &first) {
+    if constexpr (kJudgesOpening) {
+      if (transport == 6) {
+        for (unsigned side = 0; side < 2; ++side) {
+          first.AllowWhere(side,
+                           [side](uint8_t byte) { return Opens(side, ByteReader(&byte, 1), 6); });
+        }
+        return true;
+      }
+    }
+    return false;
   }
 
   void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
@@ -547,6 +564,29 @@ private:
   };
 
   static constexpr const Spec &kSpec = D::kSpec;
+  // A decoder with Leave keeps its state from the start, for its exit; so
+  // does one whose state cannot be copied.
+  static constexpr bool kStateFromStart = requires(Session<D> & s) { D::Leave(s); }
+  || !requires(typename D::State & a, const typename D::State &b) { a = b; };
+  // Whether a connection's first packet goes through D::Opening, which may
+  // want the transport.
+  static constexpr bool kOpeningByTransport = requires(ByteReader r) {
+    D::Opening(0u, r, uint8_t{6});
+  };
+  static constexpr bool kJudgesOpening = kOpeningByTransport || requires(ByteReader r) {
+    D::Opening(0u, r);
+  };
+
+  static bool Opens([[maybe_unused]] unsigned side, [[maybe_unused]] ByteReader first,
+                    [[maybe_unused]] uint8_t transport) {
+    if constexpr (kOpeningByTransport) {
+      return D::Opening(side, first, transport);
+    } else if constexpr (kJudgesOpening) {
+      return D::Opening(side, first);
+    } else {
+      return true;
+    }
+  }
 
   unsigned Run(Entry &e, oru::PktInfo &pkt, const oru::Tuple &tuple, oru::Conn &conn) {
     const unsigned side = pkt.side != 0 ? 1 : 0;
@@ -765,11 +805,18 @@ template <class D> struct Plugin {
         t_inspector->Link();
       }
     }
-    if (kSpec.tcp) {
-      Attach(t_inspector, kSpec.Where(6));
-    }
-    if (kSpec.udp) {
-      Attach(t_inspector, kSpec.Where(17));
+    for (const uint8_t transport : {uint8_t{6}, uint8_t{17}}) {
+      if (!(transport == 6 ? kSpec.tcp : kSpec.udp)) {
+        continue;
+      }
+      // Where the inspector knows which first bytes it turns away, the gate
+      // spares it the connections that open with them.
+      oru::FirstBytes first;
+      bool narrow = false;
+      if constexpr (requires(oru::FirstBytes & f) { Inspector::Openings(uint8_t{6}, f); }) {
+        narrow = Inspector::Openings(transport, first);
+      }
+      Attach(t_inspector, kSpec.Where(transport), narrow ? &first : nullptr);
     }
   }
   static void StartThread() {}

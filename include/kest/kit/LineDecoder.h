@@ -315,6 +315,19 @@ public:
     return oru::INSPECT_STAY;
   }
 
+  // The first bytes a connection may open with: those that Opening does
+  // not turn away as a 1-byte first segment (see Foreign).
+  static bool Openings(uint8_t /*transport*/, oru::FirstBytes &first) {
+    for (unsigned side = 0; side < 2; ++side) {
+      first.AllowWhere(side, [side](uint8_t byte) {
+        typename Rules::State fresh = {};
+        const char text = static_cast<char>(byte);
+        return Rules::Opening(fresh, side, &text, 1);
+      });
+    }
+    return true;
+  }
+
   void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
     oru::Conn *c = conn.get();
     if (c == nullptr || c == m_inside) {
