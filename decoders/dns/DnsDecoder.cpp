@@ -67,6 +67,19 @@ struct Dns {
   };
   using Session = oru::kit::Session<Dns>;
 
+  // A first message's header must hold: over TCP behind its length, as
+  // far as the packet goes; over UDP the datagram is the message.
+  static bool Opening(unsigned, ByteReader first, uint8_t transport) {
+    if (transport != 6) {
+      return kest_dns::PlausibleStart(first.Here(), first.Left(), first.Left());
+    }
+    if (first.Left() < 2) {
+      return true;
+    }
+    const size_t length = first.U16();
+    return kest_dns::PlausibleStart(first.Here(), first.Left(), length);
+  }
+
   static Verdict Feed(Session &s, ByteReader message) {
     if (s.tuple().protocol == 6) {
       message.Skip(2);

@@ -108,7 +108,8 @@ TEST_F(ConnTableTest, ConnectionsEndTheirInspection) {
 
 // The decoder gate runs its members as a chain would: those on their ports
 // first, then the others in the order they joined; one that finishes
-// leaves, one that ends the chain takes the rest with it. It is on the
+// leaves, one that ends the chain takes the rest with it; one narrowed to
+// some first bytes sees only the connections that open with them. It is on the
 // store only while it has members.
 TEST_F(ConnTableTest, DecoderGateRunsItsMembersAsAChainWould) {
   kest_test::Log log;
@@ -123,6 +124,13 @@ TEST_F(ConnTableTest, DecoderGateRunsItsMembersAsAChainWould) {
   ASSERT_TRUE(gate.Join(a.get(), nullptr, 0));
   ASSERT_TRUE(gate.Join(b.get(), &http, 1));
   ASSERT_TRUE(gate.Join(c.get(), nullptr, 0));
+  // D reads only connections whose first bytes start with 'q': the others
+  // never reach it, nor does it leave them.
+  oru::fdt::intrusive_ptr<Inspector> d(Inspector::Make("D", &log));
+  ASSERT_TRUE(gate.Join(d.get(), nullptr, 0));
+  oru::FirstBytes q;
+  q.Allow(0, 'q');
+  gate.Narrow(d.get(), q);
   oru::Conn *conn = Create(6); // to port 80
   const struct {
     const char *payload;
@@ -144,7 +152,13 @@ TEST_F(ConnTableTest, DecoderGateRunsItsMembersAsAChainWould) {
     EXPECT_EQ(log, step.log);
   }
   EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(conn)), 0);
-  for (Inspector *member : {a.get(), b.get(), c.get()}) {
+  log.clear();
+  a->m_answer = oru::INSPECT_STAY;
+  oru::Conn *quick = Create(6);
+  ASSERT_EQ(Classify(quick, 0, "q"), 0);
+  EXPECT_EQ(log, (kest_test::Log{"B", "A", "C", "C~", "D"}));
+  EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(quick)), 0);
+  for (Inspector *member : {a.get(), b.get(), c.get(), d.get()}) {
     gate.Leave(member);
   }
   EXPECT_TRUE(rules.m_index.empty());
