@@ -3,10 +3,14 @@
 // (0 for requests and the empty message, 2, 4 and 5 for responses), a
 // message id, the token, options in delta/length form (no reserved nibble,
 // none past the datagram) and, behind 0xFF, a payload that is not empty.
-// The header alone proves little, so a flow is named only once the other
-// side answers: an acknowledgement or reset with the message id of a
+// The header alone proves little, so a flow is named once the other side
+// answers: an acknowledgement or reset with the message id of a
 // confirmable message, or a message of the other kind (request against
-// response) with the same token. Either side may be seen first. Reports
+// response) with the same token. Either side may be seen first. A request
+// that no answer follows (a scanner's, or one to a server that is gone)
+// names the flow alone when its options hold to the datagram's end and one
+// of them carries text (4 printable bytes or more, as a Uri-Path or
+// Uri-Host does): random bytes seldom manage both. Reports
 // the request's "coap.method" (GET, POST, PUT, DELETE, FETCH, PATCH,
 // iPATCH) and "coap.uri_path" (its Uri-Path options joined by "/", the
 // first 128 bytes). Payloads and the other options are left alone.
@@ -35,6 +39,8 @@ struct Coap {
     uint16_t id;
     uint8_t token[8];
     uint8_t path_length;
+    // An option value of 4 printable bytes or more.
+    uint8_t text;
     char path[kMaxPath];
   };
   struct State {
@@ -62,6 +68,7 @@ struct Coap {
     m.id = static_cast<uint16_t>(id);
     m.token_length = static_cast<uint8_t>(tkl);
     m.path_length = 0;
+    m.text = 0;
     if (code == 0) {
       // The empty message is the header alone.
       return tkl == 0 && r.Empty();
@@ -92,6 +99,7 @@ struct Coap {
       if (!r.Ok() || number > 0xffff) {
         return false;
       }
+      m.text |= Printable(value) ? 1 : 0;
       if (number == 11 && cls == 0) {
         // Uri-Path: one segment each, joined by '/'.
         if (m.path_length != 0 && m.path_length < kMaxPath) {
@@ -105,15 +113,29 @@ struct Coap {
     return r.Ok();
   }
 
+  static bool Printable(ByteReader value) {
+    if (value.Left() < 4) {
+      return false;
+    }
+    while (!value.Empty()) {
+      const uint32_t c = value.U8();
+      if (c < 0x20 || c > 0x7e) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  static bool IsRequest(const Message &m) { return m.code != 0 && (m.code >> 5) == 0; }
+
   // Whether `b` answers `a` (or `a` answers `b`).
   static bool Answers(const Message &a, const Message &b) {
     if (a.id == b.id &&
         ((a.type == kCon && b.type >= kAck) || (b.type == kCon && a.type >= kAck))) {
       return true;
     }
-    const bool a_request = a.code != 0 && (a.code >> 5) == 0;
-    const bool b_request = b.code != 0 && (b.code >> 5) == 0;
-    if (a.code == 0 || b.code == 0 || a_request == b_request || a.token_length != b.token_length) {
+    if (a.code == 0 || b.code == 0 || IsRequest(a) == IsRequest(b) ||
+        a.token_length != b.token_length) {
       return false;
     }
     for (uint32_t i = 0; i < a.token_length; ++i) {
@@ -133,14 +155,19 @@ struct Coap {
     }
     m.seen = 1;
     const Message &other = st.last[side ^ 1];
-    if (other.seen == 0 || !Answers(m, other)) {
+    const bool answered = other.seen != 0 && Answers(m, other);
+    const Verdict after = answered ? Verdict::kDone : Verdict::kNeedMore;
+    if (s.named()) {
+      return after;
+    }
+    if (!answered && !(IsRequest(m) && m.text != 0)) {
       return Verdict::kNeedMore;
     }
     if (!s.Name()) {
       return Verdict::kNotMine;
     }
-    const Message &request = (m.code >> 5) == 0 && m.code != 0 ? m : other;
-    if (request.code != 0 && (request.code >> 5) == 0) {
+    const Message &request = IsRequest(m) ? m : other;
+    if (IsRequest(request)) {
       static constexpr const char *kMethods[] = {"GET",   "POST",  "PUT",   "DELETE",
                                                  "FETCH", "PATCH", "iPATCH"};
       s.Publish(0, kMethods[request.code - 1]);
@@ -148,7 +175,7 @@ struct Coap {
         s.Publish(1, request.path, request.path_length);
       }
     }
-    return Verdict::kDone;
+    return after;
   }
 };
 
