@@ -21,7 +21,11 @@
 
 namespace oru {
 
-constexpr InterfaceId INTERFACE_DECODER_GATE = 23;
+// 23 named the gate before Narrow: a decoder built against it finds no gate
+// here and goes on the rule store, as a decoder built against this one does
+// with a transport that offers only 23; neither calls past the end of the
+// other's virtual table.
+constexpr InterfaceId INTERFACE_DECODER_GATE = 24;
 
 // The bytes a connection's first payload may begin with for a decoder to be
 // worth trying on it, for each side (0: the connection's first end point,
