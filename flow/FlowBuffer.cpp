@@ -231,8 +231,15 @@ const char *ScanByteSse2(const char *p, uint64_t n, char byte) {
 }
 
 #if defined(__x86_64__)
-// The same, 128 bytes a step, for machines with AVX2.
+// The same, 128 bytes a step, for machines with AVX2. The tail goes to the
+// SSE2 scan only after vzeroupper: legacy SSE code run with the upper
+// halves of the YMM registers dirty pays for it on every instruction, in
+// this scan and in whatever the caller runs next (the host's packet
+// copies included), until something clears them.
 __attribute__((target("avx2"))) const char *ScanByteAvx2(const char *p, uint64_t n, char byte) {
+  if (n < 32) {
+    return ScanByteSse2(p, n, byte);
+  }
   uint64_t i = 0;
   const __m256i wanted = _mm256_set1_epi8(byte);
   auto match = [&](uint64_t at) __attribute__((target("avx2"))) {
@@ -250,6 +257,7 @@ __attribute__((target("avx2"))) const char *ScanByteAvx2(const char *p, uint64_t
       return p + i + __builtin_ctz(static_cast<unsigned>(mask));
     }
   }
+  _mm256_zeroupper();
   return ScanByteSse2(p + i, n - i, byte);
 }
 #endif
