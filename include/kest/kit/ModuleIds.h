@@ -84,6 +84,8 @@ enum : ModuleId {
   MODULE_WIREGUARD = 312,
   MODULE_IKE = 313,
   MODULE_HTTP2 = 314,
+  // Service names and categories.
+  MODULE_SERVICE = 315,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
