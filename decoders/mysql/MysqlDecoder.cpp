@@ -186,7 +186,7 @@ struct Mysql {
 
   static Verdict Feed(Session<Mysql> &s, ByteReader r) {
     Side &side = s.state().side[s.side()];
-    return side.ReadAtMost(
+    const Verdict v = side.ReadAtMost(
         s, r, kMessages,
         [&](const uint8_t *head, uint32_t have) -> uint32_t {
           if (have < 4) {
@@ -196,6 +196,11 @@ struct Mysql {
           return whole == 4 || (!s.named() && !MayBegin(head, have)) ? Side::kForeign : whole;
         },
         [&](ByteReader head, uint32_t whole) { return Packet(s, head, whole); });
+    if (s.handing_on()) {
+      // A client may send its TLS hello in the segment of its SSL request.
+      s.HandOn(side.unread);
+    }
+    return v;
   }
 };
 

@@ -353,9 +353,9 @@ public:
   };
 
   Session(const Links &links, typename D::State &state, oru::Conn &conn, unsigned side, bool &named,
-          bool &hand_on)
+          bool &hand_on, uint32_t *unread = nullptr)
       : m_links(links), m_state(state), m_conn(conn), m_side(side), m_named(named),
-        m_hand_on(hand_on) {}
+        m_hand_on(hand_on), m_unread(unread) {}
 
   typename D::State &state() { return m_state; }
   // The decoder's state on this thread (D::Thread), made at thread start.
@@ -380,7 +380,16 @@ public:
   // protocol, both sides' later bytes go to a fresh chain of the
   // transport's decoders, which name what they find above this protocol;
   // this decoder reads no more. Without the policy the connection is left.
-  void HandOn() { m_hand_on = true; }
+  // With Framing::kStream, `unread` is how many bytes at the end of the run
+  // given to Feed come behind the handing message (a client's TLS hello in
+  // the segment of its SSL request): they go to the fresh chain too.
+  void HandOn(size_t unread = 0) {
+    m_hand_on = true;
+    if (m_unread != nullptr) {
+      *m_unread = static_cast<uint32_t>(unread);
+    }
+  }
+  bool handing_on() const { return m_hand_on; }
   // Expects a connection with `port` at `addr` (Spec::expects), named on its
   // first packet, when the connection's policy allows future flows.
   void Expect(const oru::IpAddr &addr, uint16_t port) {
@@ -409,6 +418,7 @@ private:
   unsigned m_side;
   bool &m_named;
   bool &m_hand_on;
+  uint32_t *m_unread;
 };
 
 // The kit's inspector for decoders with a Feed function.
@@ -559,6 +569,8 @@ private:
     bool seen[2] = {false, false};
     bool named = false;
     bool hand_on = false;
+    // Bytes of the last run that came behind the handing message.
+    uint32_t unread = 0;
     // Set once the connection turned to another protocol.
     oru::fdt::intrusive_ptr<InnerChain> inner;
   };
@@ -634,7 +646,7 @@ private:
   // connection, or to hand it on).
   bool Message(Entry &e, oru::Conn &conn, unsigned side, ByteReader bytes) {
     const typename Session<D>::Links links{m_reg, *m_thread, m_expected};
-    Session<D> session(links, e.state, conn, side, e.named, e.hand_on);
+    Session<D> session(links, e.state, conn, side, e.named, e.hand_on, &e.unread);
     const Verdict verdict = D::Feed(session, bytes);
     if (verdict == Verdict::kNamed && !session.Name()) {
       return false;
@@ -661,6 +673,8 @@ private:
       }
       e.next[side] += n;
       if (!Message(e, conn, side, ByteReader(block->data + offset, static_cast<size_t>(n)))) {
+        // The bytes behind a handing message are the next protocol's.
+        e.next[side] -= e.hand_on && e.unread < n ? e.unread : 0;
         return false;
       }
     }

@@ -35,6 +35,9 @@ template <uint32_t N> struct MessageHeads {
   uint32_t have;     // bytes of the current message's head kept
   uint32_t skip;     // bytes of the current message still to pass over
   uint32_t messages; // heads handed over
+  // Bytes of the last run behind the message whose verdict ended Read
+  // (what a decoder that hands on passes to Session::HandOn).
+  uint32_t unread;
 
   // Reads `r` to its end. `message(head, size)` gets each message's head
   // once it is whole; kNeedMore or kNamed go on to the next message, any
@@ -70,6 +73,7 @@ template <uint32_t N> struct MessageHeads {
       skip = size - have;
       have = 0;
       if (v != Verdict::kNeedMore && v != Verdict::kNamed) {
+        unread = r.Left() > skip ? static_cast<uint32_t>(r.Left() - skip) : 0;
         return v;
       }
     }
