@@ -235,8 +235,10 @@ bool ReadTimeElement(ByteReader &r, int64_t &seconds, char *text) {
          ReadTime(value.Here(), value.Left(), tag == kGeneralizedTime, seconds, text);
 }
 
+// An empty dNSName names nothing: it is passed over.
 bool IsSan(uint32_t tag, ByteReader value) {
-  return tag == kDnsNameTag || (tag == kIpAddressTag && (value.Left() == 4 || value.Left() == 16));
+  return (tag == kDnsNameTag && !value.Empty()) ||
+         (tag == kIpAddressTag && (value.Left() == 4 || value.Left() == 16));
 }
 
 // subjectAltName: SEQUENCE OF GeneralName; dNSName and iPAddress are kept.
