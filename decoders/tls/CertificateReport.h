@@ -36,14 +36,18 @@ inline int64_t CertificateClock() {
   return tv.tv_sec;
 }
 
-// The risks a pair of hellos shows; `raised` remembers obsolete_tls, which
-// either hello may show.
-template <class S> void HelloRisks(S &s, const HelloInfo &hello, uint16_t version, bool &raised) {
-  if (!raised && ObsoleteVersion(version)) {
-    raised = true;
+// The risks either hello may show, each raised once: `raised` remembers
+// them (kObsoleteRaised, kWeakRaised) for the connection.
+enum : uint8_t { kObsoleteRaised = 1, kWeakRaised = 2 };
+template <class S>
+void HelloRisks(S &s, const HelloInfo &hello, uint16_t version, uint8_t &raised) {
+  if ((raised & kObsoleteRaised) == 0 && ObsoleteVersion(version)) {
+    raised |= kObsoleteRaised;
     oru::kit::Raise(s, oru::kit::Risk::kObsoleteTls);
   }
-  if (hello.type == kServerHello && hello.cipher_count != 0 && WeakCipher(hello.ciphers[0])) {
+  if ((raised & kWeakRaised) == 0 && hello.type == kServerHello && hello.cipher_count != 0 &&
+      WeakCipher(hello.ciphers[0])) {
+    raised |= kWeakRaised;
     oru::kit::Raise(s, oru::kit::Risk::kWeakCipher);
   }
 }
