@@ -471,7 +471,11 @@ bool NameMatches(const uint8_t *pattern, size_t pattern_length, const char *host
     return false;
   }
   if (pattern_length > 2 && pattern[0] == '*' && pattern[1] == '.') {
-    // The host's first label, whatever it is, stands for the '*'.
+    // The host's first label, whatever it is, stands for the '*'; what
+    // follows must be a name of two labels at least ("*.com" covers nothing).
+    if (memchr(pattern + 2, '.', pattern_length - 2) == nullptr) {
+      return false;
+    }
     const void *dot = memchr(host, '.', host_length);
     if (dot == nullptr) {
       return false;
@@ -484,18 +488,25 @@ bool NameMatches(const uint8_t *pattern, size_t pattern_length, const char *host
 }
 
 bool NameCovered(const CertificateInfo &cert, const char *host, size_t host_length) {
-  if (!cert.has_dns_name) {
-    return cert.common_name != nullptr &&
-           NameMatches(cert.common_name, cert.common_name_length, host, host_length);
-  }
   for (ByteReader r(cert.san_der, cert.san_der_length); !r.Empty();) {
     uint32_t tag = 0;
     ByteReader value = r.Ber(tag);
     if (tag == kDnsNameTag && NameMatches(value.Here(), value.Left(), host, host_length)) {
       return true;
     }
+    // A server name that is an address (which clients should not send, but
+    // some do) is covered by that address among the iPAddress entries.
+    if (tag == kIpAddressTag && (value.Left() == 4 || value.Left() == 16)) {
+      char address[48];
+      const size_t n = value.Left() == 4 ? oru::kit::FormatIpv4(value.Here(), address)
+                                         : oru::kit::FormatIpv6(value.Here(), address);
+      if (n == host_length && SameText(reinterpret_cast<const uint8_t *>(address), host, n)) {
+        return true;
+      }
+    }
   }
-  return false;
+  return !cert.has_dns_name && cert.common_name != nullptr &&
+         NameMatches(cert.common_name, cert.common_name_length, host, host_length);
 }
 
 bool WeakCipher(uint16_t suite) {

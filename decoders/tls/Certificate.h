@@ -94,9 +94,10 @@ bool SelfSigned(const CertificateInfo &cert);
 
 // Whether `host` (the client's server name, any case, one trailing dot
 // allowed) is one of the certificate's dNSName entries, or, when it has
-// none, its common name. "*.example.com" covers one label only:
-// "a.example.com", not "example.com" nor "a.b.example.com"; a '*' anywhere
-// else is no wildcard.
+// none, its common name; an address is covered by the same address among
+// the iPAddress entries. "*.example.com" covers one label only:
+// "a.example.com", not "example.com" nor "a.b.example.com"; "*.com" covers
+// nothing, and a '*' anywhere else is no wildcard.
 bool NameCovered(const CertificateInfo &cert, const char *host, size_t host_length);
 bool NameMatches(const uint8_t *pattern, size_t pattern_length, const char *host,
                  size_t host_length);
