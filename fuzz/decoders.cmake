@@ -19,6 +19,8 @@ function(kest_decoder_fuzz_target name)
   string(REGEX REPLACE "[ \n]+" "" _attributes "${CMAKE_MATCH_1}")
   string(REGEX MATCH "\\.borrowed = {([^}]*)}" _ "${_spec}")
   string(REGEX REPLACE "[ \n]+" "" _borrowed "${CMAKE_MATCH_1}")
+  # The kit's name for the flow risks attribute stands for its text.
+  string(REPLACE "oru::kit::kRiskAttribute" "\"flow.risks\"" _borrowed "${_borrowed}")
   foreach(_more IN LISTS _borrowed DF_ATTRIBUTES)
     if(_attributes)
       string(APPEND _attributes ",")

@@ -13,7 +13,7 @@ at every byte count, both as captured short and with every length field
 made to agree with the cut; bad IHL, length and offset fields; hostile DNS
 and HTTP messages; length fields that lie to the application decoders
 (SNMP, LDAP, Kerberos, RADIUS, DHCP, NetBIOS, TFTP, SOCKS, VNC, HTTP/2, STUN,
-DTLS, BitTorrent's peer wire, bencode, uTP and trackers, CoAP, Modbus, DNP3,
+DTLS, TLS and DTLS certificates, BitTorrent's peer wire, bencode, uTP and trackers, CoAP, Modbus, DNP3,
 WireGuard, OpenVPN, IKE, Redis, Memcached, MQTT, AMQP, MySQL, PostgreSQL,
 TDS, MongoDB), on their ports and from both sides; random and mutated frames;
 and time stamps that go back and jump ahead.
@@ -1003,6 +1003,35 @@ def lying_lengths(cap):
         dtls_record(23, b"") * 100,
     ] + [dtls_record(22, dtls_hs(1, hello, 4000)) for _ in range(6)]
     service_exchanges(cap, 17, 4433, dtls_msgs)
+    # A server's certificate after its hello, TLS and DTLS: a leaf longer
+    # than its list, than the 16 KB kept, or than the message; lengths
+    # inside the certificate past its end (BER's longest forms); a
+    # certificate of nested empty sequences; DTLS fragments of the
+    # Certificate message past its end and out of order.
+    def tls_record(body):
+        return struct.pack("!BHH", 22, 0x0303, len(body)) + body
+    def tls_hs(mtype, body, length=None):
+        return bytes([mtype]) + (len(body) if length is None else length).to_bytes(3, "big") + body
+    server_hello = b"\x03\x03" + bytes(32) + b"\x00\xc0\x2f\x00"
+    def cert_list(leaf, leaf_len=None, list_len=None):
+        entry = (len(leaf) if leaf_len is None else leaf_len).to_bytes(3, "big") + leaf
+        return (len(entry) if list_len is None else list_len).to_bytes(3, "big") + entry
+    lying_der = b"\x30\x84\xff\xff\xff\xff\x30\x84\x00\x00\x00\x10" + bytes(40)
+    nested = b"\x30\x82\x01\x2c" + b"\x30\x81\x80" * 100
+    bodies = [cert_list(lying_der, 20, 23), cert_list(lying_der, 0xffffff),
+              cert_list(b"\x30" * 20000), cert_list(lying_der, list_len=0xffffff),
+              cert_list(nested), cert_list(b"")]
+    tls_msgs = [tls_record(tls_hs(2, server_hello)) + tls_record(tls_hs(11, b))
+                for b in bodies[:2] + bodies[3:]]
+    big = tls_hs(11, bodies[2])
+    tls_msgs.append(tls_record(tls_hs(2, server_hello)) +
+                    b"".join(tls_record(big[i:i + 16384]) for i in range(0, len(big), 16384)))
+    service_exchanges(cap, 6, 443, tls_msgs)
+    dtls_server_hello = b"\xfe\xfd" + bytes(32) + b"\x00\xc0\x2f\x00"
+    dtls_certs = [dtls_record(22, dtls_hs(2, dtls_server_hello, len(dtls_server_hello), 0) +
+                              dtls_hs(11, b[:300], len(b), off))
+                  for b in bodies for off in (0, 0xfff0, len(b))]
+    service_exchanges(cap, 17, 4433, dtls_certs)
     # Redis: counts and lengths past any bound and past the packet, a name
     # longer than kept, an inline line that never ends.
     redis = [b"*99999999999\r\n", b"*3\r\n$999999999999\r\nGET\r\n", b"*1\r\n$-1\r\n",

@@ -28,6 +28,14 @@
 // leaves once both hellos are read, after 24 datagrams, or, before a name,
 // at the first datagram that is neither DTLS nor STUN or after 16.
 // Encrypted records, DTLS 1.3's short headers among them, are passed over.
+//
+// A server that settles on DTLS 1.0 or 1.2 sends its certificate chain in
+// clear: the leaf is read from the first 8 KB of its Certificate message
+// (put back together like a hello when it comes in fragments) and reported
+// as the TLS decoder does ("tls.subject" ... "tls.san"), with the TLS risks
+// of CertificateReport.h. The wait for it ends at the leaf, the server's
+// ServerHelloDone or ChangeCipherSpec, or the datagram bound.
+#include "tls/CertificateReport.h"
 #include "tls/TlsFingerprint.h"
 #include "tls/TlsHello.h"
 
@@ -41,9 +49,14 @@ using oru::kit::ByteReader;
 using oru::kit::LoadBe32;
 using oru::kit::Verdict;
 
-enum Attribute { kServerName, kAlpn, kVersion, kFingerprint };
+enum Attribute { kServerName, kAlpn, kVersion, kFingerprint, kCertificate };
 
-enum : uint8_t { kHandshake = 22, kHelloVerifyRequest = 3 };
+enum : uint8_t {
+  kChangeCipherSpec = 20,
+  kHandshake = 22,
+  kHelloVerifyRequest = 3,
+  kServerHelloDone = 14
+};
 
 constexpr uint32_t kStunCookie = 0x2112A442;
 constexpr uint32_t kMaxRecord = 16384 + 2048;
@@ -99,7 +112,9 @@ struct Dtls {
       .plugin = "dtls",
       .module = oru::kit::MODULE_DTLS,
       .protocols = {"DTLS"},
-      .borrowed = {"tls.server_name", "tls.alpn", "tls.version", "tls.client_fingerprint"},
+      .borrowed = {"tls.server_name", "tls.alpn", "tls.version", "tls.client_fingerprint",
+                   "tls.subject", "tls.issuer", "tls.not_before", "tls.not_after", "tls.san",
+                   oru::kit::kRiskAttribute},
       .udp = true,
       .udp_ports = {4433, 5684, 3478, 5349},
       .max_messages = kMaxDatagrams,
@@ -108,12 +123,21 @@ struct Dtls {
     Side side[2];
     uint32_t datagrams;
     uint32_t shaped;
+    // The server's certificate is still to come, on side leaf_side.
+    bool leaf_wanted;
+    uint8_t leaf_side;
+    uint8_t hello_risks;
+    // The client's server name, for the certificate's names.
+    bool has_server_name;
+    uint16_t server_name_length;
+    char server_name[HelloInfo::kMaxName + 1];
   };
   struct Thread {
     HelloInfo hello;
     Slot slots[kSlots];
     uint32_t clock;
     uint8_t whole[4 + kMaxHello];
+    kest_tls::CertificateInfo certificate;
   };
   using Session = oru::kit::Session<Dtls>;
 
@@ -132,13 +156,15 @@ struct Dtls {
     const bool shaped = Records(datagram, [&s](uint32_t type, uint32_t epoch, ByteReader payload) {
       if (type == kHandshake && epoch == 0) {
         Handshake(s, payload);
+      } else if (type == kChangeCipherSpec && s.side() == s.state().leaf_side) {
+        s.state().leaf_wanted = false;
       }
     });
     if (shaped && ++c.shaped >= 2 && !s.named() && !s.Name()) {
       return Leave(s, Verdict::kNotMine);
     }
     if (s.named()) {
-      const bool both = c.side[0].parsed && c.side[1].parsed;
+      const bool both = c.side[0].parsed && c.side[1].parsed && !c.leaf_wanted;
       return both || c.datagrams >= kMaxDatagrams ? Leave(s, Verdict::kDone) : Verdict::kNeedMore;
     }
     const bool stun = datagram.Left() >= 20 && (datagram.Peek(0) & 0xC0) == 0;
@@ -170,6 +196,10 @@ private:
         }
       } else if (type == kest_tls::kClientHello || type == kest_tls::kServerHello) {
         Piece(s, type, length, seq, offset, fragment);
+      } else if (type == kest_tls::kCertificateMessage) {
+        CertificatePiece(s, length, seq, offset, fragment);
+      } else if (type == kServerHelloDone && s.side() == s.state().leaf_side) {
+        s.state().leaf_wanted = false;
       }
     }
   }
@@ -214,6 +244,59 @@ private:
       slot->busy = false;
       Parse(s, slot->bytes, slot->length);
     }
+  }
+
+  // A piece of the server's Certificate message, of which the first 8 KB
+  // are kept: they hold the leaf, or it is not read.
+  static void CertificatePiece(Session &s, uint32_t length, uint32_t seq, uint32_t offset,
+                               ByteReader fragment) {
+    State &c = s.state();
+    if (!c.leaf_wanted || s.side() != c.leaf_side) {
+      return;
+    }
+    const uint32_t want = length < kMaxHello ? length : kMaxHello;
+    if (offset == 0 && fragment.Left() >= want) {
+      Leaf(s, fragment.Here(), want);
+      return;
+    }
+    Slot *slot = Claim(s, seq, offset);
+    if (slot == nullptr || offset > slot->have) {
+      return;
+    }
+    if (slot->have == 0) {
+      Header(slot->bytes, kest_tls::kCertificateMessage, length);
+      slot->length = length;
+    }
+    if (slot->length != length || slot->bytes[0] != kest_tls::kCertificateMessage) {
+      slot->busy = false;
+      return;
+    }
+    uint32_t end = offset + static_cast<uint32_t>(fragment.Left());
+    end = end < want ? end : want;
+    if (end > slot->have) {
+      memcpy(slot->bytes + 4 + slot->have, fragment.Here() + (slot->have - offset),
+             end - slot->have);
+      slot->have = end;
+    }
+    if (slot->have == want) {
+      slot->busy = false;
+      Leaf(s, slot->bytes + 4, want);
+    }
+  }
+
+  // The start of a Certificate message's body: the list's length, then the
+  // leaf with its own.
+  static void Leaf(Session &s, const uint8_t *body, uint32_t length) {
+    State &c = s.state();
+    c.leaf_wanted = false;
+    ByteReader r(body, length);
+    r.U24();
+    ByteReader leaf = r.Prefixed(3);
+    if (!r.Ok() || leaf.Empty()) {
+      return;
+    }
+    kest_tls::ReportCertificate(s, kCertificate, leaf.Here(), leaf.Left(), s.thread().certificate,
+                                c.has_server_name ? c.server_name : nullptr, c.server_name_length);
   }
 
   // Leaving the connection: its hellos in pieces are given up.
@@ -277,8 +360,12 @@ private:
     side.parsed = true;
     s.Name();
     if (hello.type == kest_tls::kClientHello) {
+      kest_tls::HelloRisks(s, hello, kest_tls::OfferedVersion(hello), c.hello_risks);
       if (hello.has_server_name) {
         s.Publish(kServerName, hello.server_name, hello.server_name_length);
+        c.has_server_name = true;
+        c.server_name_length = hello.server_name_length;
+        memcpy(c.server_name, hello.server_name, hello.server_name_length + 1u);
       }
       if (hello.has_alpn) {
         s.Publish(kAlpn, hello.alpn, hello.alpn_length);
@@ -290,10 +377,15 @@ private:
       }
       return;
     }
-    const char *version = kest_tls::DtlsVersionText(kest_tls::NegotiatedVersion(hello));
+    const uint16_t chosen = kest_tls::NegotiatedVersion(hello);
+    const char *version = kest_tls::DtlsVersionText(chosen);
     if (version != nullptr) {
       s.Publish(kVersion, version);
     }
+    kest_tls::HelloRisks(s, hello, chosen, c.hello_risks);
+    // DTLS 1.0 and 1.2 send the certificate in clear.
+    c.leaf_wanted = chosen == 0xfeff || chosen == 0xfefd;
+    c.leaf_side = static_cast<uint8_t>(s.side());
     if (hello.has_alpn && !c.side[1 - s.side()].parsed) {
       s.Publish(kAlpn, hello.alpn, hello.alpn_length);
     }

@@ -3,7 +3,14 @@
 // bytes decide, any port may carry it), names the connection "TLS" once a
 // hello parses and publishes what the hellos say. It leaves as soon as it
 // can: at the first side that is not a TLS handshake record, after both
-// hellos, or when one hello has come and the other side keeps silent.
+// hellos (and the server's certificate, when it is in clear), or when one
+// hello has come and the other side keeps silent.
+//
+// A server that settles on TLS 1.2 or older sends its certificate chain in
+// clear, right after its hello: the leaf is read (LeafAssembler, up to
+// 16 KB, the rest of the chain never) and reported with the TLS risks of
+// CertificateReport.h.
+#include "tls/CertificateReport.h"
 #include "tls/TlsFingerprint.h"
 #include "tls/TlsHello.h"
 
@@ -17,7 +24,7 @@ using kest_tls::HelloInfo;
 using oru::kit::ByteReader;
 using oru::kit::Verdict;
 
-enum Attribute { kServerName, kAlpn, kVersion, kFingerprint };
+enum Attribute { kServerName, kAlpn, kVersion, kFingerprint, kCertificate };
 
 // Runs of bytes (one per packet, in order) a side may send after its hello
 // while the other side says nothing, before the wait for the other hello
@@ -39,7 +46,9 @@ struct Tls {
       .plugin = "tls",
       .module = oru::kit::MODULE_TLS,
       .protocols = {"TLS"},
-      .attributes = {"tls.server_name", "tls.alpn", "tls.version", "tls.client_fingerprint"},
+      .attributes = {"tls.server_name", "tls.alpn", "tls.version", "tls.client_fingerprint",
+                     "tls.subject", "tls.issuer", "tls.not_before", "tls.not_after", "tls.san"},
+      .borrowed = {oru::kit::kRiskAttribute},
       .tcp = true,
       // HTTPS, SMTPS, NNTPS, LDAPS, DNS over TLS, FTPS data and control,
       // TELNETS, IMAPS, IRCS, POP3S, SIP over TLS, alternative HTTPS.
@@ -51,10 +60,16 @@ struct Tls {
     bool client_alpn = false;
     bool server_alpn_pending = false;
     char server_alpn[HelloInfo::kMaxAlpnText + 1] = {};
+    // The server's leaf certificate, while it is being read.
+    kest_tls::LeafAssembler leaf;
+    bool leaf_wanted = false;
+    uint8_t leaf_side = 0;
+    uint8_t hello_risks = 0;
   };
   // The hello read last; too large for the stack of every host.
   struct Thread {
     HelloInfo hello;
+    kest_tls::CertificateInfo certificate;
   };
   using Session = oru::kit::Session<Tls>;
 
@@ -74,6 +89,9 @@ struct Tls {
       if (side.later < 0xFFFF) {
         ++side.later;
       }
+      if (state.leaf_wanted && state.leaf_side == s.side()) {
+        ReadLeaf(s, run);
+      }
     } else {
       Read(s, side, run);
     }
@@ -81,7 +99,8 @@ struct Tls {
     // both hellos are in, or when the other side stays silent too long.
     const bool failed = (side.done && !side.parsed && !side.legacy) ||
                         (other.done && !other.parsed && !other.legacy);
-    const bool both = (side.parsed || side.legacy) && (other.parsed || other.legacy);
+    const bool both =
+        (side.parsed || side.legacy) && (other.parsed || other.legacy) && !state.leaf_wanted;
     const bool waited = side.done && !other.started && side.later > kPatience;
     if (failed || both || waited) {
       Leave(s);
@@ -94,6 +113,8 @@ struct Tls {
   // decoder leaves, the connection's end included.
   static void Leave(Session &s) {
     State &state = s.state();
+    state.leaf.Release();
+    state.leaf_wanted = false;
     if (state.server_alpn_pending) {
       state.server_alpn_pending = false;
       s.Publish(kAlpn, state.server_alpn);
@@ -121,7 +142,41 @@ private:
         kest_tls::ParseStatus::kOk) {
       side.parsed = true;
       OnHello(s, hello);
+      State &state = s.state();
+      if (state.leaf_wanted) {
+        state.leaf_side = static_cast<uint8_t>(s.side());
+        state.leaf.Start(side.assembler.RecordLeft());
+        run.Skip(side.assembler.Used());
+        ReadLeaf(s, run);
+      }
     }
+  }
+
+  static void ReadLeaf(Session &s, ByteReader run) {
+    State &state = s.state();
+    if (run.Empty()) {
+      return;
+    }
+    const kest_tls::LeafAssembler::State got = state.leaf.Feed(run.Here(), run.Left());
+    if (got == kest_tls::LeafAssembler::State::kNeedMore) {
+      return;
+    }
+    state.leaf_wanted = false;
+    if (got != kest_tls::LeafAssembler::State::kDone) {
+      return;
+    }
+    // The client's server name, read again from its hello, which its side
+    // still holds.
+    Thread &t = s.thread();
+    const HelloAssembler &client = state.side[1 - state.leaf_side].assembler;
+    const bool named = client.Message() != nullptr &&
+                       kest_tls::ParseHello(client.Message(), client.MessageLength(), t.hello) ==
+                           kest_tls::ParseStatus::kOk &&
+                       t.hello.type == kest_tls::kClientHello && t.hello.has_server_name;
+    kest_tls::ReportCertificate(s, kCertificate, state.leaf.Leaf(), state.leaf.LeafLength(),
+                                t.certificate, named ? t.hello.server_name : nullptr,
+                                named ? t.hello.server_name_length : 0);
+    state.leaf.Release();
   }
 
   static void OnHello(Session &s, const HelloInfo &hello) {
@@ -129,6 +184,7 @@ private:
     // A connection that refuses the name is asked again at the next hello.
     s.Name();
     if (hello.type == kest_tls::kClientHello) {
+      kest_tls::HelloRisks(s, hello, kest_tls::OfferedVersion(hello), state.hello_risks);
       if (hello.has_server_name) {
         s.Publish(kServerName, hello.server_name, hello.server_name_length);
       }
@@ -144,10 +200,14 @@ private:
       }
       return;
     }
-    const char *version = kest_tls::VersionText(kest_tls::NegotiatedVersion(hello));
+    const uint16_t chosen = kest_tls::NegotiatedVersion(hello);
+    const char *version = kest_tls::VersionText(chosen);
     if (version != nullptr) {
       s.Publish(kVersion, version);
     }
+    kest_tls::HelloRisks(s, hello, chosen, state.hello_risks);
+    // Up to TLS 1.2 the certificate follows in clear.
+    state.leaf_wanted = chosen >= 0x0300 && chosen <= 0x0303;
     // The server's choice stands in for the client's list only when that
     // list is not seen; it waits until the client side has had its chance.
     if (hello.has_alpn && !state.client_alpn) {

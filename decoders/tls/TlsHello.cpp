@@ -284,6 +284,7 @@ bool HelloAssembler::CheckRecordHeader() {
 }
 
 HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
+  const size_t given = length;
   while (m_state == State::kNeedMore && length != 0) {
     if (m_record_left == 0) {
       // A record header, possibly in pieces. The first byte alone already
@@ -370,6 +371,7 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
     m_record_left -= static_cast<uint32_t>(n);
     if (m_message_have == m_message_length) {
       m_state = State::kDone;
+      m_used = given - length;
     }
   }
   return m_state;

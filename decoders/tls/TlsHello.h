@@ -157,6 +157,12 @@ public:
   // first record header and the handshake type are valid).
   bool LooksLikeTls() const { return m_header_checked && m_type_checked; }
 
+  // Bytes of the last Feed that the first message took (with the records'
+  // headers before it), and what is left of the record it ended in: where
+  // the side's next handshake message begins.
+  size_t Used() const { return m_used; }
+  uint32_t RecordLeft() const { return m_record_left; }
+
   const uint8_t *Message() const { return m_state == State::kDone ? m_message : nullptr; }
   uint32_t MessageLength() const { return m_state == State::kDone ? m_message_length : 0; }
 
@@ -179,6 +185,7 @@ private:
   uint8_t *m_message = nullptr;
   uint32_t m_message_length = 0;
   uint32_t m_message_have = 0;
+  size_t m_used = 0;
 };
 
 } // namespace kest_tls

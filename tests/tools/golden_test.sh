@@ -30,7 +30,8 @@ attrs="--attr dns.qtype --attr dns.rcode --attr dns.answers --attr tls.alpn --at
   --attr stun.method --attr stun.software --attr stun.username
   --attr mqtt.version --attr mqtt.client_id --attr mqtt.topic
   --attr mysql.server_version --attr mysql.user --attr pgsql.user --attr pgsql.database
-  --attr pgsql.application --attr tds.version --attr tds.user --attr tds.app"
+  --attr pgsql.application --attr tds.version --attr tds.user --attr tds.app
+  --attr tls.subject --attr tls.issuer --attr tls.not_before --attr tls.not_after --attr tls.san"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 failures=0

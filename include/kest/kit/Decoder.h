@@ -122,7 +122,7 @@ struct ExpectFormat {
 
 constexpr int kMaxProtocols = 4;
 constexpr int kMaxAttributes = 16;
-constexpr int kMaxBorrowed = 4;
+constexpr int kMaxBorrowed = 12;
 constexpr int kMaxPorts = 16;
 
 struct Spec {

@@ -1,0 +1,90 @@
+// What the TLS and DTLS decoders report of a server's leaf certificate and
+// of the versions and suite its hellos settle on: the certificate
+// attributes (both decoders' Specs list them in kCertificateAttributes'
+// order, from their own first index) and the TLS risks of kest/kit/Risks.h.
+#ifndef KEST_DECODERS_TLS_CERTIFICATEREPORT_H
+#define KEST_DECODERS_TLS_CERTIFICATEREPORT_H
+
+#include "tls/Certificate.h"
+#include "tls/TlsHello.h"
+
+#include <kest.h>
+#include <kest/Clock.h>
+#include <kest/kit/Risks.h>
+
+namespace kest_tls {
+
+// In this order in a Spec.
+enum CertificateAttribute { kSubject, kIssuer, kNotBefore, kNotAfter, kSan, kCertificateCount };
+
+// The connection's time in seconds since 1970. When the host sets the clock
+// from its packets (a capture's times), the packet's time; a clock that the
+// library keeps itself holds only a running count of milliseconds, so the
+// host's wall clock is asked then, once per certificate. -1 when there is
+// none.
+inline int64_t CertificateClock() {
+  constexpr uint64_t kYear2000 = 946684800000ull;
+  constexpr uint64_t kYear2200 = 7258118400000ull;
+  const uint64_t ms = oru::now();
+  if (ms >= kYear2000 && ms < kYear2200) {
+    return static_cast<int64_t>(ms / 1000);
+  }
+  struct timeval tv = {0, 0};
+  if (kest_gettimeofday == nullptr || kest_gettimeofday(&tv, nullptr) != 0) {
+    return -1;
+  }
+  return tv.tv_sec;
+}
+
+// The risks either hello may show, each raised once: `raised` remembers
+// them (kObsoleteRaised, kWeakRaised) for the connection.
+enum : uint8_t { kObsoleteRaised = 1, kWeakRaised = 2 };
+template <class S>
+void HelloRisks(S &s, const HelloInfo &hello, uint16_t version, uint8_t &raised) {
+  if ((raised & kObsoleteRaised) == 0 && ObsoleteVersion(version)) {
+    raised |= kObsoleteRaised;
+    oru::kit::Raise(s, oru::kit::Risk::kObsoleteTls);
+  }
+  if ((raised & kWeakRaised) == 0 && hello.type == kServerHello && hello.cipher_count != 0 &&
+      WeakCipher(hello.ciphers[0])) {
+    raised |= kWeakRaised;
+    oru::kit::Raise(s, oru::kit::Risk::kWeakCipher);
+  }
+}
+
+// The version a ClientHello offers at most.
+inline uint16_t OfferedVersion(const HelloInfo &client_hello) {
+  return client_hello.supported_version != 0 ? client_hello.supported_version
+                                             : client_hello.legacy_version;
+}
+
+// Reads the leaf and reports it from Spec attribute `first` on.
+// `server_name` is the client's (null when it sent none).
+template <class S>
+void ReportCertificate(S &s, int first, const uint8_t *der, size_t length, CertificateInfo &cert,
+                       const char *server_name, size_t server_name_length) {
+  if (ReadCertificate(der, length, cert) != CertificateStatus::kOk) {
+    return;
+  }
+  s.Publish(first + kSubject, cert.subject, cert.subject_length);
+  s.Publish(first + kIssuer, cert.issuer, cert.issuer_length);
+  s.Publish(first + kNotBefore, cert.not_before);
+  s.Publish(first + kNotAfter, cert.not_after);
+  if (cert.san_length != 0) {
+    s.Publish(first + kSan, cert.san, cert.san_length);
+  }
+  if (SelfSigned(cert)) {
+    oru::kit::Raise(s, oru::kit::Risk::kSelfSignedCertificate);
+  }
+  const int64_t now = CertificateClock();
+  if (now >= 0 && (now < cert.not_before_sec || now > cert.not_after_sec)) {
+    oru::kit::Raise(s, oru::kit::Risk::kCertificateOutOfDate);
+  }
+  if (server_name != nullptr && !NameCovered(cert, server_name, server_name_length)) {
+    oru::kit::Raise(s, oru::kit::Risk::kCertificateNameMismatch);
+  }
+}
+
+} // namespace kest_tls
+
+#endif
