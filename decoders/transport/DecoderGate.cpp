@@ -1,5 +1,7 @@
 #include "transport/DecoderGate.h"
 
+#include <kest/kit/Risks.h>
+
 namespace kest_decoders {
 
 namespace {
@@ -149,7 +151,11 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
       for (uint64_t todo = live.bits[word] & order; todo != 0; todo &= todo - 1) {
         const size_t i = word * 64 + static_cast<size_t>(__builtin_ctzll(todo));
         const oru::InspectorCallback &member = m_members[i].callback;
+        const uint32_t app = own->GetAppStack()->app;
         const unsigned int r = member.Call(parent, pkt, tuple, conn);
+        if (own->GetAppStack()->app != app && level == 0 && own->m_port_judged == 0) {
+          JudgePorts(*own, i, first);
+        }
         if (r == oru::INSPECT_STAY) {
           continue;
         }
@@ -164,6 +170,13 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
     }
   }
   return Empty(live) ? oru::INSPECT_FINISHED : oru::INSPECT_STAY;
+}
+
+void DecoderGate::JudgePorts(TransportConn &own, size_t i, const Mask &first) const {
+  own.m_port_judged = 1;
+  if (!Has(first, i) && KnownPort(own.m_tuple.dst_port)) {
+    oru::kit::RaiseOnActive(oru::kit::Risk::kProtocolOnOtherPort);
+  }
 }
 
 void DecoderGate::ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn) {

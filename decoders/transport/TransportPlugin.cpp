@@ -8,6 +8,7 @@
 #include <kest/ProtocolRegistry.h>
 #include <kest/SyncEventQueue.h>
 #include <kest/fdt/ObjectPrefix.h>
+#include <kest/kit/Risks.h>
 
 namespace kest_decoders {
 
@@ -46,6 +47,8 @@ bool TransportPlugin::InitInstance() const {
   if (oru::GetProtocolId(m_protocol) == 0) {
     return false;
   }
+  // The risks the transport raises when connections end.
+  oru::AttributeMgr::Create(oru::fdt::string(oru::kit::kRiskAttribute));
   return oru::InterfaceBroker::RegisterModule(m_module, m_protocol);
 }
 
@@ -80,6 +83,9 @@ bool TransportPlugin::InitThread() const {
     return false;
   }
   table->m_gate->add_ref();
+  // Known by now: every plug-in named its protocols when the instance opened.
+  table->m_one_way[0] = static_cast<uint32_t>(oru::GetProtocolId("FTP_DATA"));
+  table->m_one_way[1] = static_cast<uint32_t>(oru::GetProtocolId("Syslog"));
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Instance();
   const uint32_t event = oru::SyncEventQueue::RegisterEvent(m_event);
   table->Rules().m_event = event;
