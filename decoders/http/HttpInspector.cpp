@@ -189,6 +189,7 @@ bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
       (m_raised & (uint32_t{1} << static_cast<unsigned>(oru::kit::Risk::kHttpExecutable))) == 0) {
     m_body_at = flow->m_read_pos;
     m_body_flow = flow;
+    m_magic_have = 0;
   }
   return true;
 }
@@ -216,15 +217,21 @@ bool HttpInspector::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::
 bool HttpInspector::OnNewPacket(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                                 oru::fdt::intrusive_ptr<oru::Conn> &conn) {
   const oru::FlowBuffer &flow = conn->m_flow[SideOf(*conn)];
-  if (m_body_flow == &flow && flow.End() >= m_body_at + 4) {
-    // The body's first four bytes are in: a program or not.
-    m_body_flow = nullptr;
-    unsigned char magic[4];
-    for (uint64_t i = 0; i < 4; ++i) {
-      magic[i] = static_cast<unsigned char>(flow.At(m_body_at + i));
+  if (m_body_flow == &flow) {
+    for (uint64_t at = m_body_at + m_magic_have; m_magic_have < 4 && at < flow.End(); ++at) {
+      if (at < flow.Begin()) {
+        // Bytes lost to a gap: the body is not judged.
+        m_body_flow = nullptr;
+        break;
+      }
+      m_magic[m_magic_have++] = static_cast<unsigned char>(flow.At(at));
     }
-    if (flow.Begin() <= m_body_at && ExecutableMagic(magic)) {
-      RaiseOnce(static_cast<unsigned>(oru::kit::Risk::kHttpExecutable));
+    if (m_body_flow != nullptr && m_magic_have == 4) {
+      // The body's first four bytes are in: a program or not.
+      m_body_flow = nullptr;
+      if (ExecutableMagic(m_magic)) {
+        RaiseOnce(static_cast<unsigned>(oru::kit::Risk::kHttpExecutable));
+      }
     }
   }
   return WebDpi::OnNewPacket(parent, pkt, tuple, conn);

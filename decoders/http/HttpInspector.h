@@ -93,6 +93,10 @@ private:
   // and in which of the connection's flows; null for none.
   uint64_t m_body_at = 0;
   const oru::FlowBuffer *m_body_flow = nullptr;
+  // The body's first bytes gathered so far: packets may cut them, and the
+  // flow keeps no bytes past a packet unless asked.
+  unsigned char m_magic[4] = {};
+  uint8_t m_magic_have = 0;
 
   // Raises `risk` on the active connection unless it was raised before.
   void RaiseOnce(unsigned risk);

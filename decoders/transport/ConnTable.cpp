@@ -201,14 +201,20 @@ void ConnTable::EndRisks(TransportConn &conn) {
               (conn.m_closed != 0 || conn.m_fin[0] != 0 || conn.m_fin[1] != 0) &&
               stack.app != m_one_way[0] && stack.app != m_one_way[1];
   }
-  if (!unknown && !one_way) {
+  const bool other_port = conn.m_port_judged == 2;
+  if (!unknown && !one_way && !other_port) {
     return;
   }
   // The dying connection is the one the report is about, for a moment.
   oru::Conn *&active = oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn);
   oru::Conn *const was = active;
   active = &conn;
-  oru::kit::RaiseOnActive(unknown ? Risk::kUnknownOnKnownPort : Risk::kOneDirection);
+  if (other_port) {
+    oru::kit::RaiseOnActive(Risk::kProtocolOnOtherPort);
+  }
+  if (unknown || one_way) {
+    oru::kit::RaiseOnActive(unknown ? Risk::kUnknownOnKnownPort : Risk::kOneDirection);
+  }
   active = was;
 }
 

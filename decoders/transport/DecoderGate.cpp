@@ -1,7 +1,5 @@
 #include "transport/DecoderGate.h"
 
-#include <kest/kit/Risks.h>
-
 namespace kest_decoders {
 
 namespace {
@@ -173,10 +171,10 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
 }
 
 void DecoderGate::JudgePorts(TransportConn &own, size_t i, const Mask &first) const {
-  own.m_port_judged = 1;
-  if (!Has(first, i) && KnownPort(own.m_tuple.dst_port)) {
-    oru::kit::RaiseOnActive(oru::kit::Risk::kProtocolOnOtherPort);
-  }
+  // Raised when the connection ends, after whatever the namer reports
+  // meanwhile, so that the order of a connection's values does not hang on
+  // how its bytes were cut into packets.
+  own.m_port_judged = !Has(first, i) && KnownPort(own.m_tuple.dst_port) ? 2 : 1;
 }
 
 void DecoderGate::ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn) {

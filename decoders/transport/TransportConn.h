@@ -92,7 +92,8 @@ public:
   // TCP: the client's SYN was seen, so the connection's start is in view.
   uint8_t m_opened;
   // The first naming of the connection by a decoder of the gate was judged
-  // against the ports (known_protocol_on_other_port).
+  // against the ports: 1, or 2 for a known protocol on another protocol's
+  // port (raised at the end).
   uint8_t m_port_judged;
 
 private:
