@@ -47,8 +47,6 @@ bool TransportPlugin::InitInstance() const {
   if (oru::GetProtocolId(m_protocol) == 0) {
     return false;
   }
-  // The risks the transport raises when connections end.
-  oru::AttributeMgr::Create(oru::fdt::string(oru::kit::kRiskAttribute));
   return oru::InterfaceBroker::RegisterModule(m_module, m_protocol);
 }
 
