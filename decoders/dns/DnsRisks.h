@@ -158,6 +158,10 @@ constexpr int kGeneratedThreshold = 3;
 inline bool GeneratedName(const char *name, size_t length) {
   size_t at = 0;
   const size_t longest = LongestPart(name, length, at);
+  if (longest < kMinGeneratedPart) {
+    // Most names: nothing long enough to judge, and nothing counted.
+    return false;
+  }
   const LabelStats s = StatsOf(name + at, longest);
   return Judged(s) && GeneratedScore(s) >= kGeneratedThreshold;
 }
