@@ -44,11 +44,12 @@ inline bool BasicCredentials(const char *text, uint32_t length) {
 // library rather than a browser's or an application's: the documented list
 // below, any case, followed by "/", a blank or the end.
 inline bool SuspiciousAgent(const char *text, uint32_t length) {
-  static constexpr const char *kTools[] = {
-      "curl",           "Wget",        "python-requests", "python-urllib", "Python-urllib",
-      "Go-http-client", "libwww-perl", "PowerShell",      "WinHttp",       "Java",
-      "okhttp",         "aiohttp",     "httpie",          "nmap",          "masscan",
-      "zgrab",          "sqlmap",      "Nikto",           nullptr};
+  static constexpr const char *kTools[] = {"curl",          "Wget",           "python-requests",
+                                           "python-urllib", "Go-http-client", "libwww-perl",
+                                           "PowerShell",    "WinHttp",        "Java",
+                                           "okhttp",        "aiohttp",        "httpie",
+                                           "nmap",          "masscan",        "zgrab",
+                                           "sqlmap",        "Nikto",          nullptr};
   const oru::kit::TextSpan value = oru::kit::Rest(text, length, 0);
   if (value.length == 0) {
     return true;
