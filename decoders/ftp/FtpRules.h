@@ -63,6 +63,7 @@ struct FtpRules {
     uint8_t watching;
     uint8_t settled;
     uint8_t anonymous;
+    uint8_t user;
   };
 
   static constexpr const char *kCommands[] = {
@@ -107,11 +108,16 @@ struct FtpRules {
                                 (argument.length == 3 && StartsWith(argument.text, 3, "ftp"))
                             ? 1
                             : 0;
+      state.user = 1;
     } else if (command == kPass) {
       state.settled = 1;
       if (argument.length != 0 && state.anonymous == 0) {
         state.risks |= RiskBit(Risk::kClearTextCredentials);
       }
+    } else if (state.user != 0) {
+      // Another command after USER: the login went on without a password
+      // (or failed), and none is waited for any more.
+      state.settled = 1;
     }
   }
 
