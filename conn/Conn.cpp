@@ -48,6 +48,7 @@ static_assert(offsetof(Conn, m_tuple) == offsetof(Conn, m_side) + 8, "tuple last
 ThreadLocalKey Conn::l_active_conn;
 ThreadLocalKey Conn::l_default_policy;
 ThreadLocalKey Conn::l_conn_expired;
+ThreadLocalKey Conn::l_flow_risks;
 uint64_t Conn::s_next_conn[kInstanceRows];
 
 namespace {
@@ -55,8 +56,14 @@ namespace {
 SlotRegistration g_active_reg(Conn::l_active_conn);
 SlotRegistration g_policy_reg(Conn::l_default_policy);
 SlotRegistration g_expired_reg(Conn::l_conn_expired);
+SlotRegistration g_risks_reg(Conn::l_flow_risks);
 
 const char kExpired[] = "conn.expired";
+// Raised by the decoders and by the transports as connections end (the
+// kit's kRiskAttribute): the thread holds the name from its start to after
+// the plug-ins' end, so that the last connections' risks still reach the
+// host, whichever plug-in ends first.
+const char kFlowRisks[] = "flow.risks";
 
 // One lock for the counters of all instances: numbering is rare next to the
 // packets of a connection.
@@ -123,6 +130,10 @@ bool Conn::InitInstance() {
   if (name.append(kExpired)) {
     AttributeMgr::Create(name);
   }
+  fdt::string risks;
+  if (risks.append(kFlowRisks)) {
+    AttributeMgr::Create(risks);
+  }
   return true;
 }
 
@@ -131,10 +142,13 @@ bool Conn::InitThread() {
     return false;
   }
   ThreadWord(l_conn_expired) = 0;
+  ThreadWord(l_flow_risks) = 0;
   AttributeMgr *attributes = AttributeMgr::Instance();
   fdt::string name;
-  return attributes != nullptr && name.append(kExpired) &&
-         attributes->Register(name, reinterpret_cast<int *>(&ThreadCell(l_conn_expired)));
+  fdt::string risks;
+  return attributes != nullptr && name.append(kExpired) && risks.append(kFlowRisks) &&
+         attributes->Register(name, reinterpret_cast<int *>(&ThreadCell(l_conn_expired))) &&
+         attributes->Register(risks, reinterpret_cast<int *>(&ThreadCell(l_flow_risks)));
 }
 
 void Conn::ExitThread() {
@@ -145,8 +159,13 @@ void Conn::ExitThread() {
     if (name.append(kExpired)) {
       attributes->Unregister(name);
     }
+    fdt::string risks;
+    if (risks.append(kFlowRisks)) {
+      attributes->Unregister(risks);
+    }
   }
   ThreadWord(l_conn_expired) = 0;
+  ThreadWord(l_flow_risks) = 0;
 }
 
 } // namespace oru

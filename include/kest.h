@@ -99,7 +99,10 @@ typedef int (*kest_classify_callback_t)(kest_handle_t handle, kest_result_t *res
  * key:    the attribute's identifier on this thread (kest_attr_key_get()).
  * length, value: the attribute's bytes, borrowed for the call. For
  *         "conn.expired" the value is the 8-byte number of the dying
- *         connection.
+ *         connection. For "flow.risks" it is one flow risk's name (the
+ *         README's "Flow risks"), and conn_id is the connection it is
+ *         about, also for those raised as a connection ends: they come
+ *         before its "conn.expired".
  * packed: argument in the upper 16 bits, the low 16 bits of "more" in the
  *         lower; "more" non-zero means further pieces of the value follow.
  * user:   the user word of the running kest_classify(), or of the last one

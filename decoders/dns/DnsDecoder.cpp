@@ -4,8 +4,10 @@
 // datagram is a message; over TCP each message has a two-byte length in
 // front.
 #include "dns/DnsMessage.h"
+#include "dns/DnsRisks.h"
 
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Risks.h>
 
 namespace {
 
@@ -54,13 +56,19 @@ struct Dns {
       .module = oru::kit::MODULE_DNS,
       .protocols = {"DNS", "MDNS", "LLMNR"},
       .attributes = {"dns.query", "dns.qtype", "dns.rcode", "dns.answers"},
+      .borrowed = {oru::kit::kRiskAttribute},
       .tcp = true,
       .tcp_ports = {53},
       .udp = true,
       .udp_ports = {53, 5353, 5355},
       .tcp_framing = oru::kit::Framing::kRecords,
       .records = {.offset = 0, .width = 2, .max = 0x10000 + 2, .min = 2 + kest_dns::kHeaderSize}};
-  struct State {};
+  struct State {
+    // Risks raised, as bits of oru::kit::Risk; only plain DNS (not mDNS or
+    // LLMNR, whose names are made by devices) is judged.
+    uint32_t raised;
+    uint8_t plain;
+  };
   // The last message read; too large for the stack of every host.
   struct Thread {
     kest_dns::Summary summary;
@@ -91,8 +99,13 @@ struct Dns {
       // by the server (TC) may end early.
       const bool dns = verdict == kest_dns::Verdict::kDns ||
                        (verdict == kest_dns::Verdict::kDnsDamaged && m.truncated);
-      if (!dns || !s.Name(FlavorOf(s.tuple()))) {
+      const Flavor flavor = FlavorOf(s.tuple());
+      if (!dns || !s.Name(flavor)) {
         return Verdict::kNotMine;
+      }
+      s.state().plain = flavor == kDns ? 1 : 0;
+      if (flavor == kDns && s.tuple().src_port != 53 && s.tuple().dst_port != 53) {
+        RaiseOnce(s, oru::kit::Risk::kDnsOtherPort);
       }
     }
     if (verdict != kest_dns::Verdict::kNotDns) {
@@ -109,6 +122,27 @@ struct Dns {
                                                                : Verdict::kNotMine;
   }
 
+  static void RaiseOnce(Session &s, oru::kit::Risk risk) {
+    const uint32_t bit = uint32_t{1} << static_cast<unsigned>(risk);
+    if ((s.state().raised & bit) == 0) {
+      s.state().raised |= bit;
+      oru::kit::Raise(s, risk);
+    }
+  }
+
+  // A question's name and type, on plain DNS.
+  static void QuestionRisks(Session &s, const kest_dns::Summary &m) {
+    if (s.state().plain == 0) {
+      return;
+    }
+    if (kest_dns::GeneratedName(m.query, m.query_length)) {
+      RaiseOnce(s, oru::kit::Risk::kDnsGeneratedName);
+    }
+    if (kest_dns::TunnelName(m.query, m.query_length, m.qtype)) {
+      RaiseOnce(s, oru::kit::Risk::kDnsTunnel);
+    }
+  }
+
   // Every message reports what it has: the question (if any), the response
   // code of a response, the answers worth naming.
   static void Report(Session &s, const kest_dns::Summary &m) {
@@ -116,6 +150,7 @@ struct Dns {
     if (m.has_question) {
       s.Publish(kQuery, m.query, m.query_length);
       s.Publish(kQtype, word, kest_dns::FormatType(m.qtype, word, sizeof word));
+      QuestionRisks(s, m);
     }
     if (m.response) {
       s.Publish(kRcode, word, kest_dns::FormatRcode(m.rcode, word, sizeof word));

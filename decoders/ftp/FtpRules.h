@@ -23,6 +23,7 @@ struct FtpRules {
                               .module = MODULE_FTP,
                               .protocols = {"FTP", "FTP_DATA"},
                               .attributes = {"ftp.user"},
+                              .borrowed = {kRiskAttribute},
                               .tcp = true,
                               .tcp_ports = {21}};
   static constexpr uint32_t kMaxLine = 1024;
@@ -33,6 +34,7 @@ struct FtpRules {
 
   // Commands shared with other protocols first, FTP's own from kOwn on.
   static constexpr int kUser = 0;
+  static constexpr int kPass = 1;
   static constexpr int kOwn = 9;
   static constexpr int kAuth = kOwn;
 
@@ -54,6 +56,14 @@ struct FtpRules {
     // Announcements not yet taken by the reader, with the side that made
     // each (whose address stands in for a missing one).
     Announcements announced;
+    // Flow risks found (a password in clear), and whether the login is
+    // still to come; FTP ends its reading with LINE_DONE, so `watching`
+    // stays clear and `settled` says the login was seen.
+    uint32_t risks;
+    uint8_t watching;
+    uint8_t settled;
+    uint8_t anonymous;
+    uint8_t user;
   };
 
   static constexpr const char *kCommands[] = {
@@ -81,7 +91,34 @@ struct FtpRules {
 
   static unsigned Mine(State &state, const auto &notes) {
     state.mine = 1;
-    return notes.filled[0] != 0 && state.expect == 0 ? LINE_MINE | LINE_DONE : LINE_MINE;
+    return Learnt(state, notes) ? LINE_MINE | LINE_DONE : LINE_MINE;
+  }
+
+  // The user is known and the password, if any, was sent.
+  static bool Learnt(const State &state, const auto &notes) {
+    return notes.filled[0] != 0 && state.settled != 0 && state.expect == 0;
+  }
+
+  // USER then PASS with a password, in clear: anonymous logins (user
+  // "anonymous" or "ftp") carry no secret.
+  static void Login(State &state, int command, const char *text, uint32_t length) {
+    const TextSpan argument = Rest(text, length, 4);
+    if (command == kUser) {
+      state.anonymous = (argument.length == 9 && StartsWith(argument.text, 9, "anonymous")) ||
+                                (argument.length == 3 && StartsWith(argument.text, 3, "ftp"))
+                            ? 1
+                            : 0;
+      state.user = 1;
+    } else if (command == kPass) {
+      state.settled = 1;
+      if (argument.length != 0 && state.anonymous == 0) {
+        state.risks |= RiskBit(Risk::kClearTextCredentials);
+      }
+    } else if (state.user != 0) {
+      // Another command after USER: the login went on without a password
+      // (or failed), and none is waited for any more.
+      state.settled = 1;
+    }
   }
 
   static unsigned ServerLine(State &state, const auto &notes, unsigned side, const char *text,
@@ -159,8 +196,9 @@ struct FtpRules {
     if (command == kUser) {
       notes.Set(0, Rest(text, length, 4));
     }
+    Login(state, command, text, length);
     if (state.mine != 0) {
-      return notes.filled[0] != 0 && state.expect == 0 ? LINE_DONE : LINE_GO_ON;
+      return Learnt(state, notes) ? LINE_DONE : LINE_GO_ON;
     }
     if (state.server_lines == 0 && state.commands >= 2 && state.own != 0) {
       return Mine(state, notes);

@@ -2,6 +2,7 @@
 // port (HTTP's usual ones tried first), its messages' parts under "http",
 // and the hosts' key/value rules of its module (HttpRules.h).
 #include "http/HttpInspector.h"
+#include <kest/kit/Risks.h>
 
 namespace {
 
@@ -10,6 +11,7 @@ struct Http {
       .plugin = "http",
       .module = oru::kit::MODULE_HTTP,
       .protocols = {"HTTP", "WebSocket"},
+      .borrowed = {oru::kit::kRiskAttribute},
       .tcp = true,
       .tcp_ports = {80, 8080, 8000, 8008, 8888, 3128},
   };

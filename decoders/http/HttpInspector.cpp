@@ -1,7 +1,9 @@
 #include "http/HttpInspector.h"
 
+#include "http/HttpRisks.h"
 #include "http/HttpRules.h"
 #include <kest/kit/Attach.h>
+#include <kest/kit/Risks.h>
 
 #include <kest/InterfaceBroker.h>
 #include <kest/fdt/ObjectPrefix.h>
@@ -36,7 +38,45 @@ bool ValueHas(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, const c
   return false;
 }
 
+// The value of a header line, cut to kRiskValueMax bytes; its length.
+uint32_t CopyValue(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r,
+                   char (&out)[kRiskValueMax]) {
+  uint32_t n = 0;
+  for (uint64_t p = r.value_start; p < r.value_end && n < kRiskValueMax; ++p) {
+    out[n++] = flow.At(p);
+  }
+  return n;
+}
+
 } // namespace
+
+void HttpInspector::RaiseOnce(unsigned risk) {
+  const uint32_t bit = uint32_t{1} << risk;
+  if ((m_raised & bit) == 0) {
+    m_raised |= bit;
+    oru::kit::RaiseOnActive(static_cast<oru::kit::Risk>(risk));
+  }
+}
+
+void HttpInspector::RequestRisks(const oru::FlowBuffer &flow, const oru::WebHeader &header) {
+  using oru::kit::Risk;
+  char value[kRiskValueMax];
+  for (const oru::KeyValueRecord &r : header.m_records) {
+    if (KeyIs(flow, r, "Host", 4)) {
+      if (NumericHost(value, CopyValue(flow, r, value))) {
+        RaiseOnce(static_cast<unsigned>(Risk::kHttpNumericHost));
+      }
+    } else if (KeyIs(flow, r, "Authorization", 13)) {
+      if (BasicCredentials(value, CopyValue(flow, r, value))) {
+        RaiseOnce(static_cast<unsigned>(Risk::kClearTextCredentials));
+      }
+    } else if (KeyIs(flow, r, "User-Agent", 10)) {
+      if (SuspiciousAgent(value, CopyValue(flow, r, value))) {
+        RaiseOnce(static_cast<unsigned>(Risk::kSuspiciousUserAgent));
+      }
+    }
+  }
+}
 
 bool HttpLauncher::Start(const oru::kit::Spec &spec, const kest_message::MessageOptions &options) {
   m_module = spec.module;
@@ -114,6 +154,8 @@ bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
     }
     return false;
   }
+  // A new response: the body of the last one was looked at, or never will be.
+  m_body_flow = nullptr;
   unsigned int code = 0;
   for (uint32_t i = 0; i < header.m_second.length && i < 3; ++i) {
     code = code * 10u + static_cast<unsigned int>(flow->At(header.m_second.pos + i) - '0');
@@ -136,12 +178,26 @@ bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
     m_switch = kConnect;
     return false;
   }
+  // The body follows the head; a chunked one begins with a size line, and
+  // is not looked at.
+  bool chunked = false;
+  for (const oru::KeyValueRecord &r : header.m_records) {
+    chunked =
+        chunked || (KeyIs(*flow, r, "Transfer-Encoding", 17) && ValueHas(*flow, r, "chunked", 7));
+  }
+  if (!chunked &&
+      (m_raised & (uint32_t{1} << static_cast<unsigned>(oru::kit::Risk::kHttpExecutable))) == 0) {
+    m_body_at = flow->m_read_pos;
+    m_body_flow = flow;
+    m_magic_have = 0;
+  }
   return true;
 }
 
 bool HttpInspector::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) {
   if (header.m_type == oru::WebLine::LINE_REQUEST) {
     const oru::FlowBuffer &flow = conn->m_flow[SideOf(*conn)];
+    RequestRisks(flow, header);
     const oru::FlowString &method = header.m_first;
     if (method.length == 4 && flow.Compare(method.pos, "HEAD", 4) == 0) {
       header.m_protocol = kHeadMark;
@@ -156,6 +212,29 @@ bool HttpInspector::OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::
   // it keeps the top of the stack for the connection's later messages.
   const uint32_t http = m_launcher->Proto(kHttpProto);
   return kest_message::Holds(*conn, http) || conn->PushProtocol(http);
+}
+
+bool HttpInspector::OnNewPacket(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                                oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  const oru::FlowBuffer &flow = conn->m_flow[SideOf(*conn)];
+  if (m_body_flow == &flow) {
+    for (uint64_t at = m_body_at + m_magic_have; m_magic_have < 4 && at < flow.End(); ++at) {
+      if (at < flow.Begin()) {
+        // Bytes lost to a gap: the body is not judged.
+        m_body_flow = nullptr;
+        break;
+      }
+      m_magic[m_magic_have++] = static_cast<unsigned char>(flow.At(at));
+    }
+    if (m_body_flow != nullptr && m_magic_have == 4) {
+      // The body's first four bytes are in: a program or not.
+      m_body_flow = nullptr;
+      if (ExecutableMagic(m_magic)) {
+        RaiseOnce(static_cast<unsigned>(oru::kit::Risk::kHttpExecutable));
+      }
+    }
+  }
+  return WebDpi::OnNewPacket(parent, pkt, tuple, conn);
 }
 
 unsigned int HttpInspector::StartTunnel(oru::ParentDpi *parent, oru::PktInfo &pkt,

@@ -63,6 +63,8 @@ public:
   bool Pipelining() override { return true; }
   bool HasMessageBody(oru::WebHeader &header) override;
   bool OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) override;
+  bool OnNewPacket(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
+                   oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
 
   // The phase of a connection that no longer carries HTTP messages: every
   // packet goes to the inspectors attached to this one.
@@ -84,6 +86,22 @@ private:
   Switch m_switch = kNone;
   // Whether the attached inspectors have been set up for the tunnel.
   bool m_tunnel = false;
+  // Flow risks raised on the connection, as bits of oru::kit::Risk, so
+  // that each is raised once.
+  uint32_t m_raised = 0;
+  // Where a response body begins whose first bytes are still to be seen,
+  // and in which of the connection's flows; null for none.
+  uint64_t m_body_at = 0;
+  const oru::FlowBuffer *m_body_flow = nullptr;
+  // The body's first bytes gathered so far: packets may cut them, and the
+  // flow keeps no bytes past a packet unless asked.
+  unsigned char m_magic[4] = {};
+  uint8_t m_magic_have = 0;
+
+  // Raises `risk` on the active connection unless it was raised before.
+  void RaiseOnce(unsigned risk);
+  // A request head's risks: Host, Authorization, User-Agent.
+  void RequestRisks(const oru::FlowBuffer &flow, const oru::WebHeader &header);
 };
 
 } // namespace kest_http

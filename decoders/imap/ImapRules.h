@@ -21,6 +21,7 @@ struct ImapRules {
                               .module = MODULE_IMAP,
                               .protocols = {"IMAP"},
                               .attributes = {},
+                              .borrowed = {kRiskAttribute},
                               .tcp = true,
                               .tcp_ports = {143}};
   // Capability lists make long greetings.
@@ -49,6 +50,12 @@ struct ImapRules {
     // The tag of a STARTTLS not answered yet (tls_tag_length 0: none).
     uint8_t tls_tag_length;
     char tls_tag[kMaxTag];
+    // Flow risks found (LOGIN in clear); the reading goes on past the
+    // greeting until the login is settled (LOGIN, AUTHENTICATE, STARTTLS
+    // or a command after the login).
+    uint32_t risks;
+    uint8_t watching;
+    uint8_t settled;
   };
 
   static bool IsTagChar(char c) {
@@ -160,6 +167,15 @@ struct ImapRules {
       }
       state.tls_tag_length = static_cast<uint8_t>(tag);
     }
+    const TextSpan verb = Rest(text, length, tag + 1);
+    if (IsCommand(verb.text, verb.length, "LOGIN")) {
+      // LOGIN <user> <password>: both in clear.
+      state.risks |= RiskBit(Risk::kClearTextCredentials);
+    }
+    if (!before_login || IsCommand(verb.text, verb.length, "LOGIN") ||
+        IsCommand(verb.text, verb.length, "AUTHENTICATE") || command == kStartTls) {
+      state.settled = 1;
+    }
     const unsigned plain = before_login ? LINE_GO_ON : LINE_PLAIN;
     return state.greeted != 0 || state.tagged >= 2 ? LINE_MINE | LINE_LEARNT | plain : plain;
   }
@@ -173,8 +189,11 @@ struct ImapRules {
           tag != 0 && CommandIndex(text + tag + 1, length - tag - 1, kStatuses) >= 0;
       state.role[side] = untagged || status ? ROLE_SERVER : ROLE_CLIENT;
     }
-    return state.role[side] == ROLE_SERVER ? ServerLine(state, text, length)
-                                           : ClientLine(state, text, length);
+    const unsigned say = state.role[side] == ROLE_SERVER ? ServerLine(state, text, length)
+                                                         : ClientLine(state, text, length);
+    // PREAUTH: no login to come.
+    state.watching = state.settled == 0 && (say & LINE_PLAIN) == 0 ? 1 : 0;
+    return say;
   }
 };
 

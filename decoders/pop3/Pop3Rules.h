@@ -19,6 +19,7 @@ struct Pop3Rules {
                               .module = MODULE_POP3,
                               .protocols = {"POP3"},
                               .attributes = {},
+                              .borrowed = {kRiskAttribute},
                               .tcp = true,
                               .tcp_ports = {110}};
   static constexpr uint32_t kMaxLine = 1024;
@@ -44,6 +45,12 @@ struct Pop3Rules {
     uint8_t list_asked;
     uint8_t in_list;
     uint8_t tls;
+    // Flow risks found (PASS in clear); the reading goes on past the
+    // greeting until the login is settled (PASS, APOP, AUTH, STLS or a
+    // command of the mailbox).
+    uint32_t risks;
+    uint8_t watching;
+    uint8_t settled;
   };
 
   static bool IsStatus(const char *text, uint32_t length) {
@@ -112,6 +119,13 @@ struct Pop3Rules {
                                IsCommand(word, 4, "RETR") || IsCommand(word, 3, "TOP")
                            ? 1
                            : 0;
+    if (IsCommand(word, 4, "PASS") || IsCommand(word, 4, "APOP") || IsCommand(word, 4, "AUTH") ||
+        command == kStls) {
+      state.settled = 1;
+      if (IsCommand(word, 4, "PASS") && Rest(text, length, 4).length != 0) {
+        state.risks |= RiskBit(Risk::kClearTextCredentials);
+      }
+    }
     if (command < kCounted) {
       return LINE_GO_ON;
     }
@@ -123,6 +137,9 @@ struct Pop3Rules {
                                    IsCommand(word, 4, "RSET")
                                ? LINE_PLAIN
                                : LINE_GO_ON;
+    if (plain != 0) {
+      state.settled = 1;
+    }
     state.asked = 1;
     ++state.commands;
     if (command >= kOwn) {
@@ -142,8 +159,10 @@ struct Pop3Rules {
     if (state.role[side] == ROLE_NONE) {
       state.role[side] = IsStatus(text, length) ? ROLE_SERVER : ROLE_CLIENT;
     }
-    return state.role[side] == ROLE_SERVER ? ServerLine(state, text, length)
-                                           : ClientLine(state, text, length);
+    const unsigned say = state.role[side] == ROLE_SERVER ? ServerLine(state, text, length)
+                                                         : ClientLine(state, text, length);
+    state.watching = state.settled == 0 ? 1 : 0;
+    return say;
   }
 };
 

@@ -17,6 +17,7 @@ struct SmtpRules {
                               .module = MODULE_SMTP,
                               .protocols = {"SMTP"},
                               .attributes = {"smtp.helo", "smtp.mail_from"},
+                              .borrowed = {kRiskAttribute},
                               .tcp = true,
                               .tcp_ports = {25, 587}};
   // 465 is SMTP inside TLS from the first byte: nothing for this reader.
@@ -48,6 +49,11 @@ struct SmtpRules {
     uint8_t mail;
     uint8_t tls;
     uint8_t mine;
+    // Flow risks found: AUTH PLAIN or LOGIN before any STARTTLS (after
+    // it, the lines are TLS and not read). The login comes before MAIL
+    // FROM, where the reading ends, so `watching` stays clear.
+    uint32_t risks;
+    uint8_t watching;
   };
 
   static int VerbOf(const char *text, uint32_t length) {
@@ -156,6 +162,14 @@ struct SmtpRules {
       break;
     case VERB_STARTTLS:
       state.tls = 1;
+      break;
+    case VERB_OTHER:
+      if (IsCommand(text, length, "AUTH")) {
+        const TextSpan how = Rest(text, length, 4);
+        if (IsCommand(how.text, how.length, "PLAIN") || IsCommand(how.text, how.length, "LOGIN")) {
+          state.risks |= RiskBit(Risk::kClearTextCredentials);
+        }
+      }
       break;
     case VERB_DATA:
     case VERB_BDAT:

@@ -6,6 +6,7 @@
 // encrypted. Each message reports "snmp.version", "snmp.community" (v1,
 // v2c) and "snmp.pdu" (the PDU's kind, or "encrypted").
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Risks.h>
 
 namespace {
 
@@ -16,9 +17,24 @@ struct Snmp {
                               .module = MODULE_SNMP,
                               .protocols = {"SNMP"},
                               .attributes = {"snmp.version", "snmp.community", "snmp.pdu"},
+                              .borrowed = {kRiskAttribute},
                               .udp = true,
                               .udp_ports = {161, 162}};
-  struct State {};
+  struct State {
+    uint8_t raised;
+  };
+
+  // A v1 or v2c community is a password sent in clear; the two that every
+  // agent ships with ("public", "private") are left out, as they guard
+  // nothing, and so is an empty one.
+  static bool SecretCommunity(const ByteReader &community) {
+    const char *text = reinterpret_cast<const char *>(community.Here());
+    const size_t n = community.Left();
+    const auto is = [&](const char *word, size_t length) {
+      return n == length && __builtin_memcmp(text, word, length) == 0;
+    };
+    return n != 0 && !is("public", 6) && !is("private", 7);
+  }
 
   static constexpr const char *kPdus[] = {
       "get-request",      "get-next-request", "response",    "set-request", "trap",
@@ -67,6 +83,10 @@ struct Snmp {
     s.Publish(0, version == 0 ? "1" : version == 1 ? "2c" : "3");
     if (version != 3) {
       s.Publish(1, reinterpret_cast<const char *>(community.Here()), community.Left());
+      if (s.state().raised == 0 && SecretCommunity(community)) {
+        s.state().raised = 1;
+        Raise(s, Risk::kClearTextCredentials);
+      }
     }
     s.Publish(2, pdu);
     return Verdict::kNamed;

@@ -4,7 +4,12 @@
 // IAC SE). The options negotiated, each once in order of appearance, report
 // "telnet.options" (by name, or number), eight at most; the first 1024 bytes
 // of each side are read.
+//
+// A login in clear raises clear_text_credentials: the server's text holds
+// a prompt ("login:" or "password:", any case) and the client then sends
+// text (a visible character outside commands) within those bytes.
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Risks.h>
 #include <kest/kit/TextLine.h>
 
 namespace {
@@ -16,6 +21,7 @@ struct Telnet {
                               .module = MODULE_TELNET,
                               .protocols = {"Telnet"},
                               .attributes = {"telnet.options"},
+                              .borrowed = {kRiskAttribute},
                               .tcp = true,
                               .tcp_ports = {23}};
   static constexpr uint32_t kMaxOptions = 8;
@@ -26,7 +32,39 @@ struct Telnet {
     uint32_t read[2];
     uint8_t seen[32]; // a bit per option reported
     uint8_t reported;
+    // How far the server's text has matched each prompt; whether one was
+    // seen, and the risk raised.
+    uint8_t matched[2];
+    uint8_t prompted;
+    uint8_t raised;
   };
+
+  static constexpr const char *kPrompts[2] = {"login:", "password:"};
+
+  // A text byte of either side, for the login rule.
+  static void Text(Session<Telnet> &s, unsigned side, uint32_t c) {
+    State &st = s.state();
+    if (st.raised != 0) {
+      return;
+    }
+    if (side == 0) {
+      if (st.prompted != 0 && c > 0x20 && c < 0x7f) {
+        st.raised = 1;
+        Raise(s, Risk::kClearTextCredentials);
+      }
+      return;
+    }
+    const char folded = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+    for (int i = 0; i < 2; ++i) {
+      // No prompt repeats its first letter, so a mismatch restarts simply.
+      uint8_t &m = st.matched[i];
+      m = folded == kPrompts[i][m] ? m + 1 : folded == kPrompts[i][0] ? 1 : 0;
+      if (kPrompts[i][m] == 0) {
+        st.prompted = 1;
+        m = 0;
+      }
+    }
+  }
 
   static void Report(Session<Telnet> &s, uint32_t option) {
     State &st = s.state();
@@ -68,6 +106,9 @@ struct Telnet {
     while (!r.Empty() && st.read[side] < kReadBytes) {
       const uint32_t c = r.U8();
       ++st.read[side];
+      if (at == kText && c != 255) {
+        Text(s, side, c);
+      }
       if (at == kText || at == kSub) {
         at = c == 255 ? at + 1 : at;
       } else if (at == kIac && !s.named() && (c < 251 || c > 254)) {
@@ -88,7 +129,9 @@ struct Telnet {
       }
     }
     const bool done = st.read[0] >= kReadBytes && st.read[1] >= kReadBytes;
-    return done || st.reported == kMaxOptions ? Verdict::kDone : Verdict::kNeedMore;
+    // Past the options, the login is still read for, within the bytes.
+    return done || (st.reported == kMaxOptions && st.raised != 0) ? Verdict::kDone
+                                                                  : Verdict::kNeedMore;
   }
 };
 

@@ -4,6 +4,7 @@
 
 #include <kest/MemTag.h>
 #include <kest/Runtime.h>
+#include <kest/kit/Risks.h>
 
 namespace kest_decoders {
 
@@ -183,9 +184,45 @@ void ConnTable::OnRuleUsed(const void *data, uint32_t length) {
   m_rules.ApplyAnnouncement(data, length);
 }
 
+void ConnTable::EndRisks(TransportConn &conn) {
+  using oru::kit::Risk;
+  const oru::AppStack &stack = *conn.GetAppStack();
+  const bool named = !stack.entries.empty() && stack.app != stack.entries.front().proto;
+  const bool spoke[2] = {(conn.m_spoke & 1) != 0, (conn.m_spoke & 2) != 0};
+  // Most connections stop at one of the first tests: named and two-way.
+  bool unknown = false;
+  bool one_way = false;
+  if (!named) {
+    unknown = spoke[0] && spoke[1] && m_gate != nullptr && m_gate->KnownPort(conn.m_tuple.dst_port);
+  } else if (spoke[0] != spoke[1]) {
+    // Only a TCP connection seen from its SYN to its end, and not of a
+    // protocol that is one-way by design.
+    one_way = m_ip_protocol == 6 && conn.m_opened != 0 &&
+              (conn.m_closed != 0 || conn.m_fin[0] != 0 || conn.m_fin[1] != 0) &&
+              stack.app != m_one_way[0] && stack.app != m_one_way[1];
+  }
+  const bool other_port = conn.m_port_judged == 2;
+  if (!unknown && !one_way && !other_port) {
+    return;
+  }
+  // The dying connection is the one the report is about, for a moment.
+  oru::Conn *&active = oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn);
+  oru::Conn *const was = active;
+  active = &conn;
+  if (other_port) {
+    oru::kit::RaiseOnActive(Risk::kProtocolOnOtherPort);
+  }
+  if (unknown || one_way) {
+    oru::kit::RaiseOnActive(unknown ? Risk::kUnknownOnKnownPort : Risk::kOneDirection);
+  }
+  active = was;
+}
+
 void ConnTable::Drop(TransportConn *conn) {
-  // Inspectors hear of the end before anyone hears of the expiry.
+  // Inspectors hear of the end before anyone hears of the expiry, and the
+  // host hears of the connection's last risks before its expiry.
   conn->EndInspection();
+  EndRisks(*conn);
   oru::Conn *&active = oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn);
   if (active == nullptr) {
     // Nothing live is active (see below): report under the dying one.

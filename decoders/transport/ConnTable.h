@@ -110,6 +110,9 @@ public:
   // The decoders' gate, on the store with one rule; the table holds a
   // reference from the thread's start-up.
   DecoderGate *m_gate = nullptr;
+  // Protocols that carry data one way by design (a data connection, a log
+  // stream), not judged one_direction; 0 where a protocol is not known.
+  uint32_t m_one_way[2] = {};
 
 private:
   void Unlink(TransportConn *conn);
@@ -123,6 +126,9 @@ private:
   TransportConn *Oldest() const;
   // Reports the connection expired and drops the table's reference.
   void Drop(TransportConn *conn);
+  // The risks known only at the connection's end, raised on it before its
+  // expiry is reported.
+  void EndRisks(TransportConn &conn);
 
   uint8_t m_ip_protocol;
   uint16_t m_context;

@@ -149,7 +149,11 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
       for (uint64_t todo = live.bits[word] & order; todo != 0; todo &= todo - 1) {
         const size_t i = word * 64 + static_cast<size_t>(__builtin_ctzll(todo));
         const oru::InspectorCallback &member = m_members[i].callback;
+        const uint32_t app = own->GetAppStack()->app;
         const unsigned int r = member.Call(parent, pkt, tuple, conn);
+        if (own->GetAppStack()->app != app && level == 0 && own->m_port_judged == 0) {
+          JudgePorts(*own, i, first);
+        }
         if (r == oru::INSPECT_STAY) {
           continue;
         }
@@ -164,6 +168,13 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
     }
   }
   return Empty(live) ? oru::INSPECT_FINISHED : oru::INSPECT_STAY;
+}
+
+void DecoderGate::JudgePorts(TransportConn &own, size_t i, const Mask &first) const {
+  // Raised when the connection ends, after whatever the namer reports
+  // meanwhile, so that the order of a connection's values does not hang on
+  // how its bytes were cut into packets.
+  own.m_port_judged = !Has(first, i) && KnownPort(own.m_tuple.dst_port) ? 2 : 1;
 }
 
 void DecoderGate::ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn) {

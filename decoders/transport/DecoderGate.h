@@ -38,6 +38,13 @@ public:
                        oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
   void OnChainExit(oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
 
+  // Whether `port` is on some joined decoder's list: a well-known port.
+  bool KnownPort(uint16_t port) const {
+    Mask mask = {};
+    MarkPort(port, mask);
+    return !Empty(mask);
+  }
+
 private:
   struct Member {
     oru::InspectorCallback callback;
@@ -55,6 +62,10 @@ private:
   int LevelOf(const oru::Conn *conn) const { return m_busy == conn ? m_level + 1 : 0; }
   // Sets in `mask` the bit of every member tried first on `port`.
   void MarkPort(uint16_t port, Mask &mask) const;
+  // Member `i` named the connection first: a known protocol on another
+  // protocol's port when the server's port is some decoder's and neither
+  // of the connection's ports is the namer's own.
+  void JudgePorts(TransportConn &own, size_t i, const Mask &first) const;
   // Every member still on the connection at `level` leaves it.
   void ExitAll(TransportConn &own, int level, oru::fdt::intrusive_ptr<oru::Conn> &conn);
 

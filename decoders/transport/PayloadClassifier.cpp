@@ -57,6 +57,7 @@ unsigned PayloadClassifier::Classify(oru::ClassifyPacket *packet,
   flow.m_last_start = pos;
   flow.m_next_pos = pos + size;
   flow.UpdateStats(size);
+  own->m_spoke |= static_cast<uint8_t>(1u << side);
   target->Touch();
   conn = target;
   return Inspect(*own, flow, pos, size, nullptr, conn);
@@ -148,6 +149,7 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   const unsigned char side = segment.src == t.src && segment.src_port == t.src_port ? 0 : 1;
   own->SetSide(side);
   own->m_seen[side] = 1;
+  own->m_spoke |= static_cast<uint8_t>(segment.payload_length != 0 ? 1u << side : 0u);
   m_table->Used(own);
   conn = own;
   if (!ReportTransport(*own->GetAppStack())) {
@@ -194,6 +196,7 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
       // SYN: position 0 is the byte after it.
       flow.m_base_pos = segment.seq + 1u;
       own->m_seq_known[side] = 1;
+      own->m_opened |= side == 0 && (flags & 0x10) == 0 ? 1 : 0;
     } else if (own->m_seq_known[side] == 0 && segment.payload_length != 0) {
       // Picked up without a SYN: the first byte seen is position 0.
       flow.m_base_pos = segment.seq;

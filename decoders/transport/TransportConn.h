@@ -87,6 +87,14 @@ public:
   // Of those, the ones on their own ports, tried first.
   GateMask m_gate_first[2];
   uint8_t m_gate_started[2];
+  // A bit per side that carried payload.
+  uint8_t m_spoke;
+  // TCP: the client's SYN was seen, so the connection's start is in view.
+  uint8_t m_opened;
+  // The first naming of the connection by a decoder of the gate was judged
+  // against the ports: 1, or 2 for a known protocol on another protocol's
+  // port (raised at the end).
+  uint8_t m_port_judged;
 
 private:
   // The table clears m_table when it lets a connection go, so that a late

@@ -8,6 +8,7 @@
 #include <kest/ProtocolRegistry.h>
 #include <kest/SyncEventQueue.h>
 #include <kest/fdt/ObjectPrefix.h>
+#include <kest/kit/Risks.h>
 
 namespace kest_decoders {
 
@@ -80,6 +81,9 @@ bool TransportPlugin::InitThread() const {
     return false;
   }
   table->m_gate->add_ref();
+  // Known by now: every plug-in named its protocols when the instance opened.
+  table->m_one_way[0] = static_cast<uint32_t>(oru::GetProtocolId("FTP_DATA"));
+  table->m_one_way[1] = static_cast<uint32_t>(oru::GetProtocolId("Syslog"));
   oru::SyncEventQueue *queue = oru::SyncEventQueue::Instance();
   const uint32_t event = oru::SyncEventQueue::RegisterEvent(m_event);
   table->Rules().m_event = event;

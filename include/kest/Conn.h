@@ -130,8 +130,9 @@ public:
   bool PushProtocol(uint32_t proto);
 
   // Instance and thread life. The instance start-up sets the default policy
-  // keys and creates "conn.expired"; the thread start-up makes the thread's
-  // default policy follow those keys and registers for "conn.expired". False
+  // keys and creates "conn.expired" and "flow.risks"; the thread start-up
+  // makes the thread's default policy follow those keys and registers for
+  // both names. False
   // without memory or when the registration fails.
   static bool InitInstance();
   static bool InitThread();
@@ -146,6 +147,9 @@ public:
   static ThreadLocalKey l_default_policy;
   // The thread's identifier of "conn.expired"; 0 or less while nobody listens.
   static ThreadLocalKey l_conn_expired;
+  // The thread's identifier of "flow.risks", registered like "conn.expired"
+  // so that it outlives the plug-ins that raise risks.
+  static ThreadLocalKey l_flow_risks;
   // Last number handed out, per instance, under a process-wide lock.
   static uint64_t s_next_conn[kInstanceRows];
 

@@ -164,6 +164,12 @@ std::string Seconds(uint64_t us) {
 } // namespace
 
 void FlowRecord::AddAttr(const std::string &name, std::string value) {
+  if (name == "flow.risks") {
+    if (std::find(risks.begin(), risks.end(), value) == risks.end()) {
+      risks.push_back(std::move(value));
+    }
+    return;
+  }
   for (auto &attr : attrs) {
     if (attr.first == name) {
       attr.second.push_back(std::move(value));
@@ -197,6 +203,12 @@ std::string JsonLine(const FlowRecord &r, const std::string &app,
   for (size_t i = 0; i < stack.size(); ++i) {
     out += i != 0 ? "," : "";
     AppendJsonString(out, stack[i]);
+  }
+  out += "]";
+  out += ",\"risks\":[";
+  for (size_t i = 0; i < r.risks.size(); ++i) {
+    out += i != 0 ? "," : "";
+    AppendJsonString(out, r.risks[i]);
   }
   out += "]";
   AppendNumber(out, "orig_pkts", r.packets[0]);

@@ -29,6 +29,8 @@ struct FlowRecord {
   uint64_t packets[2] = {}; // from the client, from the server
   uint64_t bytes[2] = {};   // transport payload bytes
   std::vector<std::pair<std::string, std::vector<std::string>>> attrs;
+  // The distinct values of "flow.risks", in order of arrival.
+  std::vector<std::string> risks;
 
   void AddAttr(const std::string &name, std::string value);
 };

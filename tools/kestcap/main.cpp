@@ -35,6 +35,8 @@ const char *const kDefaultAttrs[] = {
     "http.response.code",
     "tls.server_name",
     "dns.query",
+    // Not an attribute of the line's "attrs": its values make "risks".
+    "flow.risks",
 };
 
 constexpr size_t kRingBytes = 8u << 20;

@@ -41,6 +41,15 @@
 // Once the protocol is named, the reader expects each announced end point
 // (and the same port on the announcing side's own address, which is the one
 // that counts behind address translation) through ExpectedFlows.
+//
+// A protocol whose lines can show flow risks (kest/kit/Risks.h: a password
+// in clear) also has:
+//   kSpec.borrowed      holding kRiskAttribute
+//   State::risks        a bit set, 1 << Risk, the rules add to; the reader
+//                       raises each once, once the protocol is named
+//   State::watching     while set, LINE_LEARNT does not end the reading:
+//                       the rules still wait for the lines that decide a
+//                       risk (a login); lines and LINE_DONE still bound it
 #ifndef KEST_KIT_LINEDECODER_H
 #define KEST_KIT_LINEDECODER_H
 
@@ -49,6 +58,7 @@
 #include <kest/kit/ExpectedFlows.h>
 #include <kest/kit/InnerChain.h>
 #include <kest/kit/ModuleIds.h>
+#include <kest/kit/Risks.h>
 #include <kest/kit/TextLine.h>
 
 #include <kest/AttributeMgr.h>
@@ -81,6 +91,11 @@ enum : unsigned {
   // TLS. Comes with LINE_DONE for readers that do not follow the turn.
   LINE_TLS = 64,
 };
+
+// The bit of a risk in State::risks.
+constexpr uint32_t RiskBit(Risk risk) {
+  return uint32_t{1} << static_cast<unsigned>(risk);
+}
 
 // Values the rules take from lines, to publish once the protocol is named.
 constexpr uint32_t kNoteCapacity = 256;
@@ -132,6 +147,12 @@ enum LineRole : uint8_t { ROLE_NONE, ROLE_CLIENT, ROLE_SERVER };
 
 // Notes of a protocol's rules: one per attribute.
 template <class Rules> constexpr int kNotesOf = Rules::kSpec.AttributeCount();
+
+template <class Rules>
+concept RaisingRisks = requires(typename Rules::State state) {
+  state.risks;
+  state.watching;
+};
 
 template <class Rules>
 concept Announcing = requires(typename Rules::State state) {
@@ -200,7 +221,7 @@ template <class Rules> struct Dialog {
       }
       plain |= (say & LINE_PLAIN) != 0 ? 1 : 0;
       learnt |= (say & LINE_LEARNT) != 0 ? 1 : 0;
-      if (learnt != 0 && (follow == 0 || plain != 0)) {
+      if (learnt != 0 && (follow == 0 || plain != 0) && !Watching()) {
         return LEAVE;
       }
       if ((say & LINE_SIDE_DONE) != 0) {
@@ -224,6 +245,13 @@ template <class Rules> struct Dialog {
   }
 
 private:
+  bool Watching() const {
+    if constexpr (RaisingRisks<Rules>) {
+      return state.watching != 0;
+    }
+    return false;
+  }
+
   uint32_t MaxLines() const {
     if constexpr (Announcing<Rules>) {
       return mine != 0 ? Rules::kMaxLinesNamed : Rules::kMaxLines;
@@ -291,6 +319,9 @@ public:
         return oru::INSPECT_FINISHED;
       }
       Publish(*c, dialog.notes);
+      if constexpr (RaisingRisks<Rules>) {
+        RaiseNew(entry.raised, dialog.state.risks);
+      }
       if constexpr (Announcing<Rules>) {
         Expect(*c, dialog.state.announced);
       }
@@ -375,6 +406,8 @@ public:
 private:
   struct Entry {
     Dialog<Rules> dialog;
+    // The risks raised already, as bits of State::risks.
+    uint32_t raised;
     // Set once the connection turned to TLS.
     oru::fdt::intrusive_ptr<InnerChain> inner;
   };
@@ -417,6 +450,19 @@ private:
         m_reg.Publish(i, notes.value[i], notes.length[i]);
       }
     }
+  }
+
+  // Each risk the rules found and nobody was told of yet, once.
+  void RaiseNew(uint32_t &raised, uint32_t risks) {
+    constexpr int kIndex = risk_detail::IndexIn(Rules::kSpec);
+    static_assert(kIndex >= 0,
+                  "list oru::kit::kRiskAttribute among the Spec's borrowed attributes");
+    for (uint32_t fresh = risks & ~raised; fresh != 0; fresh &= fresh - 1) {
+      const Risk risk = static_cast<Risk>(__builtin_ctz(fresh));
+      const char *name = RiskName(risk);
+      m_reg.Publish(kIndex, name, __builtin_strlen(name));
+    }
+    raised |= risks;
   }
 
   // Each announced end point, once the protocol is named.

@@ -164,4 +164,51 @@ TEST_F(ConnTableTest, DecoderGateRunsItsMembersAsAChainWould) {
   EXPECT_TRUE(rules.m_index.empty());
 }
 
+// The risks known only at a connection's end reach the host for that
+// connection before its expiry: a well-known port (a gate member's) that
+// carried bytes both ways nobody named, and nothing for the same bytes
+// one way only.
+TEST_F(ConnTableTest, EndRisksComeBeforeTheExpiry) {
+  kest_test::Log log;
+  oru::fdt::intrusive_ptr<kest_test::ScriptedInspector> member(
+      kest_test::ScriptedInspector::Make("M", &log, oru::INSPECT_FINISHED));
+  kest_decoders::DecoderGate &gate = *kTcp.Table()->m_gate;
+  const uint16_t http = 80;
+  ASSERT_TRUE(gate.Join(member.get(), &http, 1));
+  kest_test::g_deliveries.clear();
+  for (const char *name : {"conn.expired", "flow.risks"}) {
+    ASSERT_EQ(kest_attr_callback_set(h, name, kest_test::RecordingListener), 0) << name;
+  }
+  kest_idle(h);
+  const int risks = kest_attr_key_get(h, "flow.risks");
+  const int expired = kest_attr_key_get(h, "conn.expired");
+  const struct {
+    bool answered;
+    std::vector<int> keys;
+  } cases[] = {{true, {risks, expired}}, {false, {expired}}};
+  for (const auto &c : cases) {
+    kest_test::g_deliveries.clear();
+    oru::Conn *conn = Create(6); // to port 80
+    const uint64_t number = conn->m_number;
+    ASSERT_EQ(Classify(conn, 0, "\x01\x02"), 0);
+    if (c.answered) {
+      ASSERT_EQ(Classify(conn, 1, "\x03"), 0);
+    }
+    EXPECT_EQ(kest_conn_destroy(h, static_cast<oru::IConn *>(conn)), 0);
+    std::vector<int> keys;
+    for (const kest_test::Delivery &d : kest_test::g_deliveries) {
+      keys.push_back(d.key);
+      EXPECT_EQ(d.conn_id, number);
+      if (d.key == risks) {
+        EXPECT_EQ(d.value, "unknown_protocol_on_known_port");
+      }
+    }
+    EXPECT_EQ(keys, c.keys) << c.answered;
+  }
+  for (const char *name : {"conn.expired", "flow.risks"}) {
+    ASSERT_EQ(kest_attr_callback_set(h, name, nullptr), 0);
+  }
+  gate.Leave(member.get());
+}
+
 } // namespace
