@@ -32,6 +32,7 @@
 #include "tls/TlsHello.h"
 
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Services.h>
 #include <string.h>
 
 namespace {
@@ -279,6 +280,8 @@ private:
     if (hello.type == kest_tls::kClientHello) {
       if (hello.has_server_name) {
         s.Publish(kServerName, hello.server_name, hello.server_name_length);
+        oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
+                                   oru::SERVICE_SOURCE_SNI);
       }
       if (hello.has_alpn) {
         s.Publish(kAlpn, hello.alpn, hello.alpn_length);

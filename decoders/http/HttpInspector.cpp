@@ -2,6 +2,7 @@
 
 #include "http/HttpRules.h"
 #include <kest/kit/Attach.h>
+#include <kest/kit/Services.h>
 
 #include <kest/InterfaceBroker.h>
 #include <kest/fdt/ObjectPrefix.h>
@@ -34,6 +35,21 @@ bool ValueHas(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, const c
     }
   }
   return false;
+}
+
+// A request's Host names the server for service naming.
+void ReportHost(const oru::FlowBuffer &flow, const oru::WebHeader &header) {
+  for (const oru::KeyValueRecord &r : header.m_records) {
+    if (KeyIs(flow, r, "Host", 4) && r.value_end > r.value_start) {
+      char host[256];
+      size_t n = 0;
+      for (uint64_t p = r.value_start; p < r.value_end && n < sizeof host; ++p) {
+        host[n++] = flow.At(p);
+      }
+      oru::kit::ReportServerName(host, n, oru::SERVICE_SOURCE_HOST);
+      return;
+    }
+  }
 }
 
 } // namespace
@@ -106,6 +122,7 @@ bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
     return false;
   }
   if (header.m_type == oru::WebLine::LINE_REQUEST) {
+    ReportHost(*flow, header);
     // A request has a body only when its head says so.
     for (const oru::KeyValueRecord &r : header.m_records) {
       if (KeyIs(*flow, r, "Content-Length", 14) || KeyIs(*flow, r, "Transfer-Encoding", 17)) {

@@ -8,6 +8,7 @@
 #include "tls/TlsHello.h"
 
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Services.h>
 #include <string.h>
 
 namespace {
@@ -131,6 +132,8 @@ private:
     if (hello.type == kest_tls::kClientHello) {
       if (hello.has_server_name) {
         s.Publish(kServerName, hello.server_name, hello.server_name_length);
+        oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
+                                   oru::SERVICE_SOURCE_SNI);
       }
       if (hello.has_alpn) {
         state.client_alpn = true;
