@@ -40,9 +40,6 @@ enum Attribute { kName, kCategory, kSource };
 constexpr const char *kCatalogueItem = "service.catalogue";
 // A user catalogue larger than this is refused whole.
 constexpr size_t kMaxCatalogueFile = 8u << 20;
-// Client packets with payload after which a connection that named no server
-// is looked up by its address: its own name, if it has one, comes first.
-constexpr uint8_t kClientPayloads = 3;
 
 // The learned store of each instance, made with the instance.
 LearnedNames *s_learned[oru::kInstanceRows] = {};
@@ -189,18 +186,18 @@ public:
     if (!conn) {
       return oru::INSPECT_FINISHED;
     }
-    Seen &seen = SeenOf(*conn);
-    if (seen.source != oru::SERVICE_SOURCE_NONE) {
-      // The connection named its server: nothing to add.
-      return oru::INSPECT_FINISHED;
-    }
     if (pkt.data == nullptr || pkt.length == 0) {
+      // A handshake: nothing is known yet.
       return oru::INSPECT_STAY;
     }
-    if (pkt.side == 0 && ++seen.payloads < kClientPayloads) {
-      return oru::INSPECT_STAY;
+    // The first payload decides. Staying longer would keep the chain from
+    // emptying, and decoders that wait for an empty chain (those that read
+    // a side's later messages through a callback) would miss the packet
+    // on which it empties. A server name that comes later still replaces
+    // what the address said.
+    if (SeenOf(*conn).source == oru::SERVICE_SOURCE_NONE) {
+      ByAddress(*conn, conn->m_tuple.dst);
     }
-    ByAddress(*conn, conn->m_tuple.dst);
     return oru::INSPECT_FINISHED;
   }
 
@@ -270,7 +267,6 @@ private:
     uint64_t number = 0;
     int32_t service = -1;
     oru::ServiceSource source = oru::SERVICE_SOURCE_NONE;
-    uint8_t payloads = 0;
   };
   static constexpr size_t kSeen = 4096;
 
