@@ -287,6 +287,7 @@ void Catalogue::Clear() {
   m_service_count = m_service_capacity = 0;
   m_suffix_count = m_suffix_capacity = 0;
   m_range_count = m_range_capacity = 0;
+  m_max_labels = 0;
   while (m_blocks != nullptr) {
     Block *next = m_blocks->next;
     kest_free_local(m_blocks);
@@ -363,6 +364,7 @@ int Catalogue::AddService(const char *name, size_t name_length, const char *cate
   if (m_names.insert(static_cast<uintptr_t>(name_key), m_service_count) == m_names.end()) {
     return -1;
   }
+  m_names.touch(static_cast<uintptr_t>(name_key));
   m_services[m_service_count] = Service{kept_name, kept_category};
   return static_cast<int>(m_service_count++);
 }
@@ -383,9 +385,19 @@ bool Catalogue::AddSuffix(const char *text, size_t length, uint32_t service) {
     return false;
   }
   m_suffix_list[m_suffix_count] = Suffix{kept, static_cast<uint16_t>(length), service};
+  unsigned labels = 1;
+  for (size_t i = 0; i < length; ++i) {
+    labels += text[i] == '.' ? 1 : 0;
+  }
+  if (labels > m_max_labels) {
+    m_max_labels = labels;
+  }
   if (m_suffixes.insert(static_cast<uintptr_t>(key), m_suffix_count) == m_suffixes.end()) {
     return false;
   }
+  // A growing table moves its elements to the larger buckets a step per
+  // touch: look-ups never touch, so loading does, or chains stay long.
+  m_suffixes.touch(static_cast<uintptr_t>(key));
   ++m_suffix_count;
   return true;
 }
@@ -519,10 +531,15 @@ int Catalogue::Match(const char *name, size_t length, uint64_t *key) const {
   // longest suffix.
   int found = -1;
   uint64_t h = kFnvBasis;
+  unsigned labels = 0;
   for (size_t i = length; i > 0; --i) {
     h = Step(h, name[i - 1]);
     if (i - 1 != 0 && name[i - 2] != '.') {
       continue;
+    }
+    // No suffix has more labels than the longest one.
+    if (++labels > m_max_labels) {
+      break;
     }
     const uint64_t k = Final(h);
     auto it = m_suffixes.find(static_cast<uintptr_t>(k));

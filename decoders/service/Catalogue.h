@@ -96,6 +96,8 @@ private:
   Suffix *m_suffix_list = nullptr;
   uint32_t m_suffix_count = 0;
   uint32_t m_suffix_capacity = 0;
+  // The most labels of any suffix: a name's longer suffixes are not looked up.
+  unsigned m_max_labels = 0;
   Range *m_ranges = nullptr;
   uint32_t m_range_count = 0;
   uint32_t m_range_capacity = 0;
