@@ -6,7 +6,8 @@
 // Each thread keeps its own catalogue: the built-in one, then the user's
 // (the file the configuration item "service.catalogue" names), read at the
 // thread's start and again when the item changes. The addresses learned
-// from DNS answers are one store per instance (LearnedNames.h).
+// from DNS answers are one store per instance (LearnedNames.h), shared by
+// its threads.
 //
 // What was published is remembered per connection in a small direct-mapped
 // table by connection number: a connection that loses its place to another
@@ -41,12 +42,44 @@ constexpr const char *kCatalogueItem = "service.catalogue";
 // A user catalogue larger than this is refused whole.
 constexpr size_t kMaxCatalogueFile = 8u << 20;
 
-// The learned store of each instance, made with the instance.
+// The learned store of each instance, made by its first thread to start and
+// given back by its last to stop: an instance that fails to open calls no
+// plug-in's instance exit, and a store made there would be lost.
 LearnedNames *s_learned[oru::kInstanceRows] = {};
+uint32_t s_learned_users[oru::kInstanceRows] = {};
+oru::SpinLock s_learned_lock = 0;
 
 LearnedNames *Learned() {
   const int row = oru::Runtime::l_instance_id;
   return row >= 0 && row < oru::kInstanceRows ? s_learned[row] : nullptr;
+}
+
+bool UseLearned() {
+  const int row = oru::Runtime::l_instance_id;
+  if (row < 0 || row >= oru::kInstanceRows) {
+    return false;
+  }
+  oru::SpinGuard hold(s_learned_lock);
+  if (s_learned[row] == nullptr) {
+    s_learned[row] = LearnedNames::Create();
+    if (s_learned[row] == nullptr) {
+      return false;
+    }
+  }
+  ++s_learned_users[row];
+  return true;
+}
+
+void LeaveLearned() {
+  const int row = oru::Runtime::l_instance_id;
+  if (row < 0 || row >= oru::kInstanceRows) {
+    return;
+  }
+  oru::SpinGuard hold(s_learned_lock);
+  if (s_learned_users[row] != 0 && --s_learned_users[row] == 0) {
+    LearnedNames::Destroy(s_learned[row]);
+    s_learned[row] = nullptr;
+  }
 }
 
 const char *SourceName(oru::ServiceSource source) {
@@ -139,6 +172,10 @@ struct ServicePlugin {
 class ServiceInspector final : public oru::Inspector, public oru::IServices {
 public:
   bool Start() {
+    if (!UseLearned()) {
+      return false;
+    }
+    m_uses_learned = true;
     if (!m_reg.Start(ServicePlugin::kSpec) || !LoadCatalogue()) {
       return false;
     }
@@ -177,6 +214,10 @@ public:
     m_reg.Stop();
     oru::fdt::DestroyObject(m_catalogue);
     m_catalogue = nullptr;
+    if (m_uses_learned) {
+      LeaveLearned();
+      m_uses_learned = false;
+    }
   }
 
   void Link() { m_reg.Link(); }
@@ -360,38 +401,9 @@ private:
   Seen m_seen[kSeen];
   bool m_registered = false;
   bool m_subscribed = false;
+  bool m_uses_learned = false;
 };
-
-bool InitInstance() {
-  const int row = oru::Runtime::l_instance_id;
-  if (row < 0 || row >= oru::kInstanceRows) {
-    return false;
-  }
-  if (s_learned[row] == nullptr) {
-    s_learned[row] = LearnedNames::Create();
-    if (s_learned[row] == nullptr) {
-      return false;
-    }
-  }
-  return oru::kit::Plugin<ServicePlugin>::InitInstance();
-}
-
-void ExitInstance() {
-  oru::kit::Plugin<ServicePlugin>::ExitInstance();
-  const int row = oru::Runtime::l_instance_id;
-  if (row >= 0 && row < oru::kInstanceRows) {
-    LearnedNames::Destroy(s_learned[row]);
-    s_learned[row] = nullptr;
-  }
-}
-
-using Kit = oru::kit::Plugin<ServicePlugin>;
-constexpr oru::PluginEntryTable kTable = {Kit::GetName,    Kit::GetVersion, InitInstance,
-                                          Kit::InitThread, Kit::LinkThread, Kit::StartThread,
-                                          Kit::ExitThread, ExitInstance};
 
 } // namespace
 
-KEST_PLUGIN_QUERY {
-  return &kTable;
-}
+KEST_DECODER(ServicePlugin)
