@@ -248,26 +248,22 @@ public:
         source == oru::SERVICE_SOURCE_NONE) {
       return;
     }
+    // Of one source, the first service named stays (a DNS flow's later
+    // questions, a proxy's later hosts).
     Seen &seen = SeenOf(*conn);
-    if (source < seen.source) {
+    if (source <= seen.source) {
       return;
     }
     if (source == oru::SERVICE_SOURCE_HOST) {
       length = WithoutPort(name, length);
     }
+    // A name the catalogue does not know holds nothing back: the address
+    // may still say.
     const int service = m_catalogue->Match(name, length);
-    if (service < 0 && seen.service >= 0) {
-      // An unknown name does not take away a service named already.
+    if (service < 0) {
       return;
     }
-    if (source > seen.source) {
-      seen.source = source;
-      if (service < 0) {
-        return;
-      }
-    } else if (service == seen.service) {
-      return;
-    }
+    seen.source = source;
     Publish(*conn, seen, service, source);
   }
 
