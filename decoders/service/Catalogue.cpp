@@ -412,7 +412,9 @@ bool Catalogue::AddRange(const oru::IpAddr &base, uint8_t bits, uint32_t service
   if (!Grow(m_ranges, m_range_count, m_range_capacity)) {
     return false;
   }
-  m_ranges[m_range_count++] = Range{base, bits, service};
+  const oru::IpAddr all(~0ull, ~0ull);
+  const bool v4 = bits >= 96 && base.m_high == 0 && (base.m_low >> 32) == 0;
+  m_ranges[m_range_count++] = Range{base, Masked(all, bits), bits, v4, -1, service};
   return true;
 }
 
@@ -501,6 +503,7 @@ bool Catalogue::Load(const char *text, size_t length, unsigned *skipped,
     ++line_number;
     bool malformed = false;
     if (!LoadLine(text + start, stop - start, malformed)) {
+      SortRanges();
       return false;
     }
     if (malformed) {
@@ -513,6 +516,7 @@ bool Catalogue::Load(const char *text, size_t length, unsigned *skipped,
     }
     start = stop + 1;
   }
+  SortRanges();
   return true;
 }
 
@@ -570,17 +574,72 @@ int Catalogue::ByKey(uint64_t key) const {
   return it == m_suffixes.end() ? -1 : static_cast<int>(m_suffix_list[it->second].service);
 }
 
+bool Catalogue::Holds(const Range &r, const oru::IpAddr &address, bool v4) {
+  return r.v4 == v4 && (address.m_high & r.mask.m_high) == r.base.m_high &&
+         (address.m_low & r.mask.m_low) == r.base.m_low;
+}
+
+bool Catalogue::Before(const Range &a, const Range &b) {
+  return a.base < b.base || (a.base == b.base && a.bits < b.bits);
+}
+
+void Catalogue::SortRanges() {
+  // Heap sort by base, then length: no memory, no worst case.
+  Range *r = m_ranges;
+  const uint32_t n = m_range_count;
+  auto sift = [r](uint32_t at, uint32_t end) {
+    for (uint32_t child = 2 * at + 1; child < end; at = child, child = 2 * at + 1) {
+      if (child + 1 < end && Before(r[child], r[child + 1])) {
+        ++child;
+      }
+      if (!Before(r[at], r[child])) {
+        return;
+      }
+      const Range t = r[at];
+      r[at] = r[child];
+      r[child] = t;
+    }
+  };
+  for (uint32_t i = n / 2; i > 0; --i) {
+    sift(i - 1, n);
+  }
+  for (uint32_t end = n; end > 1; --end) {
+    const Range t = r[0];
+    r[0] = r[end - 1];
+    r[end - 1] = t;
+    sift(0, end - 1);
+  }
+  // Address ranges nest or stay apart: each one's parent is the nearest
+  // earlier range that holds its base.
+  for (uint32_t i = 0; i < n; ++i) {
+    int32_t p = static_cast<int32_t>(i) - 1;
+    while (p >= 0 && !(Holds(r[p], r[i].base, r[i].v4) && r[p].bits < r[i].bits)) {
+      p = r[p].parent;
+    }
+    r[i].parent = p;
+  }
+}
+
 int Catalogue::MatchAddress(const oru::IpAddr &address) const {
-  int found = -1;
-  int best = -1;
-  for (uint32_t i = 0; i < m_range_count; ++i) {
-    const Range &r = m_ranges[i];
-    if (static_cast<int>(r.bits) > best && Masked(address, r.bits) == r.base) {
-      best = r.bits;
-      found = static_cast<int>(r.service);
+  const bool v4 = address.m_high == 0 && (address.m_low >> 32) == 0;
+  // The last range that starts at or before the address; the longest range
+  // that holds it is that one or one of its parents.
+  uint32_t low = 0;
+  uint32_t high = m_range_count;
+  while (low < high) {
+    const uint32_t mid = low + (high - low) / 2;
+    if (address < m_ranges[mid].base) {
+      high = mid;
+    } else {
+      low = mid + 1;
     }
   }
-  return found;
+  for (int32_t at = static_cast<int32_t>(low) - 1; at >= 0; at = m_ranges[at].parent) {
+    if (Holds(m_ranges[at], address, v4)) {
+      return static_cast<int>(m_ranges[at].service);
+    }
+  }
+  return -1;
 }
 
 } // namespace kest_service

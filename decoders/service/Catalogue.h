@@ -78,7 +78,10 @@ private:
   };
   struct Range {
     oru::IpAddr base; // masked
-    uint8_t bits;     // of 128: an IPv4 range counts 96 more
+    oru::IpAddr mask;
+    uint8_t bits;   // of 128: an IPv4 range counts 96 more
+    bool v4;        // an IPv4 range holds only IPv4 addresses
+    int32_t parent; // once sorted: the nearest range that holds this one, or -1
     uint32_t service;
   };
 
@@ -87,6 +90,9 @@ private:
                  size_t category_length);
   bool AddSuffix(const char *text, size_t length, uint32_t service);
   bool AddRange(const oru::IpAddr &base, uint8_t bits, uint32_t service);
+  void SortRanges();
+  static bool Holds(const Range &r, const oru::IpAddr &address, bool v4);
+  static bool Before(const Range &a, const Range &b);
   char *Keep(const char *text, size_t length, bool lower);
   template <class T> bool Grow(T *&array, uint32_t count, uint32_t &capacity);
 

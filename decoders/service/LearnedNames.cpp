@@ -56,17 +56,28 @@ void LearnedNames::Learn(const oru::IpAddr &address, uint64_t key, uint32_t ttl,
       victim = &slot;
     }
   }
+  if (victim->key == 0) {
+    __atomic_store_n(&m_used, m_used + 1, __ATOMIC_RELAXED);
+  }
   victim->address = address;
   victim->key = key;
   victim->expiry = expiry;
 }
 
 uint64_t LearnedNames::Find(const oru::IpAddr &address, uint64_t now) {
+  if (__atomic_load_n(&m_used, __ATOMIC_RELAXED) == 0) {
+    // Nothing learned yet: most connections of a host that sees no DNS.
+    return 0;
+  }
   const uint32_t home = Home(address);
   oru::SpinGuard hold(m_lock);
   for (uint32_t i = 0; i < kProbe; ++i) {
     const Slot &slot = m_slots[(home + i) & (kSlots - 1)];
-    if (slot.key != 0 && slot.address == address) {
+    if (slot.key == 0) {
+      // Slots are never emptied, and an entry never goes past an empty one.
+      return 0;
+    }
+    if (slot.address == address) {
       return slot.expiry >= now ? slot.key : 0;
     }
   }

@@ -52,6 +52,8 @@ private:
   static uint32_t Home(const oru::IpAddr &address);
 
   oru::SpinLock m_lock = 0;
+  // Slots taken, ever (they are reused, never emptied).
+  uint32_t m_used = 0;
   Slot *m_slots = nullptr;
 };
 

@@ -306,6 +306,7 @@ private:
     oru::ServiceSource source = oru::SERVICE_SOURCE_NONE;
   };
   static constexpr size_t kSeen = 4096;
+  static constexpr uint32_t kKnownApps = 512;
 
   static oru::Conn *ActiveConn() { return oru::ThreadPointer<oru::Conn>(oru::Conn::l_active_conn); }
 
@@ -368,16 +369,29 @@ private:
   }
 
   // Whether a host's custom application named the connection: its name
-  // stays the connection's, and no service is added to it.
-  static bool CustomApplication(oru::Conn &conn) {
+  // stays the connection's, and no service is added to it. The answer for
+  // an application index is kept: hosts add their applications before
+  // classifying.
+  bool CustomApplication(oru::Conn &conn) {
     const uint32_t app = conn.GetAppStack()->app;
-    oru::fdt::string name;
-    if (app == 0 || !oru::ProtocolRegistry::IndexToName(static_cast<int>(app), name)) {
+    if (app == 0) {
       return false;
     }
-    char key[64];
-    kest_snprintf(key, sizeof key, "customproto.%s", name.c_str());
-    return !oru::Configuration::GetItem(key).empty();
+    uint8_t *known = app < kKnownApps ? &m_custom_app[app] : nullptr;
+    if (known != nullptr && *known != 0) {
+      return *known == 2;
+    }
+    oru::fdt::string name;
+    bool custom = false;
+    if (oru::ProtocolRegistry::IndexToName(static_cast<int>(app), name)) {
+      char key[64];
+      kest_snprintf(key, sizeof key, "customproto.%s", name.c_str());
+      custom = !oru::Configuration::GetItem(key).empty();
+    }
+    if (known != nullptr) {
+      *known = custom ? 2 : 1;
+    }
+    return custom;
   }
 
   void Publish(oru::Conn &conn, Seen &seen, int service, oru::ServiceSource source) {
@@ -398,6 +412,8 @@ private:
   bool m_registered = false;
   bool m_subscribed = false;
   bool m_uses_learned = false;
+  // By application index: 0 not asked yet, 1 a protocol, 2 a host's own.
+  uint8_t m_custom_app[kKnownApps] = {};
 };
 
 } // namespace

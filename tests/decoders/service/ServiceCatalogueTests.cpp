@@ -149,6 +149,53 @@ TEST(ServiceCatalogue, AgreesWithAScanOfEverySuffix) {
   }
 }
 
+// The address match against a scan of every range: the longest range that
+// holds the address, the later of two equal ones.
+TEST(ServiceCatalogue, AddressesAgreeWithAScanOfEveryRange) {
+  std::mt19937 random(5);
+  struct Plain {
+    uint32_t base;
+    int bits;
+    int service;
+  };
+  std::vector<Plain> ranges;
+  std::string text;
+  for (int i = 0; i < 400; ++i) {
+    const int bits = 8 + static_cast<int>(random() % 25);
+    const uint32_t base = (0x0A000000u | (random() & 0x00FFFFFFu)) & (~0u << (32 - bits));
+    text += "R" + std::to_string(i) + " | web | | " + std::to_string(base >> 24) + "." +
+            std::to_string(base >> 16 & 255) + "." + std::to_string(base >> 8 & 255) + "." +
+            std::to_string(base & 255) + "/" + std::to_string(bits) + "\n";
+    bool known = false;
+    for (Plain &r : ranges) {
+      if (r.base == base && r.bits == bits) {
+        r.service = i;
+        known = true;
+      }
+    }
+    if (!known) {
+      ranges.push_back({base, bits, i});
+    }
+  }
+  Catalogue c;
+  unsigned skipped = 0;
+  ASSERT_TRUE(c.Load(text.data(), text.size(), &skipped));
+  ASSERT_EQ(skipped, 0u);
+  for (int i = 0; i < 20000; ++i) {
+    const uint32_t address = 0x0A000000u | (random() & 0x00FFFFFFu);
+    int want = -1;
+    int longest = -1;
+    for (const Plain &r : ranges) {
+      if ((address & (~0u << (32 - r.bits))) == r.base && r.bits > longest) {
+        longest = r.bits;
+        want = r.service;
+      }
+    }
+    const int got = c.MatchAddress(oru::IpAddr::FromV4(address));
+    ASSERT_EQ(got < 0 ? -1 : std::stoi(c.At(got).name + 1), want) << std::hex << address;
+  }
+}
+
 // Every line of the built-in catalogue reads, and the services the shared
 // captures name most are there.
 TEST(ServiceCatalogue, BuiltInLinesAllRead) {
