@@ -6,11 +6,14 @@
 #include "service/Catalogue.h"
 #include "service/LearnedNames.h"
 #include "tests/decoders/DataRows.h"
+#include "tests/support/PluginFolder.h"
+#include "tests/support/StackNames.h"
 #include "tests/support/TestHooks.h"
 
 #include <kest.h>
 
 #include <arpa/inet.h>
+#include <cstdio>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -290,6 +293,91 @@ TEST(LearnedNames, CnameChainServesTheQuestion) {
                key, a.ttl, 50);
   EXPECT_EQ(NameOf(c, c.ByKey(store->Find(Address("127.0.0.2"), 100))), "Netflix");
   LearnedNames::Destroy(store);
+}
+
+// The plug-in on a classifying thread: the user catalogue named at the
+// thread's start wins over the built-in one, and a new file named while the
+// thread runs serves the connections that start after the next idle pass.
+std::string g_service;
+
+int OnService(kest_handle_t, kest_conn_id_t, int, int length, const void *value, int, void *) {
+  g_service.assign(static_cast<const char *>(value), static_cast<size_t>(length));
+  return 0;
+}
+
+// A DNS question for www.youtube.com from 10.0.0.1:`port` to 10.0.0.2:53.
+std::vector<uint8_t> Question(uint16_t port) {
+  std::vector<uint8_t> dns =
+      kest_test::HexBytes("1111010000010000000000000377777707796f757475626503636f6d0000010001");
+  const size_t udp = 8 + dns.size();
+  std::vector<uint8_t> p = {0x45,
+                            0,
+                            0,
+                            static_cast<uint8_t>(20 + udp),
+                            0,
+                            0,
+                            0x40,
+                            0,
+                            64,
+                            17,
+                            0,
+                            0,
+                            10,
+                            0,
+                            0,
+                            1,
+                            10,
+                            0,
+                            0,
+                            2,
+                            static_cast<uint8_t>(port >> 8),
+                            static_cast<uint8_t>(port),
+                            0,
+                            53,
+                            0,
+                            static_cast<uint8_t>(udp),
+                            0,
+                            0};
+  p.insert(p.end(), dns.begin(), dns.end());
+  return p;
+}
+
+class ServicePlugin : public kest_test::PluginFolderFixture {};
+
+TEST_F(ServicePlugin, UserCatalogueAtStartAndOnChange) {
+  const std::string first = testing::TempDir() + "services_first.txt";
+  const std::string second = testing::TempDir() + "services_second.txt";
+  std::ofstream(first) << "Tube | music | youtube.com\nnot a line\n";
+  std::ofstream(second) << "Vids | streaming | www.youtube.com\n";
+  const kest_handle_t h =
+      kest_open(Folder({KEST_TEST_TCP_PLG, KEST_TEST_UDP_PLG, KEST_TEST_WIRE_PLG, KEST_TEST_DNS_PLG,
+                        KEST_TEST_SERVICE_PLG})
+                    .c_str());
+  ASSERT_GT(h, 0);
+  ASSERT_EQ(kest_config_set(h, "service.catalogue", first.c_str()), 0);
+  ASSERT_EQ(kest_init(h), 0);
+  ASSERT_EQ(kest_attr_callback_set(h, "service.name", OnService), 0) << kest_test::TakeLog();
+  kest_idle(h);
+  const std::pair<const char *, const char *> steps[] = {
+      {nullptr, "Tube"}, {second.c_str(), "Vids"}, {"", "YouTube"}};
+  uint16_t port = 40000;
+  for (const auto &[file, want] : steps) {
+    if (file != nullptr) {
+      ASSERT_EQ(kest_config_set(h, "service.catalogue", file), 0);
+      kest_idle(h);
+    }
+    g_service.clear();
+    std::vector<uint8_t> packet = Question(port++);
+    std::string stack;
+    kest_classify(h, KEST_SELECTOR_IP, packet.data(), static_cast<uint16_t>(packet.size()), nullptr,
+                  0, kest_test::LastStack, &stack);
+    EXPECT_EQ(stack, "UDP/DNS");
+    EXPECT_EQ(g_service, want);
+  }
+  EXPECT_EQ(kest_fini(h), 0);
+  EXPECT_EQ(kest_close(h), 0);
+  std::remove(first.c_str());
+  std::remove(second.c_str());
 }
 
 } // namespace
