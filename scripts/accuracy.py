@@ -51,6 +51,31 @@ UNCOUNTED = {
     "are both guesses about noise",
 }
 
+# The peer's service names (the part after the dot of "TLS.YouTube") against
+# the services of kest's catalogue that count as the same. The peer groups
+# some services under their owner ("Google" for its advertising and public
+# DNS too) where kest's catalogue keeps them apart; a flow agrees when kest
+# names any of the services listed. Labels whose second part is a protocol
+# (NetBIOS.SMBv1, HTTP.HTTP_Proxy, GTP.GTP_U) are not services.
+GOOGLE = {"Google", "Google Ads", "Google Public DNS", "Gmail", "Google Drive", "Google Play",
+          "Google Meet", "Google Maps", "Google Cloud", "Connectivity Check",
+          "Google Chrome Update"}
+PEER_SERVICES = {
+    "Amazon": {"Amazon", "Amazon Alexa"}, "AmazonAWS": {"AWS"}, "AmazonAlexa": {"Amazon Alexa"},
+    "Google": GOOGLE, "GoogleServices": GOOGLE, "GoogleHangoutDuo": {"Google", "Google Meet"},
+    "GMail": {"Gmail"}, "PlayStore": {"Google Play"}, "YouTube": {"YouTube"},
+    "Wikipedia": {"Wikipedia"}, "Reddit": {"Reddit"}, "Cloudflare": {"Cloudflare"},
+    "QQ": {"QQ", "WeChat", "Tencent Video"},
+    "OCSP": {"Let's Encrypt", "DigiCert", "Sectigo", "GlobalSign", "Entrust", "Actalis",
+             "Google", "Amazon"},
+    "Facebook": {"Facebook", "Facebook Messenger"}, "FacebookVoip": {"Facebook"},
+    "Instagram": {"Instagram", "Facebook"}, "WhatsApp": {"WhatsApp"},
+    "ntop": {"ntop"}, "DoH_DoT": {"Cloudflare", "Google Public DNS", "Quad9", "OpenDNS"},
+    "Twitter": {"Twitter"}, "Tor": {"Tor Project"}, "Teams": {"Microsoft Teams"},
+    "Microsoft": {"Microsoft", "Bing", "Microsoft 365"}, "Azure": {"Azure"},
+    "AppleSiri": {"Apple Siri"}, "ApplePush": {"Apple Push"},
+}
+
 
 def endpoint(text):
     """'1.2.3.4:80' or '[::1]:80' as (address, port)."""
@@ -90,7 +115,7 @@ def peer_flows(path):
             flows.append({
                 "key": key(l4, endpoint(client), endpoint(server)),
                 "label": label, "master": label.split(".")[0], "confidence": confidence,
-                "client": client, "server": server, "l4": l4,
+                "client": client, "server": server, "l4": l4, "host": host,
             })
     return flows
 
@@ -151,6 +176,9 @@ def main():
     disagreements = []
     uncounted = []
     extra = []
+    per_service = collections.Counter()
+    service_agreed = collections.Counter()
+    service_disagreements = []
     for name in sorted(os.listdir(labels)):
         capture = name[:-4] if name.endswith(".txt") else name
         path = os.path.join(args.pcaps, capture)
@@ -170,6 +198,20 @@ def main():
             # its flow); ESP itself is IP protocol 50.
             if want == "ESP" and p["l4"].lower() == "udp":
                 want = "IKE"
+            peer_service = p["label"].partition(".")[2]
+            if peer_service in PEER_SERVICES and p["confidence"].startswith("DPI") and \
+                    capture not in UNCOUNTED:
+                per_service[peer_service] += 1
+                ours = rec.get("service") if rec else None
+                if ours in PEER_SERVICES[peer_service]:
+                    service_agreed[peer_service] += 1
+                else:
+                    why = notes.get((capture, "service " + flow)) or \
+                        notes.get((capture, "service *")) or \
+                        reason_from_bytes(rec) or \
+                        ("kest named " + ours if ours else "kest named no service")
+                    service_disagreements.append((capture, flow, p["label"], p["host"],
+                                                  ours or "-", why))
             if want and p["confidence"].startswith("DPI") and capture in UNCOUNTED:
                 uncounted.append((capture, flow, p["label"], "/".join(stack) or "-"))
             elif want and p["confidence"].startswith("DPI"):
@@ -199,6 +241,7 @@ def main():
                   "|---|---|---|---|---|\n")
         for row in disagreements:
             out.write("| " + " | ".join(row) + " |\n")
+        write_services(out, per_service, service_agreed, service_disagreements)
         out.write("\n## Not counted\n\n")
         for capture, why in sorted(UNCOUNTED.items()):
             rows = [row for row in uncounted if row[0] == capture]
@@ -214,7 +257,29 @@ def main():
         for row in extra:
             out.write("| " + " | ".join(row) + " |\n")
     print(f"{args.out}: {sum(agreed.values())} of {total} agree, {len(disagreements)} "
-          f"disagreements, {len(extra)} named where the peer found nothing", file=sys.stderr)
+          f"disagreements, {len(extra)} named where the peer found nothing; services: "
+          f"{sum(service_agreed.values())} of {sum(per_service.values())} agree", file=sys.stderr)
+
+
+def write_services(out, per_service, agreed, disagreements):
+    total = sum(per_service.values())
+    share = 100.0 * sum(agreed.values()) / total if total else 0.0
+    out.write("\n## Services\n\n")
+    out.write("Flows the peer names by content with a service (a label such as `TLS.YouTube`), "
+              "against kestcap's `service`. The peer's names map to the catalogue's "
+              "(`PEER_SERVICES` in `scripts/accuracy.py`): the peer groups an owner's services "
+              "(\"Google\" for its advertising and public DNS as well), and its \"OCSP\" is "
+              "the certificate authorities' responders. A reason for each disagreement comes "
+              "from `docs/accuracy-notes.tsv` (flow `service <flow>`) where a person wrote one."
+              "\n\n")
+    out.write(f"{sum(agreed.values())} of {total} flows agree ({share:.1f} %).\n\n")
+    out.write("| peer service | peer flows | kest agrees |\n|---|---:|---:|\n")
+    for name in sorted(per_service, key=lambda n: (-per_service[n], n)):
+        out.write(f"| {name} | {per_service[name]} | {agreed[name]} |\n")
+    out.write("\n### Service disagreements\n\n| capture | flow | peer | peer's host | "
+              "kest service | why |\n|---|---|---|---|---|---|\n")
+    for row in disagreements:
+        out.write("| " + " | ".join(row) + " |\n")
 
 
 if __name__ == "__main__":

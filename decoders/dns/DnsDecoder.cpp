@@ -8,6 +8,7 @@
 
 #include <kest/kit/Decoder.h>
 #include <kest/kit/Risks.h>
+#include <kest/kit/Services.h>
 
 namespace {
 
@@ -157,6 +158,20 @@ struct Dns {
     }
     if (m.answers_length != 0) {
       s.Publish(kAnswers, m.answers, m.answers_length);
+    }
+    Services(m);
+  }
+
+  // The name asked for names the DNS flow's service; the addresses an
+  // answer gives name the connections that follow to them.
+  static void Services(const kest_dns::Summary &m) {
+    if (!m.has_question) {
+      return;
+    }
+    oru::kit::ReportServerName(m.query, m.query_length, oru::SERVICE_SOURCE_DNS);
+    for (unsigned i = 0; m.response && m.rcode == 0 && i < m.address_count; ++i) {
+      const kest_dns::AnswerAddress &a = m.addresses[i];
+      oru::kit::ReportDnsAnswer(a.bytes, a.length, m.query, m.query_length, a.ttl);
     }
   }
 };

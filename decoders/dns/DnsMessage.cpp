@@ -244,10 +244,19 @@ void AddAnswer(Summary &out, bool &full, const char *answer) {
 }
 
 // The data of one record of the answer section, when it names something.
-void ReadAnswer(const uint8_t *msg, size_t length, uint16_t type, uint16_t rclass, size_t rdata,
-                size_t rdlength, Summary &out, bool &full) {
+void ReadAnswer(const uint8_t *msg, size_t length, uint16_t type, uint16_t rclass, uint32_t ttl,
+                size_t rdata, size_t rdlength, Summary &out, bool &full) {
   char entry[kNameText];
   const bool internet = (rclass & 0x7FFF) == 1;
+  if (internet && ((type == kTypeA && rdlength == 4) || (type == kTypeAaaa && rdlength == 16)) &&
+      out.address_count < kMaxAddresses) {
+    AnswerAddress &a = out.addresses[out.address_count++];
+    for (size_t i = 0; i < rdlength; ++i) {
+      a.bytes[i] = msg[rdata + i];
+    }
+    a.length = static_cast<uint8_t>(rdlength);
+    a.ttl = ttl;
+  }
   if (type == kTypeA && internet && rdlength == 4) {
     FormatIpv4(msg + rdata, entry, sizeof entry);
   } else if (type == kTypeAaaa && internet && rdlength == 16) {
@@ -333,7 +342,7 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
       return out.qdcount == 0 ? Verdict::kNotDns : Verdict::kDnsDamaged;
     }
     if (i < out.ancount) {
-      ReadAnswer(data, length, type, rclass, rdata, rdlength, out, full);
+      ReadAnswer(data, length, type, rclass, ttl, rdata, rdlength, out, full);
     } else if (type == kTypeOpt && i >= static_cast<unsigned>(out.ancount) + out.nscount) {
       // EDNS carries the upper eight bits of the response code.
       out.rcode = static_cast<uint16_t>((ttl >> 24) << 4 | (data[3] & 0x0F));

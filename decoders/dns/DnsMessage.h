@@ -28,6 +28,16 @@ constexpr size_t kAnswersText = 1024;
 constexpr unsigned kMaxRecords = 64;
 // Questions a message may carry (mDNS asks several at once).
 constexpr unsigned kMaxQuestions = 32;
+// A and AAAA answers kept with their addresses; the rest are only named.
+constexpr unsigned kMaxAddresses = 16;
+
+// The address of an A (4 bytes) or AAAA (16 bytes) answer and its time to
+// live.
+struct AnswerAddress {
+  uint8_t bytes[16];
+  uint8_t length;
+  uint32_t ttl;
+};
 
 enum class Verdict : uint8_t {
   // Not a DNS message: header, question section or counts do not hold.
@@ -60,6 +70,10 @@ struct Summary {
   size_t query_length = 0;
   char answers[kAnswersText] = {};
   size_t answers_length = 0;
+  // The answer section's addresses, in order: whatever CNAME chain leads
+  // there, they serve the name asked for.
+  AnswerAddress addresses[kMaxAddresses] = {};
+  unsigned address_count = 0;
 };
 
 // Reads `length` bytes at `data` as one message (without the TCP length

@@ -40,6 +40,7 @@
 #include "tls/TlsHello.h"
 
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Services.h>
 #include <string.h>
 
 namespace {
@@ -366,6 +367,8 @@ private:
         c.has_server_name = true;
         c.server_name_length = hello.server_name_length;
         memcpy(c.server_name, hello.server_name, hello.server_name_length + 1u);
+        oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
+                                   oru::SERVICE_SOURCE_SNI);
       }
       if (hello.has_alpn) {
         s.Publish(kAlpn, hello.alpn, hello.alpn_length);

@@ -4,6 +4,7 @@
 #include "http/HttpRules.h"
 #include <kest/kit/Attach.h>
 #include <kest/kit/Risks.h>
+#include <kest/kit/Services.h>
 
 #include <kest/InterfaceBroker.h>
 #include <kest/fdt/ObjectPrefix.h>
@@ -38,14 +39,26 @@ bool ValueHas(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, const c
   return false;
 }
 
-// The value of a header line, cut to kRiskValueMax bytes; its length.
-uint32_t CopyValue(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r,
-                   char (&out)[kRiskValueMax]) {
+// The value of a header line, cut to `max` bytes; its length.
+uint32_t CopyValue(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, char *out,
+                   uint32_t max) {
   uint32_t n = 0;
-  for (uint64_t p = r.value_start; p < r.value_end && n < kRiskValueMax; ++p) {
+  for (uint64_t p = r.value_start; p < r.value_end && n < max; ++p) {
     out[n++] = flow.At(p);
   }
   return n;
+}
+
+// A request's Host names the server for service naming.
+void ReportHost(const oru::FlowBuffer &flow, const oru::WebHeader &header) {
+  for (const oru::KeyValueRecord &r : header.m_records) {
+    if (KeyIs(flow, r, "Host", 4) && r.value_end > r.value_start) {
+      char host[256];
+      oru::kit::ReportServerName(host, CopyValue(flow, r, host, sizeof host),
+                                 oru::SERVICE_SOURCE_HOST);
+      return;
+    }
+  }
 }
 
 } // namespace
@@ -63,15 +76,15 @@ void HttpInspector::RequestRisks(const oru::FlowBuffer &flow, const oru::WebHead
   char value[kRiskValueMax];
   for (const oru::KeyValueRecord &r : header.m_records) {
     if (KeyIs(flow, r, "Host", 4)) {
-      if (NumericHost(value, CopyValue(flow, r, value))) {
+      if (NumericHost(value, CopyValue(flow, r, value, sizeof value))) {
         RaiseOnce(static_cast<unsigned>(Risk::kHttpNumericHost));
       }
     } else if (KeyIs(flow, r, "Authorization", 13)) {
-      if (BasicCredentials(value, CopyValue(flow, r, value))) {
+      if (BasicCredentials(value, CopyValue(flow, r, value, sizeof value))) {
         RaiseOnce(static_cast<unsigned>(Risk::kClearTextCredentials));
       }
     } else if (KeyIs(flow, r, "User-Agent", 10)) {
-      if (SuspiciousAgent(value, CopyValue(flow, r, value))) {
+      if (SuspiciousAgent(value, CopyValue(flow, r, value, sizeof value))) {
         RaiseOnce(static_cast<unsigned>(Risk::kSuspiciousUserAgent));
       }
     }
@@ -146,6 +159,7 @@ bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
     return false;
   }
   if (header.m_type == oru::WebLine::LINE_REQUEST) {
+    ReportHost(*flow, header);
     // A request has a body only when its head says so.
     for (const oru::KeyValueRecord &r : header.m_records) {
       if (KeyIs(*flow, r, "Content-Length", 14) || KeyIs(*flow, r, "Transfer-Encoding", 17)) {

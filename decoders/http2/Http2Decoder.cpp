@@ -23,6 +23,7 @@
 #include "http2/Hpack.h"
 
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Services.h>
 
 #include <kest/WebAttributes.h>
 #include <string.h>
@@ -273,6 +274,7 @@ struct Http2 {
       } else if (Named(f, ":authority")) {
         PublishAttribute(Member(true, reinterpret_cast<const uint8_t *>("host"), 4), f.value,
                          f.value_length);
+        oru::kit::ReportServerName(f.value, f.value_length, oru::SERVICE_SOURCE_HOST);
       }
       return;
     }

@@ -16,6 +16,7 @@
 #include "tls/TlsHello.h"
 
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Services.h>
 #include <new>
 
 namespace {
@@ -155,6 +156,7 @@ private:
         kest_quic::FindChloServerName(data + header.header_length, length - header.header_length,
                                       name, name_length)) {
       s.Publish(kServerName, name, name_length);
+      oru::kit::ReportServerName(name, name_length, oru::SERVICE_SOURCE_SNI);
     }
   }
 
@@ -239,6 +241,8 @@ private:
     }
     if (hello.has_server_name) {
       s.Publish(kServerName, hello.server_name, hello.server_name_length);
+      oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
+                                 oru::SERVICE_SOURCE_SNI);
     }
     if (hello.has_alpn) {
       s.Publish(kAlpn, hello.alpn, hello.alpn_length);

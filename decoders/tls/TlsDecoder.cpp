@@ -15,6 +15,7 @@
 #include "tls/TlsHello.h"
 
 #include <kest/kit/Decoder.h>
+#include <kest/kit/Services.h>
 #include <string.h>
 
 namespace {
@@ -187,6 +188,8 @@ private:
       kest_tls::HelloRisks(s, hello, kest_tls::OfferedVersion(hello), state.hello_risks);
       if (hello.has_server_name) {
         s.Publish(kServerName, hello.server_name, hello.server_name_length);
+        oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
+                                   oru::SERVICE_SOURCE_SNI);
       }
       if (hello.has_alpn) {
         state.client_alpn = true;

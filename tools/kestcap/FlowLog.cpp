@@ -179,6 +179,15 @@ void FlowRecord::AddAttr(const std::string &name, std::string value) {
   attrs.emplace_back(name, std::vector<std::string>{std::move(value)});
 }
 
+const std::string *FlowRecord::LastAttr(const std::string &name) const {
+  for (const auto &attr : attrs) {
+    if (attr.first == name && !attr.second.empty()) {
+      return &attr.second.back();
+    }
+  }
+  return nullptr;
+}
+
 void Totals::Add(const Totals &other) {
   packets += other.packets;
   classified += other.classified;
@@ -199,6 +208,18 @@ std::string JsonLine(const FlowRecord &r, const std::string &app,
   AppendJsonString(out, ProtoName(r.protocol));
   out += ",\"app\":";
   AppendJsonString(out, app);
+  for (const auto &[key, attr] :
+       {std::pair{"service", kServiceName}, {"category", kServiceCategory}}) {
+    out += ",\"";
+    out += key;
+    out += "\":";
+    const std::string *value = r.LastAttr(attr);
+    if (value != nullptr) {
+      AppendJsonString(out, *value);
+    } else {
+      out += "null";
+    }
+  }
   out += ",\"stack\":[";
   for (size_t i = 0; i < stack.size(); ++i) {
     out += i != 0 ? "," : "";
@@ -216,8 +237,13 @@ std::string JsonLine(const FlowRecord &r, const std::string &app,
   AppendNumber(out, "orig_bytes", r.bytes[0]);
   AppendNumber(out, "resp_bytes", r.bytes[1]);
   out += ",\"attrs\":{";
+  bool first = true;
   for (size_t i = 0; i < r.attrs.size(); ++i) {
-    out += i != 0 ? "," : "";
+    if (r.attrs[i].first == kServiceName || r.attrs[i].first == kServiceCategory) {
+      continue;
+    }
+    out += first ? "" : ",";
+    first = false;
     AppendJsonString(out, r.attrs[i].first);
     out += ':';
     const std::vector<std::string> &values = r.attrs[i].second;

@@ -16,6 +16,10 @@
 
 namespace kestcap {
 
+// The service plug-in's attributes that the lines and the table read.
+constexpr const char *kServiceName = "service.name";
+constexpr const char *kServiceCategory = "service.category";
+
 struct FlowRecord {
   static constexpr int kMaxStack = 16;
 
@@ -33,6 +37,9 @@ struct FlowRecord {
   std::vector<std::string> risks;
 
   void AddAttr(const std::string &name, std::string value);
+  // The last value of attribute `name`, or null. A better source of a
+  // service name comes later and replaces a worse one.
+  const std::string *LastAttr(const std::string &name) const;
 };
 
 // Counts per application: the table's rows.
@@ -53,7 +60,9 @@ struct Totals {
 };
 
 // The JSON object of a finished connection, without the newline. `app` is
-// the application's name, `stack` the stack's names bottom first.
+// the application's name, `stack` the stack's names bottom first; the
+// service and its category stand beside the application (null when none
+// is known) rather than among the attributes.
 std::string JsonLine(const FlowRecord &record, const std::string &app,
                      const std::vector<std::string> &stack);
 

@@ -374,7 +374,10 @@ void Worker::Expired(kest_conn_id_t id) {
   if (!stack.empty() && stack.back() != "TCP" && stack.back() != "UDP" && stack.back() != "IP") {
     app = stack.back();
   }
-  AppRow &row = m_apps[app];
+  // The table's rows are services where one is known ("YouTube" beside
+  // "TLS"), applications otherwise.
+  const std::string *service = record.LastAttr(kServiceName);
+  AppRow &row = m_apps[service != nullptr ? *service : app];
   ++row.connections;
   row.packets += record.packets[0] + record.packets[1];
   row.bytes += record.bytes[0] + record.bytes[1];

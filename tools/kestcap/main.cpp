@@ -143,6 +143,13 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
       setup.attrs.emplace_back(name);
     }
   }
+  // The table groups connections by their service, and the JSON lines name
+  // it and its category, so both listen to the service plug-in.
+  setup.attrs.emplace_back(kServiceName);
+  setup.attrs.emplace_back(kServiceCategory);
+  if (json != nullptr) {
+    setup.attrs.emplace_back("service.source");
+  }
   for (const std::string &name : options.attrs) {
     setup.attrs.push_back(name);
   }
