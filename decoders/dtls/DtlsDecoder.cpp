@@ -387,7 +387,8 @@ private:
     }
     kest_tls::HelloRisks(s, hello, chosen, c.hello_risks);
     // DTLS 1.0 and 1.2 send the certificate in clear.
-    c.leaf_wanted = chosen == 0xfeff || chosen == 0xfefd;
+    c.leaf_wanted =
+        (chosen == 0xfeff || chosen == 0xfefd) && kest_tls::CertificateWanted(s, kCertificate);
     c.leaf_side = static_cast<uint8_t>(s.side());
     if (hello.has_alpn && !c.side[1 - s.side()].parsed) {
       s.Publish(kAlpn, hello.alpn, hello.alpn_length);

@@ -5,6 +5,7 @@
 #include <kest/kit/Attach.h>
 #include <kest/kit/Risks.h>
 #include <kest/kit/Services.h>
+#include <kest/kit/TextLine.h>
 
 #include <kest/InterfaceBroker.h>
 #include <kest/fdt/ObjectPrefix.h>
@@ -39,14 +40,13 @@ bool ValueHas(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, const c
   return false;
 }
 
-// The value of a header line, cut to `max` bytes; its length.
+// The value of a header line, cut to `max` bytes, copied a block at a time;
+// its length.
 uint32_t CopyValue(const oru::FlowBuffer &flow, const oru::KeyValueRecord &r, char *out,
                    uint32_t max) {
-  uint32_t n = 0;
-  for (uint64_t p = r.value_start; p < r.value_end && n < max; ++p) {
-    out[n++] = flow.At(p);
-  }
-  return n;
+  const uint64_t length = r.value_end - r.value_start;
+  return oru::kit::CopyFlow(flow, r.value_start, out,
+                            length < max ? static_cast<uint32_t>(length) : max);
 }
 
 // A request's Host names the server for service naming.
@@ -73,6 +73,9 @@ void HttpInspector::RaiseOnce(unsigned risk) {
 
 void HttpInspector::RequestRisks(const oru::FlowBuffer &flow, const oru::WebHeader &header) {
   using oru::kit::Risk;
+  if (!oru::kit::RisksWantedOnThread()) {
+    return;
+  }
   char value[kRiskValueMax];
   for (const oru::KeyValueRecord &r : header.m_records) {
     if (KeyIs(flow, r, "Host", 4)) {
@@ -200,7 +203,8 @@ bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
         chunked || (KeyIs(*flow, r, "Transfer-Encoding", 17) && ValueHas(*flow, r, "chunked", 7));
   }
   if (!chunked &&
-      (m_raised & (uint32_t{1} << static_cast<unsigned>(oru::kit::Risk::kHttpExecutable))) == 0) {
+      (m_raised & (uint32_t{1} << static_cast<unsigned>(oru::kit::Risk::kHttpExecutable))) == 0 &&
+      oru::kit::RisksWantedOnThread()) {
     m_body_at = flow->m_read_pos;
     m_body_flow = flow;
     m_magic_have = 0;

@@ -58,6 +58,18 @@ inline uint16_t OfferedVersion(const HelloInfo &client_hello) {
                                              : client_hello.legacy_version;
 }
 
+// Whether anyone listens to what the leaf certificate gives (its attributes
+// from Spec attribute `first` on, or the flow risks): a certificate nobody
+// asks about is neither kept nor read.
+template <class S> bool CertificateWanted(const S &s, int first) {
+  for (int i = 0; i < kCertificateCount; ++i) {
+    if (s.registration().Id(first + i) > 0) {
+      return true;
+    }
+  }
+  return oru::kit::RisksWanted(s);
+}
+
 // Reads the leaf and reports it from Spec attribute `first` on.
 // `server_name` is the client's (null when it sent none).
 template <class S>

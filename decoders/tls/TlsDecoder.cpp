@@ -210,7 +210,8 @@ private:
     }
     kest_tls::HelloRisks(s, hello, chosen, state.hello_risks);
     // Up to TLS 1.2 the certificate follows in clear.
-    state.leaf_wanted = chosen >= 0x0300 && chosen <= 0x0303;
+    state.leaf_wanted =
+        chosen >= 0x0300 && chosen <= 0x0303 && kest_tls::CertificateWanted(s, kCertificate);
     // The server's choice stands in for the client's list only when that
     // list is not seen; it waits until the client side has had its chance.
     if (hello.has_alpn && !state.client_alpn) {

@@ -8,7 +8,7 @@
 // show none.
 //
 // A kit decoder lists kRiskAttribute among its Spec's borrowed attributes
-// (the kit then creates and registers it, whichever plug-in starts first)
+// (the attributes it reports, which its tests and fuzz target listen to)
 // and calls Raise(session, risk). Code outside a Session (an inspector of
 // its own) calls RaiseOnActive while the connection is the thread's active
 // one.
@@ -88,25 +88,39 @@ constexpr int IndexIn(const Spec &spec) {
 }
 } // namespace risk_detail
 
-// Raises `risk` on the session's connection.
-template <class D> void Raise(Session<D> &session, Risk risk) {
-  constexpr int kIndex = risk_detail::IndexIn(D::kSpec);
-  static_assert(kIndex >= 0, "list oru::kit::kRiskAttribute among the Spec's borrowed attributes");
-  session.Publish(kIndex, RiskName(risk));
+// The thread's identifier of "flow.risks" (0 while nobody listens): the
+// thread registers the name itself at its start, so that risks raised at a
+// connection's end still reach the host after the plug-ins that raise them
+// are gone; reading its cell costs a load, where a look-up of the name
+// would cost a search.
+inline int RiskId() {
+  return static_cast<int>(oru::ThreadWord(oru::Conn::l_flow_risks));
 }
 
-// Raises `risk` on the thread's active connection, for code that has no
-// Session. Someone must have created the attribute at instance start-up
-// (a kit decoder that borrows it does).
+// Whether anyone listens to the flow risks on this thread: work done only
+// to raise one may be passed over otherwise.
+inline bool RisksWantedOnThread() {
+  return RiskId() > 0;
+}
+template <class D> bool RisksWanted(const Session<D> &) {
+  return RisksWantedOnThread();
+}
+
+// Raises `risk` on the thread's active connection.
 inline void RaiseOnActive(Risk risk) {
-  oru::AttributeMgr *manager = oru::AttributeMgr::Peek();
-  const int id = manager != nullptr ? manager->PlainId(kRiskAttribute) : 0;
   const char *name = RiskName(risk);
   size_t length = 0;
   while (name[length] != 0) {
     ++length;
   }
-  PublishAttribute(id, name, length);
+  PublishAttribute(RiskId(), name, length);
+}
+
+// Raises `risk` on the session's connection (the thread's active one).
+template <class D> void Raise(Session<D> &, Risk risk) {
+  static_assert(risk_detail::IndexIn(D::kSpec) >= 0,
+                "list oru::kit::kRiskAttribute among the Spec's borrowed attributes");
+  RaiseOnActive(risk);
 }
 
 } // namespace oru::kit
