@@ -11,19 +11,14 @@ LearnedNames *LearnedNames::Create() {
   if (place == nullptr) {
     return nullptr;
   }
-  LearnedNames *store = new (place) LearnedNames();
-  store->m_slots = static_cast<Slot *>(kest_malloc_shared(sizeof(Slot) * kSlots));
-  if (store->m_slots == nullptr) {
-    kest_free_shared(place);
-    return nullptr;
-  }
-  kest_memset(store->m_slots, 0, sizeof(Slot) * kSlots);
-  return store;
+  return new (place) LearnedNames();
 }
 
 void LearnedNames::Destroy(LearnedNames *store) {
   if (store != nullptr) {
-    kest_free_shared(store->m_slots);
+    if (store->m_slots != nullptr) {
+      kest_free_shared(store->m_slots);
+    }
     kest_free_shared(store);
   }
 }
@@ -41,6 +36,15 @@ void LearnedNames::Learn(const oru::IpAddr &address, uint64_t key, uint32_t ttl,
   const uint64_t expiry = now + (ttl < kMaxTtl ? ttl : kMaxTtl);
   const uint32_t home = Home(address);
   oru::SpinGuard hold(m_lock);
+  if (m_slots == nullptr) {
+    // The slots come with the first answer: a host that sees no DNS never
+    // pays for them.
+    m_slots = static_cast<Slot *>(kest_malloc_shared(sizeof(Slot) * kSlots));
+    if (m_slots == nullptr) {
+      return;
+    }
+    kest_memset(m_slots, 0, sizeof(Slot) * kSlots);
+  }
   Slot *victim = nullptr;
   for (uint32_t i = 0; i < kProbe; ++i) {
     Slot &slot = m_slots[(home + i) & (kSlots - 1)];
@@ -87,7 +91,7 @@ uint64_t LearnedNames::Find(const oru::IpAddr &address, uint64_t now) {
 uint32_t LearnedNames::Alive(uint64_t now) {
   oru::SpinGuard hold(m_lock);
   uint32_t n = 0;
-  for (uint32_t i = 0; i < kSlots; ++i) {
+  for (uint32_t i = 0; m_slots != nullptr && i < kSlots; ++i) {
     n += m_slots[i].key != 0 && m_slots[i].expiry >= now ? 1 : 0;
   }
   return n;

@@ -31,7 +31,8 @@ public:
   static constexpr uint32_t kProbe = 8;
   static constexpr uint32_t kMaxTtl = 3600;
 
-  // A store with its slots, from the shared hooks; null without memory.
+  // A store, from the shared hooks (its slots come with the first answer);
+  // null without memory.
   static LearnedNames *Create();
   static void Destroy(LearnedNames *store);
 
