@@ -8,7 +8,7 @@
 # each against the peer's.
 #   scripts/bench.sh [COPIES]     (default 300 copies of each conversation)
 # With BASE=<commit>, kestcap built from that commit runs on the same
-# captures too, right after this tree's, for a before-and-after.
+# captures too, run by turns with this tree's, for a before-and-after.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 copies="${1:-300}"
@@ -60,15 +60,48 @@ measure() {
   : >"$data/rates"
   : >"$data/rss"
   while [ "$i" -lt "$runs" ]; do
-    start="$(date +%s%N)"
-    /usr/bin/time -f "%M" -o "$data/time" "$@" >"$data/out" 2>/dev/null
-    stop="$(date +%s%N)"
-    awk "BEGIN { printf \"%d\n\", $packets * 1e9 / ($stop - $start) }" >>"$data/rates"
-    cat "$data/time" >>"$data/rss"
+    run_once "" "$@"
     i=$((i + 1))
   done
-  rate="$(sort -n "$data/rates" | sed -n "$(((runs + 1) / 2))p")"
-  rss="$(sort -n "$data/rss" | sed -n "$(((runs + 1) / 2))p")"
+  median ""
+}
+
+# One timed run of a command, its rate and RSS appended to the files of
+# `tag` (empty, or "b" for the second command of a pair).
+run_once() {
+  tag="$1"
+  shift
+  start="$(date +%s%N)"
+  /usr/bin/time -f "%M" -o "$data/time" "$@" >"$data/out" 2>/dev/null
+  stop="$(date +%s%N)"
+  awk "BEGIN { printf \"%d\n\", $packets * 1e9 / ($stop - $start) }" >>"$data/rates$tag"
+  cat "$data/time" >>"$data/rss$tag"
+}
+
+median() {
+  rate="$(sort -n "$data/rates$1" | sed -n "$(((runs + 1) / 2))p")"
+  rss="$(sort -n "$data/rss$1" | sed -n "$(((runs + 1) / 2))p")"
+}
+
+# A before-and-after: this tree's kestcap and the base's, run by turns so
+# that a machine whose speed drifts (a shared or throttled one) moves both
+# alike. Sets rate/rss for this tree and base_rate/base_rss for the base.
+measure_against_base() {
+  i=0
+  : >"$data/rates"
+  : >"$data/rss"
+  : >"$data/ratesb"
+  : >"$data/rssb"
+  while [ "$i" -lt "$runs" ]; do
+    # shellcheck disable=SC2086
+    run_once "" $kestcap "$1"
+    run_once b "$build/base/tools/kestcap/kestcap" --plugins "$build/base/plugins" "$1"
+    i=$((i + 1))
+  done
+  median b
+  base_rate="$rate"
+  base_rss="$rss"
+  median ""
 }
 
 ratio() { awk "BEGIN { printf \"%.2f\", $1 / $2 }"; }
@@ -104,9 +137,11 @@ for file in replica replica-high; do
       # The decoders' share of the cost of a packet on one thread.
       echo "  decoders' share of the road: $(awk "BEGIN { printf \"%.0f %%\", 100 * (1 - $one / $transports) }")"
       if [ -n "$base" ]; then
-        measure "$build/base/tools/kestcap/kestcap" --plugins "$build/base/plugins" "$cap"
-        row "kestcap at $base, all decoders, 1 thread"
-        echo "  this tree against $base: $(awk "BEGIN { printf \"%+.1f %%\", 100 * ($one / $rate - 1) }")"
+        measure_against_base "$cap"
+        echo "  again, by turns with the base: $rate"
+        one="$rate"
+        rate="$base_rate" rss="$base_rss" row "kestcap at $base, all decoders, 1 thread"
+        echo "  this tree against $base: $(awk "BEGIN { printf \"%+.1f %%\", 100 * ($one / $base_rate - 1) }")"
       fi
     fi
   done
