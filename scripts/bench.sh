@@ -27,9 +27,17 @@ if [ -n "$base" ]; then
   rm -rf "$build/base-src"
   mkdir -p "$build/base-src"
   git -C "$root" archive "$base" | tar -x -C "$build/base-src"
+  # The archive's files carry the commit's time, older than the objects of
+  # another base built here before: a build of a different commit starts
+  # afresh, or ninja would keep those objects.
+  commit="$(git -C "$root" rev-parse "$base")"
+  if [ "$(cat "$build/base/.commit" 2>/dev/null || true)" != "$commit" ]; then
+    rm -rf "$build/base"
+  fi
   cmake -S "$build/base-src" -B "$build/base" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DKEST_BUILD_TESTS=OFF >/dev/null
   cmake --build "$build/base" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+  echo "$commit" >"$build/base/.commit"
 fi
 data="$build/bench-data"
 mkdir -p "$data"
