@@ -106,7 +106,7 @@ struct Dns {
       }
       s.state().plain = flavor == kDns ? 1 : 0;
       if (flavor == kDns && s.tuple().src_port != 53 && s.tuple().dst_port != 53) {
-        RaiseOnce(s, oru::kit::Risk::kDnsOtherPort);
+        oru::kit::RaiseOnce(s.state().raised, oru::kit::Risk::kDnsOtherPort);
       }
     }
     if (verdict != kest_dns::Verdict::kNotDns) {
@@ -123,24 +123,16 @@ struct Dns {
                                                                : Verdict::kNotMine;
   }
 
-  static void RaiseOnce(Session &s, oru::kit::Risk risk) {
-    const uint32_t bit = uint32_t{1} << static_cast<unsigned>(risk);
-    if ((s.state().raised & bit) == 0) {
-      s.state().raised |= bit;
-      oru::kit::Raise(s, risk);
-    }
-  }
-
   // A question's name and type, on plain DNS.
   static void QuestionRisks(Session &s, const kest_dns::Summary &m) {
     if (s.state().plain == 0) {
       return;
     }
     if (kest_dns::GeneratedName(m.query, m.query_length)) {
-      RaiseOnce(s, oru::kit::Risk::kDnsGeneratedName);
+      oru::kit::RaiseOnce(s.state().raised, oru::kit::Risk::kDnsGeneratedName);
     }
     if (kest_dns::TunnelName(m.query, m.query_length, m.qtype)) {
-      RaiseOnce(s, oru::kit::Risk::kDnsTunnel);
+      oru::kit::RaiseOnce(s.state().raised, oru::kit::Risk::kDnsTunnel);
     }
   }
 

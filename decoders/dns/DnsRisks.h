@@ -5,6 +5,9 @@
 #ifndef KEST_DECODERS_DNS_DNSRISKS_H
 #define KEST_DECODERS_DNS_DNSRISKS_H
 
+#include <kest.h>
+#include <kest/Entropy.h>
+
 #include <stddef.h>
 #include <stdint.h>
 
@@ -53,33 +56,15 @@ inline size_t LongestPart(const char *name, size_t length, size_t &at) {
   return best;
 }
 
-// log2 for the score: decoders have no maths library.
+// Base-2 logarithm, through the host's log hook.
 inline double Log2(double x) {
-  int exponent = 0;
-  while (x >= 2) {
-    x /= 2;
-    ++exponent;
-  }
-  while (x < 1) {
-    x *= 2;
-    --exponent;
-  }
-  // ln(x) for x in [1, 2) by the series of atanh((x - 1) / (x + 1)).
-  const double y = (x - 1) / (x + 1);
-  const double y2 = y * y;
-  double term = y;
-  double sum = 0;
-  for (int k = 1; k < 24; k += 2) {
-    sum += term / k;
-    term *= y2;
-  }
-  return exponent + 2 * sum / 0.6931471805599453;
+  return kest_log(x) / 0.6931471805599453;
 }
 
 inline LabelStats StatsOf(const char *part, size_t length) {
   LabelStats s;
   s.length = static_cast<uint32_t>(length);
-  uint32_t counts[256] = {};
+  oru::Entropy histogram;
   uint32_t run = 0;
   int last = 0; // 1 a letter, 2 a digit, 0 anything else
   bool last_consonant = false;
@@ -88,7 +73,8 @@ inline LabelStats StatsOf(const char *part, size_t length) {
     if (c >= 'A' && c <= 'Z') {
       c = static_cast<unsigned char>(c - 'A' + 'a');
     }
-    ++counts[c];
+    ++histogram.counts[c];
+    ++histogram.total;
     int kind = 0;
     if (c >= 'a' && c <= 'z') {
       kind = 1;
@@ -112,12 +98,7 @@ inline LabelStats StatsOf(const char *part, size_t length) {
     }
     last = kind;
   }
-  for (const uint32_t n : counts) {
-    if (n != 0) {
-      const double p = static_cast<double>(n) / static_cast<double>(length);
-      s.entropy -= p * Log2(p);
-    }
-  }
+  s.entropy = histogram.ID();
   return s;
 }
 

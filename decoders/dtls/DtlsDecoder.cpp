@@ -127,7 +127,7 @@ struct Dtls {
     // The server's certificate is still to come, on side leaf_side.
     bool leaf_wanted;
     uint8_t leaf_side;
-    uint8_t hello_risks;
+    uint32_t hello_risks;
     // The client's server name, for the certificate's names.
     bool has_server_name;
     uint16_t server_name_length;
@@ -361,7 +361,7 @@ private:
     side.parsed = true;
     s.Name();
     if (hello.type == kest_tls::kClientHello) {
-      kest_tls::HelloRisks(s, hello, kest_tls::OfferedVersion(hello), c.hello_risks);
+      kest_tls::HelloRisks(hello, kest_tls::OfferedVersion(hello), c.hello_risks);
       if (hello.has_server_name) {
         s.Publish(kServerName, hello.server_name, hello.server_name_length);
         c.has_server_name = true;
@@ -385,7 +385,7 @@ private:
     if (version != nullptr) {
       s.Publish(kVersion, version);
     }
-    kest_tls::HelloRisks(s, hello, chosen, c.hello_risks);
+    kest_tls::HelloRisks(hello, chosen, c.hello_risks);
     // DTLS 1.0 and 1.2 send the certificate in clear.
     c.leaf_wanted =
         (chosen == 0xfeff || chosen == 0xfefd) && kest_tls::CertificateWanted(s, kCertificate);

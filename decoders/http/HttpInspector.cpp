@@ -63,16 +63,7 @@ void ReportHost(const oru::FlowBuffer &flow, const oru::WebHeader &header) {
 
 } // namespace
 
-void HttpInspector::RaiseOnce(unsigned risk) {
-  const uint32_t bit = uint32_t{1} << risk;
-  if ((m_raised & bit) == 0) {
-    m_raised |= bit;
-    oru::kit::RaiseOnActive(static_cast<oru::kit::Risk>(risk));
-  }
-}
-
 void HttpInspector::RequestRisks(const oru::FlowBuffer &flow, const oru::WebHeader &header) {
-  using oru::kit::Risk;
   if (!oru::kit::RisksWantedOnThread()) {
     return;
   }
@@ -80,15 +71,15 @@ void HttpInspector::RequestRisks(const oru::FlowBuffer &flow, const oru::WebHead
   for (const oru::KeyValueRecord &r : header.m_records) {
     if (KeyIs(flow, r, "Host", 4)) {
       if (NumericHost(value, CopyValue(flow, r, value, sizeof value))) {
-        RaiseOnce(static_cast<unsigned>(Risk::kHttpNumericHost));
+        oru::kit::RaiseOnce(m_raised, oru::kit::Risk::kHttpNumericHost);
       }
     } else if (KeyIs(flow, r, "Authorization", 13)) {
       if (BasicCredentials(value, CopyValue(flow, r, value, sizeof value))) {
-        RaiseOnce(static_cast<unsigned>(Risk::kClearTextCredentials));
+        oru::kit::RaiseOnce(m_raised, oru::kit::Risk::kClearTextCredentials);
       }
     } else if (KeyIs(flow, r, "User-Agent", 10)) {
       if (SuspiciousAgent(value, CopyValue(flow, r, value, sizeof value))) {
-        RaiseOnce(static_cast<unsigned>(Risk::kSuspiciousUserAgent));
+        oru::kit::RaiseOnce(m_raised, oru::kit::Risk::kSuspiciousUserAgent);
       }
     }
   }
@@ -202,8 +193,7 @@ bool HttpInspector::HasMessageBody(oru::WebHeader &header) {
     chunked =
         chunked || (KeyIs(*flow, r, "Transfer-Encoding", 17) && ValueHas(*flow, r, "chunked", 7));
   }
-  if (!chunked &&
-      (m_raised & (uint32_t{1} << static_cast<unsigned>(oru::kit::Risk::kHttpExecutable))) == 0 &&
+  if (!chunked && (m_raised & oru::kit::RiskBit(oru::kit::Risk::kHttpExecutable)) == 0 &&
       oru::kit::RisksWantedOnThread()) {
     m_body_at = flow->m_read_pos;
     m_body_flow = flow;
@@ -248,7 +238,7 @@ bool HttpInspector::OnNewPacket(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::
       // The body's first four bytes are in: a program or not.
       m_body_flow = nullptr;
       if (ExecutableMagic(m_magic)) {
-        RaiseOnce(static_cast<unsigned>(oru::kit::Risk::kHttpExecutable));
+        oru::kit::RaiseOnce(m_raised, oru::kit::Risk::kHttpExecutable);
       }
     }
   }

@@ -98,8 +98,6 @@ private:
   unsigned char m_magic[4] = {};
   uint8_t m_magic_have = 0;
 
-  // Raises `risk` on the active connection unless it was raised before.
-  void RaiseOnce(unsigned risk);
   // A request head's risks: Host, Authorization, User-Agent.
   void RequestRisks(const oru::FlowBuffer &flow, const oru::WebHeader &header);
 };

@@ -264,7 +264,7 @@ public:
       return;
     }
     seen.source = source;
-    Publish(*conn, seen, service, source);
+    Publish(*conn, service, source);
   }
 
   void LearnAddress(const uint8_t *address, size_t address_length, const char *name, size_t length,
@@ -294,15 +294,14 @@ public:
     }
     oru::fdt::DestroyObject(m_catalogue);
     m_catalogue = fresh;
-    // Services are numbered anew: what connections published stays
-    // published, but comparisons with it would mean nothing.
+    // What connections published stays published; a connection named under
+    // the old catalogue may be named again under the new one.
     kest_memset(m_seen, 0, sizeof m_seen);
   }
 
 private:
   struct Seen {
     uint64_t number = 0;
-    int32_t service = -1;
     oru::ServiceSource source = oru::SERVICE_SOURCE_NONE;
   };
   static constexpr size_t kSeen = 4096;
@@ -357,14 +356,14 @@ private:
       const int service = key != 0 ? m_catalogue->ByKey(key) : -1;
       if (service >= 0) {
         seen.source = oru::SERVICE_SOURCE_DNS;
-        Publish(conn, seen, service, oru::SERVICE_SOURCE_DNS);
+        Publish(conn, service, oru::SERVICE_SOURCE_DNS);
         return;
       }
     }
     const int service = m_catalogue->MatchAddress(server);
     if (service >= 0) {
       seen.source = oru::SERVICE_SOURCE_ADDRESS;
-      Publish(conn, seen, service, oru::SERVICE_SOURCE_ADDRESS);
+      Publish(conn, service, oru::SERVICE_SOURCE_ADDRESS);
     }
   }
 
@@ -394,11 +393,10 @@ private:
     return custom;
   }
 
-  void Publish(oru::Conn &conn, Seen &seen, int service, oru::ServiceSource source) {
+  void Publish(oru::Conn &conn, int service, oru::ServiceSource source) {
     if (CustomApplication(conn)) {
       return;
     }
-    seen.service = service;
     const kest_service::Service &s = m_catalogue->At(service);
     m_reg.Publish(kName, s.name, kest_strlen(s.name));
     m_reg.Publish(kCategory, s.category, kest_strlen(s.category));

@@ -36,19 +36,14 @@ inline int64_t CertificateClock() {
   return tv.tv_sec;
 }
 
-// The risks either hello may show, each raised once: `raised` remembers
-// them (kObsoleteRaised, kWeakRaised) for the connection.
-enum : uint8_t { kObsoleteRaised = 1, kWeakRaised = 2 };
-template <class S>
-void HelloRisks(S &s, const HelloInfo &hello, uint16_t version, uint8_t &raised) {
-  if ((raised & kObsoleteRaised) == 0 && ObsoleteVersion(version)) {
-    raised |= kObsoleteRaised;
-    oru::kit::Raise(s, oru::kit::Risk::kObsoleteTls);
+// The risks either hello may show, each raised once: `raised` is the
+// connection's set (oru::kit::RiskBit).
+inline void HelloRisks(const HelloInfo &hello, uint16_t version, uint32_t &raised) {
+  if (ObsoleteVersion(version)) {
+    oru::kit::RaiseOnce(raised, oru::kit::Risk::kObsoleteTls);
   }
-  if ((raised & kWeakRaised) == 0 && hello.type == kServerHello && hello.cipher_count != 0 &&
-      WeakCipher(hello.ciphers[0])) {
-    raised |= kWeakRaised;
-    oru::kit::Raise(s, oru::kit::Risk::kWeakCipher);
+  if (hello.type == kServerHello && hello.cipher_count != 0 && WeakCipher(hello.ciphers[0])) {
+    oru::kit::RaiseOnce(raised, oru::kit::Risk::kWeakCipher);
   }
 }
 

@@ -65,7 +65,7 @@ struct Tls {
     kest_tls::LeafAssembler leaf;
     bool leaf_wanted = false;
     uint8_t leaf_side = 0;
-    uint8_t hello_risks = 0;
+    uint32_t hello_risks = 0;
   };
   // The hello read last; too large for the stack of every host.
   struct Thread {
@@ -185,7 +185,7 @@ private:
     // A connection that refuses the name is asked again at the next hello.
     s.Name();
     if (hello.type == kest_tls::kClientHello) {
-      kest_tls::HelloRisks(s, hello, kest_tls::OfferedVersion(hello), state.hello_risks);
+      kest_tls::HelloRisks(hello, kest_tls::OfferedVersion(hello), state.hello_risks);
       if (hello.has_server_name) {
         s.Publish(kServerName, hello.server_name, hello.server_name_length);
         oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
@@ -208,7 +208,7 @@ private:
     if (version != nullptr) {
       s.Publish(kVersion, version);
     }
-    kest_tls::HelloRisks(s, hello, chosen, state.hello_risks);
+    kest_tls::HelloRisks(hello, chosen, state.hello_risks);
     // Up to TLS 1.2 the certificate follows in clear.
     state.leaf_wanted =
         chosen >= 0x0300 && chosen <= 0x0303 && kest_tls::CertificateWanted(s, kCertificate);

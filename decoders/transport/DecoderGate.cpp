@@ -149,9 +149,11 @@ unsigned int DecoderGate::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, oru
       for (uint64_t todo = live.bits[word] & order; todo != 0; todo &= todo - 1) {
         const size_t i = word * 64 + static_cast<size_t>(__builtin_ctzll(todo));
         const oru::InspectorCallback &member = m_members[i].callback;
-        const uint32_t app = own->GetAppStack()->app;
+        // The member that names the connection first is judged by its ports.
+        const bool judging = level == 0 && own->m_port_judged == 0;
+        const uint32_t app = judging ? own->GetAppStack()->app : 0;
         const unsigned int r = member.Call(parent, pkt, tuple, conn);
-        if (own->GetAppStack()->app != app && level == 0 && own->m_port_judged == 0) {
+        if (judging && own->GetAppStack()->app != app) {
           JudgePorts(*own, i, first);
         }
         if (r == oru::INSPECT_STAY) {

@@ -92,11 +92,6 @@ enum : unsigned {
   LINE_TLS = 64,
 };
 
-// The bit of a risk in State::risks.
-constexpr uint32_t RiskBit(Risk risk) {
-  return uint32_t{1} << static_cast<unsigned>(risk);
-}
-
 // Values the rules take from lines, to publish once the protocol is named.
 constexpr uint32_t kNoteCapacity = 256;
 
@@ -454,15 +449,11 @@ private:
 
   // Each risk the rules found and nobody was told of yet, once.
   void RaiseNew(uint32_t &raised, uint32_t risks) {
-    constexpr int kIndex = risk_detail::IndexIn(Rules::kSpec);
-    static_assert(kIndex >= 0,
+    static_assert(risk_detail::IndexIn(Rules::kSpec) >= 0,
                   "list oru::kit::kRiskAttribute among the Spec's borrowed attributes");
     for (uint32_t fresh = risks & ~raised; fresh != 0; fresh &= fresh - 1) {
-      const Risk risk = static_cast<Risk>(__builtin_ctz(fresh));
-      const char *name = RiskName(risk);
-      m_reg.Publish(kIndex, name, __builtin_strlen(name));
+      RaiseOnce(raised, static_cast<Risk>(__builtin_ctz(fresh)));
     }
-    raised |= risks;
   }
 
   // Each announced end point, once the protocol is named.

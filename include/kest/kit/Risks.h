@@ -116,6 +116,20 @@ inline void RaiseOnActive(Risk risk) {
   PublishAttribute(RiskId(), name, length);
 }
 
+// The bit of a risk in a connection's set of risks raised (1 << Risk).
+constexpr uint32_t RiskBit(Risk risk) {
+  return uint32_t{1} << static_cast<unsigned>(risk);
+}
+
+// Raises `risk` on the thread's active connection unless `raised`, the
+// connection's set, holds it already: each risk once per connection.
+inline void RaiseOnce(uint32_t &raised, Risk risk) {
+  if ((raised & RiskBit(risk)) == 0) {
+    raised |= RiskBit(risk);
+    RaiseOnActive(risk);
+  }
+}
+
 // Raises `risk` on the session's connection (the thread's active one).
 template <class D> void Raise(Session<D> &, Risk risk) {
   static_assert(risk_detail::IndexIn(D::kSpec) >= 0,

@@ -2,6 +2,7 @@
 // shared captures stays clear, random names are flagged, and most of a
 // thousand random draws are; and the tunnel rule's bounds.
 #include "dns/DnsRisks.h"
+#include "tests/support/TestHooks.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +12,13 @@
 
 namespace {
 
-TEST(DnsRisks, RealNamesStayClearAndRandomOnesAreFlagged) {
+// The score's logarithms go through the host's hooks.
+class DnsRisks : public ::testing::Test {
+protected:
+  void SetUp() override { kest_test::InstallHooks(); }
+};
+
+TEST_F(DnsRisks, RealNamesStayClearAndRandomOnesAreFlagged) {
   std::ifstream in(KEST_TEST_DNS_NAMES);
   ASSERT_TRUE(in.good()) << KEST_TEST_DNS_NAMES;
   std::string line;
@@ -33,7 +40,7 @@ TEST(DnsRisks, RealNamesStayClearAndRandomOnesAreFlagged) {
 
 // Random letters (and digits) of 12 to 24 bytes: the score is built to
 // flag about two in three of them, and no name of names.txt's clear rows.
-TEST(DnsRisks, MostRandomDrawsAreFlagged) {
+TEST_F(DnsRisks, MostRandomDrawsAreFlagged) {
   std::mt19937 rng(29);
   const std::string alphabets[] = {"abcdefghijklmnopqrstuvwxyz",
                                    "abcdefghijklmnopqrstuvwxyz0123456789"};
@@ -51,7 +58,7 @@ TEST(DnsRisks, MostRandomDrawsAreFlagged) {
   }
 }
 
-TEST(DnsRisks, TunnelBounds) {
+TEST_F(DnsRisks, TunnelBounds) {
   const struct {
     std::string name;
     uint16_t qtype;
