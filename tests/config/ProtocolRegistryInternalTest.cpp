@@ -2,6 +2,7 @@
 // protocols only while an instance opens: the fixture holds its instance in
 // that state through the instance table when a test asks for it.
 #include "InstanceFixture.h"
+#include "TableFile.h"
 #include "TestHooks.h"
 #include "runtime/InstanceTable.h"
 
@@ -63,8 +64,7 @@ protected:
 
 // The steps of protocol_registry.txt.
 TEST_F(ProtocolRegistryTest, Scenarios) {
-  const std::string file = __FILE__;
-  std::ifstream in(file.substr(0, file.rfind('/')) + "/protocol_registry.txt");
+  std::ifstream in(kest_test::SourceFolder(__FILE__) / "protocol_registry.txt");
   ASSERT_TRUE(in);
   const std::map<std::string, int> errors = {
       {"0", 0}, {"EINVAL", KEST_EINVAL}, {"EEXIST", KEST_EEXIST}, {"EBUSY", KEST_EBUSY}};

@@ -1,8 +1,8 @@
 // Header blocks parsed a line at a time: the rows of header_lines.txt, and the
 // same records whatever the packet boundaries.
 #include "LeakCheck.h"
+#include "TableFile.h"
 #include "WebTestSupport.h"
-#include "tests/flow/TableFile.h"
 
 #include <kest/KeyValueHeader.h>
 

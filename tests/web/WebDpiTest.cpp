@@ -1,9 +1,9 @@
 // The message inspector on the TCP decoder in-process: the exchanges of
 // exchanges.txt whatever the packet boundaries, fields subscribed and dropped,
 // inspectors attached by header rules, and failing allocations.
+#include "TableFile.h"
 #include "tests/attributes/AttributeTestSupport.h"
 #include "tests/decoders/DecoderTestSupport.h"
-#include "tests/flow/TableFile.h"
 #include "tests/rules/ChainTestSupport.h"
 
 #include <kest/WebDpi.h>

@@ -2,8 +2,8 @@
 // the rows of first_lines.txt. That a line is decided only once whole, the
 // message inspector's split-invariance test finds at every cut point.
 #include "LeakCheck.h"
+#include "TableFile.h"
 #include "WebTestSupport.h"
-#include "tests/flow/TableFile.h"
 
 #include <kest/WebLine.h>
 

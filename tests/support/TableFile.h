@@ -13,9 +13,22 @@
 
 namespace kest_test {
 
+// The folder of the source file `source` (a test's __FILE__). A compiler cache
+// that shares objects between checkouts names sources relative to the folder
+// the compiler ran in, the build tree's top.
+inline std::filesystem::path SourceFolder(const char *source) {
+  std::filesystem::path path(source);
+#ifdef KEST_COMPILE_DIR
+  if (path.is_relative()) {
+    path = std::filesystem::path(KEST_COMPILE_DIR) / path;
+  }
+#endif
+  return path.parent_path();
+}
+
 // The rows of the file `name` in the folder of the source file `source`.
 inline std::vector<std::string> TableRows(const char *source, const char *name) {
-  std::ifstream in(std::filesystem::path(source).parent_path() / name);
+  std::ifstream in(SourceFolder(source) / name);
   EXPECT_TRUE(in.good()) << name;
   std::vector<std::string> rows;
   for (std::string line; std::getline(in, line);) {
