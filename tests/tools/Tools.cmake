@@ -54,3 +54,15 @@ if(TARGET kestcap AND KEST_JQ AND KEST_PYTHON3 AND EXISTS /usr/bin/time)
                    ${CMAKE_CURRENT_BINARY_DIR}/flows ${_flows_max_kb} 100000 1000)
   set_tests_properties(kestcap_flows_bounded PROPERTIES TIMEOUT 120)
 endif()
+
+# The README's examples, as written.
+if(TARGET kestcap AND KEST_JQ AND TARGET kest_host)
+  if(KEST_SANITIZE)
+    set(_readme_cflags -fsanitize=${KEST_SANITIZE})
+  endif()
+  add_test(NAME readme_examples
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/readme_test.sh ${CMAKE_SOURCE_DIR}
+                   ${CMAKE_BINARY_DIR} $<TARGET_FILE:kestcap> $<TARGET_FILE:kest_host>
+                   "${_readme_cflags}")
+  set_tests_properties(readme_examples PROPERTIES TIMEOUT 600)
+endif()
