@@ -1,6 +1,7 @@
 // AES and MD5 on the standard vectors of vectors.txt beside this file, and
 // what their calls refuse.
 #include "LeakCheck.h"
+#include "TableFile.h"
 
 #include <gtest/gtest.h>
 #include <kest/aes.h>
@@ -27,7 +28,7 @@ Bytes Hex(const std::string &text) {
 // The lines of vectors.txt that start with `kind`, as `fields` fields split at
 // single spaces, the last one taking the rest of the line.
 std::vector<Row> Vectors(const std::string &kind, size_t fields) {
-  std::ifstream in(std::filesystem::path(__FILE__).parent_path() / "vectors.txt");
+  std::ifstream in(kest_test::SourceFolder(__FILE__) / "vectors.txt");
   std::vector<Row> rows;
   for (std::string line; std::getline(in, line);) {
     if (line.rfind(kind + " ", 0) != 0) {

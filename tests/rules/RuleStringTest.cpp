@@ -1,6 +1,7 @@
 // Custom rule texts, parsed as the stores' owners parse them: the rows of
 // rule_strings.txt, and addresses against the ipv4 reader.
 #include "LeakCheck.h"
+#include "TableFile.h"
 
 #include <kest/IpPortRuleStore.h>
 #include <kest/KeyValueRuleString.h>
@@ -19,8 +20,7 @@ using Fields = std::vector<std::string>;
 class RuleStringTest : public kest_test::LeakCheck {};
 
 TEST_F(RuleStringTest, Rows) {
-  const std::string path = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/'));
-  std::ifstream in(path + "/rule_strings.txt");
+  std::ifstream in(kest_test::SourceFolder(__FILE__) / "rule_strings.txt");
   ASSERT_TRUE(in);
   int rows = 0;
   for (std::string line; std::getline(in, line);) {
