@@ -63,6 +63,7 @@ if(TARGET kestcap)
   add_test(NAME kestcap_ipfix
            COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/ipfix_test.sh $<TARGET_FILE:kestcap>
                    ${CMAKE_BINARY_DIR}/plugins ${CMAKE_CURRENT_BINARY_DIR}/ipfix
+                   ${CMAKE_SOURCE_DIR}/scripts/flows_pcap.py
                    ${CMAKE_SOURCE_DIR}/tests/golden/captures/wlan-radiotap-http.pcap
                    ${CMAKE_SOURCE_DIR}/../shared/pcaps/nflog-http.pcap
                    ${CMAKE_SOURCE_DIR}/../shared/pcaps/1kxun.pcap

@@ -5,11 +5,15 @@
 # protocol, packets each way (the reverse elements of a bidirectional
 # record) and start and end times to the millisecond. As root, the messages
 # are also captured on loopback and tshark's IPFIX decoder must show every
-# application name of the JSON lines. Exit 77 (skipped) without nfcapd or
-# nfdump.
-# Arguments: kestcap, the plug-in folder, a folder to write in, captures.
+# application name of the JSON lines, and the templates must come with the
+# first message of each run and then with every 101st. Besides the captures
+# named, one of many flows is made (scripts/flows_pcap.py) and read on two
+# threads, for more than a hundred messages from two workers at once. Exit
+# 77 (skipped) without nfcapd or nfdump.
+# Arguments: kestcap, the plug-in folder, a folder to write in, the flows
+# generator, captures.
 set -u
-kestcap="$1"; plugins="$2"; work="$3"; shift 3
+kestcap="$1"; plugins="$2"; work="$3"; generator="$4"; shift 4
 for tool in nfcapd nfdump python3; do
   command -v "$tool" >/dev/null 2>&1 || { echo "$tool is not installed: skipped"; exit 77; }
 done
@@ -18,7 +22,8 @@ mkdir -p "$work/flows"
 failures=0
 # A port nobody holds now.
 port=$(python3 -c 'import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-nfcapd -b 127.0.0.1 -p "$port" -w "$work/flows" -t 3600 >"$work/nfcapd.log" 2>&1 &
+# A socket buffer of a few hundred messages, where the system allows it.
+nfcapd -b 127.0.0.1 -p "$port" -w "$work/flows" -t 3600 -B 4194304 >"$work/nfcapd.log" 2>&1 &
 collector=$!
 sniffer=""
 if [ "$(id -u)" -eq 0 ] && command -v tshark >/dev/null 2>&1 && command -v tcpdump >/dev/null 2>&1; then
@@ -33,10 +38,20 @@ for _ in $(seq 50); do
     { [ -z "$sniffer" ] || grep -q "listening" "$work/tcpdump.log"; } && break
   sleep 0.1
 done
+# Targets that are not HOST:PORT are usage errors, before any packet.
+for target in 127.0.0.1 "[::1" ::1:4739 "localhost:"; do
+  "$kestcap" --plugins "$plugins" --ipfix "$target" "$1" >/dev/null 2>"$work/usage.err"
+  code=$?
+  [ "$code" -eq 1 ] && grep -q "ipfix" "$work/usage.err" ||
+    { echo "FAIL: --ipfix $target: exit $code, $(cat "$work/usage.err")"; failures=$((failures + 1)); }
+done
+python3 "$generator" "$work/flows.pcap" --flows 4000 || { echo "FAIL: the generator failed"; exit 1; }
 n=0
-for cap in "$@"; do
+for cap in "$@" "$work/flows.pcap"; do
   [ -f "$cap" ] || { echo "$cap is missing: left out"; continue; }
-  "$kestcap" --plugins "$plugins" --json --ipfix "127.0.0.1:$port" "$cap" \
+  threads=1
+  [ "$cap" = "$work/flows.pcap" ] && threads=2
+  "$kestcap" --plugins "$plugins" --threads "$threads" --json --ipfix "127.0.0.1:$port" "$cap" \
     >>"$work/kestcap.jsonl" 2>>"$work/kestcap.err" || { echo "FAIL: kestcap on $cap"; failures=$((failures + 1)); }
   n=$((n + 1))
 done
@@ -82,13 +97,21 @@ print(f"ipfix: {sum(expected.values())} connections in JSON, {sum(got.values())}
 sys.exit(1 if missing or extra else 0)
 PY
 if [ -n "$sniffer" ]; then
-  tshark -r "$work/ipfix.pcap" -d "udp.port==$port,cflow" -V 2>/dev/null |
-    sed -n 's/^ *ApplicationName: //p' | sort -u >"$work/tshark.apps"
+  tshark -r "$work/ipfix.pcap" -d "udp.port==$port,cflow" -V >"$work/tshark.txt" 2>/dev/null
+  sed -n 's/^ *ApplicationName: //p' "$work/tshark.txt" | sort -u >"$work/tshark.apps"
   python3 -c 'import json, sys; print("\n".join(sorted({json.loads(l)["app"] for l in open(sys.argv[1])})))' \
     "$work/kestcap.jsonl" >"$work/json.apps"
   if ! cmp -s "$work/tshark.apps" "$work/json.apps"; then
     echo "FAIL: tshark's application names differ from the JSON lines':"
     diff "$work/json.apps" "$work/tshark.apps"
+    failures=$((failures + 1))
+  fi
+  # Each run's summary: "ipfix: M messages, ...".
+  want=$(awk '/^ipfix: / { n += 1 + int(($2 - 1) / 101) } END { print n + 0 }' "$work/kestcap.err")
+  sent=$(awk '/^ipfix: / { n += $2 } END { print n + 0 }' "$work/kestcap.err")
+  templates=$(grep -c '\[id=2\] (Data Template)' "$work/tshark.txt")
+  if [ "$templates" != "$want" ]; then
+    echo "FAIL: $templates template sets in $sent messages, not $want"
     failures=$((failures + 1))
   fi
 fi
