@@ -167,9 +167,14 @@ void IpfixExporter::Add(const FlowRecord &r, const std::string &app,
   std::string record;
   record.append(reinterpret_cast<const char *>(r.client.address), v6 ? 16 : 4);
   record.append(reinterpret_cast<const char *>(r.server.address), v6 ? 16 : 4);
-  // The ports are in network order already.
-  record.append(reinterpret_cast<const char *>(&r.client.port), 2);
-  record.append(reinterpret_cast<const char *>(&r.server.port), 2);
+  // The ports are in network order already. Other protocols key their
+  // connections by other numbers in the same place (an ICMP echo's
+  // identifier, an ESP security parameter index), which collectors would
+  // read as ports, or as an ICMP type and code: they send 0.
+  const bool ports = r.protocol == 6 || r.protocol == 17 || r.protocol == 132;
+  const uint16_t none = 0;
+  record.append(reinterpret_cast<const char *>(ports ? &r.client.port : &none), 2);
+  record.append(reinterpret_cast<const char *>(ports ? &r.server.port : &none), 2);
   Put8(record, r.protocol);
   Put64(record, r.first_us / 1000);
   Put64(record, r.last_us / 1000);
