@@ -6,6 +6,10 @@ for pkg in cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchma
   jq tcpdump python3 time; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
+# IPFIX export is tested against nfdump's collector and read back by tshark.
+for pkg in nfdump tshark; do
+  dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
+done
 if [ -n "$need" ]; then
   SUDO=""
   [ "$(id -u)" -eq 0 ] || SUDO=sudo

@@ -66,3 +66,19 @@ if(TARGET kestcap AND KEST_JQ AND TARGET kest_host)
                    "${_readme_cflags}")
   set_tests_properties(readme_examples PROPERTIES TIMEOUT 600)
 endif()
+
+# kestcap --ipfix into nfdump's collector on loopback: every connection of
+# the JSON lines stored with its end points, packets each way and times, and
+# the application names in tshark's decoding of the messages (skipped
+# without the collector; the names only as root).
+if(TARGET kestcap)
+  add_test(NAME kestcap_ipfix
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/ipfix_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins ${CMAKE_CURRENT_BINARY_DIR}/ipfix
+                   ${CMAKE_SOURCE_DIR}/scripts/flows_pcap.py
+                   ${CMAKE_SOURCE_DIR}/tests/golden/captures/wlan-radiotap-http.pcap
+                   ${CMAKE_SOURCE_DIR}/../shared/pcaps/nflog-http.pcap
+                   ${CMAKE_SOURCE_DIR}/../shared/pcaps/1kxun.pcap
+                   ${CMAKE_SOURCE_DIR}/../shared/pcaps/http_ipv6.pcap)
+  set_tests_properties(kestcap_ipfix PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
+endif()

@@ -1,5 +1,7 @@
 #include "CaptureInput.h"
 
+#include "LinkHeader.h"
+
 #include <kest.h>
 #include <sys/stat.h>
 
@@ -80,6 +82,9 @@ bool CaptureInput::Setup(const std::string &filter, std::string &error) {
   case DLT_LOOP:
     break;
   default: {
+    if (LinkHeader::Reads(m_link)) {
+      break;
+    }
     const char *name = pcap_datalink_val_to_name(m_link);
     error = std::string("link type ") + (name != nullptr ? name : std::to_string(m_link)) +
             " is not supported";
@@ -149,9 +154,19 @@ CaptureInput::Next CaptureInput::Read(Frame &frame) {
     frame.length -= ip ? 4 : 0;
     break;
   }
-  default:
-    frame.form = KEST_SELECTOR_IP;
+  default: {
+    if (!LinkHeader::Reads(m_link)) {
+      frame.form = KEST_SELECTOR_IP;
+      break;
+    }
+    // NFLOG, PPP, HDLC and 802.11: IP behind a header of its own.
+    uint32_t header = 0;
+    const bool ip = LinkHeader::Strip(m_link, data, frame.length, header);
+    frame.form = ip ? KEST_SELECTOR_IP : 0;
+    frame.data += ip ? header : 0;
+    frame.length -= ip ? header : 0;
     break;
+  }
   }
   return Next::kFrame;
 }

@@ -1,7 +1,8 @@
 // Where packets come from: a capture file (pcap or pcapng, "-" for standard
 // input) or a live interface, through libpcap. Each link type is mapped to
 // one of the library's packet forms, stripping the link header the library
-// does not take (NULL, LOOP and Linux cooked capture v2 become IP packets).
+// does not take (NULL, LOOP and Linux cooked capture v2 become IP packets,
+// and so do NFLOG, PPP, HDLC and 802.11 frames: LinkHeader.h).
 #ifndef KESTCAP_CAPTUREINPUT_H
 #define KESTCAP_CAPTUREINPUT_H
 

@@ -8,6 +8,8 @@ namespace kestcap {
 namespace {
 
 enum LongOnly { kPlugins = 256, kListPlugins, kRule, kProtoAdd, kConfig, kAttr, kJson, kChanges };
+// Exports, numbered apart from the others.
+enum ExportOnly { kIpfix = 400 };
 
 const option kLong[] = {
     {"interface", required_argument, nullptr, 'i'},
@@ -21,6 +23,7 @@ const option kLong[] = {
     {"attr", required_argument, nullptr, kAttr},
     {"json", no_argument, nullptr, kJson},
     {"changes", required_argument, nullptr, kChanges},
+    {"ipfix", required_argument, nullptr, kIpfix},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -59,6 +62,9 @@ const char *UsageText() {
          "                         packets it names: lines 'N config KEY=VALUE',\n"
          "                         'N proto-add|proto-remove NAME', 'N rule-add|\n"
          "                         rule-remove PROTO MODULE TEXT'\n"
+         "      --ipfix HOST:PORT  also send each connection as it ends to an IPFIX\n"
+         "                         collector over UDP: one bidirectional record with\n"
+         "                         the application, stack and service (docs/ipfix.md)\n"
          "  -h, --help             this text\n"
          "\n"
          "Exit codes: 0 done (also for a capture cut short, with a warning);\n"
@@ -116,6 +122,9 @@ bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
       break;
     case kChanges:
       out.changes = optarg;
+      break;
+    case kIpfix:
+      out.ipfix = optarg;
       break;
     case ':':
       error = std::string("option ") + argv[optind - 1] + " needs an argument";

@@ -216,6 +216,9 @@ void Worker::WriteTunnels() {
     if (m_setup.json != nullptr) {
       m_setup.json->Write(JsonLine(record, tunnel.name, {"UDP", tunnel.name}));
     }
+    if (m_setup.ipfix != nullptr) {
+      m_setup.ipfix->Add(record, tunnel.name, {"UDP", tunnel.name}, nullptr);
+    }
   }
   m_tunnel_flows.clear();
   m_tunnel_index.clear();
@@ -383,6 +386,9 @@ void Worker::Expired(kest_conn_id_t id) {
   row.bytes += record.bytes[0] + record.bytes[1];
   if (m_setup.json != nullptr) {
     m_setup.json->Write(JsonLine(record, app, stack));
+  }
+  if (m_setup.ipfix != nullptr) {
+    m_setup.ipfix->Add(record, app, stack, service);
   }
   if (m_cached == &it->second) {
     m_cached = nullptr;

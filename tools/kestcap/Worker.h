@@ -9,6 +9,7 @@
 
 #include "CaptureInput.h"
 #include "FlowLog.h"
+#include "IpfixExporter.h"
 
 #include "wire/WireParser.h"
 
@@ -27,6 +28,8 @@ struct WorkerSetup {
   std::vector<std::string> attrs;
   // JSON lines go here; null for the table only.
   LineOutput *json = nullptr;
+  // Finished connections also go to a collector; null for none.
+  IpfixExporter *ipfix = nullptr;
   // The clock follows the packets' time stamps (captures from files).
   bool capture_clock = true;
   // Tunnels are opened (the library's default policy says so).

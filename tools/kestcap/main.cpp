@@ -3,6 +3,7 @@
 #include "CaptureInput.h"
 #include "Changes.h"
 #include "FlowLog.h"
+#include "IpfixExporter.h"
 #include "Options.h"
 #include "PluginFolder.h"
 #include "SpscRing.h"
@@ -152,6 +153,17 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
   }
   for (const std::string &name : options.attrs) {
     setup.attrs.push_back(name);
+  }
+  // Declared before the workers, so that it sends their last records
+  // after they finish.
+  std::unique_ptr<IpfixExporter> ipfix;
+  if (!options.ipfix.empty()) {
+    ipfix = std::make_unique<IpfixExporter>();
+    std::string why;
+    if (!ipfix->Open(options.ipfix, why)) {
+      return Fail(kExitUsage, why);
+    }
+    setup.ipfix = ipfix.get();
   }
   const size_t n = static_cast<size_t>(options.threads);
   std::vector<std::unique_ptr<Worker>> workers;
