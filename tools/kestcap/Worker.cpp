@@ -66,6 +66,7 @@ void Worker::Handle(const Frame &frame) {
   m_now.counted = 0;
   m_now.parse = kest_decoders::ParsePacket(static_cast<kest_decoders::PacketForm>(frame.form),
                                            frame.data, frame.length, m_now.packet);
+  m_now.ip = frame.data + m_now.packet.l3_offset;
   // The innermost packet decides the direction, as the library classifies
   // that one.
   for (int depth = 0; m_setup.tunnels && m_now.parse == ParseResult::kOk && depth < kMaxTunnels;
@@ -84,6 +85,7 @@ void Worker::Handle(const Frame &frame) {
     }
     m_now.packet = q;
     m_now.parse = r;
+    m_now.ip = inner.data + q.l3_offset;
   }
   if (m_setup.capture_clock) {
     const uint64_t ms = frame.ts_us / 1000;
@@ -213,8 +215,8 @@ void Worker::WriteTunnels() {
     ++row.connections;
     row.packets += record.packets[0] + record.packets[1];
     row.bytes += record.bytes[0] + record.bytes[1];
-    if (m_setup.json != nullptr) {
-      m_setup.json->Write(JsonLine(record, tunnel.name, {"UDP", tunnel.name}));
+    if (m_setup.sink != nullptr) {
+      m_setup.sink->Finished(record, tunnel.name, {"UDP", tunnel.name});
     }
   }
   m_tunnel_flows.clear();
@@ -257,6 +259,9 @@ FlowRecord &Worker::Record(kest_conn_id_t id) {
     // The connection is the active one here: its end points, client first.
     kest_endpoint_get(m_h, id, &record.client, &record.server);
     record.protocol = m_now.packet.protocol;
+    if (m_setup.features) {
+      record.features = std::make_shared<FlowFeatures>();
+    }
     // The library reads an IPv6 address with twelve zero bytes (::1) as
     // IPv4, and 0.0.0.0 as IPv6 (::); the packet says which it was.
     for (kest_endpoint_t *end : {&record.client, &record.server}) {
@@ -320,6 +325,11 @@ void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
   }
   ++record.packets[side];
   record.bytes[side] += bytes;
+  if (record.features != nullptr && p.payload != nullptr) {
+    const uint64_t length = static_cast<uint64_t>(p.payload - m_now.ip) + p.payload_length;
+    record.features->Add(side, static_cast<uint32_t>(length), m_now.ts_us, record.first_us,
+                         p.protocol == 6 ? p.tcp_flags : 0);
+  }
   // Captures merged from several taps go back in time now and then: the
   // connection lasts until its latest packet, never less than nothing.
   if (m_now.ts_us > record.last_us) {
@@ -381,8 +391,8 @@ void Worker::Expired(kest_conn_id_t id) {
   ++row.connections;
   row.packets += record.packets[0] + record.packets[1];
   row.bytes += record.bytes[0] + record.bytes[1];
-  if (m_setup.json != nullptr) {
-    m_setup.json->Write(JsonLine(record, app, stack));
+  if (m_setup.sink != nullptr) {
+    m_setup.sink->Finished(record, app, stack);
   }
   if (m_cached == &it->second) {
     m_cached = nullptr;

@@ -9,6 +9,7 @@
 
 #include "CaptureInput.h"
 #include "FlowLog.h"
+#include "FlowSink.h"
 
 #include "wire/WireParser.h"
 
@@ -25,8 +26,10 @@ struct WorkerSetup {
   kest_handle_t handle = -1;
   // Attribute names to listen to.
   std::vector<std::string> attrs;
-  // JSON lines go here; null for the table only.
-  LineOutput *json = nullptr;
+  // Finished connections go here; null for the table only.
+  FlowSink *sink = nullptr;
+  // Each connection keeps its flow features.
+  bool features = false;
   // The clock follows the packets' time stamps (captures from files).
   bool capture_clock = true;
   // Tunnels are opened (the library's default policy says so).
@@ -88,6 +91,9 @@ private:
     uint64_t ts_us = 0;
     kest_decoders::ParseResult parse = kest_decoders::ParseResult::kNotIp;
     kest_decoders::ParsedPacket packet;
+    // The start of the (innermost) IP header: the packet's IP length ends
+    // with its payload.
+    const uint8_t *ip = nullptr;
     kest_conn_id_t counted = 0;
   } m_now;
 
