@@ -7,9 +7,10 @@ import kest
 
 KESTCAP, PLUGINS, SOURCE = os.environ["KESTCAP"], os.environ["KEST_PLUGINS"], os.environ["KEST_SOURCE"]
 BUNDLED = os.path.join(SOURCE, "examples/loopback.pcap")
-SHARED = "/work/shared/pcaps/1kxun.pcap"  # many flows, when present
-CAPTURES = [BUNDLED, pytest.param(SHARED, marks=pytest.mark.skipif(
-    not os.path.exists(SHARED), reason="shared capture missing"))]
+# Many flows, and tunnels (outer flows listed beside inner ones), when present.
+SHARED = ["/work/shared/pcaps/1kxun.pcap", "/work/shared/pcaps/Teredo.pcap"]
+CAPTURES = [BUNDLED] + [pytest.param(p, marks=pytest.mark.skipif(
+    not os.path.exists(p), reason="shared capture missing")) for p in SHARED]
 RENAMED = {"orig_h": "id.orig_h", "orig_p": "id.orig_p", "resp_h": "id.resp_h", "resp_p": "id.resp_p"}
 
 
@@ -40,6 +41,7 @@ def test_records_equal_kestcap_json(path, threads):
     assert as_lines(kest.Flows(path, plugins=PLUGINS, threads=threads)) == kestcap_lines(path)
     flows = kest.Flows(path, plugins=PLUGINS, threads=threads, features=True)
     assert as_lines(flows) == kestcap_lines(path, "--features")
+    assert len(flows.to_pandas()) == len(kestcap_lines(path))
 
 
 def test_default_plugins_and_repeat_passes():

@@ -3,6 +3,8 @@
 // minimum, mean, maximum and standard deviation, and the TCP flags seen; and
 // the first packets as (direction, length, time offset). One pass: the means
 // and deviations are kept by Welford's running sums, and no packet is kept.
+// A fragmented datagram counts once, as the fragment that completes it (the
+// record's packet counts hold every fragment).
 #ifndef KESTCAP_FLOWFEATURES_H
 #define KESTCAP_FLOWFEATURES_H
 

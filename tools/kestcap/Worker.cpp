@@ -182,6 +182,9 @@ void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders
     FlowRecord &record = made.record;
     record.first_us = record.last_us = m_now.ts_us;
     record.protocol = 17;
+    if (m_setup.features) {
+      record.features = std::make_shared<FlowFeatures>();
+    }
     // The sender of the first packet seen is the client.
     for (auto [end, address, port] : {std::tuple{&record.client, &outer.src, outer.src_port},
                                       std::tuple{&record.server, &outer.dst, outer.dst_port}}) {
@@ -202,6 +205,11 @@ void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders
   const int side = outer.src == client && outer.src_port == ntohs(record.client.port) ? 0 : 1;
   ++record.packets[side];
   record.bytes[side] += outer.payload_length;
+  if (record.features != nullptr) {
+    // The outer packet: m_now.ip is still its IP header here.
+    const uint64_t length = static_cast<uint64_t>(outer.payload - m_now.ip) + outer.payload_length;
+    record.features->Add(side, static_cast<uint32_t>(length), m_now.ts_us, record.first_us, 0);
+  }
   if (m_now.ts_us > record.last_us) {
     record.last_us = m_now.ts_us;
   }
