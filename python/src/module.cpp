@@ -624,6 +624,9 @@ public:
     if (bytes.empty() || bytes.size() > 0xFFFF) {
       Raise(EINVAL, "a packet holds 1 to 65535 bytes, not " + std::to_string(bytes.size()));
     }
+    if (ts.has_value() && !(*ts >= 0 && *ts < 1e15)) {
+      Raise(EINVAL, "ts is seconds since 1970, not " + std::to_string(*ts));
+    }
     if (ts.has_value()) {
       kest_clock_set_mode(m_h, 1);
       kest_clock_set(m_h, static_cast<uint64_t>(*ts * 1000.0));

@@ -146,6 +146,7 @@ def test_features_against_the_capture():
     (lambda tmp: kest.Flows(BUNDLED, threads=0), errno.EINVAL),
     (lambda tmp: kest.Instance().classify(b"\0" * 20, link=9999), errno.EINVAL),
     (lambda tmp: kest.Instance().classify(b""), errno.EINVAL),
+    (lambda tmp: kest.Instance().classify(b"\0" * 20, ts=-1.0), errno.EINVAL),
     (lambda tmp: kest.Instance().on_attr("no.such.attribute", print), errno.EINVAL),
     (lambda tmp: closed_instance().classify(b"\0" * 20), errno.EINVAL),
 ])
