@@ -3,7 +3,7 @@
 #   scripts/test_weight.sh [--max PCT]
 # Test code: C, C++, Python, shell and CMake under tests/ (data such as .jsonl,
 # .txt, .hex and .pcap files does not count). Product code: the same kinds of
-# file under include/, the library folders, decoders/ and tools/.
+# file under include/, the library folders, decoders/, tools/ and python/.
 # With --max, exits 1 when tests weigh more than PCT per cent of the product.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -33,11 +33,11 @@ count() {
 tests="$(count tests)"
 library="runtime foundation conn flow rules web attributes config plugins"
 # shellcheck disable=SC2086
-product="$(count include $library decoders tools)"
+product="$(count include $library decoders tools python)"
 awk -v t="$tests" -v p="$product" -v max="$max" 'BEGIN {
   pct = p > 0 ? 100 * t / p : 0
   printf "test code:    %7d lines (tests/)\n", t
-  printf "product code: %7d lines (include/, library folders, decoders/, tools/)\n", p
+  printf "product code: %7d lines (include/, library folders, decoders/, tools/, python/)\n", p
   printf "ratio:        %6.1f %%\n", pct
   if (max != "" && pct > max + 0) {
     printf "above the bound of %s %%\n", max

@@ -94,6 +94,20 @@ if(EXISTS ${prefix}/bin/kestcap)
   endif()
 endif()
 
+# The installed Python package finds the library and the installed decoders
+# from its own place, with nothing but its site folder on the path.
+file(GLOB python_package ${prefix}/lib/python3*/dist-packages/kest/__init__.py)
+find_program(python NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
+if(python_package AND python)
+  get_filename_component(site ${python_package} DIRECTORY)
+  get_filename_component(site ${site} DIRECTORY)
+  run("installed Python package, no environment" env -i PYTHONPATH=${site} ${python} -c
+      "import kest\nprint(kest.default_plugins(), len(list(kest.Flows('${CONSUMER_DIR}/../../../examples/loopback.pcap'))))")
+  if(NOT run_output MATCHES "^${prefix}/lib[^ ]*/kest/plugins [1-9]")
+    message(FATAL_ERROR "the installed package did not use the installed decoders:\n${run_output}")
+  endif()
+endif()
+
 # The plug-in template, as an author starts from it: built from the installed
 # copy, its table and capture tests run.
 set(template_build ${WORK_DIR}/template-build)

@@ -6,8 +6,6 @@
 
 namespace kestcap {
 
-namespace {
-
 // The transport's name in the log, as conn logs write it; the number for
 // the protocols without one.
 std::string ProtoName(uint8_t protocol) {
@@ -32,6 +30,8 @@ std::string ProtoName(uint8_t protocol) {
     return std::to_string(protocol);
   }
 }
+
+namespace {
 
 // The length of the well-formed UTF-8 sequence at text[i], or 0.
 size_t Utf8Length(const std::string &text, size_t i) {
@@ -123,6 +123,8 @@ void AppendDecimal(std::string &out, uint64_t value) {
   out.append(text, end);
 }
 
+} // namespace
+
 std::string Address(const kest_endpoint_t &end) {
   if (end.family != KEST_FAMILY_IPV6) {
     // The common case, without the C library's formatted printing.
@@ -139,6 +141,8 @@ std::string Address(const kest_endpoint_t &end) {
   inet_ntop(AF_INET6, end.address, text, sizeof text);
   return text;
 }
+
+namespace {
 
 void AppendNumber(std::string &out, const char *key, uint64_t value) {
   out += ",\"";
@@ -258,7 +262,11 @@ std::string JsonLine(const FlowRecord &r, const std::string &app,
     }
     out += ']';
   }
-  out += "}}";
+  out += '}';
+  if (r.features != nullptr) {
+    AppendFeaturesJson(out, *r.features);
+  }
+  out += '}';
   return out;
 }
 

@@ -4,11 +4,14 @@
 #ifndef KESTCAP_FLOWLOG_H
 #define KESTCAP_FLOWLOG_H
 
+#include "FlowFeatures.h"
+
 #include <kest.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -35,6 +38,9 @@ struct FlowRecord {
   std::vector<std::pair<std::string, std::vector<std::string>>> attrs;
   // The distinct values of "flow.risks", in order of arrival.
   std::vector<std::string> risks;
+  // With --features (or the Python package's features=True) only; shared
+  // so that a sink may keep a copy of the record.
+  std::shared_ptr<FlowFeatures> features;
 
   void AddAttr(const std::string &name, std::string value);
   // The last value of attribute `name`, or null. A better source of a
@@ -58,6 +64,11 @@ struct Totals {
   uint64_t connections = 0;
   void Add(const Totals &other);
 };
+
+// A record's transport as the lines name it ("tcp", "udp", ...), and an end
+// point's address as text.
+std::string ProtoName(uint8_t protocol);
+std::string Address(const kest_endpoint_t &end);
 
 // The JSON object of a finished connection, without the newline. `app` is
 // the application's name, `stack` the stack's names bottom first; the

@@ -7,7 +7,17 @@ namespace kestcap {
 
 namespace {
 
-enum LongOnly { kPlugins = 256, kListPlugins, kRule, kProtoAdd, kConfig, kAttr, kJson, kChanges };
+enum LongOnly {
+  kPlugins = 256,
+  kListPlugins,
+  kRule,
+  kProtoAdd,
+  kConfig,
+  kAttr,
+  kJson,
+  kChanges,
+  kFeatures
+};
 // Exports, numbered apart from the others.
 enum ExportOnly { kIpfix = 400 };
 
@@ -24,6 +34,7 @@ const option kLong[] = {
     {"json", no_argument, nullptr, kJson},
     {"changes", required_argument, nullptr, kChanges},
     {"ipfix", required_argument, nullptr, kIpfix},
+    {"features", no_argument, nullptr, kFeatures},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -51,6 +62,9 @@ const char *UsageText() {
          "                         plug-ins, then stop\n"
          "      --json             one JSON object per connection on standard output\n"
          "                         when it ends, instead of the table\n"
+         "      --features         with --json: each line's \"features\" holds per\n"
+         "                         direction packet, byte, length, inter-arrival and\n"
+         "                         TCP flag statistics and the first 16 packets\n"
          "      --attr NAME        also report attribute NAME (repeatable)\n"
          "      --proto-add NAME   register the custom protocol NAME (repeatable)\n"
          "      --rule 'PROTO MODULE TEXT'\n"
@@ -125,6 +139,8 @@ bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
       break;
     case kIpfix:
       out.ipfix = optarg;
+    case kFeatures:
+      out.features = true;
       break;
     case ':':
       error = std::string("option ") + argv[optind - 1] + " needs an argument";

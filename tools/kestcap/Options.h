@@ -30,6 +30,7 @@ struct Options {
   std::vector<std::string> configs; // "KEY=VALUE"
   std::string changes;              // --changes: a changes file, or empty
   std::string ipfix;                // --ipfix: HOST:PORT of a collector, or empty
+  bool features = false;            // --features: flow features in the JSON lines
 };
 
 // Fills `out` from argv. On a usage error: false with `error` set to one line.

@@ -66,6 +66,7 @@ void Worker::Handle(const Frame &frame) {
   m_now.counted = 0;
   m_now.parse = kest_decoders::ParsePacket(static_cast<kest_decoders::PacketForm>(frame.form),
                                            frame.data, frame.length, m_now.packet);
+  m_now.ip = frame.data + m_now.packet.l3_offset;
   // The innermost packet decides the direction, as the library classifies
   // that one.
   for (int depth = 0; m_setup.tunnels && m_now.parse == ParseResult::kOk && depth < kMaxTunnels;
@@ -84,6 +85,7 @@ void Worker::Handle(const Frame &frame) {
     }
     m_now.packet = q;
     m_now.parse = r;
+    m_now.ip = inner.data + q.l3_offset;
   }
   if (m_setup.capture_clock) {
     const uint64_t ms = frame.ts_us / 1000;
@@ -180,6 +182,9 @@ void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders
     FlowRecord &record = made.record;
     record.first_us = record.last_us = m_now.ts_us;
     record.protocol = 17;
+    if (m_setup.features) {
+      record.features = std::make_shared<FlowFeatures>();
+    }
     // The sender of the first packet seen is the client.
     for (auto [end, address, port] : {std::tuple{&record.client, &outer.src, outer.src_port},
                                       std::tuple{&record.server, &outer.dst, outer.dst_port}}) {
@@ -200,6 +205,11 @@ void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders
   const int side = outer.src == client && outer.src_port == ntohs(record.client.port) ? 0 : 1;
   ++record.packets[side];
   record.bytes[side] += outer.payload_length;
+  if (record.features != nullptr) {
+    // The outer packet: m_now.ip is still its IP header here.
+    const uint64_t length = static_cast<uint64_t>(outer.payload - m_now.ip) + outer.payload_length;
+    record.features->Add(side, static_cast<uint32_t>(length), m_now.ts_us, record.first_us, 0);
+  }
   if (m_now.ts_us > record.last_us) {
     record.last_us = m_now.ts_us;
   }
@@ -213,8 +223,8 @@ void Worker::WriteTunnels() {
     ++row.connections;
     row.packets += record.packets[0] + record.packets[1];
     row.bytes += record.bytes[0] + record.bytes[1];
-    if (m_setup.json != nullptr) {
-      m_setup.json->Write(JsonLine(record, tunnel.name, {"UDP", tunnel.name}));
+    if (m_setup.sink != nullptr) {
+      m_setup.sink->Finished(record, tunnel.name, {"UDP", tunnel.name});
     }
     if (m_setup.ipfix != nullptr) {
       m_setup.ipfix->Add(record, tunnel.name, {"UDP", tunnel.name}, nullptr);
@@ -260,6 +270,9 @@ FlowRecord &Worker::Record(kest_conn_id_t id) {
     // The connection is the active one here: its end points, client first.
     kest_endpoint_get(m_h, id, &record.client, &record.server);
     record.protocol = m_now.packet.protocol;
+    if (m_setup.features) {
+      record.features = std::make_shared<FlowFeatures>();
+    }
     // The library reads an IPv6 address with twelve zero bytes (::1) as
     // IPv4, and 0.0.0.0 as IPv6 (::); the packet says which it was.
     for (kest_endpoint_t *end : {&record.client, &record.server}) {
@@ -323,6 +336,11 @@ void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
   }
   ++record.packets[side];
   record.bytes[side] += bytes;
+  if (record.features != nullptr && p.payload != nullptr) {
+    const uint64_t length = static_cast<uint64_t>(p.payload - m_now.ip) + p.payload_length;
+    record.features->Add(side, static_cast<uint32_t>(length), m_now.ts_us, record.first_us,
+                         p.protocol == 6 ? p.tcp_flags : 0);
+  }
   // Captures merged from several taps go back in time now and then: the
   // connection lasts until its latest packet, never less than nothing.
   if (m_now.ts_us > record.last_us) {
@@ -384,8 +402,8 @@ void Worker::Expired(kest_conn_id_t id) {
   ++row.connections;
   row.packets += record.packets[0] + record.packets[1];
   row.bytes += record.bytes[0] + record.bytes[1];
-  if (m_setup.json != nullptr) {
-    m_setup.json->Write(JsonLine(record, app, stack));
+  if (m_setup.sink != nullptr) {
+    m_setup.sink->Finished(record, app, stack);
   }
   if (m_setup.ipfix != nullptr) {
     m_setup.ipfix->Add(record, app, stack, service);

@@ -9,6 +9,7 @@
 
 #include "CaptureInput.h"
 #include "FlowLog.h"
+#include "FlowSink.h"
 #include "IpfixExporter.h"
 
 #include "wire/WireParser.h"
@@ -30,6 +31,10 @@ struct WorkerSetup {
   LineOutput *json = nullptr;
   // Finished connections also go to a collector; null for none.
   IpfixExporter *ipfix = nullptr;
+  // Finished connections go here; null for the table only.
+  FlowSink *sink = nullptr;
+  // Each connection keeps its flow features.
+  bool features = false;
   // The clock follows the packets' time stamps (captures from files).
   bool capture_clock = true;
   // Tunnels are opened (the library's default policy says so).
@@ -91,6 +96,9 @@ private:
     uint64_t ts_us = 0;
     kest_decoders::ParseResult parse = kest_decoders::ParseResult::kNotIp;
     kest_decoders::ParsedPacket packet;
+    // The start of the (innermost) IP header: the packet's IP length ends
+    // with its payload.
+    const uint8_t *ip = nullptr;
     kest_conn_id_t counted = 0;
   } m_now;
 

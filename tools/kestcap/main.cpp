@@ -131,7 +131,9 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
         AppTable &apps, LineOutput *json, ChangeThread *changes) {
   WorkerSetup setup;
   setup.handle = h;
-  setup.json = json;
+  JsonSink json_sink(json);
+  setup.sink = json != nullptr ? &json_sink : nullptr;
+  setup.features = options.features;
   setup.capture_clock = !input.Live();
   char tunnels[8] = "1";
   kest_config_get(h, "conn.default_policy.tunnels", tunnels, sizeof tunnels);
