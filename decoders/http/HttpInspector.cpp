@@ -134,7 +134,26 @@ unsigned int HttpInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, o
   if (m_switch != kNone) {
     return StartTunnel(parent, pkt, tuple, conn);
   }
-  kest_message::OpenTransaction(*this, *conn, SideOf(*conn));
+  const unsigned char side = SideOf(*conn);
+  kest_message::OpenTransaction(*this, *conn, side);
+  oru::FlowBuffer &flow = conn->m_flow[side];
+  if (flow.End() <= 0xFFFFFFFFull) {
+    // A request whose target holds blanks, which the line reader turns away.
+    oru::WebLine line(m_methods, GetProtocolWord());
+    uint64_t next = 0;
+    const oru::kit::Match spaced = kest_message::ReadSpacedRequest(
+        flow, flow.m_read_pos, kest_message::kHttp, *m_methods, line, next);
+    if (spaced == oru::kit::Match::kYes) {
+      flow.m_read_pos = next;
+      return HandleNewMessage(line, parent, pkt, tuple, conn);
+    }
+    if (spaced == oru::kit::Match::kMore && flow.Sync()) {
+      // The parent may drop its reference while it stores the new one.
+      oru::fdt::intrusive_ptr<oru::Inspector> hold(this), again(this);
+      parent->RegisterCallback(conn, side, oru::InspectorCallback(this), EVENT_DATA);
+      return m_result;
+    }
+  }
   return InspectLine(parent, pkt, tuple, conn);
 }
 
