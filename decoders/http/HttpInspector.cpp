@@ -175,10 +175,16 @@ unsigned int HttpInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, o
     if (!Resync(flow, side)) {
       return WaitForLine(parent, conn, side);
     }
+    // A response found so gets a request of its own when none waits.
+    kest_message::OpenTransaction(*this, *conn, side);
+    oru::WebLine found(m_methods, GetProtocolWord());
     pos = flow.m_read_pos;
-    line.Parse(flow, pos, false);
+    if (!found.Parse(flow, pos, false) || (found.m_type != oru::WebLine::LINE_REQUEST &&
+                                           found.m_type != oru::WebLine::LINE_RESPONSE)) {
+      return WaitForLine(parent, conn, side);
+    }
     flow.m_read_pos = pos;
-    return HandleNewMessage(line, parent, pkt, tuple, conn);
+    return HandleNewMessage(found, parent, pkt, tuple, conn);
   }
   if (decided) {
     return HandleNewMessage(line, parent, pkt, tuple, conn);
