@@ -7,8 +7,9 @@
 // Media has no greeting, and a version of 2 in the first two bits is one
 // datagram in four of random bytes, so a flow is judged over several
 // datagrams before it is named:
-// - RTP: version 2, a fixed header with its contributing sources, its
-//   extension and its padding inside the datagram; per direction one SSRC,
+// - RTP: version 2, a payload type that RFC 3551 assigns or a dynamic one,
+//   a fixed header with its contributing sources, its extension and its
+//   padding inside the datagram; per direction one SSRC,
 //   one payload type (comfort noise, 13, and the dynamic types, 96 to 127,
 //   which carry telephone events, may come between without counting),
 //   sequence numbers that advance by 1 to kMaxGap (a lost datagram), and
@@ -64,8 +65,18 @@ struct Rtp {
   // The transport's gate offers the decoder only flows whose first datagram
   // begins with a version of 2.
   static bool DatagramFirstByte(unsigned /*side*/, uint8_t byte) { return byte >> 6 == 2; }
+  // The payload types that RFC 3551 assigns (PCMU, GSM, ..., H.263) and the
+  // dynamic ones; the reserved and unassigned ones are not media's. A DNS
+  // message, whose flags byte reads as payload type 1, stops here.
+  static constexpr bool Assigned(uint32_t payload_type) {
+    return payload_type == 0 || (payload_type >= 3 && payload_type <= 18) || payload_type == 25 ||
+           payload_type == 26 || payload_type == 28 || (payload_type >= 31 && payload_type <= 34) ||
+           payload_type >= 96;
+  }
   static bool Opening(unsigned /*side*/, ByteReader first) {
-    return first.Left() >= 8 && DatagramFirstByte(0, static_cast<uint8_t>(first.Peek()));
+    const uint32_t second = first.Peek(1);
+    return first.Left() >= 8 && DatagramFirstByte(0, static_cast<uint8_t>(first.Peek())) &&
+           ((second >= 200 && second <= 207) || (first.Left() >= 12 && Assigned(second & 0x7f)));
   }
 
   // An RTCP packet's header at the datagram's start: its sender SSRC, or
@@ -101,9 +112,9 @@ struct Rtp {
       }
       header += 4 + 4 * words;
     }
-    // Payload types 72 to 76 would read as RTCP's 200 to 204 with the
-    // marker bit; RTP leaves them unused.
-    if (!r.Ok() || first >> 6 != 2 || (d.payload_type >= 72 && d.payload_type <= 76)) {
+    // Payload types 72 to 76, not assigned, would read as RTCP's 200 to 204
+    // with the marker bit.
+    if (!r.Ok() || first >> 6 != 2 || !Assigned(d.payload_type)) {
       return false;
     }
     if ((first & 0x20) != 0) {
