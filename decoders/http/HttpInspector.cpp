@@ -8,6 +8,7 @@
 #include <kest/kit/TextLine.h>
 
 #include <kest/InterfaceBroker.h>
+#include <kest/MemTag.h>
 #include <kest/fdt/ObjectPrefix.h>
 
 namespace kest_http {
@@ -134,8 +135,105 @@ unsigned int HttpInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, o
   if (m_switch != kNone) {
     return StartTunnel(parent, pkt, tuple, conn);
   }
-  kest_message::OpenTransaction(*this, *conn, SideOf(*conn));
-  return InspectLine(parent, pkt, tuple, conn);
+  const unsigned char side = SideOf(*conn);
+  oru::FlowBuffer &flow = conn->m_flow[side];
+  if (flow.End() > 0xFFFFFFFFull) {
+    return InspectLine(parent, pkt, tuple, conn);
+  }
+  if (flow.m_read_pos < flow.Begin() && !m_lost[side]) {
+    // Where the side's next message begins fell into a hole.
+    m_lost[side] = true;
+    m_lost_at[side] = flow.Begin();
+  }
+  if (m_lost[side] && !Resync(flow, side)) {
+    return WaitForLine(parent, conn, side);
+  }
+  kest_message::OpenTransaction(*this, *conn, side);
+  oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, GetMemoryContext());
+  oru::WebLine line(m_methods, GetProtocolWord());
+  uint64_t next = 0;
+  // A request whose target holds blanks, which the line reader turns away.
+  const oru::kit::Match spaced = kest_message::ReadSpacedRequest(
+      flow, flow.m_read_pos, kest_message::kHttp, *m_methods, line, next);
+  if (spaced == oru::kit::Match::kYes) {
+    flow.m_read_pos = next;
+    return HandleNewMessage(line, parent, pkt, tuple, conn);
+  }
+  if (spaced == oru::kit::Match::kMore) {
+    flow.Sync();
+    return WaitForLine(parent, conn, side);
+  }
+  unsigned long long pos = flow.m_read_pos;
+  const bool decided = line.Parse(flow, pos, false);
+  flow.m_read_pos = pos;
+  if (decided && line.m_type == oru::WebLine::LINE_UNKNOWN) {
+    // Not a message's first line where one should begin: the side's
+    // message before it was cut short, or its beginning was never
+    // captured. Its next message is looked for; the other side reads on.
+    m_lost[side] = true;
+    m_lost_at[side] = flow.m_read_pos;
+    if (!Resync(flow, side)) {
+      return WaitForLine(parent, conn, side);
+    }
+    // A response found so gets a request of its own when none waits.
+    kest_message::OpenTransaction(*this, *conn, side);
+    oru::WebLine found(m_methods, GetProtocolWord());
+    pos = flow.m_read_pos;
+    if (!found.Parse(flow, pos, false) || (found.m_type != oru::WebLine::LINE_REQUEST &&
+                                           found.m_type != oru::WebLine::LINE_RESPONSE)) {
+      return WaitForLine(parent, conn, side);
+    }
+    flow.m_read_pos = pos;
+    return HandleNewMessage(found, parent, pkt, tuple, conn);
+  }
+  if (decided) {
+    return HandleNewMessage(line, parent, pkt, tuple, conn);
+  }
+  if (flow.End() > flow.m_read_pos) {
+    flow.Sync();
+  }
+  return WaitForLine(parent, conn, side);
+}
+
+unsigned int HttpInspector::WaitForLine(oru::ParentDpi *parent,
+                                        oru::fdt::intrusive_ptr<oru::Conn> &conn,
+                                        unsigned char side) {
+  // The parent may drop its reference while it stores the new one.
+  oru::fdt::intrusive_ptr<oru::Inspector> hold(this), again(this);
+  parent->RegisterCallback(conn, side, oru::InspectorCallback(this), EVENT_DATA);
+  return m_result;
+}
+
+bool HttpInspector::Resync(oru::FlowBuffer &flow, unsigned char side) {
+  uint64_t &at = m_lost_at[side];
+  if (at < flow.Begin()) {
+    // Another hole given up.
+    at = flow.Begin();
+  }
+  const uint64_t end = flow.End();
+  for (int lines = 0; at < end; ++lines) {
+    if (lines == kResyncLines) {
+      // A long message's bytes: the next packet's are tried.
+      at = end;
+      break;
+    }
+    oru::WebLine line(m_methods, GetProtocolWord());
+    unsigned long long pos = at;
+    if (!line.Parse(flow, pos, true)) {
+      // A line not whole yet, waited for within the first line's bound.
+      if (end - at < kest_message::kHttp.max_first_line && flow.Sync()) {
+        return false;
+      }
+    } else if (line.m_type == oru::WebLine::LINE_REQUEST ||
+               line.m_type == oru::WebLine::LINE_RESPONSE) {
+      flow.m_read_pos = at;
+      m_lost[side] = false;
+      return true;
+    }
+    const uint64_t nl = flow.Find(at, '\n', end);
+    at = nl == end ? end : nl + 1;
+  }
+  return false;
 }
 
 oru::WebTransaction *HttpInspector::AnsweredBy(const oru::WebHeader &header) {

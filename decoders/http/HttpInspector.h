@@ -100,6 +100,21 @@ private:
 
   // A request head's risks: Host, Authorization, User-Agent.
   void RequestRisks(const oru::FlowBuffer &flow, const oru::WebHeader &header);
+
+  // After a hole that the side's stream gave up (a capture that lost
+  // segments), the next message of that side is looked for at the start of
+  // each line that came after it; meanwhile its bytes are passed over, and
+  // the other side is read as before. True once a first line is found: the
+  // side reads on from it.
+  bool Resync(oru::FlowBuffer &flow, unsigned char side);
+  // Lines of one packet tried; the rest of a packet is passed over.
+  static constexpr int kResyncLines = 8;
+  // Registers Inspect for the side's next bytes.
+  unsigned int WaitForLine(oru::ParentDpi *parent, oru::fdt::intrusive_ptr<oru::Conn> &conn,
+                           unsigned char side);
+  // Whether a side looks for its next message, and from where.
+  bool m_lost[2] = {false, false};
+  uint64_t m_lost_at[2] = {0, 0};
 };
 
 } // namespace kest_http

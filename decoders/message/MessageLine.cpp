@@ -141,8 +141,44 @@ Match Method(const Dialect &d, const char *token, size_t n) {
   return best;
 }
 
+// The rest of a request line behind its method's blank, for a dialect whose
+// targets may hold blanks and tabs: words of visible bytes and tabs between
+// blanks, at least one before the last, which is a version that ends the
+// line.
+Match SpacedTarget(Cursor c, const Dialect &d) {
+  Cursor last = c;
+  bool target = false;
+  size_t word = 0;
+  while (true) {
+    word += c.SkipVisible();
+    if (c.AtEnd()) {
+      return c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == '\r' || b == '\n') {
+      break;
+    }
+    if (b == '\t') {
+      ++word;
+      c.Skip();
+      continue;
+    }
+    if (b != ' ') {
+      return Match::kNo;
+    }
+    target = target || word != 0;
+    word = 0;
+    c.Skip();
+    last = c;
+  }
+  if (!target || Version(last, d) != Match::kYes) {
+    return Match::kNo;
+  }
+  return last.LineEnd();
+}
+
 // "METHOD target VERSION": one blank each side of a target of visible bytes
-// (above 0x7f allowed: some clients send raw UTF-8).
+// (above 0x7f allowed: some clients send raw UTF-8), or SpacedTarget.
 Match RequestLine(Cursor c, const Dialect &d) {
   char token[20] = {};
   size_t n = 0;
@@ -170,6 +206,9 @@ Match RequestLine(Cursor c, const Dialect &d) {
     return Match::kNo;
   }
   c.Skip();
+  if (d.spaced_targets) {
+    return SpacedTarget(c, d);
+  }
   const bool star = !c.AtEnd() && c.Peek() == '*';
   const size_t target = c.SkipVisible();
   if (c.AtEnd()) {
@@ -195,6 +234,7 @@ const Dialect kHttp{
     .version_digits = 1,
     .methods = kHttpMethods,
     .method_count = Count(kHttpMethods),
+    .spaced_targets = true,
     .max_first_line = 8192,
     .hint = KEST_MESSAGE_WORD("HTTP/1."),
     .hint_needs_text = true,
@@ -282,6 +322,54 @@ bool DialectOpenings(const Dialect &dialect, uint8_t transport, oru::FirstBytes 
     }
   }
   return true;
+}
+
+Match ReadSpacedRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect &dialect,
+                        const oru::WebMethodTable &methods, oru::WebLine &line, uint64_t &next) {
+  const uint64_t end = flow.End();
+  uint64_t p = from < flow.Begin() ? flow.Begin() : from;
+  for (char c = 0; p < end && ((c = flow.At(p)) == ' ' || c == '\t' || c == '\r' || c == '\n');) {
+    ++p;
+  }
+  const uint64_t nl = flow.Find(p, '\n', end);
+  const uint64_t s1 = flow.Find(p, ' ', nl);
+  if (s1 == end) {
+    return Match::kNo;
+  }
+  const uint64_t method = s1 - p;
+  bool known = false;
+  for (size_t i = 0; i < methods.size() && !known; ++i) {
+    known = methods[i].length == method && flow.Compare(p, methods[i].name, methods[i].length) == 0;
+  }
+  if (!known) {
+    return Match::kNo;
+  }
+  if (nl == end) {
+    return end - p < dialect.max_first_line ? Match::kMore : Match::kNo;
+  }
+  const uint64_t s2 = flow.Find(s1 + 1, ' ', nl);
+  if (s2 == end || flow.Find(s2 + 1, ' ', nl) == end) {
+    return Match::kNo;
+  }
+  const uint64_t stop = flow.At(nl - 1) == '\r' ? nl - 1 : nl;
+  uint64_t version = stop;
+  while (version > s1 + 1 && flow.At(version - 1) != ' ') {
+    --version;
+  }
+  // Neither the target nor the version empty; the version whole.
+  if (version - 1 <= s1 + 1) {
+    return Match::kNo;
+  }
+  Cursor c(flow, version, stop, stop + 1);
+  if (Version(c, dialect) != Match::kYes || !c.AtEnd()) {
+    return Match::kNo;
+  }
+  line.m_type = oru::WebLine::LINE_REQUEST;
+  line.m_first = oru::FlowString(&flow, p, static_cast<uint32_t>(method));
+  line.m_second = oru::FlowString(&flow, s1 + 1, static_cast<uint32_t>(version - 1 - (s1 + 1)));
+  line.m_third = oru::FlowString(&flow, version, static_cast<uint32_t>(stop - version));
+  next = nl + 1;
+  return Match::kYes;
 }
 
 bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect) {

@@ -523,9 +523,19 @@ public:
 
   // The first bytes a TCP connection may open with for this decoder: those
   // its Opening does not turn away as a 1-byte first segment, which it must
-  // not do to a stream of its protocol cut anywhere. False (every byte may)
-  // for UDP, where a datagram is whole and Opening may judge its size.
+  // not do to a stream of its protocol cut anywhere. For UDP, where a
+  // datagram is whole and Opening may judge its size, those that
+  // D::DatagramFirstByte(side, byte) allows, when the decoder has it;
+  // otherwise false (every byte may).
   static bool Openings(uint8_t transport, oru::FirstBytes &first) {
+    if constexpr (requires { D::DatagramFirstByte(0u, uint8_t{0}); }) {
+      if (transport == 17) {
+        for (unsigned side = 0; side < 2; ++side) {
+          first.AllowWhere(side, [side](uint8_t byte) { return D::DatagramFirstByte(side, byte); });
+        }
+        return true;
+      }
+    }
     if constexpr (kJudgesOpening) {
       if (transport == 6) {
         for (unsigned side = 0; side < 2; ++side) {

@@ -86,6 +86,8 @@ enum : ModuleId {
   MODULE_HTTP2 = 314,
   // Service names and categories.
   MODULE_SERVICE = 315,
+  // Media named by its headers where no signalling announced it.
+  MODULE_RTP = 316,
   // The first number no bundled decoder uses.
   MODULE_FIRST_FREE = 1024,
 };
