@@ -3,7 +3,7 @@
 set -eu
 need=""
 for pkg in cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libpcap-dev \
-  jq tcpdump python3 time; do
+  jq tcpdump python3 time libseccomp-dev help2man man-db logrotate systemd iproute2; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
 if [ -n "$need" ]; then

@@ -73,9 +73,9 @@ bool ParseAmount(const char *text, uint64_t &value, bool &seconds) {
 } // namespace
 
 const char *UsageText() {
-  return "usage: kestcap [options] FILE [FILTER]\n"
-         "       kestcap [options] -i IFACE [FILTER]\n"
-         "       kestcap [--plugins DIR] --list-plugins\n"
+  return "Usage: kestcap [options] FILE [FILTER]\n"
+         "   or: kestcap [options] -i IFACE [FILTER]\n"
+         "   or: kestcap [--plugins DIR] --list-plugins\n"
          "\n"
          "Classifies the connections of a capture file (pcap or pcapng; \"-\" reads\n"
          "standard input) or of a live interface with libkest and its plug-ins.\n"
