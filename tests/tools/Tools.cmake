@@ -69,7 +69,8 @@ if(TARGET kestcap AND TARGET tcp AND TARGET udp AND TARGET wire)
                    ${_forbidden_plg} ${CMAKE_CURRENT_LIST_DIR}/data/forbidden_call.pcap
                    "${KEST_SANITIZE}")
   add_test(NAME kestcap_privileges
-           COMMAND ${_sensor} privileges $<TARGET_FILE:kestcap> ${CMAKE_BINARY_DIR}/plugins)
+           COMMAND ${_sensor} privileges $<TARGET_FILE:kestcap> ${CMAKE_BINARY_DIR}/plugins
+                   "${KEST_SANITIZE}")
   add_test(NAME kestcap_service_files
            COMMAND ${_sensor} service ${CMAKE_BINARY_DIR}/tools/kestcap/kestcap@.service
                    ${CMAKE_SOURCE_DIR}/tools/kestcap/service/kestcap.logrotate

@@ -3,7 +3,7 @@
 #   sandbox KESTCAP PLUGINS FORBIDDEN_PLG CAPTURE SANITIZED
 #     a decoder's forbidden call ends kestcap with the sandbox's line and
 #     exit code 159, --no-sandbox lets it run; --config-file options apply
-#   privileges KESTCAP PLUGINS (root)
+#   privileges KESTCAP PLUGINS SANITIZED (root)
 #     a live run in a private network namespace with --user: the running
 #     process has a non-zero UID, no capability, no-new-privileges and the
 #     filter, and still captures and writes; SIGUSR1, SIGHUP, SIGTERM
@@ -46,7 +46,7 @@ sandbox)
   [ $? -eq 1 ] || fail "a configuration file naming another is not a usage error"
   ;;
 privileges)
-  kestcap="$1"; plugins="$2"
+  kestcap="$1"; plugins="$2"; sanitized="$3"
   [ "$(id -u)" -eq 0 ] || skip "needs root for a network namespace and a live capture"
   command -v python3 >/dev/null || skip "needs python3 for traffic"
   ns="kestcap-sensor-$$"
@@ -77,7 +77,9 @@ c.sendall(b'GET / HTTP/1.0\r\nHost: sensor\r\n\r\n'); c.recv(100); c.close(); t.
   done
   grep -q "^Groups:[[:space:]]*$" "$status" || fail "supplementary groups left: $(grep Groups: "$status")"
   grep -q "^NoNewPrivs:[[:space:]]*1$" "$status" || fail "no-new-privileges not set"
-  grep -q "^Seccomp:[[:space:]]*2$" "$status" || fail "not under a system call filter"
+  # A sanitizer build runs without the filter (see kestcap_sandbox).
+  [ -n "$sanitized" ] || grep -q "^Seccomp:[[:space:]]*2$" "$status" ||
+    fail "not under a system call filter"
   talk 8081
   # Packets reach kestcap as the capture's buffer times out (100 ms).
   sleep 1
