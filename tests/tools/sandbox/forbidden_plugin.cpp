@@ -53,10 +53,10 @@ void ExitThread() {
 }
 void Nothing() {}
 
-const oru::PluginEntryTable kTable = {GetName,    kest_test_plugin::GetVersion,
+const oru::PluginEntryTable kTable = {GetName,      kest_test_plugin::GetVersion,
                                       InitInstance, InitThread,
-                                      LinkThread, Nothing,
-                                      ExitThread, Nothing};
+                                      LinkThread,   Nothing,
+                                      ExitThread,   Nothing};
 
 } // namespace
 
