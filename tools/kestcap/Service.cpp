@@ -250,8 +250,10 @@ void Service::Loop() {
     const uint64_t now = NowMs();
     if (m_setup.output != nullptr) {
       m_setup.output->Flush();
-      if ((m_setup.rotate_bytes != 0 && m_setup.output->Bytes() >= m_setup.rotate_bytes) ||
-          (next_rotation != 0 && now >= next_rotation)) {
+      // A period without a line makes no empty file.
+      const uint64_t bytes = m_setup.output->Bytes();
+      if ((m_setup.rotate_bytes != 0 && bytes >= m_setup.rotate_bytes) ||
+          (next_rotation != 0 && now >= next_rotation && bytes != 0)) {
         Reopen(true);
         next_rotation = next_rotation != 0 ? now + m_setup.rotate_seconds * 1000 : 0;
       }
