@@ -81,4 +81,33 @@ if(TARGET kestcap)
                    ${CMAKE_SOURCE_DIR}/../shared/pcaps/1kxun.pcap
                    ${CMAKE_SOURCE_DIR}/../shared/pcaps/http_ipv6.pcap)
   set_tests_properties(kestcap_ipfix PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
+
+# kestcap as a service: its sandbox against a decoder that makes a
+# forbidden call, its privileges while it runs (root only), its unit, its
+# logrotate snippet and its manual page.
+if(TARGET kestcap AND TARGET tcp AND TARGET udp AND TARGET wire)
+  kest_add_plugin(NAME forbidden SOURCES ${CMAKE_CURRENT_LIST_DIR}/sandbox/forbidden_plugin.cpp
+                  OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/tools/sandbox)
+  add_dependencies(kest_tests forbidden)
+  set(_sensor sh ${CMAKE_CURRENT_LIST_DIR}/sensor_test.sh)
+  get_target_property(_forbidden_plg forbidden KEST_PLUGIN_FILE)
+  add_test(NAME kestcap_sandbox
+           COMMAND ${_sensor} sandbox $<TARGET_FILE:kestcap> ${CMAKE_BINARY_DIR}/plugins
+                   ${_forbidden_plg} ${CMAKE_CURRENT_LIST_DIR}/data/forbidden_call.pcap
+                   "${KEST_SANITIZE}")
+  add_test(NAME kestcap_privileges
+           COMMAND ${_sensor} privileges $<TARGET_FILE:kestcap> ${CMAKE_BINARY_DIR}/plugins
+                   "${KEST_SANITIZE}")
+  add_test(NAME kestcap_service_files
+           COMMAND ${_sensor} service ${CMAKE_BINARY_DIR}/tools/kestcap/kestcap@.service
+                   ${CMAKE_SOURCE_DIR}/tools/kestcap/service/kestcap.logrotate
+                   $<TARGET_FILE:kestcap>)
+  set_tests_properties(kestcap_sandbox kestcap_privileges kestcap_service_files
+                       PROPERTIES TIMEOUT 60 SKIP_RETURN_CODE 77)
+  if(TARGET kestcap_man)
+    add_test(NAME kestcap_manual
+             COMMAND ${_sensor} manual ${CMAKE_BINARY_DIR}/tools/kestcap/kestcap.1
+                     $<TARGET_FILE:kestcap>)
+    set_tests_properties(kestcap_manual PROPERTIES SKIP_RETURN_CODE 77)
+  endif()
 endif()

@@ -21,8 +21,13 @@ uint16_t Be16(const uint8_t *p) {
 } // namespace
 
 CaptureInput::~CaptureInput() {
+  Close();
+}
+
+void CaptureInput::Close() {
   if (m_pcap != nullptr) {
     pcap_close(m_pcap);
+    m_pcap = nullptr;
   }
 }
 
@@ -185,6 +190,16 @@ uint64_t CaptureInput::Offset() const {
 
 std::string CaptureInput::Error() const {
   return m_pcap != nullptr ? pcap_geterr(m_pcap) : "";
+}
+
+bool CaptureInput::Drops(uint64_t &kernel, uint64_t &interface) {
+  pcap_stat stat{};
+  if (!m_live || m_pcap == nullptr || pcap_stats(m_pcap, &stat) != 0) {
+    return false;
+  }
+  kernel = stat.ps_drop;
+  interface = stat.ps_ifdrop;
+  return true;
 }
 
 } // namespace kestcap

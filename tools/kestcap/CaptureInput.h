@@ -39,6 +39,10 @@ public:
   // kCutShort when the file ends in the middle of a record (Error() says
   // how).
   Next Read(Frame &frame);
+  // Closes the capture; Read may not be called any more. Teardown calls
+  // (a live capture's ring is taken down) are kept off the classifying
+  // threads: kestcap's service thread makes them.
+  void Close();
   // Makes a live Read return kEnd (from a signal handler too).
   void Stop();
 
@@ -47,6 +51,9 @@ public:
   uint64_t Offset() const;
   uint64_t Size() const { return m_size; }
   std::string Error() const;
+  // Packets dropped so far by the kernel for want of buffer space and by
+  // the interface, live only; false when the capture cannot tell.
+  bool Drops(uint64_t &kernel, uint64_t &interface);
 
 private:
   bool Setup(const std::string &filter, std::string &error);

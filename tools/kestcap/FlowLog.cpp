@@ -296,6 +296,21 @@ void LineOutput::Write(const std::string &line) {
   std::lock_guard<std::mutex> hold(m_lock);
   std::fwrite(line.data(), 1, line.size(), m_out);
   std::fputc('\n', m_out);
+  m_lines.fetch_add(1, std::memory_order_relaxed);
+  m_bytes.fetch_add(line.size() + 1, std::memory_order_relaxed);
+}
+
+FILE *LineOutput::Replace(FILE *out) {
+  std::lock_guard<std::mutex> hold(m_lock);
+  FILE *old = m_out;
+  m_out = out;
+  m_bytes.store(0, std::memory_order_relaxed);
+  return old;
+}
+
+void LineOutput::Flush() {
+  std::lock_guard<std::mutex> hold(m_lock);
+  std::fflush(m_out);
 }
 
 } // namespace kestcap

@@ -8,6 +8,7 @@
 
 #include <kest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -85,10 +86,18 @@ class LineOutput {
 public:
   explicit LineOutput(FILE *out) : m_out(out) {}
   void Write(const std::string &line);
+  // Lines now go to `out` (a reopened or rotated file); the stream written
+  // so far is returned for its owner to close. Bytes() counts afresh.
+  FILE *Replace(FILE *out);
+  void Flush();
+  uint64_t Lines() const { return m_lines.load(std::memory_order_relaxed); }
+  uint64_t Bytes() const { return m_bytes.load(std::memory_order_relaxed); }
 
 private:
   std::mutex m_lock;
   FILE *m_out;
+  std::atomic<uint64_t> m_lines{0};
+  std::atomic<uint64_t> m_bytes{0};
 };
 
 } // namespace kestcap

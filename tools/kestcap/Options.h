@@ -2,6 +2,7 @@
 #ifndef KESTCAP_OPTIONS_H
 #define KESTCAP_OPTIONS_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@ enum ExitCode {
   kExitUsage = 1,   // a bad option or argument
   kExitInput = 2,   // the capture or interface could not be read
   kExitLibrary = 3, // no plug-ins, no TCP or UDP decoder, or the library refused to start
+  kExitService = 4, // running as a service failed: the user, the sandbox, the output file
 };
 
 struct Options {
@@ -31,6 +33,15 @@ struct Options {
   std::string changes;              // --changes: a changes file, or empty
   std::string ipfix;                // --ipfix: HOST:PORT of a collector, or empty
   bool features = false;            // --features: flow features in the JSON lines
+  // Running as a service.
+  bool version = false;
+  std::string user;            // --user USER[:GROUP]; empty: the default for root's live runs
+  bool no_sandbox = false;     // the classifying threads run without the system call filter
+  std::string output;          // --output: JSON lines to this file instead of standard output
+  uint64_t rotate_bytes = 0;   // --rotate SIZE: a new output file past this size
+  uint64_t rotate_seconds = 0; // --rotate TIME: a new output file this often
+  uint64_t stats_seconds = 0;  // --stats: a statistics line this often
+  std::string stats_file;      // --stats-file: where those lines go (else the output)
 };
 
 // Fills `out` from argv. On a usage error: false with `error` set to one line.

@@ -55,6 +55,8 @@ bool Worker::Start(std::string &error) {
 
 void Worker::Handle(const Frame &frame) {
   ++m_totals.packets;
+  m_seen_packets.store(m_totals.packets, std::memory_order_relaxed);
+  m_seen_open.store(m_records.size(), std::memory_order_relaxed);
   if (frame.form == 0 || frame.length == 0 || frame.length > 0xFFFF) {
     // Nothing the library takes: not IP behind a stripped link header, or
     // larger than a packet can be.

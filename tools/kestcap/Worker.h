@@ -15,6 +15,7 @@
 #include "wire/WireParser.h"
 
 #include <array>
+#include <atomic>
 #include <kest.h>
 #include <string>
 #include <string_view>
@@ -61,6 +62,10 @@ public:
   const std::vector<std::string> &Unknown() const { return m_unknown; }
   const Totals &Counts() const { return m_totals; }
   const AppTable &Apps() const { return m_apps; }
+  // For statistics read by another thread: packets handed to this worker
+  // and connections it holds open, as of its last packet.
+  uint64_t PacketsSeen() const { return m_seen_packets.load(std::memory_order_relaxed); }
+  uint64_t OpenSeen() const { return m_seen_open.load(std::memory_order_relaxed); }
 
 private:
   static int OnResult(kest_handle_t handle, kest_result_t *result, int code, kest_conn_id_t id,
@@ -138,6 +143,8 @@ private:
 
   Totals m_totals;
   AppTable m_apps;
+  std::atomic<uint64_t> m_seen_packets{0};
+  std::atomic<uint64_t> m_seen_open{0};
 };
 
 } // namespace kestcap

@@ -2,22 +2,29 @@
 // with libkest and prints what runs over them.
 #include "CaptureInput.h"
 #include "Changes.h"
+#include "ConfigFile.h"
 #include "FlowLog.h"
 #include "IpfixExporter.h"
 #include "Options.h"
 #include "PluginFolder.h"
+#include "Privileges.h"
+#include "Sandbox.h"
+#include "Service.h"
 #include "SpscRing.h"
 #include "Worker.h"
 
 #include "wire/WireParser.h"
 
 #include <kest.h>
+#include <kest_host.h>
 
 #include <atomic>
 #include <barrier>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <thread>
 #include <unistd.h>
@@ -41,14 +48,6 @@ const char *const kDefaultAttrs[] = {
 };
 
 constexpr size_t kRingBytes = 8u << 20;
-
-std::atomic<CaptureInput *> g_live{nullptr};
-
-void OnSignal(int) {
-  if (CaptureInput *input = g_live.load()) {
-    input->Stop();
-  }
-}
 
 int Fail(ExitCode code, const std::string &text) {
   std::fprintf(stderr, "kestcap: %s\n", text.c_str());
@@ -174,6 +173,7 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
     workers.push_back(std::make_unique<Worker>(setup));
     rings.push_back(std::make_unique<SpscRing>(n == 1 ? 0 : kRingBytes));
   }
+  const WatchWorkers watch(workers);
   std::string error;
   bool cut_short = false;
   Progress progress(input);
@@ -214,6 +214,7 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
       worker.Finish();
       return Fail(kExitLibrary, error);
     }
+    EnterSandbox();
     read_all([&](const Frame &frame) { worker.Handle(frame); }, [&] { worker.Idle(); }, [] {});
   } else {
     // Every worker is a kest thread before the first packet, and all of
@@ -232,6 +233,7 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
         if (!worker.Start(errors[i])) {
           failed = true;
         }
+        EnterSandbox();
         started.arrive_and_wait();
         int quiet = 0;
         for (;;) {
@@ -262,6 +264,7 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
       });
     }
     started.arrive_and_wait();
+    EnterSandbox();
     if (!failed) {
       read_all(
           [&](const Frame &frame) {
@@ -320,16 +323,108 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
   return kExitOk;
 }
 
+// Opens the output, gives up privileges, starts the service thread, then
+// classifies. The result is the exit code.
+int Serve(const Options &options, CaptureInput &input, kest_handle_t h, Privileges &privileges,
+          bool memory_by_tag, std::vector<Change> change_list) {
+  std::string error;
+  // Captures from files age by their own time stamps.
+  kest_clock_set_mode(h, input.Live() ? 0 : 1);
+  // Every file kestcap writes is open before the drop; a reopened or
+  // rotated one is made again by the user dropped to, in the same folder.
+  const auto open = [&](const std::string &path) -> std::unique_ptr<LineOutput> {
+    FILE *file = path.empty() ? stdout : std::fopen(path.c_str(), "a");
+    if (file == nullptr || (!path.empty() && !privileges.GiveFile(fileno(file)))) {
+      error = path + ": " + std::strerror(errno);
+      return nullptr;
+    }
+    return std::make_unique<LineOutput>(file);
+  };
+  std::unique_ptr<LineOutput> json;
+  std::unique_ptr<LineOutput> stats_file;
+  if ((options.json && (json = open(options.output)) == nullptr) ||
+      (!options.stats_file.empty() && (stats_file = open(options.stats_file)) == nullptr)) {
+    return Fail(kExitService, error);
+  }
+  std::unique_ptr<LineOutput> stats_stdout;
+  LineOutput *stats = stats_file != nullptr ? stats_file.get() : json.get();
+  if (options.stats_seconds != 0 && stats == nullptr) {
+    stats_stdout = std::make_unique<LineOutput>(stdout);
+    stats = stats_stdout.get();
+  }
+  if ((privileges.Changing() || input.Live()) && !privileges.Drop(error)) {
+    return Fail(kExitService, "giving up privileges: " + error);
+  }
+  if (!PrepareSandbox(!options.no_sandbox, error)) {
+    return Fail(kExitService, error);
+  }
+  Service service;
+  ServiceSetup setup;
+  setup.input = &input;
+  setup.handle = h;
+  setup.output = json.get();
+  setup.output_path = options.output;
+  setup.rotate_bytes = options.rotate_bytes;
+  setup.rotate_seconds = options.rotate_seconds;
+  setup.stats_seconds = options.stats_seconds;
+  setup.stats = stats;
+  setup.stats_path = options.stats_file;
+  setup.memory_by_tag = memory_by_tag;
+  if (!service.Start(setup, error)) {
+    return Fail(kExitService, error);
+  }
+  Totals totals;
+  AppTable apps;
+  const auto start = std::chrono::steady_clock::now();
+  std::unique_ptr<ChangeThread> changes;
+  if (!change_list.empty()) {
+    changes = std::make_unique<ChangeThread>(h, std::move(change_list));
+  }
+  const int code = Run(options, input, h, totals, apps, json.get(), changes.get());
+  changes.reset();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  service.Stop();
+  if (code == kExitOk && !options.json) {
+    PrintTable(stdout, apps, totals, seconds);
+  }
+  for (LineOutput *out : {json.get(), stats_file.get()}) {
+    if (out != nullptr) {
+      out->Flush();
+    }
+  }
+  if (stats_file != nullptr) {
+    std::fclose(stats_file->Replace(stdout));
+  }
+  if (json != nullptr && !options.output.empty()) {
+    std::fclose(json->Replace(stdout));
+  }
+  return code;
+}
+
 } // namespace
 
 int Main(int argc, char **argv) {
   Options options;
   std::string error;
-  if (!ParseOptions(argc, argv, options, error)) {
+  std::vector<std::string> args;
+  if (!ExpandConfigFile(argc, argv, args, error)) {
+    return Fail(kExitUsage, error);
+  }
+  std::vector<char *> words;
+  for (std::string &arg : args) {
+    words.push_back(arg.data());
+  }
+  words.push_back(nullptr);
+  if (!ParseOptions(static_cast<int>(args.size()), words.data(), options, error)) {
     return Fail(kExitUsage, error);
   }
   if (options.help) {
     std::fputs(UsageText(), stdout);
+    return kExitOk;
+  }
+  if (options.version) {
+    std::printf("kestcap (kest) %s\n", KESTCAP_VERSION);
     return kExitOk;
   }
   const std::string plugins = options.plugins.empty() ? DefaultPluginFolder() : options.plugins;
@@ -339,6 +434,13 @@ int Main(int argc, char **argv) {
   }
   if (options.list_plugins) {
     return ListPlugins(plugins);
+  }
+  // The user database is read while it can be: before the capture opens,
+  // and long before the drop.
+  Privileges privileges;
+  const bool live = !options.interface.empty();
+  if (!privileges.Resolve(options.user, live && geteuid() == 0, error)) {
+    return Fail(kExitService, error);
   }
   CaptureInput input;
   const bool opened = options.interface.empty()
@@ -360,6 +462,12 @@ int Main(int argc, char **argv) {
                  stray.why.c_str());
   }
   UseHostHooks();
+  // A sensor reports its memory by tag (SIGUSR1, --stats); a file run
+  // spares the header each block would carry.
+  const bool memory_by_tag = live || options.stats_seconds != 0;
+  if (memory_by_tag) {
+    kest_host_use_tag_accounting();
+  }
   const kest_handle_t h = kest_open(plugins.c_str());
   if (h < 0) {
     return Fail(kExitLibrary, "the library did not open " + plugins + " (error " +
@@ -371,32 +479,7 @@ int Main(int argc, char **argv) {
   } else if (!Configure(h, options, error)) {
     code = Fail(kExitLibrary, error);
   } else {
-    // Captures from files age by their own time stamps.
-    kest_clock_set_mode(h, input.Live() ? 0 : 1);
-    if (input.Live()) {
-      g_live = &input;
-      std::signal(SIGINT, OnSignal);
-      std::signal(SIGTERM, OnSignal);
-    }
-    std::unique_ptr<LineOutput> json;
-    if (options.json) {
-      json = std::make_unique<LineOutput>(stdout);
-    }
-    Totals totals;
-    AppTable apps;
-    const auto start = std::chrono::steady_clock::now();
-    std::unique_ptr<ChangeThread> changes;
-    if (!change_list.empty()) {
-      changes = std::make_unique<ChangeThread>(h, std::move(change_list));
-    }
-    code = Run(options, input, h, totals, apps, json.get(), changes.get());
-    changes.reset();
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    g_live = nullptr;
-    if (code == kExitOk && !options.json) {
-      PrintTable(stdout, apps, totals, seconds);
-    }
+    code = Serve(options, input, h, privileges, memory_by_tag, std::move(change_list));
   }
   kest_close(h);
   std::fflush(stdout);
