@@ -54,3 +54,13 @@ if(TARGET kestcap AND KEST_JQ AND KEST_PYTHON3 AND EXISTS /usr/bin/time)
                    ${CMAKE_CURRENT_BINARY_DIR}/flows ${_flows_max_kb} 100000 1000)
   set_tests_properties(kestcap_flows_bounded PROPERTIES TIMEOUT 120)
 endif()
+
+# Live capture on a veth pair in a private network namespace: one and two
+# AF_PACKET workers in a fan-out group against the file (root only; skipped
+# otherwise, or without tcpreplay or the shared captures).
+if(TARGET kestcap)
+  add_test(NAME kestcap_live_fanout
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/live_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/../shared/pcaps)
+  set_tests_properties(kestcap_live_fanout PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77)
+endif()

@@ -7,7 +7,17 @@ namespace kestcap {
 
 namespace {
 
-enum LongOnly { kPlugins = 256, kListPlugins, kRule, kProtoAdd, kConfig, kAttr, kJson, kChanges };
+enum LongOnly {
+  kPlugins = 256,
+  kListPlugins,
+  kRule,
+  kProtoAdd,
+  kConfig,
+  kAttr,
+  kJson,
+  kChanges,
+  kPcap
+};
 
 const option kLong[] = {
     {"interface", required_argument, nullptr, 'i'},
@@ -21,6 +31,7 @@ const option kLong[] = {
     {"attr", required_argument, nullptr, kAttr},
     {"json", no_argument, nullptr, kJson},
     {"changes", required_argument, nullptr, kChanges},
+    {"pcap", no_argument, nullptr, kPcap},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -36,6 +47,12 @@ const char *UsageText() {
          "FILTER is a BPF expression applied before classification.\n"
          "\n"
          "  -i, --interface IFACE  capture live from IFACE until interrupted\n"
+         "                         (repeatable: several interfaces at once); on\n"
+         "                         Linux each thread reads its own share through\n"
+         "                         AF_PACKET, and the progress line and the totals\n"
+         "                         count the packets the kernel dropped\n"
+         "      --pcap             capture live through libpcap, one reading thread\n"
+         "                         handing packets on (one interface)\n"
          "  -t, --threads N        classify on N threads (default 1); packets are\n"
          "                         spread by their outer IP addresses, so both\n"
          "                         directions, fragments and tunnelled flows stay on\n"
@@ -74,7 +91,13 @@ bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
   while ((c = getopt_long(argc, argv, ":i:t:h", kLong, nullptr)) != -1) {
     switch (c) {
     case 'i':
-      out.interface = optarg;
+      if (out.interface.empty()) {
+        out.interface = optarg;
+      }
+      out.interfaces.emplace_back(optarg);
+      break;
+    case kPcap:
+      out.pcap = true;
       break;
     case 't': {
       char *end = nullptr;

@@ -29,6 +29,11 @@ struct Options {
   std::vector<std::string> protos;
   std::vector<std::string> configs; // "KEY=VALUE"
   std::string changes;              // --changes: a changes file, or empty
+  // Live capture: every -i in order (`interface` is the first); --pcap
+  // reads through libpcap's single reader rather than one AF_PACKET socket
+  // per worker.
+  std::vector<std::string> interfaces;
+  bool pcap = false;
 };
 
 // Fills `out` from argv. On a usage error: false with `error` set to one line.

@@ -2,24 +2,26 @@
 // with libkest and prints what runs over them.
 #include "CaptureInput.h"
 #include "Changes.h"
+#include "FanoutCapture.h"
 #include "FlowLog.h"
+#include "KernelDrops.h"
 #include "Options.h"
 #include "PluginFolder.h"
+#include "Progress.h"
 #include "SpscRing.h"
 #include "Worker.h"
+#include "WorkerPool.h"
 
 #include "wire/WireParser.h"
 
 #include <kest.h>
 
 #include <atomic>
-#include <barrier>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <thread>
-#include <unistd.h>
 
 namespace kestcap {
 
@@ -42,10 +44,14 @@ const char *const kDefaultAttrs[] = {
 constexpr size_t kRingBytes = 8u << 20;
 
 std::atomic<CaptureInput *> g_live{nullptr};
+std::atomic<FanoutCapture *> g_fanout{nullptr};
 
 void OnSignal(int) {
   if (CaptureInput *input = g_live.load()) {
     input->Stop();
+  }
+  if (FanoutCapture *capture = g_fanout.load()) {
+    capture->Stop();
   }
 }
 
@@ -90,48 +96,12 @@ size_t ShardOf(const Frame &frame, size_t workers) {
   return static_cast<size_t>((h ^ (h >> 29)) % workers);
 }
 
-// A progress line on a terminal, for files of known size.
-class Progress {
-public:
-  explicit Progress(const CaptureInput &input)
-      : m_input(input), m_on(!input.Live() && input.Size() != 0 && isatty(2) != 0) {}
-  void Tick(uint64_t packets) {
-    if (!m_on || (packets & 0xFFFF) != 0) {
-      return;
-    }
-    const auto now = std::chrono::steady_clock::now();
-    if (now - m_last < std::chrono::milliseconds(500)) {
-      return;
-    }
-    m_last = now;
-    const double seconds = std::chrono::duration<double>(now - m_start).count();
-    std::fprintf(stderr, "\rkestcap: %3.0f%% of %.1f MB, %.0f packets/s ",
-                 100.0 * static_cast<double>(m_input.Offset()) /
-                     static_cast<double>(m_input.Size()),
-                 static_cast<double>(m_input.Size()) / 1e6,
-                 seconds > 0 ? static_cast<double>(packets) / seconds : 0.0);
-  }
-  void Done() {
-    if (m_on) {
-      std::fprintf(stderr, "\r\033[K");
-    }
-  }
-
-private:
-  const CaptureInput &m_input;
-  const bool m_on;
-  const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point m_last = m_start;
-};
-
-// Reads every frame and has the workers classify it. The result is the
-// exit code.
-int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &totals,
-        AppTable &apps, LineOutput *json, ChangeThread *changes) {
+// What the workers listen to, and how they keep time.
+WorkerSetup MakeSetup(const Options &options, kest_handle_t h, LineOutput *json, bool live) {
   WorkerSetup setup;
   setup.handle = h;
   setup.json = json;
-  setup.capture_clock = !input.Live();
+  setup.capture_clock = !live;
   char tunnels[8] = "1";
   kest_config_get(h, "conn.default_policy.tunnels", tunnels, sizeof tunnels);
   setup.tunnels = tunnels[0] == '1';
@@ -153,143 +123,213 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
   for (const std::string &name : options.attrs) {
     setup.attrs.push_back(name);
   }
-  const size_t n = static_cast<size_t>(options.threads);
-  std::vector<std::unique_ptr<Worker>> workers;
+  return setup;
+}
+
+// The pace of a run without a changes file: nothing is ever due, and the
+// reading loop compiled with it checks nothing per packet.
+struct NoChanges {
+  static constexpr bool Due(uint64_t) { return false; }
+  void Make(uint64_t) {}
+};
+
+// Reads every frame and hands it to `deliver`; `idle` runs while a live
+// input is quiet. `changes` (a ChangeThread or NoChanges) makes the changes
+// due between packets, after `settle` returned (once the packets handed on
+// so far are classified), as their numbers say. The result: the capture
+// was cut short.
+template <class Changes, class Deliver, class Idle, class Settle>
+bool ReadAll(CaptureInput &input, Progress &progress, Changes &changes, Deliver &&deliver,
+             Idle &&idle, Settle &&settle) {
+  Frame frame;
+  uint64_t read = 0;
+  bool cut_short = false;
+  for (;;) {
+    const CaptureInput::Next next = input.Read(frame);
+    if (next == CaptureInput::Next::kTimeout) {
+      idle();
+      progress.Show(read);
+      continue;
+    }
+    if (next == CaptureInput::Next::kCutShort) {
+      cut_short = true;
+    }
+    if (next != CaptureInput::Next::kFrame) {
+      break;
+    }
+    if (changes.Due(read)) {
+      settle();
+      changes.Make(read);
+    }
+    deliver(frame);
+    progress.Tick(++read);
+  }
+  // Changes numbered past the capture's end are made after its last packet.
+  if (changes.Due(~0ull)) {
+    settle();
+    changes.Make(~0ull);
+  }
+  return cut_short;
+}
+
+template <class Deliver, class Idle, class Settle>
+bool ReadAll(CaptureInput &input, Progress &progress, ChangeThread *changes, Deliver &&deliver,
+             Idle &&idle, Settle &&settle) {
+  if (changes != nullptr) {
+    return ReadAll(input, progress, *changes, deliver, idle, settle);
+  }
+  NoChanges none;
+  return ReadAll(input, progress, none, deliver, idle, settle);
+}
+
+// One thread reads and classifies, and nothing is copied.
+bool RunOnOneThread(CaptureInput &input, ChangeThread *changes, Worker &worker, bool &cut_short,
+                    std::string &error) {
+  if (!worker.Start(error)) {
+    worker.Finish();
+    return false;
+  }
+  Progress progress(&input, input.Live());
+  cut_short = ReadAll(
+      input, progress, changes, [&](const Frame &frame) { worker.Handle(frame); },
+      [&] { worker.Idle(); }, [] {});
+  worker.Finish();
+  progress.Done();
+  return true;
+}
+
+// The reading thread copies each frame into the ring of its worker, picked
+// by ShardOf; each worker takes its frames out in order.
+bool RunOnRings(CaptureInput &input, ChangeThread *changes, WorkerPool &pool, bool &cut_short,
+                std::string &error) {
+  const size_t n = pool.Size();
+  const bool live = input.Live();
   std::vector<std::unique_ptr<SpscRing>> rings;
   for (size_t i = 0; i < n; ++i) {
-    workers.push_back(std::make_unique<Worker>(setup));
-    rings.push_back(std::make_unique<SpscRing>(n == 1 ? 0 : kRingBytes));
+    rings.push_back(std::make_unique<SpscRing>(kRingBytes));
   }
-  std::string error;
-  bool cut_short = false;
-  Progress progress(input);
-  uint64_t read = 0;
-  // `settle` returns once the packets handed on so far are classified:
-  // changes are made between packets, as their numbers say.
-  auto read_all = [&](auto &&deliver, auto &&idle, auto &&settle) {
-    Frame frame;
+  std::atomic<bool> done{false};
+  Progress progress(&input, live);
+  const auto consume = [&](Worker &worker, size_t i) {
+    SpscRing &ring = *rings[i];
+    int quiet = 0;
     for (;;) {
-      const CaptureInput::Next next = input.Read(frame);
-      if (next == CaptureInput::Next::kTimeout) {
-        idle();
+      const uint8_t *bytes;
+      const SpscRing::Header *header = ring.Peek(bytes);
+      if (header != nullptr) {
+        worker.Handle(Frame{header->ts_us, header->form, bytes, header->length});
+        ring.Pop(*header);
+        quiet = 0;
         continue;
       }
-      if (next == CaptureInput::Next::kCutShort) {
-        cut_short = true;
-      }
-      if (next != CaptureInput::Next::kFrame) {
+      if (done.load(std::memory_order_acquire) && ring.Peek(bytes) == nullptr) {
         break;
       }
-      if (changes != nullptr && changes->Due(read)) {
-        settle();
-        changes->Make(read);
+      // Idle passes only for live input, as on one thread: a file's
+      // connections age by its time stamps as its packets come, and an idle
+      // pass whenever this ring ran dry would end them at points that the
+      // scheduling picks, so that two runs of one file could report
+      // different connections.
+      if (live && ++quiet == 1000) {
+        worker.Idle();
+        quiet = 0;
       }
-      deliver(frame);
-      progress.Tick(++read);
-    }
-    // Changes numbered past the capture's end are made after its last packet.
-    if (changes != nullptr && changes->Due(~0ull)) {
-      settle();
-      changes->Make(~0ull);
+      std::this_thread::yield();
     }
   };
-  if (n == 1) {
-    // One thread: the reading thread classifies, and nothing is copied.
-    Worker &worker = *workers[0];
-    if (!worker.Start(error)) {
-      worker.Finish();
-      return Fail(kExitLibrary, error);
-    }
-    read_all([&](const Frame &frame) { worker.Handle(frame); }, [&] { worker.Idle(); }, [] {});
-  } else {
-    // Every worker is a kest thread before the first packet, and all of
-    // them end together: a thread that ended early would keep changes from
-    // reaching the others.
-    std::barrier started(static_cast<std::ptrdiff_t>(n + 1));
-    std::barrier ending(static_cast<std::ptrdiff_t>(n));
-    std::atomic<bool> done{false};
-    std::atomic<bool> failed{false};
-    std::vector<std::string> errors(n);
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < n; ++i) {
-      threads.emplace_back([&, i] {
-        Worker &worker = *workers[i];
-        SpscRing &ring = *rings[i];
-        if (!worker.Start(errors[i])) {
-          failed = true;
-        }
-        started.arrive_and_wait();
-        int quiet = 0;
-        for (;;) {
-          const uint8_t *bytes;
-          const SpscRing::Header *header = ring.Peek(bytes);
-          if (header != nullptr) {
-            worker.Handle(Frame{header->ts_us, header->form, bytes, header->length});
-            ring.Pop(*header);
-            quiet = 0;
-            continue;
+  const auto read = [&] {
+    cut_short = ReadAll(
+        input, progress, changes,
+        [&](const Frame &frame) {
+          SpscRing &ring = *rings[ShardOf(frame, n)];
+          const SpscRing::Header header{frame.length, frame.form, frame.ts_us};
+          while (!ring.Push(header, frame.data)) {
+            std::this_thread::yield();
           }
-          if (done.load(std::memory_order_acquire) && ring.Peek(bytes) == nullptr) {
-            break;
-          }
-          // Idle passes only for live input, as on one thread: a file's
-          // connections age by its time stamps as its packets come, and an
-          // idle pass whenever this ring ran dry would end them at points
-          // that the scheduling picks, so that two runs of one file could
-          // report different connections.
-          if (!setup.capture_clock && ++quiet == 1000) {
-            worker.Idle();
-            quiet = 0;
-          }
-          std::this_thread::yield();
-        }
-        ending.arrive_and_wait();
-        worker.Finish();
-      });
-    }
-    started.arrive_and_wait();
-    if (!failed) {
-      read_all(
-          [&](const Frame &frame) {
-            SpscRing &ring = *rings[ShardOf(frame, n)];
-            const SpscRing::Header header{frame.length, frame.form, frame.ts_us};
-            while (!ring.Push(header, frame.data)) {
+        },
+        [] {},
+        [&] {
+          for (const auto &ring : rings) {
+            while (!ring->Drained()) {
               std::this_thread::yield();
             }
-          },
-          [] {},
-          [&] {
-            for (const auto &ring : rings) {
-              while (!ring->Drained()) {
-                std::this_thread::yield();
-              }
-            }
-          });
-    }
+          }
+        });
     done.store(true, std::memory_order_release);
-    for (std::thread &thread : threads) {
-      thread.join();
-    }
-    for (const std::string &e : errors) {
-      if (!e.empty()) {
-        return Fail(kExitLibrary, e);
-      }
-    }
-  }
-  if (n == 1) {
-    workers[0]->Finish();
-  }
+  };
+  const bool ok = pool.Run(consume, read, error);
   progress.Done();
-  for (const auto &worker : workers) {
-    totals.Add(worker->Counts());
-    for (const auto &[app, row] : worker->Apps()) {
-      AppRow &sum = apps[app];
-      sum.connections += row.connections;
-      sum.packets += row.packets;
-      sum.bytes += row.bytes;
+  return ok;
+}
+
+// Each worker reads its own share of the live interfaces from its own
+// sockets until the capture is stopped.
+void ReadShare(FanoutCapture &capture, Worker &worker, size_t index, std::atomic<uint64_t> &taken,
+               Progress *progress) {
+  Frame frame;
+  uint64_t count = 0;
+  for (;;) {
+    const CaptureInput::Next next = capture.Read(index, frame);
+    if (next == CaptureInput::Next::kFrame) {
+      worker.Handle(frame);
+      taken.store(++count, std::memory_order_relaxed);
+      if (progress != nullptr) {
+        progress->Tick(count);
+      }
+    } else if (next == CaptureInput::Next::kTimeout) {
+      worker.Idle();
+      if (progress != nullptr) {
+        progress->Show(count);
+      }
+    } else {
+      return;
     }
   }
-  for (const std::string &name : workers[0]->Unknown()) {
+}
+
+bool RunFanout(FanoutCapture &capture, WorkerPool &pool, std::string &error) {
+  const size_t n = pool.Size();
+  // Per worker, on a line of its own: the packets it took.
+  struct alignas(64) Count {
+    std::atomic<uint64_t> value{0};
+  };
+  std::vector<Count> taken(n);
+  Progress progress(nullptr, true);
+  if (n == 1) {
+    Worker &worker = pool.At(0);
+    if (!worker.Start(error)) {
+      worker.Finish();
+      return false;
+    }
+    ReadShare(capture, worker, 0, taken[0].value, &progress);
+    worker.Finish();
+    progress.Done();
+    return true;
+  }
+  std::atomic<size_t> running{n};
+  const auto share = [&](Worker &worker, size_t i) {
+    ReadShare(capture, worker, i, taken[i].value, nullptr);
+    running.fetch_sub(1, std::memory_order_release);
+  };
+  // The calling thread only keeps the progress line.
+  const auto watch = [&] {
+    while (running.load(std::memory_order_acquire) != 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      uint64_t sum = 0;
+      for (const Count &count : taken) {
+        sum += count.value.load(std::memory_order_relaxed);
+      }
+      progress.Show(sum);
+    }
+  };
+  const bool ok = pool.Run(share, watch, error);
+  progress.Done();
+  return ok;
+}
+
+// Names asked for with --attr that no plug-in publishes.
+void WarnUnknown(const Options &options, const Worker &worker) {
+  for (const std::string &name : worker.Unknown()) {
     bool asked = false;
     for (const std::string &wanted : options.attrs) {
       asked = asked || wanted == name;
@@ -299,11 +339,136 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
                    name.c_str());
     }
   }
+}
+
+// Where the packets come from: a file or libpcap's live capture (`pcap`),
+// or one AF_PACKET socket per worker (`fanout`).
+struct Source {
+  CaptureInput pcap;
+  FanoutCapture fanout;
+  bool by_fanout = false;
+  bool live = false;
+};
+
+// Reads every frame and has the workers classify it. The result is the
+// exit code.
+int Run(const Options &options, Source &source, kest_handle_t h, Totals &totals, AppTable &apps,
+        LineOutput *json, ChangeThread *changes) {
+  const WorkerSetup setup = MakeSetup(options, h, json, source.live);
+  const size_t n = static_cast<size_t>(options.threads);
+  WorkerPool pool(setup, n);
+  std::string error;
+  bool cut_short = false;
+  bool ok;
+  if (source.by_fanout) {
+    ok = RunFanout(source.fanout, pool, error);
+  } else if (n == 1) {
+    ok = RunOnOneThread(source.pcap, changes, pool.At(0), cut_short, error);
+  } else {
+    ok = RunOnRings(source.pcap, changes, pool, cut_short, error);
+  }
+  if (!ok) {
+    return Fail(kExitLibrary, error);
+  }
+  pool.Gather(totals, apps);
+  totals.live = source.live;
+  totals.kernel_drops = KernelDrops();
+  WarnUnknown(options, pool.At(0));
   if (cut_short) {
     std::fprintf(stderr, "kestcap: warning: %s: capture cut short (%s); read up to the damage\n",
-                 options.input.c_str(), input.Error().c_str());
+                 options.input.c_str(), source.pcap.Error().c_str());
   }
   return kExitOk;
+}
+
+// Opens the file, or the live interfaces: through AF_PACKET where the
+// system has it, unless --pcap asks for libpcap.
+int OpenSource(const Options &options, Source &source) {
+  std::string error;
+  source.live = !options.interfaces.empty();
+  if (!source.live) {
+    return source.pcap.OpenFile(options.input, options.filter, error) ? kExitOk
+                                                                      : Fail(kExitInput, error);
+  }
+  source.by_fanout = !options.pcap && FanoutCapture::Available();
+  if (!source.by_fanout && options.interfaces.size() > 1) {
+    return Fail(kExitUsage, "several interfaces need AF_PACKET capture (Linux, without --pcap)");
+  }
+  if (source.by_fanout && !options.changes.empty()) {
+    return Fail(kExitUsage, "--changes counts the packets of one reader: with -i it needs --pcap");
+  }
+  const bool opened =
+      source.by_fanout
+          ? source.fanout.Open(options.interfaces, static_cast<size_t>(options.threads),
+                               options.filter, error)
+          : source.pcap.OpenLive(options.interface, options.filter, error);
+  if (!opened) {
+    return Fail(kExitInput, error);
+  }
+  std::string names;
+  for (const std::string &name : options.interfaces) {
+    names += (names.empty() ? "" : ", ") + name;
+  }
+  std::fprintf(stderr, "kestcap: listening on %s (%s, %d thread%s)\n", names.c_str(),
+               source.by_fanout ? "AF_PACKET fan-out" : "libpcap", options.threads,
+               options.threads == 1 ? "" : "s");
+  return kExitOk;
+}
+
+// Loads the library over the plug-in folder, runs, and prints the table.
+int Classify(const Options &options, const std::string &plugins, Source &source,
+             std::vector<Change> change_list) {
+  std::string error;
+  const kest_handle_t h = kest_open(plugins.c_str());
+  if (h < 0) {
+    return Fail(kExitLibrary, "the library did not open " + plugins + " (error " +
+                                  std::to_string(kest_errno) + ")");
+  }
+  int code = kExitOk;
+  if (const std::string missing = MissingTransports(h, plugins); !missing.empty()) {
+    code = Fail(kExitLibrary, missing);
+  } else if (!Configure(h, options, error)) {
+    code = Fail(kExitLibrary, error);
+  } else {
+    // Captures from files age by their own time stamps.
+    kest_clock_set_mode(h, source.live ? 0 : 1);
+    if (source.live) {
+      if (source.by_fanout) {
+        g_fanout = &source.fanout;
+      } else {
+        g_live = &source.pcap;
+      }
+      std::signal(SIGINT, OnSignal);
+      std::signal(SIGTERM, OnSignal);
+    }
+    std::unique_ptr<LineOutput> json;
+    if (options.json) {
+      json = std::make_unique<LineOutput>(stdout);
+    }
+    Totals totals;
+    AppTable apps;
+    const auto start = std::chrono::steady_clock::now();
+    std::unique_ptr<ChangeThread> changes;
+    if (!change_list.empty()) {
+      changes = std::make_unique<ChangeThread>(h, std::move(change_list));
+    }
+    code = Run(options, source, h, totals, apps, json.get(), changes.get());
+    changes.reset();
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    g_live = nullptr;
+    g_fanout = nullptr;
+    if (code == kExitOk && !options.json) {
+      PrintTable(stdout, apps, totals, seconds);
+    } else if (code == kExitOk && source.live) {
+      // The lines hold no totals: what the kernel dropped goes beside them.
+      std::fprintf(stderr, "kestcap: %llu packets read, %llu dropped by the kernel\n",
+                   static_cast<unsigned long long>(totals.packets),
+                   static_cast<unsigned long long>(totals.kernel_drops));
+    }
+  }
+  kest_close(h);
+  return code;
 }
 
 } // namespace
@@ -326,12 +491,9 @@ int Main(int argc, char **argv) {
   if (options.list_plugins) {
     return ListPlugins(plugins);
   }
-  CaptureInput input;
-  const bool opened = options.interface.empty()
-                          ? input.OpenFile(options.input, options.filter, error)
-                          : input.OpenLive(options.interface, options.filter, error);
-  if (!opened) {
-    return Fail(kExitInput, error);
+  Source source;
+  if (const int code = OpenSource(options, source); code != kExitOk) {
+    return code;
   }
   std::vector<Change> change_list;
   if (!options.changes.empty() && !LoadChanges(options.changes, change_list, error)) {
@@ -346,45 +508,7 @@ int Main(int argc, char **argv) {
                  stray.why.c_str());
   }
   UseHostHooks();
-  const kest_handle_t h = kest_open(plugins.c_str());
-  if (h < 0) {
-    return Fail(kExitLibrary, "the library did not open " + plugins + " (error " +
-                                  std::to_string(kest_errno) + ")");
-  }
-  int code = kExitOk;
-  if (const std::string missing = MissingTransports(h, plugins); !missing.empty()) {
-    code = Fail(kExitLibrary, missing);
-  } else if (!Configure(h, options, error)) {
-    code = Fail(kExitLibrary, error);
-  } else {
-    // Captures from files age by their own time stamps.
-    kest_clock_set_mode(h, input.Live() ? 0 : 1);
-    if (input.Live()) {
-      g_live = &input;
-      std::signal(SIGINT, OnSignal);
-      std::signal(SIGTERM, OnSignal);
-    }
-    std::unique_ptr<LineOutput> json;
-    if (options.json) {
-      json = std::make_unique<LineOutput>(stdout);
-    }
-    Totals totals;
-    AppTable apps;
-    const auto start = std::chrono::steady_clock::now();
-    std::unique_ptr<ChangeThread> changes;
-    if (!change_list.empty()) {
-      changes = std::make_unique<ChangeThread>(h, std::move(change_list));
-    }
-    code = Run(options, input, h, totals, apps, json.get(), changes.get());
-    changes.reset();
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    g_live = nullptr;
-    if (code == kExitOk && !options.json) {
-      PrintTable(stdout, apps, totals, seconds);
-    }
-  }
-  kest_close(h);
+  const int code = Classify(options, plugins, source, std::move(change_list));
   std::fflush(stdout);
   return code;
 }
