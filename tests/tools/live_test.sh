@@ -90,5 +90,10 @@ if [ -f "$shared/bittorrent.pcap" ] && [ -f "$shared/http_ipv6.pcap" ]; then
   filter=""
   compare "libpcap" "$shared/bittorrent.pcap:rep0" -i cap0 --threads 2 --pcap
 fi
+# A missing interface is an input error, named.
+ip netns exec "$ns" "$kestcap" --plugins "$plugins" -i nosuch0 >/dev/null 2>"$work/err"
+code=$?
+[ "$code" -eq 2 ] && grep -q "nosuch0: no such interface" "$work/err" ||
+  fail "a missing interface: exit $code, $(cat "$work/err")"
 [ "$failures" -eq 0 ] || exit 1
 echo "live capture: all passed"

@@ -206,96 +206,108 @@ bool FanoutCapture::Open(const std::vector<std::string> &interfaces, size_t work
     m_workers.push_back(std::make_unique<Share>());
   }
   for (const std::string &iface : interfaces) {
-    // The first socket makes a group with an identifier of the kernel's
-    // choosing; the others of this interface join it.
-    int group = -1;
-    for (size_t w = 0; w < workers; ++w) {
-      auto ring = std::make_unique<Ring>();
-      if (!OpenRing(*ring, iface, group, error)) {
-        return false;
-      }
-      if (group < 0) {
-        int value = 0;
-        socklen_t length = sizeof value;
-        if (getsockopt(ring->fd, SOL_PACKET, PACKET_FANOUT, &value, &length) != 0) {
-          error = SystemError(iface, "reading the fan-out group");
-          return false;
-        }
-        group = value & 0xFFFF;
-      }
-      m_workers[w]->fds.push_back(pollfd{ring->fd, POLLIN, 0});
-      m_workers[w]->rings.push_back(std::move(ring));
-    }
-  }
-  // The group is complete: each socket now takes what it is given, through
-  // the user's filter when there is one.
-  bpf_program program{};
-  if (!filter.empty()) {
-    pcap_t *dead = pcap_open_dead(DLT_EN10MB, 65535);
-    if (dead == nullptr ||
-        pcap_compile(dead, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
-      error = std::string("bad filter: ") + (dead != nullptr ? pcap_geterr(dead) : "no memory");
-      if (dead != nullptr) {
-        pcap_close(dead);
-      }
+    if (!AddInterface(iface, error)) {
       return false;
     }
+  }
+  // Every group is complete: each socket now takes what it is given,
+  // through the user's filter when there is one.
+  return Filter(filter, error);
+}
+
+bool FanoutCapture::AddInterface(const std::string &iface, std::string &error) {
+  if (if_nametoindex(iface.c_str()) == 0) {
+    error = iface + ": no such interface";
+    return false;
+  }
+  // The first socket makes a group with an identifier of the kernel's
+  // choosing; the others of this interface join it.
+  int group = -1;
+  for (const auto &share : m_workers) {
+    auto ring = std::make_unique<Ring>();
+    if (!OpenRing(*ring, iface, error) || !Join(*ring, iface, group, error)) {
+      return false;
+    }
+    if (group < 0) {
+      int value = 0;
+      socklen_t length = sizeof value;
+      if (getsockopt(ring->fd, SOL_PACKET, PACKET_FANOUT, &value, &length) != 0) {
+        error = SystemError(iface, "reading the fan-out group");
+        return false;
+      }
+      group = value & 0xFFFF;
+    }
+    share->fds.push_back(pollfd{ring->fd, POLLIN, 0});
+    share->rings.push_back(std::move(ring));
+  }
+  return true;
+}
+
+namespace {
+
+// The user's filter compiled by libpcap for one link type, freed with it.
+class Compiled {
+public:
+  Compiled() = default;
+  Compiled(const Compiled &) = delete;
+  Compiled &operator=(const Compiled &) = delete;
+  ~Compiled() { pcap_freecode(&m_program); }
+  bool Compile(const std::string &filter, int link, std::string &error) {
+    pcap_t *dead = pcap_open_dead(link, 65535);
+    if (dead == nullptr) {
+      error = "bad filter: no memory";
+      return false;
+    }
+    const bool ok = pcap_compile(dead, &m_program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
+    if (!ok) {
+      error = std::string("bad filter: ") + pcap_geterr(dead);
+    }
     pcap_close(dead);
+    return ok;
   }
-  // Links without an Ethernet header read from the network header on, and
-  // take the filter compiled for raw IP.
-  bpf_program raw_program{};
-  if (!filter.empty()) {
-    pcap_t *dead = pcap_open_dead(DLT_RAW, 65535);
-    if (dead == nullptr ||
-        pcap_compile(dead, &raw_program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
-      raw_program = bpf_program{};
-    }
-    if (dead != nullptr) {
-      pcap_close(dead);
-    }
+  bool AttachTo(int fd) const {
+    return Attach(fd, reinterpret_cast<const sock_filter *>(m_program.bf_insns), m_program.bf_len);
   }
-  bool ok = true;
+
+private:
+  bpf_program m_program{};
+};
+
+} // namespace
+
+bool FanoutCapture::Filter(const std::string &filter, std::string &error) {
+  // Ethernet sockets see whole frames; the others read from the network
+  // header on, and take the filter compiled for raw IP.
+  Compiled ethernet;
+  Compiled raw;
+  bool have_ethernet = false;
+  bool have_raw = false;
   for (const auto &share : m_workers) {
     for (const auto &ring : share->rings) {
       if (filter.empty()) {
         const int unused = 0;
-        ok = ok && setsockopt(ring->fd, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused) == 0;
+        if (setsockopt(ring->fd, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused) != 0) {
+          error = std::string("removing the socket filter: ") + std::strerror(errno);
+          return false;
+        }
         continue;
       }
-      const bpf_program &use = ring->ethernet ? program : raw_program;
-      if (use.bf_insns == nullptr) {
-        error = "the filter does not apply to a link without Ethernet headers";
-        ok = false;
-        break;
+      Compiled &program = ring->ethernet ? ethernet : raw;
+      bool &have = ring->ethernet ? have_ethernet : have_raw;
+      if (!have && !program.Compile(filter, ring->ethernet ? DLT_EN10MB : DLT_RAW, error)) {
+        return false;
       }
-      ok = ok && Attach(ring->fd, reinterpret_cast<const sock_filter *>(use.bf_insns), use.bf_len);
-    }
-  }
-  if (ok) {
-    // Drops of the time before are the kernel's refusals under the
-    // placeholder filter: read and forget them.
-    for (const auto &share : m_workers) {
-      for (const auto &ring : share->rings) {
-        tpacket_stats_v3 stats{};
-        socklen_t length = sizeof stats;
-        getsockopt(ring->fd, SOL_PACKET, PACKET_STATISTICS, &stats, &length);
+      have = true;
+      if (!program.AttachTo(ring->fd)) {
+        error = std::string("the filter was refused: ") + std::strerror(errno);
+        return false;
       }
     }
-  } else if (error.empty()) {
-    error = std::string("the filter was refused: ") + std::strerror(errno);
   }
-  pcap_freecode(&program);
-  pcap_freecode(&raw_program);
-  return ok;
+  return true;
 }
 
-bool FanoutCapture::OpenRing(Ring &ring, const std::string &iface, int group, std::string &error) {
-  const unsigned ifindex = if_nametoindex(iface.c_str());
-  if (ifindex == 0) {
-    error = iface + ": no such interface";
-    return false;
-  }
+bool FanoutCapture::OpenRing(Ring &ring, const std::string &iface, std::string &error) {
   // Protocol 0: nothing arrives before the socket is bound to its device.
   ring.fd = socket(AF_PACKET, SOCK_RAW, 0);
   if (ring.fd < 0) {
@@ -346,6 +358,15 @@ bool FanoutCapture::OpenRing(Ring &ring, const std::string &iface, int group, st
     return false;
   }
   ring.map = static_cast<uint8_t *>(map);
+  return true;
+}
+
+bool FanoutCapture::Join(Ring &ring, const std::string &iface, int group, std::string &error) {
+  const unsigned ifindex = if_nametoindex(iface.c_str());
+  if (ifindex == 0) {
+    error = iface + ": no such interface";
+    return false;
+  }
   sockaddr_ll address{};
   address.sll_family = AF_PACKET;
   address.sll_protocol = htons(ETH_P_ALL);

@@ -59,9 +59,16 @@ public:
 private:
   struct Ring;
   struct Share;
-  // One socket on `iface`, joined to fan-out group `group` (or to a new
-  // group when negative), taking nothing until Open attaches the filter.
-  bool OpenRing(Ring &ring, const std::string &iface, int group, std::string &error);
+  // A socket per worker on `iface`, all in one new fan-out group.
+  bool AddInterface(const std::string &iface, std::string &error);
+  // A socket on `iface` with its ring mapped, taking nothing yet.
+  bool OpenRing(Ring &ring, const std::string &iface, std::string &error);
+  // Binds the socket to `iface` and joins fan-out group `group` (a new
+  // group when negative).
+  bool Join(Ring &ring, const std::string &iface, int group, std::string &error);
+  // Replaces the placeholder that takes nothing with the user's filter, or
+  // with none.
+  bool Filter(const std::string &filter, std::string &error);
   // Adds the kernel's counts of worker `worker`'s sockets since the last
   // call to the process-wide drop count.
   void CountDrops(Share &share);
