@@ -90,6 +90,30 @@ if [ -f "$shared/bittorrent.pcap" ] && [ -f "$shared/http_ipv6.pcap" ]; then
   filter=""
   compare "libpcap" "$shared/bittorrent.pcap:rep0" -i cap0 --threads 2 --pcap
 fi
+# Drops: kestcap is held still while more arrives than its rings hold; what
+# it read and what it reports the kernel dropped add up to what was sent.
+if [ -f "$shared/bittorrent.pcap" ]; then
+  sent=$((250 * $("$kestcap" --plugins "$plugins" "$shared/bittorrent.pcap" | tail -n 1 | cut -d' ' -f1)))
+  rm -f "$work/err"
+  ip netns exec "$ns" "$kestcap" --plugins "$plugins" --json -i cap0 --threads 2 \
+    >/dev/null 2>"$work/err" &
+  pid=$!
+  tries=0
+  until grep -qs "listening on" "$work/err" || [ $tries -ge 50 ]; do
+    sleep 0.1; tries=$((tries + 1))
+  done
+  kill -STOP "$pid"
+  ip netns exec "$ns" tcpreplay -q --topspeed -K --loop=250 -i rep0 "$shared/bittorrent.pcap" \
+    >/dev/null 2>&1
+  kill -CONT "$pid"
+  sleep 1
+  kill -TERM "$pid"
+  wait "$pid"
+  set -- $(sed -n 's/^kestcap: \([0-9]*\) packets read, \([0-9]*\) dropped by the kernel$/\1 \2/p' \
+    "$work/err")
+  { [ $# -eq 2 ] && [ "$2" -gt 0 ] && [ $(($1 + $2)) -eq "$sent" ]; } ||
+    fail "drops: $(cat "$work/err"), $sent sent"
+fi
 # A missing interface is an input error, named.
 ip netns exec "$ns" "$kestcap" --plugins "$plugins" -i nosuch0 >/dev/null 2>"$work/err"
 code=$?
