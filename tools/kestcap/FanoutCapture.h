@@ -9,11 +9,14 @@
 // whichever way round they are: both directions of a connection, all the
 // fragments of its datagrams (which carry no ports after the first) and
 // every flow inside a tunnel reach the same worker. The kernel's own
-// flow-hash mode cannot promise this: it hashes ports where it finds them
-// (so a datagram's later fragments and its first part ways) and looks
-// inside IP-in-IP and GRE tunnels (so a tunnel's packets spread). As the
-// program depends on nothing but the packet, a connection seen on two
-// interfaces also lands on the same worker of each.
+// flow-hash mode is symmetric too, but hashes the ports where it finds them
+// and the addresses alone in a fragment, so a datagram's fragments and the
+// unfragmented packets of its connection may part; its defragmenting flag
+// mends that for IPv4 only, and hands kestcap whole datagrams rather than
+// the fragments on the wire. It also looks inside IP-in-IP and GRE, so a
+// tunnel's own flow would spread over the workers. As the program depends
+// on nothing but the packet, a connection seen on two interfaces also lands
+// on the same worker of each.
 #ifndef KESTCAP_FANOUTCAPTURE_H
 #define KESTCAP_FANOUTCAPTURE_H
 
