@@ -82,6 +82,12 @@ for cap in dns.pcap http_ipv6.pcap fragmented-4.pcap ipv6-fragmented-dns.pcap 4i
     compare "$cap, $n workers" "$shared/$cap:rep0" -i cap0 --threads "$n"
   done
 done
+# Answers in two fragments, questions whole, one flow per address pair: a
+# fan-out by ports where there are any would part about half the flows.
+if command -v python3 >/dev/null 2>&1; then
+  python3 "$(dirname "$0")/../../scripts/fragments_pcap.py" "$work/fragments.pcap" 16
+  compare "fragmented answers, 2 workers" "$work/fragments.pcap:rep0" -i cap0 --threads 2
+fi
 if [ -f "$shared/bittorrent.pcap" ] && [ -f "$shared/http_ipv6.pcap" ]; then
   compare "two interfaces" "$shared/bittorrent.pcap:rep0 $shared/http_ipv6.pcap:rep1" \
     -i cap0 -i cap1 --threads 2
