@@ -199,6 +199,10 @@ bool FanoutCapture::Available() {
   return true;
 }
 
+bool FanoutCapture::IsDevice(const std::string &name) {
+  return if_nametoindex(name.c_str()) != 0;
+}
+
 bool FanoutCapture::Open(const std::vector<std::string> &interfaces, size_t workers,
                          const std::string &filter, std::string &error) {
   m_workers.clear();
@@ -458,6 +462,10 @@ FanoutCapture::FanoutCapture() = default;
 FanoutCapture::~FanoutCapture() = default;
 
 bool FanoutCapture::Available() {
+  return false;
+}
+
+bool FanoutCapture::IsDevice(const std::string &) {
   return false;
 }
 

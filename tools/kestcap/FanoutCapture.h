@@ -39,6 +39,9 @@ public:
 
   // Whether this build reads with AF_PACKET at all (Linux only).
   static bool Available();
+  // Whether `name` is a network device, as AF_PACKET needs; libpcap's own
+  // capture sources (such as "any" or "nflog:N") are not.
+  static bool IsDevice(const std::string &name);
 
   // Opens `workers` sockets on each interface, with the BPF `filter` (empty:
   // every packet) on each. False with `error` set when an interface is

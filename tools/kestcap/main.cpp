@@ -390,7 +390,10 @@ int OpenSource(const Options &options, Source &source) {
     return source.pcap.OpenFile(options.input, options.filter, error) ? kExitOk
                                                                       : Fail(kExitInput, error);
   }
-  source.by_fanout = !options.pcap && FanoutCapture::Available();
+  // One source that is not a network device (libpcap's "any", a netfilter
+  // log group) is libpcap's to read.
+  source.by_fanout = !options.pcap && FanoutCapture::Available() &&
+                     (options.interfaces.size() > 1 || FanoutCapture::IsDevice(options.interface));
   if (!source.by_fanout && options.interfaces.size() > 1) {
     return Fail(kExitUsage, "several interfaces need AF_PACKET capture (Linux, without --pcap)");
   }
