@@ -12,6 +12,11 @@ done
 for pkg in nfdump tshark; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
+# Live capture's test and scripts/live_rate.sh: a veth pair in a network
+# namespace, captures replayed into it.
+for pkg in iproute2 tcpreplay; do
+  dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
+done
 if [ -n "$need" ]; then
   SUDO=""
   [ "$(id -u)" -eq 0 ] || SUDO=sudo

@@ -81,6 +81,7 @@ if(TARGET kestcap)
                    ${CMAKE_SOURCE_DIR}/../shared/pcaps/1kxun.pcap
                    ${CMAKE_SOURCE_DIR}/../shared/pcaps/http_ipv6.pcap)
   set_tests_properties(kestcap_ipfix PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
+endif()
 
 # kestcap as a service: its sandbox against a decoder that makes a
 # forbidden call, its privileges while it runs (root only), its unit, its
@@ -110,4 +111,14 @@ if(TARGET kestcap AND TARGET tcp AND TARGET udp AND TARGET wire)
                      $<TARGET_FILE:kestcap>)
     set_tests_properties(kestcap_manual PROPERTIES SKIP_RETURN_CODE 77)
   endif()
+endif()
+
+# Live capture on a veth pair in a private network namespace: one and two
+# AF_PACKET workers in a fan-out group against the file (root only; skipped
+# otherwise, or without tcpreplay or the shared captures).
+if(TARGET kestcap)
+  add_test(NAME kestcap_live_fanout
+           COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/live_test.sh $<TARGET_FILE:kestcap>
+                   ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/../shared/pcaps)
+  set_tests_properties(kestcap_live_fanout PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77)
 endif()

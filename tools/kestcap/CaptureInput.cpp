@@ -1,5 +1,6 @@
 #include "CaptureInput.h"
 
+#include "KernelDrops.h"
 #include "LinkHeader.h"
 
 #include <kest.h>
@@ -116,6 +117,9 @@ CaptureInput::Next CaptureInput::Read(Frame &frame) {
   pcap_pkthdr *header;
   const u_char *data;
   const int got = pcap_next_ex(m_pcap, &header, &data);
+  if (m_live && (got != 1 || ++m_since_count == 0x10000)) {
+    CountDrops();
+  }
   if (got == 0) {
     return Next::kTimeout;
   }
@@ -174,6 +178,20 @@ CaptureInput::Next CaptureInput::Read(Frame &frame) {
   }
   }
   return Next::kFrame;
+}
+
+void CaptureInput::CountDrops() {
+  m_since_count = 0;
+  pcap_stat stats{};
+  if (pcap_stats(m_pcap, &stats) != 0) {
+    return;
+  }
+  // Dropped for want of room, and by the interface itself.
+  const uint64_t dropped = uint64_t{stats.ps_drop} + stats.ps_ifdrop;
+  if (dropped > m_dropped) {
+    AddKernelDrops(dropped - m_dropped);
+    m_dropped = dropped;
+  }
 }
 
 void CaptureInput::Stop() {

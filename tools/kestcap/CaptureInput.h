@@ -57,11 +57,16 @@ public:
 
 private:
   bool Setup(const std::string &filter, std::string &error);
+  // Live: adds the drops libpcap reports since the last call to the
+  // process-wide count (KernelDrops.h).
+  void CountDrops();
 
   pcap_t *m_pcap = nullptr;
   int m_link = 0;
   bool m_live = false;
   uint64_t m_size = 0;
+  uint64_t m_dropped = 0;
+  uint32_t m_since_count = 0;
 };
 
 } // namespace kestcap

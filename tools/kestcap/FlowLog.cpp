@@ -284,12 +284,17 @@ void PrintTable(FILE *out, const AppTable &apps, const Totals &totals, double se
   const double rate = seconds > 0 ? static_cast<double>(totals.packets) / seconds : 0;
   std::fprintf(out,
                "%llu packets read, %llu classified, %llu not classified, %llu malformed, "
-               "%llu connections, %.3f s, %.0f packets/s\n",
+               "%llu connections, %.3f s, %.0f packets/s",
                static_cast<unsigned long long>(totals.packets),
                static_cast<unsigned long long>(totals.classified),
                static_cast<unsigned long long>(totals.not_classified),
                static_cast<unsigned long long>(totals.malformed),
                static_cast<unsigned long long>(totals.connections), seconds, rate);
+  if (totals.live) {
+    std::fprintf(out, ", %llu dropped by the kernel",
+                 static_cast<unsigned long long>(totals.kernel_drops));
+  }
+  std::fputc('\n', out);
 }
 
 void LineOutput::Write(const std::string &line) {

@@ -63,6 +63,9 @@ struct Totals {
   uint64_t not_classified = 0;
   uint64_t malformed = 0;
   uint64_t connections = 0;
+  // Live capture: the packets the kernel dropped are part of the totals.
+  bool live = false;
+  uint64_t kernel_drops = 0;
   void Add(const Totals &other);
 };
 

@@ -16,7 +16,8 @@ enum LongOnly {
   kAttr,
   kJson,
   kChanges,
-  kFeatures
+  kFeatures,
+  kPcap
 };
 // Exports, numbered apart from the others.
 enum ExportOnly { kIpfix = 400 };
@@ -54,6 +55,7 @@ const option kLong[] = {
     {"stats-file", required_argument, nullptr, kStatsFile},
     {"config-file", required_argument, nullptr, kConfigFile},
     {"version", no_argument, nullptr, kVersion},
+    {"pcap", no_argument, nullptr, kPcap},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -96,6 +98,12 @@ const char *UsageText() {
          "FILTER is a BPF expression applied before classification.\n"
          "\n"
          "  -i, --interface IFACE  capture live from IFACE until interrupted\n"
+         "                         (repeatable: several interfaces at once); on\n"
+         "                         Linux each thread reads its own share through\n"
+         "                         AF_PACKET, and the progress line and the totals\n"
+         "                         count the packets the kernel dropped\n"
+         "      --pcap             capture live through libpcap, one reading thread\n"
+         "                         handing packets on (one interface)\n"
          "  -t, --threads N        classify on N threads (default 1); packets are\n"
          "                         spread by their outer IP addresses, so both\n"
          "                         directions, fragments and tunnelled flows stay on\n"
@@ -168,7 +176,13 @@ bool ParseOptions(int argc, char **argv, Options &out, std::string &error) {
   while ((c = getopt_long(argc, argv, ":i:t:h", kLong, nullptr)) != -1) {
     switch (c) {
     case 'i':
-      out.interface = optarg;
+      if (out.interface.empty()) {
+        out.interface = optarg;
+      }
+      out.interfaces.emplace_back(optarg);
+      break;
+    case kPcap:
+      out.pcap = true;
       break;
     case 't': {
       char *end = nullptr;

@@ -42,6 +42,11 @@ struct Options {
   uint64_t rotate_seconds = 0; // --rotate TIME: a new output file this often
   uint64_t stats_seconds = 0;  // --stats: a statistics line this often
   std::string stats_file;      // --stats-file: where those lines go (else the output)
+  // Live capture: every -i in order (`interface` is the first); --pcap
+  // reads through libpcap's single reader rather than one AF_PACKET socket
+  // per worker.
+  std::vector<std::string> interfaces;
+  bool pcap = false;
 };
 
 // Fills `out` from argv. On a usage error: false with `error` set to one line.

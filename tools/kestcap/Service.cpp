@@ -1,5 +1,7 @@
 #include "Service.h"
 
+#include "KernelDrops.h"
+
 #include <kest_host.h>
 
 #include <cerrno>
@@ -144,6 +146,9 @@ std::string Service::StatsLine() {
   if (m_setup.input != nullptr && m_setup.input->Drops(kernel, interface)) {
     number("drops", kernel);
     number("if_drops", interface);
+  } else if (m_setup.fanout != nullptr) {
+    number("drops", KernelDrops());
+    number("if_drops", 0);
   }
   number("flows", open);
   number("connections", m_setup.output != nullptr ? m_setup.output->Lines() : 0);
@@ -217,6 +222,9 @@ void Service::Answer(int signal) {
     m_stopping = true;
     if (m_setup.input != nullptr) {
       m_setup.input->Stop();
+    }
+    if (m_setup.fanout != nullptr) {
+      m_setup.fanout->Stop();
     }
     break;
   }

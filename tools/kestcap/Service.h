@@ -10,6 +10,7 @@
 #define KESTCAP_SERVICE_H
 
 #include "CaptureInput.h"
+#include "FanoutCapture.h"
 #include "FlowLog.h"
 #include "Worker.h"
 
@@ -26,7 +27,10 @@
 namespace kestcap {
 
 struct ServiceSetup {
+  // The capture: libpcap's (a file or one live source), or AF_PACKET's
+  // sockets; the other is null.
   CaptureInput *input = nullptr;
+  FanoutCapture *fanout = nullptr;
   kest_handle_t handle = -1;
   // The JSON lines and the file they go to ("" for standard output, which
   // is neither reopened nor rotated).

@@ -3,15 +3,19 @@
 #include "CaptureInput.h"
 #include "Changes.h"
 #include "ConfigFile.h"
+#include "FanoutCapture.h"
 #include "FlowLog.h"
 #include "IpfixExporter.h"
+#include "KernelDrops.h"
 #include "Options.h"
 #include "PluginFolder.h"
 #include "Privileges.h"
+#include "Progress.h"
 #include "Sandbox.h"
 #include "Service.h"
 #include "SpscRing.h"
 #include "Worker.h"
+#include "WorkerPool.h"
 
 #include "wire/WireParser.h"
 
@@ -19,7 +23,6 @@
 #include <kest_host.h>
 
 #include <atomic>
-#include <barrier>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -27,7 +30,6 @@
 #include <cstring>
 #include <memory>
 #include <thread>
-#include <unistd.h>
 
 namespace kestcap {
 
@@ -90,50 +92,12 @@ size_t ShardOf(const Frame &frame, size_t workers) {
   return static_cast<size_t>((h ^ (h >> 29)) % workers);
 }
 
-// A progress line on a terminal, for files of known size.
-class Progress {
-public:
-  explicit Progress(const CaptureInput &input)
-      : m_input(input), m_on(!input.Live() && input.Size() != 0 && isatty(2) != 0) {}
-  void Tick(uint64_t packets) {
-    if (!m_on || (packets & 0xFFFF) != 0) {
-      return;
-    }
-    const auto now = std::chrono::steady_clock::now();
-    if (now - m_last < std::chrono::milliseconds(500)) {
-      return;
-    }
-    m_last = now;
-    const double seconds = std::chrono::duration<double>(now - m_start).count();
-    std::fprintf(stderr, "\rkestcap: %3.0f%% of %.1f MB, %.0f packets/s ",
-                 100.0 * static_cast<double>(m_input.Offset()) /
-                     static_cast<double>(m_input.Size()),
-                 static_cast<double>(m_input.Size()) / 1e6,
-                 seconds > 0 ? static_cast<double>(packets) / seconds : 0.0);
-  }
-  void Done() {
-    if (m_on) {
-      std::fprintf(stderr, "\r\033[K");
-    }
-  }
-
-private:
-  const CaptureInput &m_input;
-  const bool m_on;
-  const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point m_last = m_start;
-};
-
-// Reads every frame and has the workers classify it. The result is the
-// exit code.
-int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &totals,
-        AppTable &apps, LineOutput *json, ChangeThread *changes) {
+// What the workers listen to, and how they keep time.
+WorkerSetup MakeSetup(const Options &options, kest_handle_t h, LineOutput *json, bool live) {
   WorkerSetup setup;
   setup.handle = h;
-  JsonSink json_sink(json);
-  setup.sink = json != nullptr ? &json_sink : nullptr;
   setup.features = options.features;
-  setup.capture_clock = !input.Live();
+  setup.capture_clock = !live;
   char tunnels[8] = "1";
   kest_config_get(h, "conn.default_policy.tunnels", tunnels, sizeof tunnels);
   setup.tunnels = tunnels[0] == '1';
@@ -155,6 +119,246 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
   for (const std::string &name : options.attrs) {
     setup.attrs.push_back(name);
   }
+  return setup;
+}
+
+// The pace of a run without a changes file: nothing is ever due, and the
+// reading loop compiled with it checks nothing per packet.
+struct NoChanges {
+  static constexpr bool Due(uint64_t) { return false; }
+  void Make(uint64_t) {}
+};
+
+// Reads every frame and hands it to `deliver`; `idle` runs while a live
+// input is quiet. `changes` (a ChangeThread or NoChanges) makes the changes
+// due between packets, after `settle` returned (once the packets handed on
+// so far are classified), as their numbers say. The result: the capture
+// was cut short.
+template <class Changes, class Deliver, class Idle, class Settle>
+bool ReadAll(CaptureInput &input, Progress &progress, Changes &changes, Deliver &&deliver,
+             Idle &&idle, Settle &&settle) {
+  Frame frame;
+  uint64_t read = 0;
+  bool cut_short = false;
+  for (;;) {
+    const CaptureInput::Next next = input.Read(frame);
+    if (next == CaptureInput::Next::kTimeout) {
+      idle();
+      progress.Show(read);
+      continue;
+    }
+    if (next == CaptureInput::Next::kCutShort) {
+      cut_short = true;
+    }
+    if (next != CaptureInput::Next::kFrame) {
+      break;
+    }
+    if (changes.Due(read)) {
+      settle();
+      changes.Make(read);
+    }
+    deliver(frame);
+    progress.Tick(++read);
+  }
+  // Changes numbered past the capture's end are made after its last packet.
+  if (changes.Due(~0ull)) {
+    settle();
+    changes.Make(~0ull);
+  }
+  return cut_short;
+}
+
+template <class Deliver, class Idle, class Settle>
+bool ReadAll(CaptureInput &input, Progress &progress, ChangeThread *changes, Deliver &&deliver,
+             Idle &&idle, Settle &&settle) {
+  if (changes != nullptr) {
+    return ReadAll(input, progress, *changes, deliver, idle, settle);
+  }
+  NoChanges none;
+  return ReadAll(input, progress, none, deliver, idle, settle);
+}
+
+// One thread reads and classifies, and nothing is copied.
+bool RunOnOneThread(CaptureInput &input, ChangeThread *changes, Worker &worker, bool &cut_short,
+                    std::string &error) {
+  if (!worker.Start(error)) {
+    worker.Finish();
+    return false;
+  }
+  EnterSandbox();
+  Progress progress(&input, input.Live());
+  cut_short = ReadAll(
+      input, progress, changes, [&](const Frame &frame) { worker.Handle(frame); },
+      [&] { worker.Idle(); }, [] {});
+  worker.Finish();
+  progress.Done();
+  return true;
+}
+
+// The reading thread copies each frame into the ring of its worker, picked
+// by ShardOf; each worker takes its frames out in order.
+bool RunOnRings(CaptureInput &input, ChangeThread *changes, WorkerPool &pool, bool &cut_short,
+                std::string &error) {
+  const size_t n = pool.Size();
+  const bool live = input.Live();
+  std::vector<std::unique_ptr<SpscRing>> rings;
+  for (size_t i = 0; i < n; ++i) {
+    rings.push_back(std::make_unique<SpscRing>(kRingBytes));
+  }
+  std::atomic<bool> done{false};
+  Progress progress(&input, live);
+  const auto consume = [&](Worker &worker, size_t i) {
+    EnterSandbox();
+    SpscRing &ring = *rings[i];
+    int quiet = 0;
+    for (;;) {
+      const uint8_t *bytes;
+      const SpscRing::Header *header = ring.Peek(bytes);
+      if (header != nullptr) {
+        worker.Handle(Frame{header->ts_us, header->form, bytes, header->length});
+        ring.Pop(*header);
+        quiet = 0;
+        continue;
+      }
+      if (done.load(std::memory_order_acquire) && ring.Peek(bytes) == nullptr) {
+        break;
+      }
+      // Idle passes only for live input, as on one thread: a file's
+      // connections age by its time stamps as its packets come, and an idle
+      // pass whenever this ring ran dry would end them at points that the
+      // scheduling picks, so that two runs of one file could report
+      // different connections.
+      if (live && ++quiet == 1000) {
+        worker.Idle();
+        quiet = 0;
+      }
+      std::this_thread::yield();
+    }
+  };
+  const auto read = [&] {
+    EnterSandbox();
+    cut_short = ReadAll(
+        input, progress, changes,
+        [&](const Frame &frame) {
+          SpscRing &ring = *rings[ShardOf(frame, n)];
+          const SpscRing::Header header{frame.length, frame.form, frame.ts_us};
+          while (!ring.Push(header, frame.data)) {
+            std::this_thread::yield();
+          }
+        },
+        [] {},
+        [&] {
+          for (const auto &ring : rings) {
+            while (!ring->Drained()) {
+              std::this_thread::yield();
+            }
+          }
+        });
+    done.store(true, std::memory_order_release);
+  };
+  const bool ok = pool.Run(consume, read, error);
+  progress.Done();
+  return ok;
+}
+
+// Each worker reads its own share of the live interfaces from its own
+// sockets until the capture is stopped.
+void ReadShare(FanoutCapture &capture, Worker &worker, size_t index, std::atomic<uint64_t> &taken,
+               Progress *progress) {
+  Frame frame;
+  uint64_t count = 0;
+  for (;;) {
+    const CaptureInput::Next next = capture.Read(index, frame);
+    if (next == CaptureInput::Next::kFrame) {
+      worker.Handle(frame);
+      taken.store(++count, std::memory_order_relaxed);
+      if (progress != nullptr) {
+        progress->Tick(count);
+      }
+    } else if (next == CaptureInput::Next::kTimeout) {
+      worker.Idle();
+      if (progress != nullptr) {
+        progress->Show(count);
+      }
+    } else {
+      return;
+    }
+  }
+}
+
+bool RunFanout(FanoutCapture &capture, WorkerPool &pool, std::string &error) {
+  const size_t n = pool.Size();
+  // Per worker, on a line of its own: the packets it took.
+  struct alignas(64) Count {
+    std::atomic<uint64_t> value{0};
+  };
+  std::vector<Count> taken(n);
+  Progress progress(nullptr, true);
+  if (n == 1) {
+    Worker &worker = pool.At(0);
+    if (!worker.Start(error)) {
+      worker.Finish();
+      return false;
+    }
+    EnterSandbox();
+    ReadShare(capture, worker, 0, taken[0].value, &progress);
+    worker.Finish();
+    progress.Done();
+    return true;
+  }
+  std::atomic<size_t> running{n};
+  const auto share = [&](Worker &worker, size_t i) {
+    EnterSandbox();
+    ReadShare(capture, worker, i, taken[i].value, nullptr);
+    running.fetch_sub(1, std::memory_order_release);
+  };
+  // The calling thread only keeps the progress line.
+  const auto watch = [&] {
+    EnterSandbox();
+    while (running.load(std::memory_order_acquire) != 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      uint64_t sum = 0;
+      for (const Count &count : taken) {
+        sum += count.value.load(std::memory_order_relaxed);
+      }
+      progress.Show(sum);
+    }
+  };
+  const bool ok = pool.Run(share, watch, error);
+  progress.Done();
+  return ok;
+}
+
+// Names asked for with --attr that no plug-in publishes.
+void WarnUnknown(const Options &options, const Worker &worker) {
+  for (const std::string &name : worker.Unknown()) {
+    bool asked = false;
+    for (const std::string &wanted : options.attrs) {
+      asked = asked || wanted == name;
+    }
+    if (asked) {
+      std::fprintf(stderr, "kestcap: warning: no plug-in publishes attribute \"%s\"\n",
+                   name.c_str());
+    }
+  }
+}
+
+// Where the packets come from: a file or libpcap's live capture (`pcap`),
+// or one AF_PACKET socket per worker (`fanout`).
+struct Source {
+  CaptureInput pcap;
+  FanoutCapture fanout;
+  bool by_fanout = false;
+  bool live = false;
+};
+
+// Reads every frame and has the workers classify it. The result is the
+// exit code.
+int Run(const Options &options, Source &source, kest_handle_t h, Totals &totals, AppTable &apps,
+        LineOutput *json, ChangeThread *changes) {
+  WorkerSetup setup = MakeSetup(options, h, json, source.live);
+  JsonSink json_sink(json);
+  setup.sink = json != nullptr ? &json_sink : nullptr;
   // Declared before the workers, so that it sends their last records
   // after they finish.
   std::unique_ptr<IpfixExporter> ipfix;
@@ -167,169 +371,76 @@ int Run(const Options &options, CaptureInput &input, kest_handle_t h, Totals &to
     setup.ipfix = ipfix.get();
   }
   const size_t n = static_cast<size_t>(options.threads);
-  std::vector<std::unique_ptr<Worker>> workers;
-  std::vector<std::unique_ptr<SpscRing>> rings;
-  for (size_t i = 0; i < n; ++i) {
-    workers.push_back(std::make_unique<Worker>(setup));
-    rings.push_back(std::make_unique<SpscRing>(n == 1 ? 0 : kRingBytes));
-  }
-  const WatchWorkers watch(workers);
+  WorkerPool pool(setup, n);
+  const WatchWorkers watch(pool.Workers());
   std::string error;
   bool cut_short = false;
-  Progress progress(input);
-  uint64_t read = 0;
-  // `settle` returns once the packets handed on so far are classified:
-  // changes are made between packets, as their numbers say.
-  auto read_all = [&](auto &&deliver, auto &&idle, auto &&settle) {
-    Frame frame;
-    for (;;) {
-      const CaptureInput::Next next = input.Read(frame);
-      if (next == CaptureInput::Next::kTimeout) {
-        idle();
-        continue;
-      }
-      if (next == CaptureInput::Next::kCutShort) {
-        cut_short = true;
-      }
-      if (next != CaptureInput::Next::kFrame) {
-        break;
-      }
-      if (changes != nullptr && changes->Due(read)) {
-        settle();
-        changes->Make(read);
-      }
-      deliver(frame);
-      progress.Tick(++read);
-    }
-    // Changes numbered past the capture's end are made after its last packet.
-    if (changes != nullptr && changes->Due(~0ull)) {
-      settle();
-      changes->Make(~0ull);
-    }
-  };
-  if (n == 1) {
-    // One thread: the reading thread classifies, and nothing is copied.
-    Worker &worker = *workers[0];
-    if (!worker.Start(error)) {
-      worker.Finish();
-      return Fail(kExitLibrary, error);
-    }
-    EnterSandbox();
-    read_all([&](const Frame &frame) { worker.Handle(frame); }, [&] { worker.Idle(); }, [] {});
+  bool ok;
+  if (source.by_fanout) {
+    ok = RunFanout(source.fanout, pool, error);
+  } else if (n == 1) {
+    ok = RunOnOneThread(source.pcap, changes, pool.At(0), cut_short, error);
   } else {
-    // Every worker is a kest thread before the first packet, and all of
-    // them end together: a thread that ended early would keep changes from
-    // reaching the others.
-    std::barrier started(static_cast<std::ptrdiff_t>(n + 1));
-    std::barrier ending(static_cast<std::ptrdiff_t>(n));
-    std::atomic<bool> done{false};
-    std::atomic<bool> failed{false};
-    std::vector<std::string> errors(n);
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < n; ++i) {
-      threads.emplace_back([&, i] {
-        Worker &worker = *workers[i];
-        SpscRing &ring = *rings[i];
-        if (!worker.Start(errors[i])) {
-          failed = true;
-        }
-        EnterSandbox();
-        started.arrive_and_wait();
-        int quiet = 0;
-        for (;;) {
-          const uint8_t *bytes;
-          const SpscRing::Header *header = ring.Peek(bytes);
-          if (header != nullptr) {
-            worker.Handle(Frame{header->ts_us, header->form, bytes, header->length});
-            ring.Pop(*header);
-            quiet = 0;
-            continue;
-          }
-          if (done.load(std::memory_order_acquire) && ring.Peek(bytes) == nullptr) {
-            break;
-          }
-          // Idle passes only for live input, as on one thread: a file's
-          // connections age by its time stamps as its packets come, and an
-          // idle pass whenever this ring ran dry would end them at points
-          // that the scheduling picks, so that two runs of one file could
-          // report different connections.
-          if (!setup.capture_clock && ++quiet == 1000) {
-            worker.Idle();
-            quiet = 0;
-          }
-          std::this_thread::yield();
-        }
-        ending.arrive_and_wait();
-        worker.Finish();
-      });
-    }
-    started.arrive_and_wait();
-    EnterSandbox();
-    if (!failed) {
-      read_all(
-          [&](const Frame &frame) {
-            SpscRing &ring = *rings[ShardOf(frame, n)];
-            const SpscRing::Header header{frame.length, frame.form, frame.ts_us};
-            while (!ring.Push(header, frame.data)) {
-              std::this_thread::yield();
-            }
-          },
-          [] {},
-          [&] {
-            for (const auto &ring : rings) {
-              while (!ring->Drained()) {
-                std::this_thread::yield();
-              }
-            }
-          });
-    }
-    done.store(true, std::memory_order_release);
-    for (std::thread &thread : threads) {
-      thread.join();
-    }
-    for (const std::string &e : errors) {
-      if (!e.empty()) {
-        return Fail(kExitLibrary, e);
-      }
-    }
+    ok = RunOnRings(source.pcap, changes, pool, cut_short, error);
   }
-  if (n == 1) {
-    workers[0]->Finish();
+  if (!ok) {
+    return Fail(kExitLibrary, error);
   }
-  progress.Done();
-  for (const auto &worker : workers) {
-    totals.Add(worker->Counts());
-    for (const auto &[app, row] : worker->Apps()) {
-      AppRow &sum = apps[app];
-      sum.connections += row.connections;
-      sum.packets += row.packets;
-      sum.bytes += row.bytes;
-    }
-  }
-  for (const std::string &name : workers[0]->Unknown()) {
-    bool asked = false;
-    for (const std::string &wanted : options.attrs) {
-      asked = asked || wanted == name;
-    }
-    if (asked) {
-      std::fprintf(stderr, "kestcap: warning: no plug-in publishes attribute \"%s\"\n",
-                   name.c_str());
-    }
-  }
+  pool.Gather(totals, apps);
+  totals.live = source.live;
+  totals.kernel_drops = KernelDrops();
+  WarnUnknown(options, pool.At(0));
   if (cut_short) {
     std::fprintf(stderr, "kestcap: warning: %s: capture cut short (%s); read up to the damage\n",
-                 options.input.c_str(), input.Error().c_str());
+                 options.input.c_str(), source.pcap.Error().c_str());
   }
+  return kExitOk;
+}
+
+// Opens the file, or the live interfaces: through AF_PACKET where the
+// system has it, unless --pcap asks for libpcap.
+int OpenSource(const Options &options, Source &source) {
+  std::string error;
+  source.live = !options.interfaces.empty();
+  if (!source.live) {
+    return source.pcap.OpenFile(options.input, options.filter, error) ? kExitOk
+                                                                      : Fail(kExitInput, error);
+  }
+  // One source that is not a network device (libpcap's "any", a netfilter
+  // log group) is libpcap's to read.
+  source.by_fanout = !options.pcap && FanoutCapture::Available() &&
+                     (options.interfaces.size() > 1 || FanoutCapture::IsDevice(options.interface));
+  if (!source.by_fanout && options.interfaces.size() > 1) {
+    return Fail(kExitUsage, "several interfaces need AF_PACKET capture (Linux, without --pcap)");
+  }
+  if (source.by_fanout && !options.changes.empty()) {
+    return Fail(kExitUsage, "--changes counts the packets of one reader: with -i it needs --pcap");
+  }
+  const bool opened =
+      source.by_fanout
+          ? source.fanout.Open(options.interfaces, static_cast<size_t>(options.threads),
+                               options.filter, error)
+          : source.pcap.OpenLive(options.interface, options.filter, error);
+  if (!opened) {
+    return Fail(kExitInput, error);
+  }
+  std::string names;
+  for (const std::string &name : options.interfaces) {
+    names += (names.empty() ? "" : ", ") + name;
+  }
+  std::fprintf(stderr, "kestcap: listening on %s (%s, %d thread%s)\n", names.c_str(),
+               source.by_fanout ? "AF_PACKET fan-out" : "libpcap", options.threads,
+               options.threads == 1 ? "" : "s");
   return kExitOk;
 }
 
 // Opens the output, gives up privileges, starts the service thread, then
 // classifies. The result is the exit code.
-int Serve(const Options &options, CaptureInput &input, kest_handle_t h, Privileges &privileges,
+int Serve(const Options &options, Source &source, kest_handle_t h, Privileges &privileges,
           bool memory_by_tag, std::vector<Change> change_list) {
   std::string error;
   // Captures from files age by their own time stamps.
-  kest_clock_set_mode(h, input.Live() ? 0 : 1);
+  kest_clock_set_mode(h, source.live ? 0 : 1);
   // Every file kestcap writes is open before the drop; a reopened or
   // rotated one is made again by the user dropped to, in the same folder.
   const auto open = [&](const std::string &path) -> std::unique_ptr<LineOutput> {
@@ -352,7 +463,7 @@ int Serve(const Options &options, CaptureInput &input, kest_handle_t h, Privileg
     stats_stdout = std::make_unique<LineOutput>(stdout);
     stats = stats_stdout.get();
   }
-  if ((privileges.Changing() || input.Live()) && !privileges.Drop(error)) {
+  if ((privileges.Changing() || source.live) && !privileges.Drop(error)) {
     return Fail(kExitService, "giving up privileges: " + error);
   }
   if (!PrepareSandbox(!options.no_sandbox, error)) {
@@ -360,7 +471,8 @@ int Serve(const Options &options, CaptureInput &input, kest_handle_t h, Privileg
   }
   Service service;
   ServiceSetup setup;
-  setup.input = &input;
+  setup.input = source.by_fanout ? nullptr : &source.pcap;
+  setup.fanout = source.by_fanout ? &source.fanout : nullptr;
   setup.handle = h;
   setup.output = json.get();
   setup.output_path = options.output;
@@ -380,13 +492,18 @@ int Serve(const Options &options, CaptureInput &input, kest_handle_t h, Privileg
   if (!change_list.empty()) {
     changes = std::make_unique<ChangeThread>(h, std::move(change_list));
   }
-  const int code = Run(options, input, h, totals, apps, json.get(), changes.get());
+  const int code = Run(options, source, h, totals, apps, json.get(), changes.get());
   changes.reset();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   service.Stop();
   if (code == kExitOk && !options.json) {
     PrintTable(stdout, apps, totals, seconds);
+  } else if (code == kExitOk && source.live) {
+    // The lines hold no totals: what the kernel dropped goes beside them.
+    std::fprintf(stderr, "kestcap: %llu packets read, %llu dropped by the kernel\n",
+                 static_cast<unsigned long long>(totals.packets),
+                 static_cast<unsigned long long>(totals.kernel_drops));
   }
   for (LineOutput *out : {json.get(), stats_file.get()}) {
     if (out != nullptr) {
@@ -438,16 +555,13 @@ int Main(int argc, char **argv) {
   // The user database is read while it can be: before the capture opens,
   // and long before the drop.
   Privileges privileges;
-  const bool live = !options.interface.empty();
+  const bool live = !options.interfaces.empty();
   if (!privileges.Resolve(options.user, live && geteuid() == 0, error)) {
     return Fail(kExitService, error);
   }
-  CaptureInput input;
-  const bool opened = options.interface.empty()
-                          ? input.OpenFile(options.input, options.filter, error)
-                          : input.OpenLive(options.interface, options.filter, error);
-  if (!opened) {
-    return Fail(kExitInput, error);
+  Source source;
+  if (const int code = OpenSource(options, source); code != kExitOk) {
+    return code;
   }
   std::vector<Change> change_list;
   if (!options.changes.empty() && !LoadChanges(options.changes, change_list, error)) {
@@ -479,7 +593,7 @@ int Main(int argc, char **argv) {
   } else if (!Configure(h, options, error)) {
     code = Fail(kExitLibrary, error);
   } else {
-    code = Serve(options, input, h, privileges, memory_by_tag, std::move(change_list));
+    code = Serve(options, source, h, privileges, memory_by_tag, std::move(change_list));
   }
   kest_close(h);
   std::fflush(stdout);
