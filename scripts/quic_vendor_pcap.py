@@ -20,6 +20,7 @@ python3-cryptography.
 import argparse
 import hashlib
 import hmac
+import os
 import struct
 import sys
 
@@ -146,7 +147,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("out")
     parser.add_argument("versions", nargs="+", help="VERSION:SALT, e.g. faceb002:draft23")
-    parser.add_argument("--source", default="/work/shared/pcaps/quic-29.pcap")
+    root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    parser.add_argument("--source", default=os.path.join(root, "../shared/pcaps/quic-29.pcap"))
     parser.add_argument("--source-salt", default="draft29", choices=sorted(SALTS))
     args = parser.parse_args()
     frame, payload = first_client_initial(args.source)
