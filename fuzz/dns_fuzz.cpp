@@ -26,6 +26,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
        (size < kest_dns::kHeaderSize || !kest_dns::PlausibleStart(copy, size, size)))) {
     abort();
   }
+  // Every question it kept reads back as a whole name.
+  static char name[kest_dns::kNameText];
+  for (unsigned i = 0; verdict != kest_dns::Verdict::kNotDns && i < summary.question_count; ++i) {
+    const size_t n = kest_dns::QuestionName(copy, size, summary.questions[i], name, sizeof name);
+    if (n == 0 || n >= sizeof name || strlen(name) != n) {
+      abort();
+    }
+  }
   // The header check alone, as a stream waiting for the rest of a message
   // does it.
   const size_t length = size >= 2 ? static_cast<size_t>(copy[0] << 8 | copy[1]) : 0;

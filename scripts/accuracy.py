@@ -242,6 +242,7 @@ def main():
         for row in disagreements:
             out.write("| " + " | ".join(row) + " |\n")
         write_services(out, per_service, service_agreed, service_disagreements)
+        write_attributes(out, args)
         out.write("\n## Not counted\n\n")
         for capture, why in sorted(UNCOUNTED.items()):
             rows = [row for row in uncounted if row[0] == capture]
@@ -259,6 +260,44 @@ def main():
     print(f"{args.out}: {sum(agreed.values())} of {total} agree, {len(disagreements)} "
           f"disagreements, {len(extra)} named where the peer found nothing; services: "
           f"{sum(service_agreed.values())} of {sum(per_service.values())} agree", file=sys.stderr)
+
+
+def write_attributes(out, args):
+    """The attributes held against tshark's, by scripts/attr_check.py."""
+    sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+    sys.dont_write_bytecode = True
+    import attr_check
+    import shutil
+    if shutil.which("tshark") is None:
+        return
+    captures = attr_check.captures_of([args.pcaps])
+    counts, differences = attr_check.check(args.kestcap, args.plugins, captures,
+                                           attr_check.read_notes(args.notes))
+    agree = sum(c[0] for c in counts.values())
+    total = sum(c[1] for c in counts.values())
+    out.write("\n## Attributes against tshark\n\n")
+    out.write("Made by `scripts/attr_check.py` on every shared capture: kestcap's HTTP host "
+              "and URI, TLS server name (QUIC's and gQUIC's too) and DNS query names beside "
+              "the same fields as tshark decodes them, connection by connection. Each value "
+              "tshark finds counts as often as it finds it and agrees when kest lists it for "
+              "the connection; each value only kest lists counts once. Every difference "
+              "carries its reason from `docs/accuracy-notes.tsv` (rows `attr <capture>`).\n\n")
+    share = 100.0 * agree / total if total else 100.0
+    out.write(f"{agree} of {total} values agree ({share:.2f} %).\n\n")
+    out.write("| attribute | values | agree |\n|---|---:|---:|\n")
+    for name, (a, t) in counts.items():
+        out.write(f"| {name} | {t} | {a} |\n")
+    out.write("\nNot counted: ")
+    out.write("; ".join(f"{c}, {why}" for c, why in sorted(attr_check.UNCOUNTED.items())))
+    out.write(".\n\n### Attribute differences\n\n| capture | flow | attribute | value | "
+              "found by | times | why |\n|---|---|---|---|---|---:|---|\n")
+    for d in differences:
+        value = d[3] if len(d[3]) <= 80 else d[3][:77] + "..."
+        row = (d[0], d[1], d[2], "`" + value.replace("|", "\\|") + "`", d[4], str(d[5]),
+               d[6] or "(no reason written)")
+        out.write("| " + " | ".join(row) + " |\n")
+    print(f"attributes against tshark: {agree} of {total} agree, {len(differences)} "
+          "differences", file=sys.stderr)
 
 
 def write_services(out, per_service, agreed, disagreements):

@@ -17,6 +17,8 @@ done
 for pkg in iproute2 tcpreplay; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
+# scripts/attr_check.py (and its test) holds kest's attributes against tshark's.
+dpkg -s tshark >/dev/null 2>&1 || need="$need tshark"
 if [ -n "$need" ]; then
   SUDO=""
   [ "$(id -u)" -eq 0 ] || SUDO=sudo

@@ -64,15 +64,30 @@ struct Dns {
       .udp_ports = {53, 5353, 5355},
       .tcp_framing = oru::kit::Framing::kRecords,
       .records = {.offset = 0, .width = 2, .max = 0x10000 + 2, .min = 2 + kest_dns::kHeaderSize}};
+  // The exchanges seen last: a message's id with a digest of its question
+  // section. A response repeats its query's questions, a client that gets
+  // no answer sends its query again, mDNS repeats its questions under id 0:
+  // all of it one exchange, whose questions are reported once.
+  static constexpr unsigned kExchanges = 8;
+  struct Exchange {
+    uint32_t digest;
+    uint16_t id;
+    uint8_t used;
+  };
   struct State {
     // Risks raised, as bits of oru::kit::Risk; only plain DNS (not mDNS or
     // LLMNR, whose names are made by devices) is judged.
     uint32_t raised;
     uint8_t plain;
+    // The ring of exchanges, the oldest overwritten first.
+    uint8_t next_exchange;
+    Exchange exchanges[kExchanges];
   };
-  // The last message read; too large for the stack of every host.
+  // The last message read, and the name of the question being reported;
+  // too large for the stack of every host.
   struct Thread {
     kest_dns::Summary summary;
+    char name[kest_dns::kNameText];
   };
   using Session = oru::kit::Session<Dns>;
 
@@ -110,7 +125,7 @@ struct Dns {
       }
     }
     if (verdict != kest_dns::Verdict::kNotDns) {
-      Report(s, m);
+      Report(s, m, message.Here(), message.Left());
     }
     return Verdict::kNeedMore;
   }
@@ -124,26 +139,59 @@ struct Dns {
   }
 
   // A question's name and type, on plain DNS.
-  static void QuestionRisks(Session &s, const kest_dns::Summary &m) {
+  static void QuestionRisks(Session &s, const char *name, size_t length, uint16_t qtype) {
     if (s.state().plain == 0) {
       return;
     }
-    if (kest_dns::GeneratedName(m.query, m.query_length)) {
+    if (kest_dns::GeneratedName(name, length)) {
       oru::kit::RaiseOnce(s.state().raised, oru::kit::Risk::kDnsGeneratedName);
     }
-    if (kest_dns::TunnelName(m.query, m.query_length, m.qtype)) {
+    if (kest_dns::TunnelName(name, length, qtype)) {
       oru::kit::RaiseOnce(s.state().raised, oru::kit::Risk::kDnsTunnel);
     }
   }
 
-  // Every message reports what it has: the question (if any), the response
-  // code of a response, the answers worth naming.
-  static void Report(Session &s, const kest_dns::Summary &m) {
+  // Whether the message's questions belong to an exchange already seen;
+  // if not, the exchange is remembered.
+  static bool SeenExchange(Session &s, const kest_dns::Summary &m, const uint8_t *data) {
+    // FNV-1a over the question section as sent: a response copies it.
+    uint32_t digest = 2166136261u;
+    for (size_t i = kest_dns::kHeaderSize; i < m.question_end; ++i) {
+      digest = (digest ^ data[i]) * 16777619u;
+    }
+    Dns::State &st = s.state();
+    for (const Exchange &e : st.exchanges) {
+      if (e.used != 0 && e.id == m.id && e.digest == digest) {
+        return true;
+      }
+    }
+    st.exchanges[st.next_exchange] = {digest, m.id, 1};
+    st.next_exchange = static_cast<uint8_t>((st.next_exchange + 1) % kExchanges);
+    return false;
+  }
+
+  // Every message reports what it has: each question with its type (mDNS
+  // asks for a dozen names at once) unless its exchange reported them
+  // already, the response code of a response, the answers worth naming.
+  // `data` is the message the summary was read from.
+  static void Report(Session &s, const kest_dns::Summary &m, const uint8_t *data, size_t length) {
     char word[16];
-    if (m.has_question) {
-      s.Publish(kQuery, m.query, m.query_length);
-      s.Publish(kQtype, word, kest_dns::FormatType(m.qtype, word, sizeof word));
-      QuestionRisks(s, m);
+    const unsigned questions =
+        m.question_count != 0 && !SeenExchange(s, m, data) ? m.question_count : 0;
+    for (unsigned i = 0; i < questions; ++i) {
+      const kest_dns::Question &q = m.questions[i];
+      const char *name = m.query;
+      size_t name_length = m.query_length;
+      if (i != 0) {
+        name = s.thread().name;
+        name_length = kest_dns::QuestionName(data, length, q, s.thread().name, kest_dns::kNameText);
+      }
+      if (name_length == 0) {
+        continue;
+      }
+      s.Publish(kQuery, name, name_length);
+      s.Publish(kQtype, word, kest_dns::FormatType(q.qtype, word, sizeof word));
+      QuestionRisks(s, name, name_length, q.qtype);
     }
     if (m.response) {
       s.Publish(kRcode, word, kest_dns::FormatRcode(m.rcode, word, sizeof word));

@@ -284,6 +284,7 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
   if (data == nullptr || !HeaderHolds(data, length, length)) {
     return Verdict::kNotDns;
   }
+  out.id = oru::kit::LoadBe16(data);
   out.response = (data[2] & 0x80) != 0;
   out.truncated = (data[2] & 0x02) != 0;
   out.opcode = (data[2] >> 3) & 0x0F;
@@ -319,7 +320,11 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
       out.qtype = qtype;
       out.qclass = qclass;
     }
+    // HeaderHolds keeps the message within 64 KB and the count within the
+    // array.
+    out.questions[out.question_count++] = {static_cast<uint16_t>(pos), qtype, qclass};
     pos = next + 4;
+    out.question_end = pos;
   }
 
   const unsigned total = static_cast<unsigned>(out.ancount) + out.nscount + out.arcount;
@@ -350,6 +355,20 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
     pos = rdata + rdlength;
   }
   return Verdict::kDns;
+}
+
+size_t QuestionName(const uint8_t *data, size_t length, const Question &q, char *out, size_t size) {
+  if (size == 0) {
+    return 0;
+  }
+  out[0] = 0;
+  Text text{out, size, 0};
+  size_t next = 0;
+  if (data == nullptr || !ReadName(data, length, q.at, length, false, next, &text)) {
+    out[0] = 0;
+    return 0;
+  }
+  return text.length;
 }
 
 bool PlausibleStart(const uint8_t *data, size_t available, size_t length) {

@@ -1,5 +1,5 @@
 // One DNS message (RFC 1035 layout, also mDNS and LLMNR) read into the few
-// facts the decoder reports: the first question, the response code and the
+// facts the decoder reports: the questions, the response code and the
 // answers worth naming. A pure function of the bytes: no host hooks, no
 // allocation, so that tests and the fuzz target call it as it is.
 //
@@ -31,6 +31,13 @@ constexpr unsigned kMaxQuestions = 32;
 // A and AAAA answers kept with their addresses; the rest are only named.
 constexpr unsigned kMaxAddresses = 16;
 
+// Where a question's name starts in the message, with its type and class.
+struct Question {
+  uint16_t at;
+  uint16_t qtype;
+  uint16_t qclass;
+};
+
 // The address of an A (4 bytes) or AAAA (16 bytes) answer and its time to
 // live.
 struct AnswerAddress {
@@ -50,6 +57,7 @@ enum class Verdict : uint8_t {
 };
 
 struct Summary {
+  uint16_t id = 0;
   bool response = false;
   bool truncated = false;
   uint8_t opcode = 0;
@@ -68,6 +76,13 @@ struct Summary {
   uint16_t qclass = 0;
   char query[kNameText] = {};
   size_t query_length = 0;
+  // Every question that holds, the first included, in order (a message
+  // with more than kMaxQuestions is not DNS). Their names are read from the
+  // message again with QuestionName, only when wanted.
+  Question questions[kMaxQuestions] = {};
+  unsigned question_count = 0;
+  // Where the question section ends (after the last question kept).
+  size_t question_end = kHeaderSize;
   char answers[kAnswersText] = {};
   size_t answers_length = 0;
   // The answer section's addresses, in order: whatever CNAME chain leads
@@ -79,6 +94,11 @@ struct Summary {
 // Reads `length` bytes at `data` as one message (without the TCP length
 // prefix) into `out`.
 Verdict Parse(const uint8_t *data, size_t length, Summary &out);
+
+// The name of question `q` of the message `data` that Parse read, as text
+// like Summary::query, with a terminating zero; returns the length, 0 when
+// it does not fit `size` (kNameText always suffices).
+size_t QuestionName(const uint8_t *data, size_t length, const Question &q, char *out, size_t size);
 
 // Whether the first `available` bytes of a message that will be `length`
 // bytes long can still be DNS: for a TCP stream that waits for the rest of

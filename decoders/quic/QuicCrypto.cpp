@@ -16,6 +16,8 @@ constexpr uint8_t kSaltV1[20] = {0x38, 0x76, 0x2c, 0xf7, 0xf5, 0x59, 0x34, 0xb3,
                                  0x9a, 0xe6, 0xa4, 0xc8, 0x0c, 0xad, 0xcc, 0xbb, 0x7f, 0x0a};
 constexpr uint8_t kSaltV2[20] = {0x0d, 0xed, 0xe3, 0xde, 0xf7, 0x00, 0xa6, 0xdb, 0x81, 0x93,
                                  0x81, 0xbe, 0x6e, 0x26, 0x9d, 0xcb, 0xf9, 0xbd, 0x2e, 0xd9};
+constexpr uint8_t kSaltDraft22[20] = {0x7f, 0xbc, 0xdb, 0x0e, 0x7c, 0x66, 0xbb, 0xe9, 0x19, 0x3a,
+                                      0x96, 0xcd, 0x21, 0x51, 0x9e, 0xbd, 0x7a, 0x02, 0x64, 0x4a};
 constexpr uint8_t kSaltDraft23[20] = {0xc3, 0xee, 0xf7, 0x12, 0xc7, 0x2e, 0xbb, 0x5a, 0x11, 0xa7,
                                       0xd2, 0x43, 0x2b, 0xb4, 0x63, 0x65, 0xbe, 0xf9, 0xf5, 0x02};
 constexpr uint8_t kSaltDraft29[20] = {0xaf, 0xbf, 0xec, 0x28, 0x99, 0x93, 0xd2, 0x4c, 0x9e, 0x97,
@@ -241,6 +243,18 @@ KeyFamily KeyFamilyOf(uint32_t version) {
   if (version >= 0xff000017 && version <= 0xff00001c) {
     return KeyFamily::kDraft23;
   }
+  if (version == 0xff000015 || version == 0xff000016) {
+    return KeyFamily::kDraft22;
+  }
+  // mvfst, Facebook's QUIC stack, kept the salts of the drafts it grew
+  // from: its draft-22-era version 0xfaceb001 the salt of drafts 21 and 22,
+  // 0xfaceb002 and the experimental 0xfaceb00e that of drafts 23 to 28.
+  if (version == 0xfaceb001) {
+    return KeyFamily::kDraft22;
+  }
+  if (version == 0xfaceb002 || version == 0xfaceb00e) {
+    return KeyFamily::kDraft23;
+  }
   return KeyFamily::kNone;
 }
 
@@ -253,6 +267,7 @@ bool DeriveClientInitialKeys(uint32_t version, const uint8_t *dcid, size_t dcid_
   const uint8_t *salt = family == KeyFamily::kV2        ? kSaltV2
                         : family == KeyFamily::kV1      ? kSaltV1
                         : family == KeyFamily::kDraft29 ? kSaltDraft29
+                        : family == KeyFamily::kDraft22 ? kSaltDraft22
                                                         : kSaltDraft23;
   const bool v2 = family == KeyFamily::kV2;
   uint8_t initial[kHashSize];

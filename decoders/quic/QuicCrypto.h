@@ -1,6 +1,7 @@
 // The cryptography a passive reader needs to open a client's Initial
 // packets: HMAC-SHA256, HKDF with TLS 1.3's Expand-Label, the key schedule of
-// Initial packets (QUIC versions 1 and 2), and AES-128-GCM decryption.
+// Initial packets (QUIC versions 1 and 2, the drafts, mvfst's versions), and
+// AES-128-GCM decryption.
 //
 // Initial packets are encrypted with keys anyone can derive from the
 // Destination Connection ID of the client's first Initial; that is what
@@ -62,7 +63,7 @@ private:
 };
 
 // The versions whose Initial keys are known to a passive reader.
-enum class KeyFamily { kNone, kV1, kV2, kDraft23, kDraft29 };
+enum class KeyFamily { kNone, kV1, kV2, kDraft22, kDraft23, kDraft29 };
 KeyFamily KeyFamilyOf(uint32_t version);
 
 // The client's Initial keys for one Destination Connection ID.

@@ -45,7 +45,11 @@ bool SkipToken(ByteReader &r) {
 
 bool KnownVersion(uint32_t version) {
   return version == kVersionNegotiation || version == kVersion1 || version == kVersion2 ||
-         IsDraft(version);
+         IsDraft(version) || MvfstVersion(version);
+}
+
+bool MvfstVersion(uint32_t version) {
+  return (version & 0xffffff00u) == 0xfaceb000u;
 }
 
 size_t VersionText(uint32_t version, char *out, size_t size) {

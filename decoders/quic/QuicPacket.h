@@ -20,9 +20,14 @@ constexpr uint32_t kVersion1 = 0x00000001;
 constexpr uint32_t kVersion2 = 0x6b3343cf;
 constexpr size_t kMaxCid = 20;
 
-// Versions a datagram may name QUIC with: 1, 2, the IETF drafts and the
-// version negotiation packet.
+// Versions a datagram may name QUIC with: 1, 2, the IETF drafts, mvfst's
+// and the version negotiation packet.
 bool KnownVersion(uint32_t version);
+// The versions of Facebook's QUIC stack, mvfst: 0xfaceb000 to 0xfaceb0ff
+// (0xfaceb001 and 0xfaceb002 from its drafts, 0xfaceb00e experimental, the
+// rest aliases of version 1 and later experiments), with the IETF long
+// header of version 1. Named as "0xfaceb002".
+bool MvfstVersion(uint32_t version);
 // "1", "2", "draft-29", gQUIC's four characters ("Q043"), or "0x" and
 // eight hex digits; returns the length
 // (the text is terminated). `size` must be at least 11.

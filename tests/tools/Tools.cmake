@@ -121,4 +121,16 @@ if(TARGET kestcap)
            COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/live_test.sh $<TARGET_FILE:kestcap>
                    ${CMAKE_BINARY_DIR}/plugins ${CMAKE_SOURCE_DIR}/../shared/pcaps)
   set_tests_properties(kestcap_live_fanout PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77)
+
+# kest's HTTP host and URI, TLS server names (QUIC's too) and every DNS
+# question against tshark's, on the committed captures; the whole run over
+# the shared captures is scripts/attr_check.py alone. Skipped without tshark.
+if(TARGET kestcap AND KEST_PYTHON3)
+  add_test(NAME kestcap_attributes_tshark
+           COMMAND ${KEST_PYTHON3} ${CMAKE_SOURCE_DIR}/scripts/attr_check.py --min 100
+                   --kestcap $<TARGET_FILE:kestcap> --plugins ${CMAKE_BINARY_DIR}/plugins
+                   ${CMAKE_SOURCE_DIR}/examples/loopback.pcap
+                   ${CMAKE_SOURCE_DIR}/tests/golden/captures/mdns-questions.pcap
+                   ${CMAKE_SOURCE_DIR}/tests/golden/captures/quic-vendor.pcap)
+  set_tests_properties(kestcap_attributes_tshark PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
 endif()
