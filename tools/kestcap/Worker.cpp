@@ -135,10 +135,19 @@ void Worker::CountTunnel(const kest_packet_facts_t &facts) {
   // One flow for both directions: the key puts the lower end point first.
   const kest_endpoint_t &src = facts.outer_src;
   const kest_endpoint_t &dst = facts.outer_dst;
-  const bool ordered = std::memcmp(&src, &dst, sizeof src) < 0;
+  const auto pack = [](const kest_endpoint_t &end, char *out) {
+    out[0] = static_cast<char>(end.family);
+    std::memcpy(out + 1, &end.port, sizeof end.port);
+    std::memcpy(out + 1 + sizeof end.port, end.address, sizeof end.address);
+  };
+  char from[kEndKey];
+  char to[kEndKey];
+  pack(src, from);
+  pack(dst, to);
+  const bool ordered = std::memcmp(from, to, kEndKey) < 0;
   TunnelKey key;
-  std::memcpy(key.data(), ordered ? &src : &dst, sizeof src);
-  std::memcpy(key.data() + sizeof src, ordered ? &dst : &src, sizeof src);
+  std::memcpy(key.data(), ordered ? from : to, kEndKey);
+  std::memcpy(key.data() + kEndKey, ordered ? to : from, kEndKey);
   auto it = m_tunnel_index.find(key);
   if (it == m_tunnel_index.end()) {
     if (m_tunnel_flows.size() >= kMaxTunnelFlows) {
@@ -155,7 +164,10 @@ void Worker::CountTunnel(const kest_packet_facts_t &facts) {
     record.server = dst;
   }
   FlowRecord &record = m_tunnel_flows[it->second].record;
-  const int side = std::memcmp(&src, &record.client, sizeof src) == 0 ? 0 : 1;
+  const int side = src.family == record.client.family && src.port == record.client.port &&
+                           std::memcmp(src.address, record.client.address, 16) == 0
+                       ? 0
+                       : 1;
   ++record.packets[side];
   record.bytes[side] += facts.outer_payload_length;
   if (m_now.ts_us > record.last_us) {

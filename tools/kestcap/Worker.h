@@ -100,7 +100,9 @@ private:
   static constexpr size_t kMaxTunnelFlows = 4096;
   // Both end points, the lower first: a fixed key, so that a tunnel's
   // packets look their flow up without a heap allocation each.
-  using TunnelKey = std::array<char, 2 * sizeof(kest_endpoint_t)>;
+  // Each end point is its family, port and address, packed.
+  static constexpr size_t kEndKey = 1 + sizeof(uint16_t) + 16;
+  using TunnelKey = std::array<char, 2 * kEndKey>;
   struct TunnelKeyHash {
     size_t operator()(const TunnelKey &key) const {
       return std::hash<std::string_view>()(std::string_view(key.data(), key.size()));
