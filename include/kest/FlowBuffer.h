@@ -23,9 +23,9 @@ namespace oru {
 // The nodes of the block maps come from the host's local heap, but a node
 // freed on a thread with a context waits on a short list of that thread for
 // the next block: a stream takes a block and drops it again on nearly every
-// packet, and should not go to the heap each time. kest_fini() hands the
-// waiting nodes back to the heap. Any node may be freed either way: all are
-// blocks of kest_malloc_local.
+// packet, and should not go to the heap each time. A flow buffer's end (its
+// connection's) and kest_fini() hand the waiting nodes back to the heap. Any node may be freed
+// either way: all are blocks of kest_malloc_local.
 KEST_API void *TakeBlockNode(size_t size);
 KEST_API void GiveBlockNode(void *node, size_t size);
 // Frees the nodes waiting on the calling thread's list.
