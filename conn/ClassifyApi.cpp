@@ -4,6 +4,7 @@
 #include <kest/Classification.h>
 #include <kest/Error.h>
 
+#include "conn/PacketFacts.h"
 #include "runtime/ApiFrame.h"
 #include "runtime/ApiSlots.h"
 #include "runtime/Lifecycle.h"
@@ -87,6 +88,7 @@ extern "C" KEST_EXPORT int kest_classify(kest_handle_t handle, int selector, con
     ThrowError(ERR_NOMEM);
     return -1;
   }
+  MarkPacketFacts();
   ClassifyRequest request;
   request.type = kSelectorTypes[selector];
   request.packet.data = static_cast<const uint8_t *>(data);

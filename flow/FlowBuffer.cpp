@@ -3,6 +3,7 @@
 #include <kest/Entropy.h>
 #include <kest/FlowBuffer.h>
 #include <kest/MemTag.h>
+#include <kest/Runtime.h>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -26,7 +27,62 @@ uint32_t Smooth(uint32_t average, uint32_t sample) {
   return average != 0 ? (average * 7u + sample) >> 3 : sample;
 }
 
+// Block map nodes freed on this thread, waiting for the next block; all of
+// one size. Bounded, so that a burst of held blocks goes back to the heap.
+struct SpareNode {
+  SpareNode *next;
+};
+struct SpareNodes {
+  SpareNode *first;
+  uint32_t count;
+  uint32_t size;
+};
+constexpr uint32_t kMaxSpareNodes = 1024;
+__thread SpareNodes t_spare_nodes;
+
+// Whether the calling thread works in an instance with a context: only such
+// a thread's kest_fini() empties the list again.
+bool InContext() {
+  const int instance = Runtime::l_instance_id;
+  return instance > 0 && instance < kInstanceRows && t_thread_base[instance] != nullptr;
+}
+
 } // namespace
+
+void *TakeBlockNode(size_t size) {
+  SpareNodes &spare = t_spare_nodes;
+  if (spare.first != nullptr && spare.size == size) {
+    SpareNode *node = spare.first;
+    spare.first = node->next;
+    --spare.count;
+    return node;
+  }
+  return kest_malloc_local(size);
+}
+
+void GiveBlockNode(void *node, size_t size) {
+  SpareNodes &spare = t_spare_nodes;
+  if (size < sizeof(SpareNode) || spare.count >= kMaxSpareNodes || !InContext() ||
+      (spare.first != nullptr && spare.size != size)) {
+    kest_free_local(node);
+    return;
+  }
+  SpareNode *spare_node = static_cast<SpareNode *>(node);
+  spare_node->next = spare.first;
+  spare.first = spare_node;
+  spare.size = static_cast<uint32_t>(size);
+  ++spare.count;
+}
+
+void ReleaseBlockNodes() {
+  SpareNodes &spare = t_spare_nodes;
+  while (spare.first != nullptr) {
+    SpareNode *node = spare.first;
+    spare.first = node->next;
+    kest_free_local(node);
+  }
+  spare.count = 0;
+}
 
 FlowBuffer::FlowBuffer()
     : m_read_pos(0), m_base_pos(0), m_next_pos(0), m_last_start(0), m_can_save(true),
@@ -34,6 +90,9 @@ FlowBuffer::FlowBuffer()
 
 FlowBuffer::~FlowBuffer() {
   Reset();
+  // A connection that ends leaves no spare nodes behind it: the list serves
+  // the streams that go on, and what a thread holds matches its connections.
+  ReleaseBlockNodes();
 }
 
 uint64_t FlowBuffer::Begin() const {

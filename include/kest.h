@@ -383,6 +383,125 @@ KEST_EXPORT int kest_conn_destroy(kest_handle_t handle, kest_conn_t conn);
 KEST_EXPORT int kest_endpoint_get(kest_handle_t handle, kest_conn_id_t conn_id,
                                   kest_endpoint_t *src, kest_endpoint_t *dst);
 
+/* ------------------------------------------------------------------------ */
+/* Packet facts                                                              */
+/*                                                                           */
+/* What a host needs to account for a whole packet (selectors 1 to 3) without */
+/* parsing it again: the packet decoder records them on the classifying      */
+/* thread as it parses, and kest_packet_shard() spreads packets over threads */
+/* before they are classified.                                               */
+/* ------------------------------------------------------------------------ */
+
+/** kest_packet_facts_t.status values. */
+#define KEST_PACKET_NONE 0      /* no whole packet was parsed (selector 0, or no
+                                   packet decoder plug-in is loaded) */
+#define KEST_PACKET_OK 1        /* an IP packet, or the datagram a last fragment
+                                   completed; conn_id says whether it counted */
+#define KEST_PACKET_NOT_IP 2    /* ARP, LLDP, ...: nothing for a decoder */
+#define KEST_PACKET_FRAGMENT 3  /* a fragment whose datagram is not whole yet (or
+                                   was dropped: out of time or memory) */
+#define KEST_PACKET_MALFORMED 4 /* headers that do not fit the bytes */
+
+/** kest_packet_facts_t.tunnel values: the outermost tunnel opened. */
+#define KEST_TUNNEL_NONE 0
+#define KEST_TUNNEL_IPIP 1   /* IP protocol 4 or 41 */
+#define KEST_TUNNEL_GRE 2    /* IP protocol 47 */
+#define KEST_TUNNEL_GTP 3    /* GTP-U over UDP */
+#define KEST_TUNNEL_VXLAN 4  /* VXLAN over UDP */
+#define KEST_TUNNEL_TEREDO 5 /* IPv6 in UDP */
+
+/**
+ * The facts of one whole packet, as the packet decoder saw it. Fields are
+ * only ever added at the end.
+ * conn_id:   the connection the packet counted with; 0 when it counted with
+ *            none (status other than KEST_PACKET_OK, or a protocol without a
+ *            transport plug-in). An ICMP error counts with the connection it
+ *            quotes while that lasts.
+ * status:    KEST_PACKET_*.
+ * direction: 0 when the packet comes from the connection's first end point
+ *            (the client: address and port match), 1 otherwise; 0 without
+ *            a connection.
+ * protocol:  the IP protocol of the innermost packet (after IPv6 extension
+ *            headers); 0 for KEST_PACKET_NOT_IP and KEST_PACKET_NONE.
+ * tunnel:    KEST_TUNNEL_* of the outermost tunnel that was opened (while
+ *            the thread's default policy opens tunnels), also when what it
+ *            carries could not be read; the packet's other fields are then
+ *            those of the innermost packet read.
+ * fragments: the frames this packet stands for: 1; for the fragment that
+ *            completed a datagram, the number of fragments that made it
+ *            (duplicates included); 0 for KEST_PACKET_FRAGMENT and for frames
+ *            without IP.
+ * payload_length: the transport payload in bytes (link padding cut off by
+ *            the IP length); for a completed datagram the whole datagram's,
+ *            for a waiting fragment its own share.
+ * src, dst:  the innermost packet's end points, each in the family of its
+ *            IP header (so ::1 stays IPv6 and 0.0.0.0 stays IPv4); ports in
+ *            network order, 0 for protocols without ports (ICMP echoes carry
+ *            their identifier, SCTP its ports, ESP its SPI halves).
+ * client, server: the end points of connection conn_id, the first one
+ *            first (see direction), in the family of the packet's IP header;
+ *            family 0 without a connection.
+ * outer_src, outer_dst, outer_protocol, outer_payload_length: the packet
+ *            that carried the outermost tunnel, when tunnel is not
+ *            KEST_TUNNEL_NONE; zero otherwise.
+ * tcp_flags: the flags byte of a TCP header (FIN 0x01 ... CWR 0x80); 0 for
+ *            other protocols.
+ * ip_length: the innermost packet's IP length, its headers and payload (for
+ *            a completed datagram the whole datagram's, for a waiting fragment
+ *            its own); 0 without IP.
+ * outer_ip_length: the same of the packet that carried the outermost tunnel;
+ *            0 without one.
+ */
+typedef struct kest_packet_facts {
+  kest_conn_id_t conn_id;
+  uint8_t status;
+  uint8_t direction;
+  uint8_t protocol;
+  uint8_t tunnel;
+  uint32_t fragments;
+  uint32_t payload_length;
+  uint32_t outer_payload_length;
+  kest_endpoint_t src;
+  kest_endpoint_t dst;
+  kest_endpoint_t client;
+  kest_endpoint_t server;
+  kest_endpoint_t outer_src;
+  kest_endpoint_t outer_dst;
+  uint8_t outer_protocol;
+  uint8_t tcp_flags;
+  uint32_t ip_length;
+  uint32_t outer_ip_length;
+} kest_packet_facts_t;
+
+/**
+ * Copies the facts of the last kest_classify() or kest_classify_simple() of
+ * this instance on the calling thread into *facts. Whole from the packet's
+ * classification callback (whose deferred results keep the packet's facts) to
+ * the thread's next classifying call; attribute listeners during the packet
+ * may find conn_id, direction, client and server still unset; a kest_classify() with selector 0 leaves status
+ * KEST_PACKET_NONE and conn_id 0, and then the other fields mean nothing.
+ * Thread context required. Returns 0, or -1 with kest_errno:
+ *   KEST_EINVAL  bad handle, no context, NULL facts;
+ *   KEST_ENOENT  the thread's last classifying call was in another instance,
+ *                or it has made none.
+ */
+KEST_EXPORT int kest_packet_facts_get(kest_handle_t handle, kest_packet_facts_t *facts);
+
+/**
+ * The shard key of a whole packet: a number that depends only on the two
+ * addresses of the outermost IP header, in either order, so that both
+ * directions of a connection, every fragment of a datagram and everything
+ * carried in one tunnel get the same key. Meant for a reader that hands
+ * packets to classifying threads (key % threads). Reads the link header as
+ * kest_classify() does (Ethernet with tags, PPPoE sessions, MPLS, Linux
+ * cooked capture), nothing beyond the addresses. Pure: needs no instance, no
+ * thread context and no hook, never fails and leaves kest_errno alone.
+ * selector: KEST_SELECTOR_IP, _ETHERNET or _LINUX_SLL. data, length: the
+ * frame. Returns the key; 0 for another selector, NULL data, a frame without
+ * IP or one too short for its addresses.
+ */
+KEST_EXPORT uint32_t kest_packet_shard(int selector, const void *data, uint32_t length);
+
 /** Host policy flags of kest_conn_policy_flags_disable() and
  * kest_conn_status_flags_get(). */
 #define KEST_POLICY_ALL 1

@@ -8,6 +8,7 @@
 #include <kest/Configuration.h>
 #include <kest/Conn.h>
 #include <kest/Error.h>
+#include <kest/FlowBuffer.h>
 #include <kest/IIdle.h>
 #include <kest/InterfaceBroker.h>
 #include <kest/MemTag.h>
@@ -351,6 +352,9 @@ extern "C" KEST_EXPORT int kest_fini(kest_handle_t handle) {
   ThreadTeardown();
   ThreadCell(ApiSlots::thread_id) = 0;
   ExitThreadLocal();
+  // The flow blocks' spare nodes belong to the thread's heap; none stays
+  // behind a thread that leaves.
+  ReleaseBlockNodes();
   return 0;
 }
 

@@ -62,7 +62,8 @@ void Defragmenter::Expire(uint64_t now) {
   }
 }
 
-uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length) {
+uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length,
+                           uint32_t *frames) {
   length = 0;
   // Time-outs first, then room for this fragment under the cap.
   Expire(now);
@@ -91,10 +92,12 @@ uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length
     d->id = f.frag_id;
     d->first_ms = now;
     d->total = 0;
+    d->frames = 0;
     d->bucket_next = m_buckets[bucket];
     m_buckets[bucket] = d.node();
     m_held += kDatagramCost;
   }
+  ++d->frames;
   uint32_t offset = f.frag_offset;
   uint32_t end = offset + f.payload_length;
   const uint8_t *bytes = f.payload;
@@ -143,6 +146,9 @@ uint8_t *Defragmenter::Add(const ParsedPacket &f, uint64_t now, uint32_t &length
   }
   if (covered < d->total) {
     return nullptr;
+  }
+  if (frames != nullptr) {
+    *frames = d->frames;
   }
   uint8_t *packet = Complete(*d, length);
   Drop(d);

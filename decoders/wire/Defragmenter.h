@@ -35,8 +35,11 @@ public:
   // Takes a fragment (ParsePacket's kFragment) at time `now`. When it
   // completes its datagram: a new IP packet (IPv4, or IPv6 without extension
   // headers) from kest_malloc_local, which the caller frees with
-  // kest_free_local, and its length. Null otherwise, also without memory.
-  uint8_t *Add(const ParsedPacket &fragment, uint64_t now, uint32_t &length);
+  // kest_free_local, and its length, and in `frames` (when given) the
+  // number of fragments the datagram took, duplicates included. Null
+  // otherwise, also without memory.
+  uint8_t *Add(const ParsedPacket &fragment, uint64_t now, uint32_t &length,
+               uint32_t *frames = nullptr);
 
   // Drops the datagrams whose time is up at `now`.
   void Expire(uint64_t now);
@@ -62,6 +65,8 @@ private:
     uint64_t first_ms;
     // The end of the last fragment, once it came; 0 before.
     uint32_t total;
+    // Fragments taken, duplicates included.
+    uint32_t frames;
     oru::List<Piece> pieces; // by offset, not overlapping
     // The next datagram's node in the same bucket.
     oru::fdt::list_link *bucket_next;

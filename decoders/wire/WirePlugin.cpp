@@ -10,6 +10,7 @@
 #include <kest/IIdle.h>
 #include <kest/ITransportSegment.h>
 #include <kest/MemTag.h>
+#include <kest/PacketFacts.h>
 #include <kest/ProtocolRegistry.h>
 #include <kest/Runtime.h>
 #include <kest/fdt/ObjectPrefix.h>
@@ -63,6 +64,13 @@ public:
 
   unsigned Classify(PacketForm form, oru::ClassifyPacket *packet,
                     oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+    // What the host reads back of this packet (kest_packet_facts_get).
+    kest_packet_facts_t &facts = *oru::PacketFactsRecord();
+    facts.tunnel = KEST_TUNNEL_NONE;
+    facts.outer_protocol = 0;
+    facts.outer_payload_length = 0;
+    facts.outer_ip_length = 0;
+    facts.outer_src.family = facts.outer_dst.family = KEST_FAMILY_NONE;
     ParsedPacket p;
     ParseResult r = ParsePacket(form, packet->data, packet->length, p);
     const uint8_t *frame = packet->data;
@@ -74,6 +82,14 @@ public:
     if ((oru::ThreadWord(oru::Conn::l_default_policy) & oru::POLICY_TUNNELS) != 0) {
       InnerPacket inner;
       while (r == ParseResult::kOk && depth < kMaxTunnels && Decapsulate(p, inner)) {
+        if (depth == 0) {
+          facts.tunnel = static_cast<uint8_t>(inner.kind);
+          facts.outer_protocol = p.protocol;
+          facts.outer_payload_length = p.payload_length;
+          facts.outer_ip_length = IpLength(p, packet->data);
+          FillEnd(facts.outer_src, p.ip_version, p.src, p.src_port);
+          FillEnd(facts.outer_dst, p.ip_version, p.dst, p.dst_port);
+        }
         ParsedPacket q;
         const ParseResult r2 = ParsePacket(inner.form, inner.data, inner.length, q);
         if (r2 != ParseResult::kOk && r2 != ParseResult::kFragment) {
@@ -86,21 +102,30 @@ public:
         frame_length = inner.length;
       }
     }
+    Describe(facts, r, p, frame);
     unsigned result;
     if (r == ParseResult::kFragment) {
       // The last fragment of a datagram brings the whole of it.
       uint32_t length = 0;
-      uint8_t *whole = m_defrag.Add(p, oru::now(), length);
+      uint8_t *whole = m_defrag.Add(p, oru::now(), length, &facts.fragments);
       if (whole == nullptr) {
+        facts.fragments = 0;
         return NotClassified(conn);
       }
       ParsedPacket q;
-      result = ParsePacket(PacketForm::kIp, whole, length, q) == ParseResult::kOk
-                   ? ToTransport(q, whole, length, conn)
-                   : NotClassified(conn);
+      if (ParsePacket(PacketForm::kIp, whole, length, q) == ParseResult::kOk) {
+        const uint32_t fragments = facts.fragments;
+        Describe(facts, ParseResult::kOk, q, whole);
+        facts.fragments = fragments;
+        result = ToTransport(q, whole, length, conn);
+        Counted(facts, q, conn);
+      } else {
+        result = NotClassified(conn);
+      }
       kest_free_local(whole);
     } else if (r == ParseResult::kOk) {
       result = ToTransport(p, frame, frame_length, conn);
+      Counted(facts, p, conn);
     } else {
       if (r == ParseResult::kMalformed) {
         ++m_malformed;
@@ -111,6 +136,74 @@ public:
       PushTunnels(*conn->GetAppStack(), layers, depth);
     }
     return result;
+  }
+
+  // One end point in the family of its IP header; the port in network order.
+  static void FillEnd(kest_endpoint_t &end, uint8_t ip_version, const oru::IpAddr &address,
+                      uint16_t port) {
+    if (ip_version == 6) {
+      end.family = KEST_FAMILY_IPV6;
+      address.ToV6(end.address);
+    } else {
+      end.family = KEST_FAMILY_IPV4;
+      const uint32_t v4 = address.v4();
+      for (int i = 0; i < 4; ++i) {
+        end.address[i] = static_cast<uint8_t>(v4 >> (24 - 8 * i));
+      }
+      for (int i = 4; i < 16; ++i) {
+        end.address[i] = 0;
+      }
+    }
+    uint8_t *bytes = reinterpret_cast<uint8_t *>(&end.port);
+    bytes[0] = static_cast<uint8_t>(port >> 8);
+    bytes[1] = static_cast<uint8_t>(port);
+  }
+
+  // The packet's own facts, before it reaches a connection.
+  // The IP length of `p`, parsed from `frame`: its headers and payload.
+  static uint32_t IpLength(const ParsedPacket &p, const uint8_t *frame) {
+    if (p.payload == nullptr) {
+      return 0;
+    }
+    return static_cast<uint32_t>(p.payload - (frame + p.l3_offset)) + p.payload_length;
+  }
+
+  static void Describe(kest_packet_facts_t &facts, ParseResult r, const ParsedPacket &p,
+                       const uint8_t *frame) {
+    facts.conn_id = 0;
+    facts.direction = 0;
+    facts.client.family = facts.server.family = KEST_FAMILY_NONE;
+    facts.status = r == ParseResult::kOk         ? KEST_PACKET_OK
+                   : r == ParseResult::kFragment ? KEST_PACKET_FRAGMENT
+                   : r == ParseResult::kNotIp    ? KEST_PACKET_NOT_IP
+                                                 : KEST_PACKET_MALFORMED;
+    const bool ip = r == ParseResult::kOk || r == ParseResult::kFragment;
+    facts.fragments = r == ParseResult::kOk ? 1 : 0;
+    facts.protocol = ip ? p.protocol : 0;
+    facts.payload_length = ip ? p.payload_length : 0;
+    facts.ip_length = ip ? IpLength(p, frame) : 0;
+    facts.tcp_flags = ip && p.protocol == 6 ? p.tcp_flags : 0;
+    if (ip) {
+      FillEnd(facts.src, p.ip_version, p.src, p.src_port);
+      FillEnd(facts.dst, p.ip_version, p.dst, p.dst_port);
+    } else {
+      facts.src.family = facts.dst.family = KEST_FAMILY_NONE;
+      facts.src.port = facts.dst.port = 0;
+    }
+  }
+
+  // The connection the packet counted with, and whether it came from that
+  // connection's first end point.
+  void Counted(kest_packet_facts_t &facts, const ParsedPacket &p,
+               const oru::fdt::intrusive_ptr<oru::Conn> &conn) const {
+    if (!conn || conn.get() == m_none) {
+      return;
+    }
+    const oru::Tuple &tuple = conn->m_tuple;
+    facts.conn_id = conn->m_number;
+    facts.direction = p.src == tuple.src && p.src_port == tuple.src_port ? 0 : 1;
+    FillEnd(facts.client, p.ip_version, tuple.src, tuple.src_port);
+    FillEnd(facts.server, p.ip_version, tuple.dst, tuple.dst_port);
   }
 
   // Puts the tunnels under the transport, once per connection.

@@ -20,6 +20,33 @@
 
 namespace oru {
 
+// The nodes of the block maps come from the host's local heap, but a node
+// freed on a thread with a context waits on a short list of that thread for
+// the next block: a stream takes a block and drops it again on nearly every
+// packet, and should not go to the heap each time. A flow buffer's end (its
+// connection's) and kest_fini() hand the waiting nodes back to the heap. Any node may be freed
+// either way: all are blocks of kest_malloc_local.
+KEST_API void *TakeBlockNode(size_t size);
+KEST_API void GiveBlockNode(void *node, size_t size);
+// Frees the nodes waiting on the calling thread's list.
+KEST_API void ReleaseBlockNodes();
+
+template <class T> struct KEST_API block_node_alloc {
+  using value_type = T;
+  static constexpr bool is_shared = false;
+
+  template <class U> struct rebind { using other = block_node_alloc<U>; };
+
+  static T *allocate(size_t n) {
+    return n == 1 ? static_cast<T *>(TakeBlockNode(sizeof(T))) : nullptr;
+  }
+  static void deallocate(T *p, size_t /*n*/) {
+    if (p != nullptr) {
+      GiveBlockNode(p, sizeof(T));
+    }
+  }
+};
+
 class KEST_API FlowBuffer {
 public:
   // Bits of Block::flags.
@@ -39,7 +66,8 @@ public:
     char *data;
   };
 
-  using BlockMap = fdt::map<uint64_t, Block>;
+  using BlockMap =
+      fdt::map<uint64_t, Block, fdt::less<uint64_t>, block_node_alloc<fdt::pair<uint64_t, Block>>>;
 
   // The byte that reads give for a position no block covers.
   static const char DUMMY_VAL;

@@ -7,8 +7,6 @@
 #include "SpscRing.h"
 #include "Worker.h"
 
-#include "wire/WireParser.h"
-
 #include <kest.h>
 #include <kest_host.h>
 
@@ -242,20 +240,10 @@ py::dict Record(const Done &done) {
 // The worker of a frame: both directions, fragments and tunnelled flows
 // share the outermost addresses (as kestcap spreads them).
 size_t ShardOf(const Frame &frame, size_t workers) {
-  kest_decoders::ParsedPacket p;
-  const auto r = kest_decoders::ParsePacket(static_cast<kest_decoders::PacketForm>(frame.form),
-                                            frame.data, frame.length, p);
-  if (frame.form == 0 ||
-      (r != kest_decoders::ParseResult::kOk && r != kest_decoders::ParseResult::kFragment)) {
+  if (workers == 1 || frame.form == 0) {
     return 0;
   }
-  const oru::IpAddr &a = p.src < p.dst ? p.src : p.dst;
-  const oru::IpAddr &b = p.src < p.dst ? p.dst : p.src;
-  uint64_t h = (uint64_t{a.w0()} << 32 | a.w1()) * 0x9E3779B97F4A7C15ull;
-  h = (h ^ (uint64_t{a.w2()} << 32 | a.w3())) * 0xC2B2AE3D27D4EB4Full;
-  h = (h ^ (uint64_t{b.w0()} << 32 | b.w1())) * 0x9E3779B97F4A7C15ull;
-  h = (h ^ (uint64_t{b.w2()} << 32 | b.w3())) * 0xC2B2AE3D27D4EB4Full;
-  return static_cast<size_t>((h ^ (h >> 29)) % workers);
+  return kest_packet_shard(frame.form, frame.data, frame.length) % workers;
 }
 
 // One pass over a capture file or an interface, pulled record by record.

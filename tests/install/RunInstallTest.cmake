@@ -1,7 +1,7 @@
 # cmake -DBUILD_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... -DGENERATOR=...
 #       -DBUILD_TYPE=... -DC_COMPILER=... -DCXX_COMPILER=... -DCOMPILER_ID=...
 #       -DSANITIZE=... -DPKG_CONFIG=... -DCTEST=... -DTEMPLATE_DIR=...
-#       -P RunInstallTest.cmake
+#       [-DKESTCAP_DIR=... -DKESTCAP_CAPTURE=...] -P RunInstallTest.cmake
 #
 # Everything happens under WORK_DIR, emptied first, so that nothing from an
 # earlier run can stand in for what this install provides.
@@ -105,6 +105,22 @@ if(python_package AND python)
       "import kest\nprint(kest.default_plugins(), len(list(kest.Flows('${CONSUMER_DIR}/../../../examples/loopback.pcap'))))")
   if(NOT run_output MATCHES "^${prefix}/lib[^ ]*/kest/plugins [1-9]")
     message(FATAL_ERROR "the installed package did not use the installed decoders:\n${run_output}")
+  endif()
+endif()
+
+# kestcap's sources on the package alone, as any user's host: the same
+# connections and labels as the installed kestcap on the same capture.
+if(KESTCAP_DIR AND EXISTS ${prefix}/bin/kestcap)
+  set(kestcap_build ${WORK_DIR}/kestcap-build)
+  run("configure kestcap on the package" ${CMAKE_COMMAND} -S ${KESTCAP_DIR} -B ${kestcap_build}
+      ${configure_args})
+  run("build kestcap on the package" ${CMAKE_COMMAND} --build ${kestcap_build})
+  run("kestcap on the package" env -i ${kestcap_build}/kestcap --json ${KESTCAP_CAPTURE})
+  set(standalone_lines "${run_output}")
+  run("installed kestcap" env -i ${prefix}/bin/kestcap --json ${KESTCAP_CAPTURE})
+  if(NOT standalone_lines STREQUAL run_output OR NOT run_output MATCHES "\"app\"")
+    message(FATAL_ERROR "kestcap built on the package reads the capture otherwise:\n"
+                        "${standalone_lines}\ninstalled:\n${run_output}")
   endif()
 endif()
 

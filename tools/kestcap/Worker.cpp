@@ -1,8 +1,7 @@
 #include "Worker.h"
 
-#include <arpa/inet.h>
+#include <algorithm>
 #include <cstring>
-#include <tuple>
 
 namespace kestcap {
 
@@ -11,8 +10,6 @@ namespace {
 // The worker of the calling thread: attribute listeners are instance-wide
 // functions, and during kest_idle and kest_fini no user word of ours runs.
 thread_local Worker *t_worker = nullptr;
-
-constexpr int kMaxTunnels = 4;
 
 } // namespace
 
@@ -63,32 +60,9 @@ void Worker::Handle(const Frame &frame) {
     ++m_totals.not_classified;
     return;
   }
-  using kest_decoders::ParseResult;
   m_now.ts_us = frame.ts_us;
   m_now.counted = 0;
-  m_now.parse = kest_decoders::ParsePacket(static_cast<kest_decoders::PacketForm>(frame.form),
-                                           frame.data, frame.length, m_now.packet);
-  m_now.ip = frame.data + m_now.packet.l3_offset;
-  // The innermost packet decides the direction, as the library classifies
-  // that one.
-  for (int depth = 0; m_setup.tunnels && m_now.parse == ParseResult::kOk && depth < kMaxTunnels;
-       ++depth) {
-    kest_decoders::InnerPacket inner;
-    kest_decoders::ParsedPacket q;
-    if (!kest_decoders::Decapsulate(m_now.packet, inner)) {
-      break;
-    }
-    if (depth == 0) {
-      CountTunnel(m_now.packet, inner.kind);
-    }
-    const ParseResult r = kest_decoders::ParsePacket(inner.form, inner.data, inner.length, q);
-    if (r != ParseResult::kOk && r != ParseResult::kFragment) {
-      break;
-    }
-    m_now.packet = q;
-    m_now.parse = r;
-    m_now.ip = inner.data + q.l3_offset;
-  }
+  m_now.have_facts = false;
   if (m_setup.capture_clock) {
     const uint64_t ms = frame.ts_us / 1000;
     if (ms != m_clock_ms) {
@@ -98,39 +72,39 @@ void Worker::Handle(const Frame &frame) {
   }
   kest_classify(m_h, frame.form, frame.data, static_cast<uint16_t>(frame.length), nullptr, 0,
                 OnResult, this);
-  if (m_now.parse == ParseResult::kFragment) {
-    CountFragment();
+  if (m_now.counted == 0) {
+    m_now.have_facts = false; // read early by a listener, perhaps
+  }
+  const kest_packet_facts_t &facts = Facts();
+  if (m_setup.tunnels && facts.tunnel != KEST_TUNNEL_NONE) {
+    CountTunnel(facts);
   }
   if (m_now.counted != 0) {
     ++m_totals.classified;
-  } else if (m_now.parse == ParseResult::kMalformed) {
+    // The fragments before the one that completed its datagram were not
+    // classified when they came; they count with the datagram's connection.
+    const uint64_t earlier =
+        facts.fragments > 1 ? std::min<uint64_t>(facts.fragments - 1, m_totals.not_classified) : 0;
+    if (earlier != 0 && facts.conn_id == m_now.counted) {
+      Record(m_now.counted).packets[facts.direction] += earlier;
+      m_totals.classified += earlier;
+      m_totals.not_classified -= earlier;
+    }
+  } else if (facts.status == KEST_PACKET_MALFORMED) {
     ++m_totals.malformed;
   } else {
     ++m_totals.not_classified;
   }
 }
 
-void Worker::CountFragment() {
-  const kest_decoders::ParsedPacket &p = m_now.packet;
-  std::string key(reinterpret_cast<const char *>(&p.src), sizeof p.src);
-  key.append(reinterpret_cast<const char *>(&p.dst), sizeof p.dst);
-  key.append(reinterpret_cast<const char *>(&p.frag_id), sizeof p.frag_id);
-  key.push_back(static_cast<char>(p.protocol));
-  if (m_now.counted == 0) {
-    if (m_waiting.size() < kMaxWaiting || m_waiting.count(key) != 0) {
-      ++m_waiting[key];
+const kest_packet_facts_t &Worker::Facts() {
+  if (!m_now.have_facts) {
+    if (kest_packet_facts_get(m_h, &m_now.facts) != 0) {
+      m_now.facts = kest_packet_facts_t{};
     }
-    return;
+    m_now.have_facts = true;
   }
-  auto it = m_waiting.find(key);
-  if (it == m_waiting.end()) {
-    return;
-  }
-  FlowRecord &record = Record(m_now.counted);
-  record.packets[FromClient(record) ? 0 : 1] += it->second;
-  m_totals.classified += it->second;
-  m_totals.not_classified -= it->second;
-  m_waiting.erase(it);
+  return m_now.facts;
 }
 
 void Worker::Idle() {
@@ -152,27 +126,30 @@ void Worker::Finish() {
   WriteTunnels();
 }
 
-void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders::TunnelKind kind) {
-  using kest_decoders::TunnelKind;
-  const char *name = kind == TunnelKind::kTeredo  ? "Teredo"
-                     : kind == TunnelKind::kGtpU  ? "GTP"
-                     : kind == TunnelKind::kVxlan ? "VXLAN"
-                                                  : nullptr;
-  if (name == nullptr || outer.protocol != 17) {
+void Worker::CountTunnel(const kest_packet_facts_t &facts) {
+  const char *name = facts.tunnel == KEST_TUNNEL_TEREDO  ? "Teredo"
+                     : facts.tunnel == KEST_TUNNEL_GTP   ? "GTP"
+                     : facts.tunnel == KEST_TUNNEL_VXLAN ? "VXLAN"
+                                                         : nullptr;
+  if (name == nullptr || facts.outer_protocol != 17) {
     return;
   }
   // One flow for both directions: the key puts the lower end point first.
-  constexpr size_t kEnd = sizeof(oru::IpAddr) + sizeof(uint16_t);
-  char from[kEnd];
-  char to[kEnd];
-  std::memcpy(from, &outer.src, sizeof outer.src);
-  std::memcpy(from + sizeof outer.src, &outer.src_port, sizeof outer.src_port);
-  std::memcpy(to, &outer.dst, sizeof outer.dst);
-  std::memcpy(to + sizeof outer.dst, &outer.dst_port, sizeof outer.dst_port);
-  const bool ordered = std::memcmp(from, to, kEnd) < 0;
+  const kest_endpoint_t &src = facts.outer_src;
+  const kest_endpoint_t &dst = facts.outer_dst;
+  const auto pack = [](const kest_endpoint_t &end, char *out) {
+    out[0] = static_cast<char>(end.family);
+    std::memcpy(out + 1, &end.port, sizeof end.port);
+    std::memcpy(out + 1 + sizeof end.port, end.address, sizeof end.address);
+  };
+  char from[kEndKey];
+  char to[kEndKey];
+  pack(src, from);
+  pack(dst, to);
+  const bool ordered = std::memcmp(from, to, kEndKey) < 0;
   TunnelKey key;
-  std::memcpy(key.data(), ordered ? from : to, kEnd);
-  std::memcpy(key.data() + kEnd, ordered ? to : from, kEnd);
+  std::memcpy(key.data(), ordered ? from : to, kEndKey);
+  std::memcpy(key.data() + kEndKey, ordered ? to : from, kEndKey);
   auto it = m_tunnel_index.find(key);
   if (it == m_tunnel_index.end()) {
     if (m_tunnel_flows.size() >= kMaxTunnelFlows) {
@@ -188,29 +165,18 @@ void Worker::CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders
       record.features = std::make_shared<FlowFeatures>();
     }
     // The sender of the first packet seen is the client.
-    for (auto [end, address, port] : {std::tuple{&record.client, &outer.src, outer.src_port},
-                                      std::tuple{&record.server, &outer.dst, outer.dst_port}}) {
-      if (outer.ip_version == 6) {
-        end->family = KEST_FAMILY_IPV6;
-        address->ToV6(end->address);
-      } else {
-        // 0.0.0.0 too: the packet says IPv4.
-        end->family = KEST_FAMILY_IPV4;
-        const uint32_t v4 = htonl(address->v4());
-        std::memcpy(end->address, &v4, sizeof v4);
-      }
-      end->port = htons(port);
-    }
+    record.client = src;
+    record.server = dst;
   }
   FlowRecord &record = m_tunnel_flows[it->second].record;
-  const oru::IpAddr client = oru::IpAddr::FromEndpoint(record.client.family, record.client.address);
-  const int side = outer.src == client && outer.src_port == ntohs(record.client.port) ? 0 : 1;
+  const int side = src.family == record.client.family && src.port == record.client.port &&
+                           std::memcmp(src.address, record.client.address, 16) == 0
+                       ? 0
+                       : 1;
   ++record.packets[side];
-  record.bytes[side] += outer.payload_length;
+  record.bytes[side] += facts.outer_payload_length;
   if (record.features != nullptr) {
-    // The outer packet: m_now.ip is still its IP header here.
-    const uint64_t length = static_cast<uint64_t>(outer.payload - m_now.ip) + outer.payload_length;
-    record.features->Add(side, static_cast<uint32_t>(length), m_now.ts_us, record.first_us, 0);
+    record.features->Add(side, facts.outer_ip_length, m_now.ts_us, record.first_us, 0);
   }
   if (m_now.ts_us > record.last_us) {
     record.last_us = m_now.ts_us;
@@ -269,24 +235,18 @@ FlowRecord &Worker::Record(kest_conn_id_t id) {
   if (made) {
     ++m_totals.connections;
     record.first_us = record.last_us = m_now.ts_us;
-    // The connection is the active one here: its end points, client first.
-    kest_endpoint_get(m_h, id, &record.client, &record.server);
-    record.protocol = m_now.packet.protocol;
+    const kest_packet_facts_t &facts = Facts();
+    record.protocol = facts.protocol;
     if (m_setup.features) {
       record.features = std::make_shared<FlowFeatures>();
     }
-    // The library reads an IPv6 address with twelve zero bytes (::1) as
-    // IPv4, and 0.0.0.0 as IPv6 (::); the packet says which it was.
-    for (kest_endpoint_t *end : {&record.client, &record.server}) {
-      if (m_now.packet.ip_version == 6 && end->family == KEST_FAMILY_IPV4) {
-        std::memmove(end->address + 12, end->address, 4);
-        std::memset(end->address, 0, 12);
-        end->family = KEST_FAMILY_IPV6;
-      } else if (m_now.packet.ip_version == 4 && end->family == KEST_FAMILY_IPV6) {
-        std::memmove(end->address, end->address + 12, 4);
-        std::memset(end->address + 4, 0, 12);
-        end->family = KEST_FAMILY_IPV4;
-      }
+    if (facts.conn_id == id) {
+      // The packet's own connection: its end points, client first, in the
+      // family of the packet's IP header.
+      record.client = facts.client;
+      record.server = facts.server;
+    } else {
+      kest_endpoint_get(m_h, id, &record.client, &record.server);
     }
   }
   m_cached_id = id;
@@ -294,18 +254,12 @@ FlowRecord &Worker::Record(kest_conn_id_t id) {
   return record;
 }
 
-bool Worker::FromClient(const FlowRecord &record) const {
-  const kest_decoders::ParsedPacket &p = m_now.packet;
-  const oru::IpAddr client = oru::IpAddr::FromEndpoint(record.client.family, record.client.address);
-  if (p.src != client) {
-    return false;
-  }
-  // A reassembled datagram's last fragment carries no ports.
-  return m_now.parse == kest_decoders::ParseResult::kFragment ||
-         p.src_port == ntohs(record.client.port);
-}
-
 void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
+  if (m_now.counted == 0) {
+    // The facts are whole once the packet's result comes; a listener may
+    // have read them before the packet reached its connection.
+    m_now.have_facts = false;
+  }
   FlowRecord &record = Record(id);
   // The stack, bottom first, as it stands now. Protocols only ever go on
   // top, so while the top is the one recorded, so is the rest.
@@ -326,22 +280,19 @@ void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
     return; // a deferred result of the same packet
   }
   m_now.counted = id;
-  const int side = FromClient(record) ? 0 : 1;
-  const kest_decoders::ParsedPacket &p = m_now.packet;
-  uint64_t bytes = p.payload_length;
-  if (m_now.parse == kest_decoders::ParseResult::kFragment) {
-    // The whole datagram came in with its last fragment: its payload is
-    // everything before this piece and the piece, less the transport header.
-    const uint64_t whole = p.frag_offset + p.payload_length;
-    const uint64_t header = p.protocol == 17 ? 8 : p.protocol == 6 ? 20 : 0;
-    bytes = whole > header ? whole - header : 0;
+  const kest_packet_facts_t &facts = Facts();
+  // A deferred result of another connection: the packet is not its client's.
+  const int side = facts.conn_id == id ? facts.direction : 1;
+  const uint64_t bytes = facts.payload_length;
+  if (facts.conn_id == id && record.packets[0] == 0 && record.packets[1] == 0) {
+    // A listener may have made the record before its connection was known.
+    record.client = facts.client;
+    record.server = facts.server;
   }
   ++record.packets[side];
   record.bytes[side] += bytes;
-  if (record.features != nullptr && p.payload != nullptr) {
-    const uint64_t length = static_cast<uint64_t>(p.payload - m_now.ip) + p.payload_length;
-    record.features->Add(side, static_cast<uint32_t>(length), m_now.ts_us, record.first_us,
-                         p.protocol == 6 ? p.tcp_flags : 0);
+  if (record.features != nullptr && facts.ip_length != 0) {
+    record.features->Add(side, facts.ip_length, m_now.ts_us, record.first_us, facts.tcp_flags);
   }
   // Captures merged from several taps go back in time now and then: the
   // connection lasts until its latest packet, never less than nothing.

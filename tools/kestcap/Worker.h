@@ -12,8 +12,6 @@
 #include "FlowSink.h"
 #include "IpfixExporter.h"
 
-#include "wire/WireParser.h"
-
 #include <array>
 #include <atomic>
 #include <kest.h>
@@ -78,9 +76,8 @@ private:
   void Attr(kest_conn_id_t id, int key, const char *value, int length, bool more);
   void Expired(kest_conn_id_t id);
   const std::string &ProtoName(int index);
-  // Whether the packet at hand goes from the connection's client.
-  bool FromClient(const FlowRecord &record) const;
-
+  // The library's facts of the frame at hand, read once per frame.
+  const kest_packet_facts_t &Facts();
   WorkerSetup m_setup;
   kest_handle_t m_h = -1;
   bool m_started = false;
@@ -99,24 +96,10 @@ private:
   // The frame being classified.
   struct Current {
     uint64_t ts_us = 0;
-    kest_decoders::ParseResult parse = kest_decoders::ParseResult::kNotIp;
-    kest_decoders::ParsedPacket packet;
-    // The start of the (innermost) IP header: the packet's IP length ends
-    // with its payload.
-    const uint8_t *ip = nullptr;
+    kest_packet_facts_t facts{};
+    bool have_facts = false;
     kest_conn_id_t counted = 0;
   } m_now;
-
-  // Fragments of datagrams still incomplete, by datagram (addresses,
-  // protocol, identification): they count with the datagram's connection
-  // once its last fragment makes it whole. Bounded: beyond kMaxWaiting
-  // datagrams, further fragments stay "not classified".
-  static constexpr size_t kMaxWaiting = 65536;
-  std::unordered_map<std::string, uint32_t> m_waiting;
-  // Moves the waiting fragments of the packet at hand's datagram into its
-  // connection, once the datagram is whole; counts the fragment as waiting
-  // otherwise.
-  void CountFragment();
 
   // The outer UDP flows of the tunnels opened (GTP-U, VXLAN, Teredo). The
   // library classifies only what they carry, so kestcap keeps these itself
@@ -130,7 +113,9 @@ private:
   static constexpr size_t kMaxTunnelFlows = 4096;
   // Both end points, the lower first: a fixed key, so that a tunnel's
   // packets look their flow up without a heap allocation each.
-  using TunnelKey = std::array<char, 2 * (sizeof(oru::IpAddr) + sizeof(uint16_t))>;
+  // Each end point is its family, port and address, packed.
+  static constexpr size_t kEndKey = 1 + sizeof(uint16_t) + 16;
+  using TunnelKey = std::array<char, 2 * kEndKey>;
   struct TunnelKeyHash {
     size_t operator()(const TunnelKey &key) const {
       return std::hash<std::string_view>()(std::string_view(key.data(), key.size()));
@@ -138,7 +123,7 @@ private:
   };
   std::unordered_map<TunnelKey, size_t, TunnelKeyHash> m_tunnel_index;
   std::vector<TunnelFlow> m_tunnel_flows;
-  void CountTunnel(const kest_decoders::ParsedPacket &outer, kest_decoders::TunnelKind kind);
+  void CountTunnel(const kest_packet_facts_t &facts);
   void WriteTunnels();
 
   Totals m_totals;

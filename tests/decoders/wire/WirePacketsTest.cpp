@@ -8,6 +8,8 @@
 
 #include "wire/WireParser.h"
 
+#include <arpa/inet.h>
+#include <cstring>
 #include <map>
 
 namespace {
@@ -219,6 +221,87 @@ TEST_F(WirePackets, TunnelsOpenWithTheirPolicy) {
     Close(h);
     dir.clear();
   }
+}
+
+// What the host reads back of each packet instead of parsing it again: the
+// connection, direction, payload and end points of the conversation in
+// every form; fragments that wait, then the datagram with its count; the
+// outermost tunnel. The shard key is the same both ways, in every form, for
+// fragments and for everything one tunnel carries; frames without room for
+// addresses have key 0.
+TEST_F(WirePackets, PacketFactsForTheHost) {
+  const kest_handle_t h = Open();
+  ASSERT_EQ(kest_init(h), 0);
+  kest_packet_facts_t f;
+  EXPECT_EQ(kest_packet_facts_get(h, &f), -1);
+  EXPECT_EQ(kest_errno, KEST_ENOENT);
+  EXPECT_EQ(kest_packet_facts_get(h, nullptr), -1);
+  EXPECT_EQ(kest_errno, KEST_EINVAL);
+  const std::vector<int> sides = {0, 1, 0, 0, 1, 0, 1};
+  const std::vector<uint32_t> payloads = {0, 0, 3, 2, 5, 0, 0};
+  const std::vector<Bytes> conv = Packets("conv6");
+  for (int selector : {KEST_SELECTOR_IP, KEST_SELECTOR_ETHERNET, KEST_SELECTOR_LINUX_SLL}) {
+    std::vector<Result> results;
+    for (size_t i = 0; i < conv.size(); ++i) {
+      const Bytes frame = Framed(selector, conv[i]);
+      kest_classify(h, selector, frame.data(), static_cast<uint16_t>(frame.size()), nullptr, 0,
+                    Record, &results);
+      ASSERT_EQ(kest_packet_facts_get(h, &f), 0);
+      EXPECT_EQ(f.status, KEST_PACKET_OK);
+      EXPECT_EQ(f.conn_id, results.back().id);
+      EXPECT_EQ(f.direction, sides[i]) << i;
+      EXPECT_EQ(f.payload_length, payloads[i]) << i;
+      EXPECT_EQ(f.fragments, 1u);
+      EXPECT_EQ(f.protocol, 6);
+      EXPECT_EQ(f.src.family, KEST_FAMILY_IPV6);
+      EXPECT_EQ(f.client.port, htons(40000));
+      EXPECT_EQ(0, std::memcmp(sides[i] == 0 ? &f.client : &f.server, &f.src, sizeof f.src));
+      EXPECT_EQ(kest_packet_shard(selector, frame.data(), static_cast<uint32_t>(frame.size())),
+                kest_packet_shard(KEST_SELECTOR_IP, conv[0].data(),
+                                  static_cast<uint32_t>(conv[0].size())));
+    }
+  }
+  const std::vector<Bytes> fragments = Packets("fragment");
+  Send(h, {fragments[0]});
+  ASSERT_EQ(kest_packet_facts_get(h, &f), 0);
+  EXPECT_EQ(f.status, KEST_PACKET_FRAGMENT);
+  EXPECT_EQ(f.conn_id, 0u);
+  EXPECT_EQ(f.fragments, 0u);
+  Send(h, {fragments[1]});
+  ASSERT_EQ(kest_packet_facts_get(h, &f), 0);
+  EXPECT_EQ(f.status, KEST_PACKET_OK);
+  EXPECT_NE(f.conn_id, 0u);
+  EXPECT_EQ(f.fragments, 2u);
+  EXPECT_EQ(f.payload_length, 32u);
+  EXPECT_EQ(f.src.port, htons(5000));
+  const std::vector<Bytes> tunnels = Packets("tunnel");
+  const uint8_t kinds[] = {KEST_TUNNEL_IPIP, KEST_TUNNEL_GTP, KEST_TUNNEL_TEREDO, KEST_TUNNEL_NONE};
+  for (size_t i = 0; i < tunnels.size(); ++i) {
+    Send(h, {tunnels[i]});
+    ASSERT_EQ(kest_packet_facts_get(h, &f), 0);
+    EXPECT_EQ(f.tunnel, kinds[i / 3]) << i;
+    EXPECT_EQ(f.outer_src.family, f.tunnel != 0 ? KEST_FAMILY_IPV4 : KEST_FAMILY_NONE) << i;
+    EXPECT_EQ(f.src.port, htons(40000)) << i;
+  }
+  const uint32_t shard = kest_packet_shard(KEST_SELECTOR_IP, fragments[0].data(), 20);
+  EXPECT_NE(shard, 0u);
+  EXPECT_EQ(kest_packet_shard(KEST_SELECTOR_IP, fragments[1].data(), 20), shard);
+  for (const Bytes &t : tunnels) {
+    EXPECT_EQ(kest_packet_shard(KEST_SELECTOR_IP, t.data(), static_cast<uint32_t>(t.size())),
+              kest_packet_shard(KEST_SELECTOR_IP, tunnels[0].data(), 20));
+  }
+  const Bytes ether = Framed(KEST_SELECTOR_ETHERNET, fragments[0]);
+  for (uint32_t n = 0; n < 14 + 4 + 20; ++n) {
+    EXPECT_EQ(kest_packet_shard(KEST_SELECTOR_ETHERNET, ether.data(), n), 0u) << n;
+  }
+  EXPECT_EQ(kest_packet_shard(KEST_SELECTOR_CONN, ether.data(), 64), 0u);
+  // A frame without IP.
+  const Bytes arp = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 2, 2, 2, 2, 2, 2, 0x08, 0x06, 0, 1};
+  kest_classify(h, KEST_SELECTOR_ETHERNET, arp.data(), static_cast<uint16_t>(arp.size()), nullptr,
+                0, nullptr, nullptr);
+  ASSERT_EQ(kest_packet_facts_get(h, &f), 0);
+  EXPECT_EQ(f.status, KEST_PACKET_NOT_IP);
+  Close(h);
 }
 
 // Every IP packet belongs to a flow: ICMP echoes pair by identifier,
