@@ -1,11 +1,13 @@
 #include "Sandbox.h"
 
 #include <array>
+#include <climits>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <mutex>
 #include <seccomp.h>
 #include <sys/mman.h>
@@ -93,6 +95,13 @@ bool PrepareSandbox(bool enabled, std::string &error) {
   if (!enabled || !SandboxAvailable()) {
     return true;
   }
+  // The C library gives a thread's spare heap back to the system once it
+  // holds more than the trim threshold, and the first time it does so it
+  // opens /proc/sys/vm/overcommit_memory to learn how: a call the filter
+  // refuses, at a moment the heap picks (a classifying thread's end, a large
+  // free). Past this threshold nothing is given back that way, so freed
+  // memory stays with kestcap for its next connections.
+  mallopt(M_TRIM_THRESHOLD, INT_MAX);
   g_filter = seccomp_init(SCMP_ACT_TRAP);
   if (g_filter == nullptr) {
     error = "the sandbox's filter could not be made";

@@ -171,8 +171,8 @@ bool RunOnOneThread(CaptureInput &input, ChangeThread *changes, Worker &worker, 
     worker.Finish();
     return false;
   }
-  EnterSandbox();
   Progress progress(&input, input.Live());
+  EnterSandbox();
   cut_short = ReadAll(
       input, progress, changes, [&](const Frame &frame) { worker.Handle(frame); },
       [&] { worker.Idle(); }, [] {});
