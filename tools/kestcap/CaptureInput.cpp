@@ -117,9 +117,6 @@ CaptureInput::Next CaptureInput::Read(Frame &frame) {
   pcap_pkthdr *header;
   const u_char *data;
   const int got = pcap_next_ex(m_pcap, &header, &data);
-  if (m_live && (got != 1 || ++m_since_count == 0x10000)) {
-    CountDrops();
-  }
   if (got == 0) {
     return Next::kTimeout;
   }
@@ -181,9 +178,8 @@ CaptureInput::Next CaptureInput::Read(Frame &frame) {
 }
 
 void CaptureInput::CountDrops() {
-  m_since_count = 0;
   pcap_stat stats{};
-  if (pcap_stats(m_pcap, &stats) != 0) {
+  if (!m_live || m_pcap == nullptr || pcap_stats(m_pcap, &stats) != 0) {
     return;
   }
   // Dropped for want of room, and by the interface itself.

@@ -54,19 +54,20 @@ public:
   // Packets dropped so far by the kernel for want of buffer space and by
   // the interface, live only; false when the capture cannot tell.
   bool Drops(uint64_t &kernel, uint64_t &interface);
+  // Live: adds the drops libpcap reports since the last call to the
+  // process-wide count (KernelDrops.h). libpcap reads the interface's
+  // counters from files, so the service thread calls it, never a reader
+  // inside the sandbox.
+  void CountDrops();
 
 private:
   bool Setup(const std::string &filter, std::string &error);
-  // Live: adds the drops libpcap reports since the last call to the
-  // process-wide count (KernelDrops.h).
-  void CountDrops();
 
   pcap_t *m_pcap = nullptr;
   int m_link = 0;
   bool m_live = false;
   uint64_t m_size = 0;
   uint64_t m_dropped = 0;
-  uint32_t m_since_count = 0;
 };
 
 } // namespace kestcap

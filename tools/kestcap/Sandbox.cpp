@@ -1,8 +1,8 @@
 #include "Sandbox.h"
 
 #include <array>
-#include <climits>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -102,6 +102,11 @@ bool PrepareSandbox(bool enabled, std::string &error) {
   // free). Past this threshold nothing is given back that way, so freed
   // memory stays with kestcap for its next connections.
   mallopt(M_TRIM_THRESHOLD, INT_MAX);
+  // Standard output gets its buffer now: the C library makes one at the
+  // first write, and then asks whether a character device (/dev/null, a
+  // terminal) is a terminal, an ioctl the filter refuses.
+  static char buffer[BUFSIZ];
+  std::setvbuf(stdout, buffer, isatty(1) != 0 ? _IOLBF : _IOFBF, sizeof buffer);
   g_filter = seccomp_init(SCMP_ACT_TRAP);
   if (g_filter == nullptr) {
     error = "the sandbox's filter could not be made";

@@ -237,6 +237,9 @@ void Service::Loop() {
   for (;;) {
     pollfd fds[2] = {{m_signals, POLLIN, 0}, {m_wake, POLLIN, 0}};
     const int ready = poll(fds, 2, 1000);
+    if (m_setup.input != nullptr) {
+      m_setup.input->CountDrops();
+    }
     if (ready > 0 && (fds[1].revents & POLLIN) != 0) {
       // The capture is over. The last statistics, and the capture's
       // teardown, are made here: both need calls the sandbox refuses.

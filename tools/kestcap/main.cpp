@@ -483,6 +483,8 @@ int Serve(const Options &options, Source &source, kest_handle_t h, Privileges &p
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   service.Stop();
+  // The service counted libpcap's last drops as it stopped.
+  totals.kernel_drops = KernelDrops();
   if (code == kExitOk && !options.json) {
     PrintTable(stdout, apps, totals, seconds);
   } else if (code == kExitOk && source.live) {
