@@ -336,6 +336,8 @@ struct Source {
   FanoutCapture fanout;
   bool by_fanout = false;
   bool live = false;
+  // What kestcap listens on, said once it answers its signals.
+  std::string listening;
 };
 
 // Reads every frame and has the workers classify it. The result is the
@@ -414,9 +416,9 @@ int OpenSource(const Options &options, Source &source) {
   for (const std::string &name : options.interfaces) {
     names += (names.empty() ? "" : ", ") + name;
   }
-  std::fprintf(stderr, "kestcap: listening on %s (%s, %d thread%s)\n", names.c_str(),
-               source.by_fanout ? "AF_PACKET fan-out" : "libpcap", options.threads,
-               options.threads == 1 ? "" : "s");
+  source.listening = names + (source.by_fanout ? " (AF_PACKET fan-out, " : " (libpcap, ") +
+                     std::to_string(options.threads) +
+                     (options.threads == 1 ? " thread)" : " threads)");
   return kExitOk;
 }
 
@@ -470,6 +472,11 @@ int Serve(const Options &options, Source &source, kest_handle_t h, Privileges &p
   setup.memory_by_tag = memory_by_tag;
   if (!service.Start(setup, error)) {
     return Fail(kExitService, error);
+  }
+  // Said only now, when SIGINT and SIGTERM end the capture cleanly: scripts
+  // wait for this line before they signal.
+  if (!source.listening.empty()) {
+    std::fprintf(stderr, "kestcap: listening on %s\n", source.listening.c_str());
   }
   Totals totals;
   AppTable apps;
