@@ -91,6 +91,9 @@ void Service::Stop() {
     return;
   }
   g_service = nullptr;
+  // Published before the wake: the thread that tears the capture down sees
+  // everything the reading threads did before this call.
+  m_stop_asked.store(true, std::memory_order_release);
   const uint64_t one = 1;
   if (write(m_wake, &one, sizeof one) < 0) {
     std::perror("kestcap: waking the service thread");
@@ -240,7 +243,8 @@ void Service::Loop() {
     if (m_setup.input != nullptr) {
       m_setup.input->CountDrops();
     }
-    if (ready > 0 && (fds[1].revents & POLLIN) != 0) {
+    if (ready > 0 && (fds[1].revents & POLLIN) != 0 &&
+        m_stop_asked.load(std::memory_order_acquire)) {
       // The capture is over. The last statistics, and the capture's
       // teardown, are made here: both need calls the sandbox refuses.
       if (m_setup.stats_seconds != 0) {

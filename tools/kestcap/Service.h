@@ -78,7 +78,8 @@ private:
   int m_signals = -1; // signalfd
   int m_wake = -1;    // eventfd: Stop()
   bool m_stopping = false;
-  std::mutex m_lock; // the watched workers and the counts of those gone
+  std::atomic<bool> m_stop_asked{false}; // Stop() was called
+  std::mutex m_lock;                     // the watched workers and the counts of those gone
   std::vector<const Worker *> m_workers;
   uint64_t m_gone_packets = 0;
   std::vector<std::string> m_tag_names;
