@@ -77,17 +77,18 @@ inline void CloseInstance(kest_handle_t h) {
   kest_close(h);
 }
 
-// Counts the calls of kest_malloc_local while it lives.
-class LocalAllocations {
+// Counts the calls of one of the host's allocation hooks (kest_malloc_local,
+// kest_malloc_shared) while it lives.
+template <void *(**Hook)(size_t)> class HookAllocations {
 public:
-  LocalAllocations() : m_saved(kest_malloc_local) {
-    s_real = kest_malloc_local;
+  HookAllocations() : m_saved(*Hook) {
+    s_real = *Hook;
     s_count = 0;
-    kest_malloc_local = Counting;
+    *Hook = Counting;
   }
-  ~LocalAllocations() { kest_malloc_local = m_saved; }
-  LocalAllocations(const LocalAllocations &) = delete;
-  LocalAllocations &operator=(const LocalAllocations &) = delete;
+  ~HookAllocations() { *Hook = m_saved; }
+  HookAllocations(const HookAllocations &) = delete;
+  HookAllocations &operator=(const HookAllocations &) = delete;
   uint64_t Count() const { return s_count; }
 
 private:
@@ -99,6 +100,9 @@ private:
   static inline void *(*s_real)(size_t) = nullptr;
   static inline uint64_t s_count = 0;
 };
+
+using LocalAllocations = HookAllocations<&kest_malloc_local>;
+using SharedAllocations = HookAllocations<&kest_malloc_shared>;
 
 // An inspector that stays on every chain it is put on.
 class Staying : public oru::Inspector {

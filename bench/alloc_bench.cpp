@@ -59,30 +59,6 @@ struct Flow {
   }
 };
 
-// Counts the calls of kest_malloc_shared while it lives (the local heap's
-// are kest_bench::LocalAllocations').
-class SharedAllocations {
-public:
-  SharedAllocations() : m_saved(kest_malloc_shared) {
-    s_real = kest_malloc_shared;
-    s_count = 0;
-    kest_malloc_shared = Counting;
-  }
-  ~SharedAllocations() { kest_malloc_shared = m_saved; }
-  SharedAllocations(const SharedAllocations &) = delete;
-  SharedAllocations &operator=(const SharedAllocations &) = delete;
-  uint64_t Count() const { return s_count; }
-
-private:
-  static void *Counting(size_t size) {
-    ++s_count;
-    return s_real(size);
-  }
-  void *(*m_saved)(size_t);
-  static inline void *(*s_real)(size_t) = nullptr;
-  static inline uint64_t s_count = 0;
-};
-
 void Classify(kest_handle_t h, const Bytes &f) {
   kest_classify(h, KEST_SELECTOR_ETHERNET, f.data(), static_cast<uint16_t>(f.size()), nullptr, 0,
                 Keep, nullptr);
@@ -124,7 +100,7 @@ void BM_AllocationsInOrderTcp(benchmark::State &state) {
   }
   uint64_t packets = 0;
   kest_bench::LocalAllocations allocations;
-  SharedAllocations shared;
+  kest_bench::SharedAllocations shared;
   for (auto _ : state) {
     for (Flow &flow : flows) {
       Classify(h, flow.Segment(1, 0x10, body));
