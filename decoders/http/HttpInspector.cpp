@@ -152,14 +152,18 @@ unsigned int HttpInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, o
   oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, GetMemoryContext());
   oru::WebLine line(m_methods, GetProtocolWord());
   uint64_t next = 0;
-  // A request whose target holds blanks, which the line reader turns away.
-  const oru::kit::Match spaced = kest_message::ReadSpacedRequest(
+  // A loose request line (blanks in the target, a version cut short or
+  // missing), which the line reader turns away or misreads.
+  const oru::kit::Match loose = kest_message::ReadLooseRequest(
       flow, flow.m_read_pos, kest_message::kHttp, *m_methods, line, next);
-  if (spaced == oru::kit::Match::kYes) {
+  if (loose == oru::kit::Match::kYes) {
     flow.m_read_pos = next;
+    if (oru::kit::RisksWantedOnThread()) {
+      oru::kit::RaiseOnce(m_raised, oru::kit::Risk::kHttpMalformedRequest);
+    }
     return HandleNewMessage(line, parent, pkt, tuple, conn);
   }
-  if (spaced == oru::kit::Match::kMore) {
+  if (loose == oru::kit::Match::kMore) {
     flow.Sync();
     return WaitForLine(parent, conn, side);
   }

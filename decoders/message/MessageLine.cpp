@@ -2,13 +2,16 @@
 
 #include <kest/kit/FlowView.h>
 
+#include <string.h>
+
 namespace kest_message {
 
 namespace {
 
-// HTTP/1.x: "HTTP/1." and one digit. The methods of RFC 9110, PATCH and the
-// WebDAV family; no name is a prefix of another, so a growing token never
-// matches two.
+// HTTP/1.x: "HTTP/1." and one digit. The methods of RFC 9110, PATCH, the
+// WebDAV family, and those of a widespread management agent (CCM_POST,
+// CCM_SYSTEM_POST); no name is a prefix of another, so a growing token
+// never matches two.
 const Word kHttpVersions[] = {KEST_MESSAGE_WORD("HTTP/1.")};
 const Word kHttpMethods[] = {
     KEST_MESSAGE_WORD("GET"),
@@ -51,6 +54,8 @@ const Word kHttpMethods[] = {
     KEST_MESSAGE_WORD("ORDERPATCH"),
     KEST_MESSAGE_WORD("VERSION-CONTROL"),
     KEST_MESSAGE_WORD("BASELINE-CONTROL"),
+    KEST_MESSAGE_WORD("CCM_POST"),
+    KEST_MESSAGE_WORD("CCM_SYSTEM_POST"),
 };
 
 const Word kSipVersions[] = {KEST_MESSAGE_WORD("SIP/2.0")};
@@ -177,8 +182,80 @@ Match SpacedTarget(Cursor c, const Dialect &d) {
   return last.LineEnd();
 }
 
+// Whether the word at `c` is a version of a protocol other than the
+// dialect's: capitals, "/", a digit, "." and a digit ("RTSP/1.0").
+bool ForeignVersion(Cursor c, const Dialect &d) {
+  char name[16];
+  size_t n = 0;
+  while (!c.AtEnd() && c.Peek() >= 'A' && c.Peek() <= 'Z') {
+    if (n == sizeof name) {
+      return false;
+    }
+    name[n++] = static_cast<char>(c.Peek());
+    c.Skip();
+  }
+  if (n == 0 || c.Literal("/", 1) != Match::kYes || c.Digits(1) != Match::kYes ||
+      c.Literal(".", 1) != Match::kYes || c.Digits(1) != Match::kYes) {
+    return false;
+  }
+  return strlen(d.protocol) != n || memcmp(name, d.protocol, n) != 0;
+}
+
+// The rest of a request line behind its method, for a dialect with loose
+// requests: a spaced target and a whole version, or else the line whole, of
+// visible bytes, blanks and tabs, its last word no other protocol's
+// version, and a header line's name and colon behind it, which a line of
+// some other protocol that begins with a method's word seldom has.
+Match LooseRest(Cursor c, const Dialect &d) {
+  if (!c.AtEnd() && c.Peek() == ' ') {
+    Cursor spaced = c;
+    spaced.Skip();
+    const Match m = SpacedTarget(spaced, d);
+    if (m != Match::kNo) {
+      return m;
+    }
+  }
+  Cursor last = c;
+  while (true) {
+    if (c.AtEnd()) {
+      return c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == '\r' || b == '\n') {
+      break;
+    }
+    if ((b < 0x20 && b != '\t') || b == 0x7f) {
+      return Match::kNo;
+    }
+    c.Skip();
+    if (b == ' ' || b == '\t') {
+      last = c;
+    }
+  }
+  if (ForeignVersion(last, d)) {
+    return Match::kNo;
+  }
+  const Match end = c.LineEnd();
+  if (end != Match::kYes) {
+    return end;
+  }
+  for (size_t name = 0;; ++name) {
+    if (c.AtEnd()) {
+      return c.OutOfBytes();
+    }
+    const unsigned char b = c.Peek();
+    if (b == ':') {
+      return name != 0 ? Match::kYes : Match::kNo;
+    }
+    if (b <= 0x20 || b == 0x7f) {
+      return Match::kNo;
+    }
+    c.Skip();
+  }
+}
+
 // "METHOD target VERSION": one blank each side of a target of visible bytes
-// (above 0x7f allowed: some clients send raw UTF-8), or SpacedTarget.
+// (above 0x7f allowed: some clients send raw UTF-8), or LooseRest.
 Match RequestLine(Cursor c, const Dialect &d) {
   char token[20] = {};
   size_t n = 0;
@@ -188,7 +265,7 @@ Match RequestLine(Cursor c, const Dialect &d) {
       return Method(d, token, n) == Match::kNo ? Match::kNo : c.OutOfBytes();
     }
     const unsigned char b = c.Peek();
-    if (b == ' ') {
+    if (b == ' ' || (d.loose_requests && (b == '\r' || b == '\n'))) {
       break;
     }
     if (n == sizeof token) {
@@ -205,10 +282,10 @@ Match RequestLine(Cursor c, const Dialect &d) {
   if (Method(d, token, n) != Match::kYes) {
     return Match::kNo;
   }
-  c.Skip();
-  if (d.spaced_targets) {
-    return SpacedTarget(c, d);
+  if (d.loose_requests) {
+    return LooseRest(c, d);
   }
+  c.Skip();
   const bool star = !c.AtEnd() && c.Peek() == '*';
   const size_t target = c.SkipVisible();
   if (c.AtEnd()) {
@@ -234,7 +311,7 @@ const Dialect kHttp{
     .version_digits = 1,
     .methods = kHttpMethods,
     .method_count = Count(kHttpMethods),
-    .spaced_targets = true,
+    .loose_requests = true,
     .max_first_line = 8192,
     .hint = KEST_MESSAGE_WORD("HTTP/1."),
     .hint_needs_text = true,
@@ -324,17 +401,22 @@ bool DialectOpenings(const Dialect &dialect, uint8_t transport, oru::FirstBytes 
   return true;
 }
 
-Match ReadSpacedRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect &dialect,
-                        const oru::WebMethodTable &methods, oru::WebLine &line, uint64_t &next) {
+Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect &dialect,
+                       const oru::WebMethodTable &methods, oru::WebLine &line, uint64_t &next) {
   const uint64_t end = flow.End();
   uint64_t p = from < flow.Begin() ? flow.Begin() : from;
   for (char c = 0; p < end && ((c = flow.At(p)) == ' ' || c == '\t' || c == '\r' || c == '\n');) {
     ++p;
   }
   const uint64_t nl = flow.Find(p, '\n', end);
-  const uint64_t s1 = flow.Find(p, ' ', nl);
+  const uint64_t stop = nl != end && nl > p && flow.At(nl - 1) == '\r' ? nl - 1 : nl;
+  uint64_t s1 = flow.Find(p, ' ', nl);
   if (s1 == end) {
-    return Match::kNo;
+    if (nl == end) {
+      // A lone word not yet ended: the line reader waits for it.
+      return Match::kNo;
+    }
+    s1 = stop;
   }
   const uint64_t method = s1 - p;
   bool known = false;
@@ -347,27 +429,43 @@ Match ReadSpacedRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialec
   if (nl == end) {
     return end - p < dialect.max_first_line ? Match::kMore : Match::kNo;
   }
-  const uint64_t s2 = flow.Find(s1 + 1, ' ', nl);
-  if (s2 == end || flow.Find(s2 + 1, ' ', nl) == end) {
+  if (s1 < stop) {
+    // The line reader's own: three words, the last a whole version.
+    const uint64_t s2 = flow.Find(s1 + 1, ' ', stop);
+    if (s2 != end && s2 < stop && flow.Find(s2 + 1, ' ', stop) == end) {
+      Cursor c(flow, s2 + 1, stop, stop + 1);
+      if (Version(c, dialect) == Match::kYes && c.AtEnd()) {
+        return Match::kNo;
+      }
+    }
+  }
+  uint64_t last = stop;
+  for (uint64_t i = s1; i < stop; ++i) {
+    const unsigned char b = static_cast<unsigned char>(flow.At(i));
+    if ((b < 0x20 && b != '\t') || b == 0x7f) {
+      return Match::kNo;
+    }
+  }
+  while (last > s1 && flow.At(last - 1) != ' ' && flow.At(last - 1) != '\t') {
+    --last;
+  }
+  // The last word is the version when it begins with the protocol's word
+  // and "/", whole or not; another protocol's version turns the line away.
+  const uint32_t word = static_cast<uint32_t>(strlen(dialect.protocol));
+  const bool versioned = last > s1 && stop - last > word &&
+                         flow.Compare(last, dialect.protocol, word) == 0 &&
+                         flow.At(last + word) == '/';
+  if (!versioned && ForeignVersion(Cursor(flow, last, stop, stop + 1), dialect)) {
     return Match::kNo;
   }
-  const uint64_t stop = flow.At(nl - 1) == '\r' ? nl - 1 : nl;
-  uint64_t version = stop;
-  while (version > s1 + 1 && flow.At(version - 1) != ' ') {
-    --version;
-  }
-  // Neither the target nor the version empty; the version whole.
-  if (version - 1 <= s1 + 1) {
-    return Match::kNo;
-  }
-  Cursor c(flow, version, stop, stop + 1);
-  if (Version(c, dialect) != Match::kYes || !c.AtEnd()) {
-    return Match::kNo;
-  }
+  const uint64_t target = s1 < stop ? s1 + 1 : stop;
+  const uint64_t target_end = versioned ? last - 1 : stop;
   line.m_type = oru::WebLine::LINE_REQUEST;
   line.m_first = oru::FlowString(&flow, p, static_cast<uint32_t>(method));
-  line.m_second = oru::FlowString(&flow, s1 + 1, static_cast<uint32_t>(version - 1 - (s1 + 1)));
-  line.m_third = oru::FlowString(&flow, version, static_cast<uint32_t>(stop - version));
+  line.m_second = oru::FlowString(
+      &flow, target, static_cast<uint32_t>(target_end > target ? target_end - target : 0));
+  line.m_third = versioned ? oru::FlowString(&flow, last, static_cast<uint32_t>(stop - last))
+                           : oru::FlowString();
   next = nl + 1;
   return Match::kYes;
 }

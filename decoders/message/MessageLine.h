@@ -45,10 +45,14 @@ struct Dialect {
   size_t method_count = 0;
   // Requests must address "*" (SSDP's announcements and searches).
   bool star_target = false;
-  // A request's target may hold blanks and tabs, as scanners and exploit
-  // attempts send it ("GET /cgi-bin/x;wget http://a/b HTTP/1.1"): the
-  // version is then the line's last word and the target all before it.
-  bool spaced_targets = false;
+  // Request lines may be loose, as scanners and exploit attempts send them:
+  // a target holding blanks and tabs ("GET /cgi-bin/x;wget http://a/b
+  // HTTP/1.1"), whose version is then the line's last word and the target
+  // all before it; and, when a header line follows, a version cut short or
+  // missing ("GET / HTTP/1.", "GET /HTTP/1.1", "OPTIONS HTTP/1.1") or a
+  // method alone ("OPTIONS"). A last word that is another protocol's
+  // version ("RTSP/1.0", "SIP/2.0") is never taken for a target.
+  bool loose_requests = false;
   // Longest first line waited for, blank lines before it included.
   uint32_t max_first_line = 4096;
   // What a side's first line that is not the protocol's must still hold for
@@ -91,20 +95,21 @@ bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect);
 // that needs no text).
 bool DialectOpenings(const Dialect &dialect, uint8_t transport, oru::FirstBytes &first);
 
-// A request line whose target holds blanks, as a dialect with
-// spaced_targets names it ("GET /cgi-bin/x;wget http://a/b HTTP/1.1"),
-// read for the message inspector, whose line reader splits a line at its
-// first two blanks only: one of `methods`, the target as sent, and the
-// line's last word, one of the dialect's versions. With the line whole
-// from `from`, fills `line` as a request and gives the position behind the
-// line in `next`: kYes. kMore for a line not yet whole that begins with
-// one of `methods` and a blank, shorter than the dialect's max_first_line
-// (the line reader judges a line by its first words and would turn it
-// away before its end). kNo for lines of three words (the line reader's),
-// and for any other line.
-oru::kit::Match ReadSpacedRequest(const oru::FlowBuffer &flow, uint64_t from,
-                                  const Dialect &dialect, const oru::WebMethodTable &methods,
-                                  oru::WebLine &line, uint64_t &next);
+// A loose request line, as a dialect with loose_requests takes it, read for
+// the message inspector, whose line reader splits a line at its first two
+// blanks only and wants a version: one of `methods` (followed by a blank or
+// the line's end), the target as sent (empty when there is none), and the
+// version as sent (empty when the line has none). With the line whole from
+// `from`, fills `line` as a request and gives the position behind the line
+// in `next`: kYes. kMore for a line not yet whole that begins with one of
+// `methods` and a blank, shorter than the dialect's max_first_line (the
+// line reader judges a line by its first words and would turn it away
+// before its end). kNo for the line reader's own "METHOD target VERSION",
+// for a line with control bytes or another protocol's version, and for any
+// other line.
+oru::kit::Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect &dialect,
+                                 const oru::WebMethodTable &methods, oru::WebLine &line,
+                                 uint64_t &next);
 
 // The four dialects.
 extern const Dialect kHttp;

@@ -43,6 +43,7 @@ enum class Risk : uint8_t {
   kDnsTunnel,               // "dns_tunnel"
   kDnsOtherPort,            // "dns_other_port"
   kOneDirection,            // "one_direction"
+  kHttpMalformedRequest,    // "http_malformed_request"
   kCount
 };
 
@@ -61,7 +62,8 @@ constexpr const char *RiskName(Risk risk) {
                                     "dns_generated_name",
                                     "dns_tunnel",
                                     "dns_other_port",
-                                    "one_direction"};
+                                    "one_direction",
+                                    "http_malformed_request"};
   static_assert(sizeof kNames / sizeof kNames[0] == static_cast<size_t>(Risk::kCount));
   return static_cast<size_t>(risk) < static_cast<size_t>(Risk::kCount)
              ? kNames[static_cast<size_t>(risk)]
