@@ -76,57 +76,72 @@ public:
     const uint8_t *frame = packet->data;
     uint32_t frame_length = packet->length;
     // Tunnels: the innermost packet is the one classified, with the tunnels
-    // it came through below its transport on the stack.
+    // it came through below its transport on the stack. A fragmented
+    // datagram, outer or inner, is opened once its last fragment brings the
+    // whole of it (a tunnel's datagrams are often cut by the path's MTU).
     TunnelKind layers[kMaxTunnels];
     int depth = 0;
-    if ((oru::ThreadWord(oru::Conn::l_default_policy) & oru::POLICY_TUNNELS) != 0) {
-      InnerPacket inner;
-      while (r == ParseResult::kOk && depth < kMaxTunnels && Decapsulate(p, inner)) {
-        if (depth == 0) {
-          facts.tunnel = static_cast<uint8_t>(inner.kind);
-          facts.outer_protocol = p.protocol;
-          facts.outer_payload_length = p.payload_length;
-          facts.outer_ip_length = IpLength(p, packet->data);
-          FillEnd(facts.outer_src, p.ip_version, p.src, p.src_port);
-          FillEnd(facts.outer_dst, p.ip_version, p.dst, p.dst_port);
+    uint8_t *whole = nullptr;
+    uint32_t fragments = 0;
+    for (int rounds = 0;; ++rounds) {
+      if ((oru::ThreadWord(oru::Conn::l_default_policy) & oru::POLICY_TUNNELS) != 0) {
+        InnerPacket inner;
+        while (r == ParseResult::kOk && depth < kMaxTunnels && Decapsulate(p, inner)) {
+          if (depth == 0) {
+            facts.tunnel = static_cast<uint8_t>(inner.kind);
+            facts.outer_protocol = p.protocol;
+            facts.outer_payload_length = p.payload_length;
+            facts.outer_ip_length = IpLength(p, frame);
+            FillEnd(facts.outer_src, p.ip_version, p.src, p.src_port);
+            FillEnd(facts.outer_dst, p.ip_version, p.dst, p.dst_port);
+          }
+          ParsedPacket q;
+          const ParseResult r2 = ParsePacket(inner.form, inner.data, inner.length, q);
+          if (r2 != ParseResult::kOk && r2 != ParseResult::kFragment) {
+            break;
+          }
+          layers[depth++] = inner.kind;
+          p = q;
+          r = r2;
+          frame = inner.data;
+          frame_length = inner.length;
         }
-        ParsedPacket q;
-        const ParseResult r2 = ParsePacket(inner.form, inner.data, inner.length, q);
-        if (r2 != ParseResult::kOk && r2 != ParseResult::kFragment) {
-          break;
-        }
-        layers[depth++] = inner.kind;
-        p = q;
-        r = r2;
-        frame = inner.data;
-        frame_length = inner.length;
       }
-    }
-    Describe(facts, r, p, frame);
-    unsigned result;
-    if (r == ParseResult::kFragment) {
-      // The last fragment of a datagram brings the whole of it.
+      if (r != ParseResult::kFragment) {
+        break;
+      }
+      Describe(facts, r, p, frame);
       uint32_t length = 0;
-      uint8_t *whole = m_defrag.Add(p, oru::now(), length, &facts.fragments);
+      uint32_t taken = 0;
+      uint8_t *datagram =
+          rounds <= kMaxTunnels ? m_defrag.Add(p, oru::now(), length, &taken) : nullptr;
+      // The fragment was copied: the datagram it came out of may go.
+      if (whole != nullptr) {
+        kest_free_local(whole);
+      }
+      whole = datagram;
       if (whole == nullptr) {
         facts.fragments = 0;
         return NotClassified(conn);
       }
-      ParsedPacket q;
-      if (ParsePacket(PacketForm::kIp, whole, length, q) == ParseResult::kOk) {
-        const uint32_t fragments = facts.fragments;
-        Describe(facts, ParseResult::kOk, q, whole);
-        facts.fragments = fragments;
-        result = ToTransport(q, whole, length, conn);
-        Counted(facts, q, conn);
-      } else {
-        result = NotClassified(conn);
-      }
-      kest_free_local(whole);
-    } else if (r == ParseResult::kOk) {
+      fragments += taken;
+      r = ParsePacket(PacketForm::kIp, whole, length, p);
+      frame = whole;
+      frame_length = length;
+    }
+    Describe(facts, r, p, frame);
+    unsigned result = 0;
+    if (whole != nullptr) {
+      facts.fragments = fragments;
+    }
+    if (r == ParseResult::kOk) {
       result = ToTransport(p, frame, frame_length, conn);
       Counted(facts, p, conn);
-    } else {
+    }
+    if (whole != nullptr) {
+      kest_free_local(whole);
+    }
+    if (r != ParseResult::kOk) {
       if (r == ParseResult::kMalformed) {
         ++m_malformed;
       }
