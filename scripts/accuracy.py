@@ -280,8 +280,12 @@ def write_attributes(out, args):
               "and URI, TLS server name (QUIC's and gQUIC's too) and DNS query names beside "
               "the same fields as tshark decodes them, connection by connection. Each value "
               "tshark finds counts as often as it finds it and agrees when kest lists it for "
-              "the connection; each value only kest lists counts once. Every difference "
-              "carries its reason from `docs/accuracy-notes.tsv` (rows `attr <capture>`).\n\n")
+              "the connection; each value only kest lists counts once. tshark opens Teredo "
+              "(a heuristic it leaves off by default) and reassembles segments out of order, "
+              "as kest does; the packets an ICMP error quotes are no connection's, and an "
+              "empty value (a request with no target) has no counterpart in tshark's "
+              "columns: neither counts. Every difference carries its reason from "
+              "`docs/accuracy-notes.tsv` (rows `attr <capture>`).\n\n")
     share = 100.0 * agree / total if total else 100.0
     out.write(f"{agree} of {total} values agree ({share:.2f} %).\n\n")
     out.write("| attribute | values | agree |\n|---|---:|---:|\n")

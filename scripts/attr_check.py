@@ -8,7 +8,9 @@ end points, the innermost IP header of a tunnelled packet). A value counts
 once per connection and attribute: it agrees when both found it there. The
 agreement of an attribute is the agreeing values over all the values either
 found; every value only one side found is listed as a difference. Two
-captures damaged on purpose are not counted (UNCOUNTED).
+captures damaged on purpose are not counted (UNCOUNTED). tshark is set to
+open Teredo and to reassemble segments out of order, as kest does; packets
+quoted in ICMP errors and empty values are passed over.
 
   scripts/attr_check.py [--kestcap PATH] [--plugins DIR] [--min PCT]
                         [--notes FILE] CAPTURE|DIR ...
@@ -80,7 +82,10 @@ def kest_values(kestcap, plugins, capture):
             for n in names:
                 got = c.get("attrs", {}).get(n)
                 for v in got if isinstance(got, list) else [got] if got is not None else []:
-                    values[(key, name)].add(v)
+                    # An empty value (a request with no target) has no
+                    # counterpart: tshark's empty column is a field absent.
+                    if v != "":
+                        values[(key, name)].add(v)
     return values
 
 
@@ -99,8 +104,11 @@ def dns_name(name):
 def tshark_values(capture, cache=None):
     """Per (connection, attribute) the values of every packet, counted."""
     fields = ADDRESS_FIELDS + [f for _, fs in ATTRIBUTES.values() for f in fs]
-    cmd = ["tshark", "-n", "-r", capture, "-T", "fields", "-E", "occurrence=a",
-           "-E", "aggregator=" + SEP, "-E", "separator=\t"]
+    # tshark set to read what kest reads: Teredo's tunnel (a heuristic, off
+    # by default) and segments that come out of order.
+    cmd = ["tshark", "-n", "-r", capture, "--enable-heuristic", "teredo_udp",
+           "-o", "tcp.reassemble_out_of_order:TRUE",
+           "-T", "fields", "-E", "occurrence=a", "-E", "aggregator=" + SEP, "-E", "separator=\t"]
     for f in fields:
         cmd += ["-e", f]
     text = None
@@ -122,7 +130,12 @@ def tshark_values(capture, cache=None):
         row = dict(zip(fields, cols))
         # The innermost header: the last IP layer of the frame's protocols
         # (a tunnel's inner packet follows its outer one).
-        layers = [p for p in row["frame.protocols"].split(":") if p in ("ip", "ipv6")]
+        protocols = row["frame.protocols"].split(":")
+        # An ICMP error quotes the head of the packet it answers: its bytes
+        # are no connection's traffic.
+        if "icmp" in protocols or "icmpv6" in protocols:
+            continue
+        layers = [p for p in protocols if p in ("ip", "ipv6")]
         if not layers:
             continue
         family = layers[-1]
@@ -205,7 +218,7 @@ def captures_of(paths):
         if os.path.isdir(p):
             out += sorted(os.path.join(p, n) for n in os.listdir(p)
                           if n.endswith((".pcap", ".pcapng", ".cap")))
-        else:
+        elif os.path.exists(p):
             out.append(p)
     return out
 
