@@ -139,8 +139,10 @@ bool PrepareSandbox(bool enabled, std::string &error) {
        seccomp_rule_add(g_filter, SCMP_ACT_ALLOW, SCMP_SYS(mprotect), 1,
                         SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)) == 0;
   // Signals only to kestcap itself (abort() raises SIGABRT that way).
-  ok = ok && seccomp_rule_add(g_filter, SCMP_ACT_ALLOW, SCMP_SYS(tgkill), 1,
-                              SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid()))) == 0;
+  // The comparison is spelled out: SCMP_A0 leaves its second datum to the
+  // compiler, which clang's missing-initializer warning refuses.
+  const scmp_arg_cmp own_process = {0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid()), 0};
+  ok = ok && seccomp_rule_add(g_filter, SCMP_ACT_ALLOW, SCMP_SYS(tgkill), 1, own_process) == 0;
   if (!ok) {
     error = "the sandbox's filter could not be made";
     seccomp_release(g_filter);
