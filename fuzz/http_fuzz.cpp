@@ -1,7 +1,8 @@
 // The HTTP decoder's first-line judgement on bytes fed in pieces the input
 // chooses: no read outside the data, the same answer as for the same bytes
-// in one block, and a decided line that the message inspector's line reader
-// reads the same way.
+// in one block, and a decided line that the HTTP inspector reads the same
+// way (a loose request line by the decoder's own reader, any other by the
+// message inspector's line reader).
 #include "FuzzFlow.h"
 
 #include "message/MessageLine.h"
@@ -51,6 +52,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   if (got == kest_message::FirstLine::kRequest || got == kest_message::FirstLine::kResponse) {
     oru::WebLine line(methods, "HTTP");
+    uint64_t next = 0;
+    if (got == kest_message::FirstLine::kRequest &&
+        kest_message::ReadLooseRequest(pieces.flow, 0, kest_message::kHttp, *methods, line, next) ==
+            oru::kit::Match::kYes) {
+      return 0;
+    }
     unsigned long long pos = 0;
     const int32_t want = got == kest_message::FirstLine::kRequest ? oru::WebLine::LINE_REQUEST
                                                                   : oru::WebLine::LINE_RESPONSE;
