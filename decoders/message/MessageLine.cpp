@@ -401,6 +401,30 @@ bool DialectOpenings(const Dialect &dialect, uint8_t transport, oru::FirstBytes 
   return true;
 }
 
+namespace {
+
+// Whether the bytes [from, to) are one of the dialect's versions, whole:
+// every request line is asked, so the words are compared in place.
+bool WholeVersion(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, const Dialect &d) {
+  for (size_t i = 0; i < d.version_count; ++i) {
+    const Word &v = d.versions[i];
+    if (to - from != uint64_t{v.length} + d.version_digits ||
+        flow.Compare(from, v.text, v.length) != 0) {
+      continue;
+    }
+    uint64_t p = from + v.length;
+    while (p < to && flow.At(p) >= '0' && flow.At(p) <= '9') {
+      ++p;
+    }
+    if (p == to) {
+      return true;
+    }
+  }
+  return false;
+}
+
+} // namespace
+
 Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect &dialect,
                        const oru::WebMethodTable &methods, oru::WebLine &line, uint64_t &next) {
   const uint64_t end = flow.End();
@@ -418,6 +442,15 @@ Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect
     }
     s1 = stop;
   }
+  if (nl != end && s1 < stop) {
+    // The line reader's own, the common line, settled before any method is
+    // compared: three words, the last a whole version.
+    const uint64_t s2 = flow.Find(s1 + 1, ' ', stop);
+    if (s2 != end && s2 < stop && flow.Find(s2 + 1, ' ', stop) == end &&
+        WholeVersion(flow, s2 + 1, stop, dialect)) {
+      return Match::kNo;
+    }
+  }
   const uint64_t method = s1 - p;
   bool known = false;
   for (size_t i = 0; i < methods.size() && !known; ++i) {
@@ -428,16 +461,6 @@ Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect
   }
   if (nl == end) {
     return end - p < dialect.max_first_line ? Match::kMore : Match::kNo;
-  }
-  if (s1 < stop) {
-    // The line reader's own: three words, the last a whole version.
-    const uint64_t s2 = flow.Find(s1 + 1, ' ', stop);
-    if (s2 != end && s2 < stop && flow.Find(s2 + 1, ' ', stop) == end) {
-      Cursor c(flow, s2 + 1, stop, stop + 1);
-      if (Version(c, dialect) == Match::kYes && c.AtEnd()) {
-        return Match::kNo;
-      }
-    }
   }
   uint64_t last = stop;
   for (uint64_t i = s1; i < stop; ++i) {
