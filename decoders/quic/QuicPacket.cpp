@@ -116,14 +116,23 @@ HeaderStatus ParseLongHeader(const uint8_t *data, size_t length, LongHeader &out
   out.protected_length = 0;
   if (out.version == kVersionNegotiation) {
     // The other bits of the first byte are the server's to choose; the
-    // list of versions it offers is what must hold.
+    // list of versions it offers is what must hold, and it names one we
+    // know: a server offers those it speaks, while the bytes of other
+    // traffic that begin as a negotiation (an RTP stream's first packet,
+    // number and time 0) seldom hold one.
     if (r.Empty() || r.Left() % 4 != 0) {
       return HeaderStatus::kMalformed;
     }
+    bool known = false;
     while (!r.Empty()) {
-      if (r.U32() == kVersionNegotiation) {
+      const uint32_t offered = r.U32();
+      if (offered == kVersionNegotiation) {
         return HeaderStatus::kMalformed;
       }
+      known = known || KnownVersion(offered);
+    }
+    if (!known) {
+      return HeaderStatus::kUnknownVersion;
     }
     out.type = PacketType::kVersionNegotiation;
     out.packet_length = length;
