@@ -3,6 +3,7 @@
 #include "KernelDrops.h"
 #include "LinkHeader.h"
 
+#include <cstdio>
 #include <kest.h>
 #include <sys/stat.h>
 
@@ -11,6 +12,7 @@ namespace kestcap {
 namespace {
 
 constexpr int kSnapLength = 65535;
+constexpr size_t kFileBuffer = 1 << 20;
 // libpcap's numbers for the Linux cooked-capture v2 link type, which older
 // headers do not name.
 constexpr int kLinkSll2 = 276;
@@ -30,12 +32,27 @@ void CaptureInput::Close() {
     pcap_close(m_pcap);
     m_pcap = nullptr;
   }
+  m_buffer.reset();
 }
 
 bool CaptureInput::OpenFile(const std::string &path, const std::string &filter,
                             std::string &error) {
   char text[PCAP_ERRBUF_SIZE] = "";
-  m_pcap = pcap_open_offline(path.c_str(), text);
+  // libpcap reads a file through stdio, whose buffer is a page: a read(2)
+  // every 4 KiB, each one through the sandbox's filter once it is on. A
+  // larger buffer makes those calls 256 times fewer (a fifth of a run's time
+  // on a large capture).
+  FILE *file = path == "-" ? nullptr : std::fopen(path.c_str(), "rb");
+  if (file != nullptr) {
+    m_buffer = std::make_unique<char[]>(kFileBuffer);
+    std::setvbuf(file, m_buffer.get(), _IOFBF, kFileBuffer);
+    m_pcap = pcap_fopen_offline(file, text);
+    if (m_pcap == nullptr) {
+      std::fclose(file);
+    }
+  } else {
+    m_pcap = pcap_open_offline(path.c_str(), text);
+  }
   if (m_pcap == nullptr) {
     // libpcap names the file itself where the system refused it.
     error = std::string(text).rfind(path, 0) == 0 ? text : path + ": " + text;

@@ -7,6 +7,7 @@
 #define KESTCAP_CAPTUREINPUT_H
 
 #include <cstdint>
+#include <memory>
 #include <pcap/pcap.h>
 #include <string>
 
@@ -64,6 +65,8 @@ private:
   bool Setup(const std::string &filter, std::string &error);
 
   pcap_t *m_pcap = nullptr;
+  // The file's stdio buffer; freed after the capture closes its file.
+  std::unique_ptr<char[]> m_buffer;
   int m_link = 0;
   bool m_live = false;
   uint64_t m_size = 0;
