@@ -15,7 +15,8 @@ bool Holds(oru::Conn &conn, uint32_t proto) {
 
 void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side) {
   oru::WebDpi::TransactionList &mine = inspector.m_transactions[side];
-  while (mine.size() >= kMaxOpen) {
+  // The list keeps no count: walk it once, not once per request dropped.
+  for (size_t open = mine.size(); open >= kMaxOpen; --open) {
     mine.pop_front();
   }
   oru::WebDpi::TransactionList &theirs = inspector.m_transactions[1 - side];
