@@ -337,29 +337,37 @@ void Worker::Expired(kest_conn_id_t id) {
     return;
   }
   const FlowRecord &record = it->second;
-  std::vector<std::string> stack;
-  for (int i = 0; i < record.depth; ++i) {
-    stack.push_back(ProtoName(record.stack[i]));
-  }
   // The application is the top of the stack, unless only the transport
   // was found. ICMP, IGMP, GRE, ESP and SCTP flows are named by their
   // protocol; the other numbers ("IP") are not known any better.
-  std::string app = "unknown";
-  if (!stack.empty() && stack.back() != "TCP" && stack.back() != "UDP" && stack.back() != "IP") {
-    app = stack.back();
+  static const std::string kUnknown = "unknown";
+  const std::string *app = &kUnknown;
+  if (record.depth > 0) {
+    const std::string &top = ProtoName(record.stack[record.depth - 1]);
+    if (top != "TCP" && top != "UDP" && top != "IP") {
+      app = &top;
+    }
   }
   // The table's rows are services where one is known ("YouTube" beside
   // "TLS"), applications otherwise.
   const std::string *service = record.LastAttr(kServiceName);
-  AppRow &row = m_apps[service != nullptr ? *service : app];
+  AppRow &row = m_apps[service != nullptr ? *service : *app];
   ++row.connections;
   row.packets += record.packets[0] + record.packets[1];
   row.bytes += record.bytes[0] + record.bytes[1];
-  if (m_setup.sink != nullptr) {
-    m_setup.sink->Finished(record, app, stack);
-  }
-  if (m_setup.ipfix != nullptr) {
-    m_setup.ipfix->Add(record, app, stack, service);
+  if (m_setup.sink != nullptr || m_setup.ipfix != nullptr) {
+    // The whole stack by name only for the outputs that print it, not for
+    // the table.
+    std::vector<std::string> stack;
+    for (int i = 0; i < record.depth; ++i) {
+      stack.push_back(ProtoName(record.stack[i]));
+    }
+    if (m_setup.sink != nullptr) {
+      m_setup.sink->Finished(record, *app, stack);
+    }
+    if (m_setup.ipfix != nullptr) {
+      m_setup.ipfix->Add(record, *app, stack, service);
+    }
   }
   if (m_cached == &it->second) {
     m_cached = nullptr;
