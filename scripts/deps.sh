@@ -5,7 +5,7 @@ need=""
 for pkg in cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libpcap-dev \
   jq tcpdump python3 time \
   python3-pybind11 pybind11-dev python3-pandas python3-pytest curl iproute2 \
-  libseccomp-dev help2man man-db logrotate systemd; do
+  libseccomp-dev libjemalloc-dev help2man man-db logrotate systemd; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
 # IPFIX export is tested against nfdump's collector and read back by tshark.
