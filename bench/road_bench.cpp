@@ -99,7 +99,8 @@ void BM_WholeRoadEthernet(benchmark::State &state) {
 BENCHMARK(BM_WholeRoadEthernet)->Arg(6)->Arg(17);
 
 // Look-ups in an index of `count` connections whose addresses differ in the
-// low bytes (argument 0) or only in the two high bytes of an IPv6 address (1).
+// low bytes (argument 0), only in the two high bytes of an IPv6 address (1),
+// or that are IPv4 addresses (2).
 void BM_ConnIndexFind(benchmark::State &state) {
   const kest_handle_t h = kest_bench::Start(state);
   if (h < 0) {
@@ -107,15 +108,17 @@ void BM_ConnIndexFind(benchmark::State &state) {
   }
   oru::Runtime::l_instance_id = h;
   const size_t count = static_cast<size_t>(state.range(0));
-  const bool high = state.range(1) == 1;
+  const int64_t form = state.range(1);
   {
     kest_decoders::ConnIndex index(kest_decoders::RandomSipKey());
     std::vector<oru::fdt::intrusive_ptr<oru::Conn>> held;
     held.reserve(count);
     std::vector<oru::IpAddr> addrs;
     for (size_t i = 0; i < count; ++i) {
-      const oru::IpAddr a = high ? oru::IpAddr(static_cast<uint64_t>(i) << 40, 1)
-                                 : oru::IpAddr(0x20010db800000000ull, i + 1);
+      const oru::IpAddr a = form == 1 ? oru::IpAddr(static_cast<uint64_t>(i) << 40, 1)
+                            : form == 2
+                                ? oru::IpAddr::FromV4(0x0B000000u + static_cast<uint32_t>(i))
+                                : oru::IpAddr(0x20010db800000000ull, i + 1);
       const oru::Tuple t{a, oru::IpAddr::FromV4(0x0A010001), 1000, 80, 6};
       kest_decoders::TransportConn *c = kest_decoders::TransportConn::Make(t, nullptr, nullptr);
       held.emplace_back(c);
@@ -141,6 +144,7 @@ void BM_ConnIndexFind(benchmark::State &state) {
 BENCHMARK(BM_ConnIndexFind)
     ->Args({100000, 0})
     ->Args({100000, 1})
+    ->Args({100000, 2})
     ->Args({1000000, 0})
     ->Args({1000000, 1});
 

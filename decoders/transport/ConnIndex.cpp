@@ -32,25 +32,24 @@ ConnIndex::~ConnIndex() {
   }
 }
 
-size_t ConnIndex::Bucket(const oru::IpAddr &a, uint16_t port_a, const oru::IpAddr &b,
+uint64_t ConnIndex::Hash(const oru::IpAddr &a, uint16_t port_a, const oru::IpAddr &b,
                          uint16_t port_b) const {
   // The lower end point first, so both directions hash alike.
-  uint64_t words[5];
-  if (Before(a, port_a, b, port_b)) {
-    Put(words, a);
-    Put(words + 2, b);
-    words[4] = static_cast<uint64_t>(port_a) << 16 | port_b;
-  } else {
-    Put(words, b);
-    Put(words + 2, a);
-    words[4] = static_cast<uint64_t>(port_b) << 16 | port_a;
+  const bool a_first = Before(a, port_a, b, port_b);
+  const oru::IpAddr &lo = a_first ? a : b;
+  const oru::IpAddr &hi = a_first ? b : a;
+  const uint64_t ports = a_first ? static_cast<uint64_t>(port_a) << 16 | port_b
+                                 : static_cast<uint64_t>(port_b) << 16 | port_a;
+  if ((lo.m_high | hi.m_high | (lo.m_low >> 32) | (hi.m_low >> 32)) == 0) {
+    // Two IPv4 addresses fill one word: two words to hash, not five.
+    const uint64_t words[2] = {lo.m_low << 32 | hi.m_low, ports};
+    return SipHash13(m_key, words, 2);
   }
-  return static_cast<size_t>(SipHash13(m_key, words, 5)) & (m_size - 1);
-}
-
-size_t ConnIndex::BucketOf(const TransportConn *conn) const {
-  const oru::Tuple &t = conn->m_tuple;
-  return Bucket(t.src, t.src_port, t.dst, t.dst_port);
+  uint64_t words[5];
+  Put(words, lo);
+  Put(words + 2, hi);
+  words[4] = ports;
+  return SipHash13(m_key, words, 5);
 }
 
 void ConnIndex::Insert(TransportConn *conn) {
@@ -62,7 +61,9 @@ void ConnIndex::Insert(TransportConn *conn) {
     conn->m_index_next = nullptr;
     return;
   }
-  TransportConn *&head = m_buckets[BucketOf(conn)];
+  const oru::Tuple &t = conn->m_tuple;
+  conn->m_index_hash = Hash(t.src, t.src_port, t.dst, t.dst_port);
+  TransportConn *&head = m_buckets[Bucket(conn->m_index_hash)];
   conn->m_index_next = head;
   head = conn;
   ++m_count;
@@ -72,7 +73,7 @@ void ConnIndex::Remove(TransportConn *conn) {
   if (m_size == 0) {
     return;
   }
-  for (TransportConn **link = &m_buckets[BucketOf(conn)]; *link != nullptr;
+  for (TransportConn **link = &m_buckets[Bucket(conn->m_index_hash)]; *link != nullptr;
        link = &(*link)->m_index_next) {
     if (*link == conn) {
       *link = conn->m_index_next;
@@ -88,9 +89,9 @@ TransportConn *ConnIndex::Find(const oru::IpAddr &src, uint16_t src_port, const 
   if (m_size == 0) {
     return nullptr;
   }
-  for (TransportConn *c = m_buckets[Bucket(src, src_port, dst, dst_port)]; c != nullptr;
-       c = c->m_index_next) {
-    if (Matches(c, src, src_port, dst, dst_port, protocol)) {
+  const uint64_t hash = Hash(src, src_port, dst, dst_port);
+  for (TransportConn *c = m_buckets[Bucket(hash)]; c != nullptr; c = c->m_index_next) {
+    if (c->m_index_hash == hash && Matches(c, src, src_port, dst, dst_port, protocol)) {
       return c;
     }
   }
@@ -114,7 +115,7 @@ void ConnIndex::Grow() {
   for (size_t i = 0; i < old_size; ++i) {
     for (TransportConn *c = old[i]; c != nullptr;) {
       TransportConn *next = c->m_index_next;
-      TransportConn *&head = m_buckets[BucketOf(c)];
+      TransportConn *&head = m_buckets[Bucket(c->m_index_hash)];
       c->m_index_next = head;
       head = c;
       c = next;

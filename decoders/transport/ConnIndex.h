@@ -33,8 +33,8 @@ public:
   size_t BucketCount() const { return m_size; }
 
 private:
-  size_t Bucket(const oru::IpAddr &a, uint16_t port_a, const oru::IpAddr &b, uint16_t port_b) const;
-  size_t BucketOf(const TransportConn *conn) const;
+  uint64_t Hash(const oru::IpAddr &a, uint16_t port_a, const oru::IpAddr &b, uint16_t port_b) const;
+  size_t Bucket(uint64_t hash) const { return static_cast<size_t>(hash) & (m_size - 1); }
   void Grow();
 
   SipKey m_key;

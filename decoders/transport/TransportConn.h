@@ -57,8 +57,11 @@ public:
   // Links of the owning table's list; null while the connection is in none.
   TransportConn *m_prev;
   TransportConn *m_next;
-  // The next connection of the same index bucket.
+  // The next connection of the same index bucket, and the keyed hash of
+  // its end points, kept so that growing or leaving the index does not hash
+  // them again.
   TransportConn *m_index_next;
+  uint64_t m_index_hash;
 
   oru::InspectorChain m_chain;
   oru::InspectorCallback m_callback[2];

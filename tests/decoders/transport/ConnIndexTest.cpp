@@ -6,6 +6,7 @@
 #include "transport/ConnIndex.h"
 
 #include <algorithm>
+#include <functional>
 #include <string.h>
 
 namespace {
@@ -42,40 +43,45 @@ TEST(SipHashTest, PublishedVector) {
 class ConnIndexTest : public kest_test::DecoderFixture {};
 
 TEST_F(ConnIndexTest, BothDirectionsAndAnEvenSpread) {
-  ConnIndex index(SipKey{1, 2});
-  std::vector<kest_test::ConnPtr> held;
-  // Addresses that differ only in their first two bytes, as a crafted flood.
-  for (uint32_t i = 0; i < 4000; ++i) {
-    const oru::IpAddr src(static_cast<uint64_t>(i) << 48, 1);
-    const oru::Tuple t{src, oru::IpAddr::FromV4(0x0A000001), 1000, 80, 6};
-    TransportConn *c = TransportConn::Make(t, nullptr, nullptr);
-    held.emplace_back(c);
-    index.Insert(c);
-  }
-  EXPECT_EQ(index.Count(), 4000u);
-  EXPECT_GE(index.BucketCount(), 4000u);
-  for (uint32_t i : {0u, 17u, 3999u}) {
-    const oru::IpAddr src(static_cast<uint64_t>(i) << 48, 1);
-    EXPECT_EQ(index.Find(src, 1000, oru::IpAddr::FromV4(0x0A000001), 80, 6), held[i].get());
-    EXPECT_EQ(index.Find(oru::IpAddr::FromV4(0x0A000001), 80, src, 1000, 6), held[i].get());
-    EXPECT_EQ(index.Find(src, 1001, oru::IpAddr::FromV4(0x0A000001), 80, 6), nullptr);
-  }
-  // No bucket holds many: from each connection to the end of its chain.
-  size_t longest = 0;
-  for (const auto &c : held) {
-    size_t length = 0;
-    for (TransportConn *p = static_cast<TransportConn *>(c.get()); p != nullptr;
-         p = p->m_index_next) {
-      ++length;
+  // Addresses that differ only in their first two bytes, as a crafted flood:
+  // IPv6, and IPv4 (hashed in a shorter form).
+  const auto v6 = [](uint32_t i) { return oru::IpAddr(static_cast<uint64_t>(i) << 48, 1); };
+  const auto v4 = [](uint32_t i) { return oru::IpAddr::FromV4(i << 16 | 1); };
+  for (const auto &source : {std::function<oru::IpAddr(uint32_t)>(v6), {v4}}) {
+    ConnIndex index(SipKey{1, 2});
+    std::vector<kest_test::ConnPtr> held;
+    const oru::IpAddr server = oru::IpAddr::FromV4(0x0A000001);
+    for (uint32_t i = 1; i <= 4000; ++i) {
+      const oru::Tuple t{source(i), server, 1000, 80, 6};
+      TransportConn *c = TransportConn::Make(t, nullptr, nullptr);
+      held.emplace_back(c);
+      index.Insert(c);
     }
-    longest = std::max(longest, length);
+    EXPECT_EQ(index.Count(), 4000u);
+    EXPECT_GE(index.BucketCount(), 4000u);
+    for (uint32_t i : {1u, 17u, 4000u}) {
+      EXPECT_EQ(index.Find(source(i), 1000, server, 80, 6), held[i - 1].get());
+      EXPECT_EQ(index.Find(server, 80, source(i), 1000, 6), held[i - 1].get());
+      EXPECT_EQ(index.Find(source(i), 1001, server, 80, 6), nullptr);
+      EXPECT_EQ(index.Find(source(i), 1000, server, 80, 17), nullptr);
+    }
+    // No bucket holds many: from each connection to the end of its chain.
+    size_t longest = 0;
+    for (const auto &c : held) {
+      size_t length = 0;
+      for (TransportConn *p = static_cast<TransportConn *>(c.get()); p != nullptr;
+           p = p->m_index_next) {
+        ++length;
+      }
+      longest = std::max(longest, length);
+    }
+    EXPECT_LT(longest, 12u);
+    for (const auto &c : held) {
+      index.Remove(static_cast<TransportConn *>(c.get()));
+    }
+    EXPECT_EQ(index.Count(), 0u);
+    EXPECT_EQ(index.Find(source(1), 1000, server, 80, 6), nullptr);
   }
-  EXPECT_LT(longest, 12u);
-  for (const auto &c : held) {
-    index.Remove(static_cast<TransportConn *>(c.get()));
-  }
-  EXPECT_EQ(index.Count(), 0u);
-  EXPECT_EQ(index.Find(oru::IpAddr(0, 1), 1000, oru::IpAddr::FromV4(0x0A000001), 80, 6), nullptr);
 }
 
 // The tables file what they make and forget what they drop.
