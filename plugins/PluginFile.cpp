@@ -74,6 +74,10 @@ bool NameInUse(const char *name) {
   return true;
 }
 
+// Past the descriptor number of the last plug-in loaded through a memory
+// file; taken under the loader's lock.
+int g_next_memory_fd = 0;
+
 // -1 where the C library or the kernel has no memory files.
 int MakeMemoryFile() {
 #ifdef MFD_CLOEXEC
@@ -100,7 +104,18 @@ bool LoadThroughMemoryFile(FILE *source, void **handle) {
   }
   // Descriptor numbers come back once closed, and the object loaded from an
   // earlier memory file may still go by this name: move up to a number that
-  // no loaded object goes by.
+  // no loaded object goes by. The search starts past the number of the last
+  // load, or each of a folder's plug-ins would try every number before it
+  // (one loader look-up each). Where that number is out of reach (the
+  // descriptor limit), the search goes up from the number given.
+  if (fd < g_next_memory_fd) {
+    const int next = fcntl(fd, F_DUPFD_CLOEXEC, g_next_memory_fd);
+    if (next != -1) {
+      close(fd);
+      fd = next;
+      kest_sprintf(name, "/proc/self/fd/%d", fd);
+    }
+  }
   while (NameInUse(name)) {
     const int next = fcntl(fd, F_DUPFD_CLOEXEC, fd + 1);
     close(fd);
@@ -110,6 +125,7 @@ bool LoadThroughMemoryFile(FILE *source, void **handle) {
     fd = next;
     kest_sprintf(name, "/proc/self/fd/%d", fd);
   }
+  g_next_memory_fd = fd + 1;
   *handle = nullptr;
   if (!CopyPlain(source, fd)) {
     kest_printf("library read failed\n");

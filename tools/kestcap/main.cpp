@@ -577,6 +577,10 @@ int Main(int argc, char **argv) {
   if (memory_by_tag) {
     kest_host_use_tag_accounting();
   }
+  // Plug-ins unpack into memory files unless the user chose otherwise: no
+  // name under /tmp that another user could take first, and no file system
+  // work (a tenth of a millisecond per plug-in saved at start).
+  setenv("KEST_PLUGIN_COPY", "memfd", 0);
   const kest_handle_t h = kest_open(plugins.c_str());
   if (h < 0) {
     return Fail(kExitLibrary, "the library did not open " + plugins + " (error " +
