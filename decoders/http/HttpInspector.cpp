@@ -221,6 +221,13 @@ bool HttpInspector::Resync(oru::FlowBuffer &flow, unsigned char side) {
       at = end;
       break;
     }
+    if (!m_launcher->MayLead(static_cast<unsigned char>(flow.At(at)))) {
+      // No first line begins so (the line reader would turn it away): the
+      // bytes of a body, passed over without reading the line.
+      const uint64_t nl = flow.Find(at, '\n', end);
+      at = nl == end ? end : nl + 1;
+      continue;
+    }
     oru::WebLine line(m_methods, GetProtocolWord());
     unsigned long long pos = at;
     if (!line.Parse(flow, pos, true)) {

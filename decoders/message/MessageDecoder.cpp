@@ -22,8 +22,18 @@ void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned cha
   oru::WebDpi::TransactionList &theirs = inspector.m_transactions[1 - side];
   if (theirs.empty()) {
     const oru::FlowBuffer &flow = conn.m_flow[side];
-    oru::WebLine line(inspector.m_methods, inspector.GetProtocolWord());
+    const char *word = inspector.GetProtocolWord();
     unsigned long long pos = flow.m_read_pos;
+    // A response begins with the protocol word, after blanks the line reader
+    // passes over: most lines (requests) are settled by their first byte.
+    if (pos >= flow.End() || word == nullptr) {
+      return;
+    }
+    const char first = flow.At(pos);
+    if (first != word[0] && first != ' ' && first != '\t' && first != '\r' && first != '\n') {
+      return;
+    }
+    oru::WebLine line(inspector.m_methods, word);
     if (line.Parse(flow, pos, true) && line.m_type == oru::WebLine::LINE_RESPONSE) {
       theirs.emplace_back();
     }
@@ -33,10 +43,18 @@ void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned cha
 bool LineLauncher::Start(const oru::kit::Spec &spec, const MessageOptions &options) {
   m_options = &options;
   const Dialect &d = *options.dialect;
+  const auto lead = [this](unsigned char c) { m_leads[c >> 6] |= uint64_t{1} << (c & 63); };
+  for (unsigned char c : {' ', '\t', '\r', '\n'}) {
+    lead(c);
+  }
+  if (d.protocol != nullptr) {
+    lead(static_cast<unsigned char>(d.protocol[0]));
+  }
   for (size_t i = 0; i < d.method_count; ++i) {
     if (!m_methods.push_back(oru::WebMethod{d.methods[i].text, d.methods[i].length})) {
       return false;
     }
+    lead(static_cast<unsigned char>(d.methods[i].text[0]));
   }
   if (!m_reg.Start(spec)) {
     return false;

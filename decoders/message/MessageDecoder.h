@@ -83,6 +83,10 @@ public:
   oru::WebAttributes &attributes() { return m_attributes; }
   // The Spec's i-th protocol.
   uint32_t Proto(int i = 0) const { return m_reg.Proto(i); }
+  // Whether a message's first line may begin with byte `c`: a method's first
+  // letter, the protocol word's (a response), or a blank the line reader
+  // passes over. A line that begins otherwise is no first line.
+  bool MayLead(unsigned char c) const { return (m_leads[c >> 6] >> (c & 63) & 1) != 0; }
 
 protected:
   // Names a connection whose first line read as the dialect's; false
@@ -94,6 +98,7 @@ private:
   oru::kit::Registration m_reg;
   oru::WebMethodTable m_methods;
   oru::WebAttributes m_attributes;
+  uint64_t m_leads[4] = {};
 };
 
 // Whether two names are the same, for the Spec checks below.
