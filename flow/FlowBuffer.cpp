@@ -38,7 +38,7 @@ struct SpareNodes {
   uint32_t size;
 };
 constexpr uint32_t kMaxSpareNodes = 1024;
-__thread SpareNodes t_spare_nodes;
+KEST_THREAD_WORD __thread SpareNodes t_spare_nodes;
 
 // Whether the calling thread works in an instance with a context: only such
 // a thread's kest_fini() empties the list again.
