@@ -13,6 +13,15 @@ bool Holds(oru::Conn &conn, uint32_t proto) {
   return false;
 }
 
+namespace {
+
+// The blanks the line reader passes over before a first line's first word.
+constexpr bool Blank(unsigned char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+} // namespace
+
 void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side) {
   oru::WebDpi::TransactionList &mine = inspector.m_transactions[side];
   // The list keeps no count: walk it once, not once per request dropped.
@@ -30,7 +39,7 @@ void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned cha
       return;
     }
     const char first = flow.At(pos);
-    if (first != word[0] && first != ' ' && first != '\t' && first != '\r' && first != '\n') {
+    if (first != word[0] && !Blank(static_cast<unsigned char>(first))) {
       return;
     }
     oru::WebLine line(inspector.m_methods, word);
@@ -44,8 +53,10 @@ bool LineLauncher::Start(const oru::kit::Spec &spec, const MessageOptions &optio
   m_options = &options;
   const Dialect &d = *options.dialect;
   const auto lead = [this](unsigned char c) { m_leads[c >> 6] |= uint64_t{1} << (c & 63); };
-  for (unsigned char c : {' ', '\t', '\r', '\n'}) {
-    lead(c);
+  for (unsigned c = 0; c < 256; ++c) {
+    if (Blank(static_cast<unsigned char>(c))) {
+      lead(static_cast<unsigned char>(c));
+    }
   }
   if (d.protocol != nullptr) {
     lead(static_cast<unsigned char>(d.protocol[0]));
