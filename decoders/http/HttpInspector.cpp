@@ -148,7 +148,7 @@ unsigned int HttpInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, o
   if (m_lost[side] && !Resync(flow, side)) {
     return WaitForLine(parent, conn, side);
   }
-  kest_message::OpenTransaction(*this, *conn, side);
+  m_open.Open(*this, *conn, side);
   oru::ScopedMemTag tag(oru::ScopedMemTag::CONTEXT, GetMemoryContext());
   oru::WebLine line(m_methods, GetProtocolWord());
   uint64_t next = 0;
@@ -180,7 +180,7 @@ unsigned int HttpInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt, o
       return WaitForLine(parent, conn, side);
     }
     // A response found so gets a request of its own when none waits.
-    kest_message::OpenTransaction(*this, *conn, side);
+    m_open.Open(*this, *conn, side);
     oru::WebLine found(m_methods, GetProtocolWord());
     pos = flow.m_read_pos;
     if (!found.Parse(flow, pos, false) || (found.m_type != oru::WebLine::LINE_REQUEST &&

@@ -65,6 +65,10 @@ public:
   bool OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) override;
   bool OnNewPacket(oru::ParentDpi *parent, oru::PktInfo &pkt, oru::Tuple &tuple,
                    oru::fdt::intrusive_ptr<oru::Conn> &conn) override;
+  bool OnTransactionDone(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+    m_open.Done(*conn);
+    return true;
+  }
 
   // The phase of a connection that no longer carries HTTP messages: every
   // packet goes to the inspectors attached to this one.
@@ -81,6 +85,7 @@ private:
                            oru::fdt::intrusive_ptr<oru::Conn> &conn);
 
   HttpLauncher *m_launcher;
+  kest_message::OpenTransactions m_open;
   bool m_name_stack;
   // Set by a response that ends HTTP on the connection.
   Switch m_switch = kNone;

@@ -20,14 +20,37 @@ constexpr bool Blank(unsigned char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
+const oru::WebTransaction *Last(const oru::WebDpi::TransactionList &list) {
+  return list.empty() ? nullptr : &list.back();
+}
+
 } // namespace
 
-void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side) {
+int32_t OpenTransactions::Count(const oru::WebDpi::TransactionList &list,
+                                unsigned char side) const {
+  if (list.empty()) {
+    return 0;
+  }
+  // While a node known at the last Open remains (the count after the
+  // removals is above zero), the one node the base may have appended since
+  // is the only way the last node can change. Once none remains, the list
+  // holds at most that node.
+  return m_count[side] > 0 ? m_count[side] + (Last(list) != m_last[side] ? 1 : 0) : 1;
+}
+
+void OpenTransactions::Known(const oru::WebDpi::TransactionList &list, unsigned char side,
+                             int32_t count) {
+  m_count[side] = count;
+  m_last[side] = Last(list);
+}
+
+void OpenTransactions::Open(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side) {
   oru::WebDpi::TransactionList &mine = inspector.m_transactions[side];
-  // The list keeps no count: walk it once, not once per request dropped.
-  for (size_t open = mine.size(); open >= kMaxOpen; --open) {
+  int32_t open = Count(mine, side);
+  for (; open >= static_cast<int32_t>(kMaxOpen) && !mine.empty(); --open) {
     mine.pop_front();
   }
+  Known(mine, side, open);
   oru::WebDpi::TransactionList &theirs = inspector.m_transactions[1 - side];
   if (theirs.empty()) {
     const oru::FlowBuffer &flow = conn.m_flow[side];
@@ -43,8 +66,9 @@ void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned cha
       return;
     }
     oru::WebLine line(inspector.m_methods, word);
-    if (line.Parse(flow, pos, true) && line.m_type == oru::WebLine::LINE_RESPONSE) {
-      theirs.emplace_back();
+    if (line.Parse(flow, pos, true) && line.m_type == oru::WebLine::LINE_RESPONSE &&
+        theirs.emplace_back() != theirs.end()) {
+      Known(theirs, 1 - side, 1);
     }
   }
 }

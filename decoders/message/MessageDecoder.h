@@ -63,7 +63,29 @@ bool Holds(oru::Conn &conn, uint32_t proto);
 // kMaxOpen, and a response whose request was not seen answers a request of
 // its own, so that the rest of the connection is still read.
 constexpr size_t kMaxOpen = 16;
-void OpenTransaction(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side);
+
+// A message inspector's count of its open transactions. The lists keep no
+// count, and walking a full one before every first line was a cache miss a
+// node. The count stays exact without a walk because the base only appends
+// a request to a side's list between two Open calls of that side (every
+// first line comes through the inspector's Inspect, which calls Open
+// first), and only removes the oldest, telling OnTransactionDone.
+class OpenTransactions {
+public:
+  void Open(oru::WebDpi &inspector, const oru::Conn &conn, unsigned char side);
+  // From the inspector's OnTransactionDone: the base ended the oldest
+  // transaction of the other side's list.
+  void Done(const oru::Conn &conn) { --m_count[1 - SideOf(conn)]; }
+
+private:
+  // The list's length now, from what was known at the last Open.
+  int32_t Count(const oru::WebDpi::TransactionList &list, unsigned char side) const;
+  void Known(const oru::WebDpi::TransactionList &list, unsigned char side, int32_t count);
+
+  int32_t m_count[2] = {0, 0};
+  // The last node of each list when the count was known.
+  const oru::WebTransaction *m_last[2] = {nullptr, nullptr};
+};
 
 // The thread's inspector on TCP: judges the first line of each side and,
 // once either side reads as the dialect's, names the protocol and launches

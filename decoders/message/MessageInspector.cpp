@@ -273,7 +273,7 @@ unsigned int MessageInspector::Inspect(oru::ParentDpi *parent, oru::PktInfo &pkt
     parent->RegisterCallback(conn, side, oru::InspectorCallback(this), EVENT_DATA);
     return m_result;
   }
-  OpenTransaction(*this, *conn, side);
+  m_open.Open(*this, *conn, side);
   return InspectLine(parent, pkt, tuple, conn);
 }
 

@@ -58,12 +58,17 @@ public:
   bool Pipelining() override { return true; }
   bool HasMessageBody(oru::WebHeader & /*header*/) override { return false; }
   bool OnNewMessage(oru::fdt::intrusive_ptr<oru::Conn> &conn, oru::WebHeader &header) override;
+  bool OnTransactionDone(oru::fdt::intrusive_ptr<oru::Conn> &conn) override {
+    m_open.Done(*conn);
+    return true;
+  }
 
 private:
   // Reads the body in progress; false while it waits for more.
   bool Body(oru::Conn &conn, unsigned char side);
 
   MessageLauncher *m_launcher;
+  OpenTransactions m_open;
   uint64_t m_body_start[2] = {0, 0};
   uint64_t m_body_end[2] = {0, 0};
   bool m_body_request[2] = {false, false};
