@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <kest.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 
 namespace kestcap {
@@ -46,6 +47,10 @@ bool CaptureInput::OpenFile(const std::string &path, const std::string &filter,
   if (file != nullptr) {
     m_buffer = std::make_unique<char[]>(kFileBuffer);
     std::setvbuf(file, m_buffer.get(), _IOFBF, kFileBuffer);
+    // Only the reading thread ever touches the file, and libpcap reads it
+    // twice a packet: with workers running, each read would take and give
+    // back the stream's lock.
+    __fsetlocking(file, FSETLOCKING_BYCALLER);
     m_pcap = pcap_fopen_offline(file, text);
     if (m_pcap == nullptr) {
       std::fclose(file);

@@ -47,7 +47,13 @@ const char *const kDefaultAttrs[] = {
     "flow.risks",
 };
 
-constexpr size_t kRingBytes = 8u << 20;
+// Enough for thousands of packets between a reader and a worker: the
+// reader sleeps on a full ring, and a live capture's bursts wait in the
+// kernel's buffer as well.
+constexpr size_t kRingBytes = 2u << 20;
+// The longest a reader or worker sleeps on its ring before it looks again;
+// a live capture's worker passes idle time after each such wait.
+constexpr std::chrono::milliseconds kQuietWait{5};
 
 int Fail(ExitCode code, const std::string &text) {
   std::fprintf(stderr, "kestcap: %s\n", text.c_str());
@@ -191,34 +197,33 @@ bool RunOnRings(CaptureInput &input, ChangeThread *changes, WorkerPool &pool, bo
   for (size_t i = 0; i < n; ++i) {
     rings.push_back(std::make_unique<SpscRing>(kRingBytes));
   }
-  std::atomic<bool> done{false};
   Progress progress(&input, live);
   const auto consume = [&](Worker &worker, size_t i) {
     EnterSandbox();
     SpscRing &ring = *rings[i];
-    int quiet = 0;
     for (;;) {
       const uint8_t *bytes;
       const SpscRing::Header *header = ring.Peek(bytes);
       if (header != nullptr) {
         worker.Handle(Frame{header->ts_us, header->form, bytes, header->length});
         ring.Pop(*header);
-        quiet = 0;
         continue;
       }
-      if (done.load(std::memory_order_acquire) && ring.Peek(bytes) == nullptr) {
-        break;
+      if (ring.Closed()) {
+        if (ring.Peek(bytes) == nullptr) {
+          break;
+        }
+        continue;
       }
+      ring.WaitForRecord(kQuietWait);
       // Idle passes only for live input, as on one thread: a file's
       // connections age by its time stamps as its packets come, and an idle
       // pass whenever this ring ran dry would end them at points that the
       // scheduling picks, so that two runs of one file could report
       // different connections.
-      if (live && ++quiet == 1000) {
+      if (live && ring.Peek(bytes) == nullptr) {
         worker.Idle();
-        quiet = 0;
       }
-      std::this_thread::yield();
     }
   };
   const auto read = [&] {
@@ -229,7 +234,7 @@ bool RunOnRings(CaptureInput &input, ChangeThread *changes, WorkerPool &pool, bo
           SpscRing &ring = *rings[ShardOf(frame, n)];
           const SpscRing::Header header{frame.length, frame.form, frame.ts_us};
           while (!ring.Push(header, frame.data)) {
-            std::this_thread::yield();
+            ring.WaitForRoom(kQuietWait);
           }
         },
         [] {},
@@ -240,7 +245,9 @@ bool RunOnRings(CaptureInput &input, ChangeThread *changes, WorkerPool &pool, bo
             }
           }
         });
-    done.store(true, std::memory_order_release);
+    for (const auto &ring : rings) {
+      ring->Close();
+    }
   };
   const bool ok = pool.Run(consume, read, error);
   progress.Done();
