@@ -5,8 +5,10 @@
 
 #include <cstdio>
 #include <kest.h>
-#include <stdio_ext.h>
 #include <sys/stat.h>
+#ifdef __linux__
+#include <stdio_ext.h>
+#endif
 
 namespace kestcap {
 
@@ -50,7 +52,9 @@ bool CaptureInput::OpenFile(const std::string &path, const std::string &filter,
     // Only the reading thread ever touches the file, and libpcap reads it
     // twice a packet: with workers running, each read would take and give
     // back the stream's lock.
+#ifdef __linux__
     __fsetlocking(file, FSETLOCKING_BYCALLER);
+#endif
     m_pcap = pcap_fopen_offline(file, text);
     if (m_pcap == nullptr) {
       std::fclose(file);
