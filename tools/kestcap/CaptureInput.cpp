@@ -50,8 +50,8 @@ bool CaptureInput::OpenFile(const std::string &path, const std::string &filter,
     m_buffer = std::make_unique<char[]>(kFileBuffer);
     std::setvbuf(file, m_buffer.get(), _IOFBF, kFileBuffer);
     // Only the reading thread ever touches the file, and libpcap reads it
-    // twice a packet: with workers running, each read would take and give
-    // back the stream's lock.
+    // twice a packet: in a process of more than one thread (kestcap always
+    // has two), each read would take and give back the stream's lock.
 #ifdef __linux__
     __fsetlocking(file, FSETLOCKING_BYCALLER);
 #endif
