@@ -15,11 +15,6 @@ bool Holds(oru::Conn &conn, uint32_t proto) {
 
 namespace {
 
-// The blanks the line reader passes over before a first line's first word.
-constexpr bool Blank(unsigned char c) {
-  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
 const oru::WebTransaction *Last(const oru::WebDpi::TransactionList &list) {
   return list.empty() ? nullptr : &list.back();
 }
@@ -77,10 +72,8 @@ bool LineLauncher::Start(const oru::kit::Spec &spec, const MessageOptions &optio
   m_options = &options;
   const Dialect &d = *options.dialect;
   const auto lead = [this](unsigned char c) { m_leads[c >> 6] |= uint64_t{1} << (c & 63); };
-  for (unsigned c = 0; c < 256; ++c) {
-    if (Blank(static_cast<unsigned char>(c))) {
-      lead(static_cast<unsigned char>(c));
-    }
+  for (unsigned char c : kBlanks) {
+    lead(c);
   }
   if (d.protocol != nullptr) {
     lead(static_cast<unsigned char>(d.protocol[0]));

@@ -429,7 +429,7 @@ Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect
                        const oru::WebMethodTable &methods, oru::WebLine &line, uint64_t &next) {
   const uint64_t end = flow.End();
   uint64_t p = from < flow.Begin() ? flow.Begin() : from;
-  for (char c = 0; p < end && ((c = flow.At(p)) == ' ' || c == '\t' || c == '\r' || c == '\n');) {
+  while (p < end && Blank(static_cast<unsigned char>(flow.At(p)))) {
     ++p;
   }
   const uint64_t nl = flow.Find(p, '\n', end);

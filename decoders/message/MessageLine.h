@@ -64,6 +64,17 @@ struct Dialect {
   bool hint_needs_text = false;
 };
 
+// The blanks the line reader passes over before a first line's first word.
+constexpr unsigned char kBlanks[] = {' ', '\t', '\r', '\n'};
+constexpr bool Blank(unsigned char c) {
+  for (unsigned char b : kBlanks) {
+    if (c == b) {
+      return true;
+    }
+  }
+  return false;
+}
+
 enum class FirstLine {
   kNeedMore, // a valid beginning so far
   kRequest,
