@@ -1,6 +1,9 @@
 #include "dns/DnsMessage.h"
 
+#include <kest/kit/AddressText.h>
 #include <kest/kit/ByteReader.h>
+#include <kest/kit/TextWriter.h>
+#include <string.h>
 
 namespace kest_dns {
 
@@ -20,29 +23,7 @@ constexpr size_t kMaxWireName = 255;
 // (see ReadName), which alone ends every walk; this only bounds the work.
 constexpr unsigned kMaxHops = 64;
 
-// Text with a fixed capacity that refuses, rather than cuts, what does not fit.
-struct Text {
-  char *buf;
-  size_t size;
-  size_t length;
-
-  bool Put(char c) {
-    if (length + 1 >= size) {
-      return false;
-    }
-    buf[length++] = c;
-    buf[length] = 0;
-    return true;
-  }
-  bool Put(const char *s) {
-    for (; *s != 0; ++s) {
-      if (!Put(*s)) {
-        return false;
-      }
-    }
-    return true;
-  }
-};
+using oru::kit::TextWriter;
 
 // The length of the well-formed UTF-8 sequence at `p` (before `end`), or 0.
 // Names of the local link (mDNS, LLMNR) are often UTF-8, and are best shown
@@ -78,16 +59,17 @@ size_t Utf8Length(const uint8_t *p, const uint8_t *end) {
 // A label byte as text: printable ASCII as it is, the separator and the
 // escape character escaped, anything else as "\DDD", so that the text stays
 // one unambiguous line whatever the label holds.
-bool PutLabelByte(Text &text, uint8_t b) {
+bool PutLabelByte(TextWriter &text, uint8_t b) {
   if (b == '.' || b == '\\') {
-    return text.Put('\\') && text.Put(static_cast<char>(b));
+    const char escaped[] = {'\\', static_cast<char>(b)};
+    return text.Put(escaped, sizeof escaped);
   }
   if (b >= 0x20 && b < 0x7F) {
     return text.Put(static_cast<char>(b));
   }
-  return text.Put('\\') && text.Put(static_cast<char>('0' + b / 100)) &&
-         text.Put(static_cast<char>('0' + b / 10 % 10)) &&
-         text.Put(static_cast<char>('0' + b % 10));
+  const char code[] = {'\\', static_cast<char>('0' + b / 100), static_cast<char>('0' + b / 10 % 10),
+                       static_cast<char>('0' + b % 10)};
+  return text.Put(code, sizeof code);
 }
 
 // Reads the name that starts at `pos` of the message. Its own bytes (up to
@@ -99,7 +81,7 @@ bool PutLabelByte(Text &text, uint8_t b) {
 // is the byte after the name's own bytes, and `text` (if any) holds the
 // dotted name, "." for the root.
 bool ReadName(const uint8_t *msg, size_t length, size_t pos, size_t limit, bool strict,
-              size_t &next, Text *text) {
+              size_t &next, TextWriter *text) {
   size_t cur = pos;
   size_t floor = pos;
   size_t bound = limit < length ? limit : length;
@@ -154,10 +136,8 @@ bool ReadName(const uint8_t *msg, size_t length, size_t pos, size_t limit, bool 
         continue;
       }
       const size_t utf8 = msg[i] >= 0x80 ? Utf8Length(msg + i, label_end) : 0;
-      for (size_t k = 0; k < utf8; ++k) {
-        if (!text->Put(static_cast<char>(msg[i + k]))) {
-          return false;
-        }
+      if (utf8 != 0 && !text->Put(reinterpret_cast<const char *>(msg + i), utf8)) {
+        return false;
       }
       if (utf8 != 0) {
         i += utf8 - 1;
@@ -234,13 +214,13 @@ void AddAnswer(Summary &out, bool &full, const char *answer) {
   if (full) {
     return;
   }
-  Text text{out.answers, sizeof out.answers, out.answers_length};
+  TextWriter text(out.answers, sizeof out.answers, out.answers_length);
   if ((out.answers_length != 0 && !text.Put(',')) || !text.Put(answer)) {
     out.answers[out.answers_length] = 0;
     full = true;
     return;
   }
-  out.answers_length = text.length;
+  out.answers_length = text.Length();
 }
 
 // The data of one record of the answer section, when it names something.
@@ -258,15 +238,14 @@ void ReadAnswer(const uint8_t *msg, size_t length, uint16_t type, uint16_t rclas
     a.ttl = ttl;
   }
   if (type == kTypeA && internet && rdlength == 4) {
-    FormatIpv4(msg + rdata, entry, sizeof entry);
+    oru::kit::FormatIpv4(msg + rdata, entry);
   } else if (type == kTypeAaaa && internet && rdlength == 16) {
-    FormatIpv6(msg + rdata, entry, sizeof entry);
+    FormatIpv6(msg + rdata, entry);
   } else if (type == kTypeCname || type == kTypePtr || type == kTypeNs || type == kTypeMx) {
     // An MX record names its exchange behind a two-byte preference.
     const size_t at = type == kTypeMx ? rdata + 2 : rdata;
-    Text text{entry, sizeof entry, 0};
+    TextWriter text(entry, sizeof entry);
     size_t next = 0;
-    entry[0] = 0;
     if (at >= rdata + rdlength ||
         !ReadName(msg, length, at, rdata + rdlength, false, next, &text)) {
       return;
@@ -295,8 +274,9 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
   out.arcount = oru::kit::LoadBe16(data + 10);
 
   size_t pos = kHeaderSize;
+  // The first question's name, as text.
+  TextWriter text(out.query, sizeof out.query);
   for (unsigned i = 0; i < out.qdcount; ++i) {
-    Text text{out.query, sizeof out.query, 0};
     size_t next = 0;
     bool holds = ReadName(data, length, pos, length, true, next, i == 0 ? &text : nullptr) &&
                  next + 4 <= length;
@@ -316,7 +296,7 @@ Verdict Parse(const uint8_t *data, size_t length, Summary &out) {
         return Verdict::kNotDns;
       }
       out.has_question = true;
-      out.query_length = text.length;
+      out.query_length = text.Length();
       out.qtype = qtype;
       out.qclass = qclass;
     }
@@ -361,14 +341,13 @@ size_t QuestionName(const uint8_t *data, size_t length, const Question &q, char 
   if (size == 0) {
     return 0;
   }
-  out[0] = 0;
-  Text text{out, size, 0};
+  TextWriter text(out, size);
   size_t next = 0;
   if (data == nullptr || !ReadName(data, length, q.at, length, false, next, &text)) {
     out[0] = 0;
     return 0;
   }
-  return text.length;
+  return text.Length();
 }
 
 bool PlausibleStart(const uint8_t *data, size_t available, size_t length) {
@@ -467,21 +446,13 @@ size_t FormatNamed(const char *name, unsigned value, char *out, size_t size) {
   if (size == 0) {
     return 0;
   }
-  Text text{out, size, 0};
-  out[0] = 0;
+  TextWriter text(out, size);
   if (name != nullptr) {
     text.Put(name);
-    return text.length;
+  } else {
+    text.Decimal(value);
   }
-  char digits[12];
-  size_t n = 0;
-  do {
-    digits[n++] = static_cast<char>('0' + value % 10);
-    value /= 10;
-  } while (value != 0);
-  while (n != 0 && text.Put(digits[--n])) {
-  }
-  return text.length;
+  return text.Length();
 }
 
 } // namespace
@@ -494,79 +465,14 @@ size_t FormatRcode(uint16_t rcode, char *out, size_t size) {
   return FormatNamed(RcodeName(rcode), rcode, out, size);
 }
 
-size_t FormatIpv4(const uint8_t *address, char *out, size_t size) {
-  if (size == 0) {
-    return 0;
+size_t FormatIpv6(const uint8_t *address, char *out) {
+  static constexpr uint8_t kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+  if (memcmp(address, kMapped, sizeof kMapped) != 0) {
+    return oru::kit::FormatIpv6(address, out);
   }
-  Text text{out, size, 0};
-  out[0] = 0;
-  for (int i = 0; i < 4; ++i) {
-    char number[4];
-    FormatNamed(nullptr, address[i], number, sizeof number);
-    if ((i != 0 && !text.Put('.')) || !text.Put(number)) {
-      break;
-    }
-  }
-  return text.length;
-}
-
-size_t FormatIpv6(const uint8_t *address, char *out, size_t size) {
-  if (size == 0) {
-    return 0;
-  }
-  Text text{out, size, 0};
-  out[0] = 0;
-  uint16_t groups[8];
-  for (int i = 0; i < 8; ++i) {
-    groups[i] = oru::kit::LoadBe16(address + 2 * i);
-  }
-  // IPv4-mapped addresses keep the IPv4 part dotted.
-  if (groups[0] == 0 && groups[1] == 0 && groups[2] == 0 && groups[3] == 0 && groups[4] == 0 &&
-      groups[5] == 0xFFFF) {
-    char v4[16];
-    FormatIpv4(address + 12, v4, sizeof v4);
-    text.Put("::ffff:");
-    text.Put(v4);
-    return text.length;
-  }
-  // The longest run of two or more zero groups, the first of equals.
-  int best = -1;
-  int best_length = 1;
-  for (int i = 0; i < 8;) {
-    if (groups[i] != 0) {
-      ++i;
-      continue;
-    }
-    int j = i;
-    while (j < 8 && groups[j] == 0) {
-      ++j;
-    }
-    if (j - i > best_length) {
-      best = i;
-      best_length = j - i;
-    }
-    i = j;
-  }
-  static const char kHex[] = "0123456789abcdef";
-  for (int i = 0; i < 8; ++i) {
-    if (i == best) {
-      text.Put("::");
-      i += best_length - 1;
-      continue;
-    }
-    if (i != 0 && i != best + best_length) {
-      text.Put(':');
-    }
-    bool started = false;
-    for (int shift = 12; shift >= 0; shift -= 4) {
-      const int nibble = groups[i] >> shift & 0xF;
-      if (nibble != 0 || started || shift == 0) {
-        text.Put(kHex[nibble]);
-        started = true;
-      }
-    }
-  }
-  return text.length;
+  // A mapped IPv4 address keeps its IPv4 part dotted.
+  memcpy(out, "::ffff:", 7);
+  return 7 + oru::kit::FormatIpv4(address + 12, out + 7);
 }
 
 } // namespace kest_dns

@@ -116,11 +116,10 @@ const char *RcodeName(uint16_t rcode);
 size_t FormatType(uint16_t type, char *out, size_t size);
 size_t FormatRcode(uint16_t rcode, char *out, size_t size);
 
-// Address text: dotted IPv4, and IPv6 with the longest run of zero groups
-// shortened (RFC 5952). Both write a terminating zero and return the length;
-// `size` of 46 suffices.
-size_t FormatIpv4(const uint8_t *address, char *out, size_t size);
-size_t FormatIpv6(const uint8_t *address, char *out, size_t size);
+// An answer's IPv6 address as text: the kit's canonical form, but a mapped
+// IPv4 address as "::ffff:" and the dotted IPv4 address. `out` takes 46
+// bytes; returns the length.
+size_t FormatIpv6(const uint8_t *address, char *out);
 
 } // namespace kest_dns
 

@@ -3,6 +3,7 @@
 #include <kest.h>
 #include <kest/kit/AddressText.h>
 #include <kest/kit/ByteReader.h>
+#include <kest/kit/TextWriter.h>
 #include <string.h>
 
 namespace kest_tls {
@@ -56,56 +57,10 @@ bool Same(ByteReader r, const uint8_t *bytes, size_t n) {
   return r.Left() == n && memcmp(r.Here(), bytes, n) == 0;
 }
 
-// Text written into a fixed buffer; a piece that does not fit is refused
-// whole, and the text goes back to where the piece began.
-class Text {
-public:
-  Text(char *out, size_t capacity) : m_out(out), m_capacity(capacity) { m_out[0] = '\0'; }
-  size_t Mark() const { return m_used; }
-  void Back(size_t mark) {
-    m_used = mark;
-    m_out[m_used] = '\0';
-  }
-  bool Put(char c) {
-    if (m_used >= m_capacity) {
-      return false;
-    }
-    m_out[m_used++] = c;
-    m_out[m_used] = '\0';
-    return true;
-  }
-  bool Put(const char *s) {
-    for (; *s != 0; ++s) {
-      if (!Put(*s)) {
-        return false;
-      }
-    }
-    return true;
-  }
-  bool Number(uint64_t v) {
-    char digits[24];
-    int n = 0;
-    do {
-      digits[n++] = static_cast<char>('0' + v % 10);
-      v /= 10;
-    } while (v != 0);
-    while (n > 0) {
-      if (!Put(digits[--n])) {
-        return false;
-      }
-    }
-    return true;
-  }
-  uint16_t Length() const { return static_cast<uint16_t>(m_used); }
-
-private:
-  char *m_out;
-  size_t m_capacity;
-  size_t m_used = 0;
-};
+using oru::kit::TextWriter;
 
 // An object identifier in dotted form.
-bool PutOid(Text &text, ByteReader oid) {
+bool PutOid(TextWriter &text, ByteReader oid) {
   if (oid.Empty()) {
     return false;
   }
@@ -123,18 +78,18 @@ bool PutOid(Text &text, ByteReader oid) {
     }
     if (first) {
       const uint64_t top = v < 40 ? 0 : v < 80 ? 1 : 2;
-      if (!text.Number(top) || !text.Put('.') || !text.Number(v - 40 * top)) {
+      if (!text.Decimal(top) || !text.Put('.') || !text.Decimal(v - 40 * top)) {
         return false;
       }
       first = false;
-    } else if (!text.Put('.') || !text.Number(v)) {
+    } else if (!text.Put('.') || !text.Decimal(v)) {
       return false;
     }
   }
   return true;
 }
 
-bool PutValue(Text &text, uint32_t tag, ByteReader value) {
+bool PutValue(TextWriter &text, uint32_t tag, ByteReader value) {
   const bool bmp = tag == kBmpString;
   while (!value.Empty()) {
     uint32_t c = value.U8();
@@ -154,7 +109,7 @@ bool PutValue(Text &text, uint32_t tag, ByteReader value) {
 }
 
 // One AttributeTypeAndValue: "type=value".
-bool PutAttribute(Text &text, ByteReader type, uint32_t tag, ByteReader value) {
+bool PutAttribute(TextWriter &text, ByteReader type, uint32_t tag, ByteReader value) {
   for (const Known &known : kAttributeTypes) {
     if (Same(type, known.bytes, known.length)) {
       return text.Put(known.name) && text.Put('=') && PutValue(text, tag, value);
@@ -167,7 +122,7 @@ bool PutAttribute(Text &text, ByteReader type, uint32_t tag, ByteReader value) {
 // relative name first. The relative names are found again from the start
 // for each one written: a name has few, and nothing is kept.
 bool ReadName(ByteReader name, char *out, uint16_t &out_length, CertificateInfo *cert) {
-  Text text(out, CertificateInfo::kMaxText);
+  TextWriter text(out, CertificateInfo::kMaxText + 1);
   size_t count = 0;
   for (ByteReader r = name; !r.Empty();) {
     uint32_t tag = 0;
@@ -214,7 +169,7 @@ bool ReadName(ByteReader name, char *out, uint16_t &out_length, CertificateInfo 
       cut = true;
     }
   }
-  out_length = text.Length();
+  out_length = static_cast<uint16_t>(text.Length());
   return true;
 }
 
@@ -249,7 +204,7 @@ bool ReadSan(ByteReader names, CertificateInfo &out) {
   }
   out.san_der = list.Here();
   out.san_der_length = list.Left();
-  Text text(out.san, CertificateInfo::kMaxText);
+  TextWriter text(out.san, sizeof out.san);
   bool cut = false;
   while (!list.Empty()) {
     uint32_t tag = 0;
@@ -285,7 +240,7 @@ bool ReadSan(ByteReader names, CertificateInfo &out) {
       cut = true;
     }
   }
-  out.san_length = text.Length();
+  out.san_length = static_cast<uint16_t>(text.Length());
   return true;
 }
 

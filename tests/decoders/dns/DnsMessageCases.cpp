@@ -37,7 +37,7 @@ TEST(DnsMessage, Ipv6Text) {
   for (const auto &c : cases) {
     char text[46];
     const Bytes a = Hex(c.hex);
-    EXPECT_EQ(kest_dns::FormatIpv6(a.data(), text, sizeof text), strlen(c.text));
+    EXPECT_EQ(kest_dns::FormatIpv6(a.data(), text), strlen(c.text));
     EXPECT_STREQ(text, c.text);
   }
 }
