@@ -46,11 +46,12 @@
 namespace {
 
 using kest_tls::HelloInfo;
+using kest_tls::kAlpn;
+using kest_tls::kCertificate;
+using kest_tls::kVersion;
 using oru::kit::ByteReader;
 using oru::kit::LoadBe32;
 using oru::kit::Verdict;
-
-enum Attribute { kServerName, kAlpn, kVersion, kFingerprint, kCertificate };
 
 enum : uint8_t {
   kChangeCipherSpec = 20,
@@ -361,22 +362,11 @@ private:
     side.parsed = true;
     s.Name();
     if (hello.type == kest_tls::kClientHello) {
-      kest_tls::HelloRisks(hello, kest_tls::OfferedVersion(hello), c.hello_risks);
+      kest_tls::ReportClientHello(s, hello, c.hello_risks);
       if (hello.has_server_name) {
-        s.Publish(kServerName, hello.server_name, hello.server_name_length);
         c.has_server_name = true;
         c.server_name_length = hello.server_name_length;
         memcpy(c.server_name, hello.server_name, hello.server_name_length + 1u);
-        oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
-                                   oru::SERVICE_SOURCE_SNI);
-      }
-      if (hello.has_alpn) {
-        s.Publish(kAlpn, hello.alpn, hello.alpn_length);
-      }
-      if (s.registration().Id(kFingerprint) > 0) {
-        char fingerprint[kest_tls::kFingerprintSize];
-        kest_tls::ClientFingerprint(hello, fingerprint);
-        s.Publish(kFingerprint, fingerprint);
       }
       return;
     }

@@ -1,20 +1,24 @@
-// What the TLS and DTLS decoders report of a server's leaf certificate and
-// of the versions and suite its hellos settle on: the certificate
-// attributes (both decoders' Specs list them in kCertificateAttributes'
-// order, from their own first index) and the TLS risks of kest/kit/Risks.h.
+// What the TLS and DTLS decoders report of a client's hello, of a server's
+// leaf certificate and of the versions and suite the hellos settle on: the
+// attributes (both decoders' Specs list them in HelloAttribute's order, the
+// certificate's last in CertificateAttribute's) and the TLS risks of
+// kest/kit/Risks.h.
 #ifndef KEST_DECODERS_TLS_CERTIFICATEREPORT_H
 #define KEST_DECODERS_TLS_CERTIFICATEREPORT_H
 
 #include "tls/Certificate.h"
+#include "tls/TlsFingerprint.h"
 #include "tls/TlsHello.h"
 
 #include <kest.h>
 #include <kest/Clock.h>
 #include <kest/kit/Risks.h>
+#include <kest/kit/Services.h>
 
 namespace kest_tls {
 
-// In this order in a Spec.
+// In this order in a Spec; kCertificate is the first of the certificate's.
+enum HelloAttribute { kServerName, kAlpn, kVersion, kFingerprint, kCertificate };
 enum CertificateAttribute { kSubject, kIssuer, kNotBefore, kNotAfter, kSan, kCertificateCount };
 
 // The connection's time in seconds since 1970. When the host sets the clock
@@ -51,6 +55,26 @@ inline void HelloRisks(const HelloInfo &hello, uint16_t version, uint32_t &raise
 inline uint16_t OfferedVersion(const HelloInfo &client_hello) {
   return client_hello.supported_version != 0 ? client_hello.supported_version
                                              : client_hello.legacy_version;
+}
+
+// Reports a client's hello: its risks into `raised`, the server name (to
+// the service catalogue too), the offered ALPN list, and the fingerprint
+// when someone listens to it.
+template <class S> void ReportClientHello(S &s, const HelloInfo &hello, uint32_t &raised) {
+  HelloRisks(hello, OfferedVersion(hello), raised);
+  if (hello.has_server_name) {
+    s.Publish(kServerName, hello.server_name, hello.server_name_length);
+    oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
+                               oru::SERVICE_SOURCE_SNI);
+  }
+  if (hello.has_alpn) {
+    s.Publish(kAlpn, hello.alpn, hello.alpn_length);
+  }
+  if (s.registration().Id(kFingerprint) > 0) {
+    char fingerprint[kFingerprintSize];
+    ClientFingerprint(hello, fingerprint);
+    s.Publish(kFingerprint, fingerprint);
+  }
 }
 
 // Whether anyone listens to what the leaf certificate gives (its attributes

@@ -22,10 +22,11 @@ namespace {
 
 using kest_tls::HelloAssembler;
 using kest_tls::HelloInfo;
+using kest_tls::kAlpn;
+using kest_tls::kCertificate;
+using kest_tls::kVersion;
 using oru::kit::ByteReader;
 using oru::kit::Verdict;
-
-enum Attribute { kServerName, kAlpn, kVersion, kFingerprint, kCertificate };
 
 // Runs of bytes (one per packet, in order) a side may send after its hello
 // while the other side says nothing, before the wait for the other hello
@@ -185,21 +186,10 @@ private:
     // A connection that refuses the name is asked again at the next hello.
     s.Name();
     if (hello.type == kest_tls::kClientHello) {
-      kest_tls::HelloRisks(hello, kest_tls::OfferedVersion(hello), state.hello_risks);
-      if (hello.has_server_name) {
-        s.Publish(kServerName, hello.server_name, hello.server_name_length);
-        oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
-                                   oru::SERVICE_SOURCE_SNI);
-      }
+      kest_tls::ReportClientHello(s, hello, state.hello_risks);
       if (hello.has_alpn) {
         state.client_alpn = true;
         state.server_alpn_pending = false;
-        s.Publish(kAlpn, hello.alpn, hello.alpn_length);
-      }
-      if (s.registration().Id(kFingerprint) > 0) {
-        char fingerprint[kest_tls::kFingerprintSize];
-        kest_tls::ClientFingerprint(hello, fingerprint);
-        s.Publish(kFingerprint, fingerprint);
       }
       return;
     }
