@@ -155,8 +155,7 @@ private:
     if (!header.long_form && header.header_length != 0 &&
         kest_quic::FindChloServerName(data + header.header_length, length - header.header_length,
                                       name, name_length)) {
-      s.Publish(kServerName, name, name_length);
-      oru::kit::ReportServerName(name, name_length, oru::SERVICE_SOURCE_SNI);
+      oru::kit::PublishServerName(s, kServerName, name, name_length, oru::SERVICE_SOURCE_SNI);
     }
   }
 
@@ -240,9 +239,8 @@ private:
       return;
     }
     if (hello.has_server_name) {
-      s.Publish(kServerName, hello.server_name, hello.server_name_length);
-      oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
-                                 oru::SERVICE_SOURCE_SNI);
+      oru::kit::PublishServerName(s, kServerName, hello.server_name, hello.server_name_length,
+                                  oru::SERVICE_SOURCE_SNI);
     }
     if (hello.has_alpn) {
       s.Publish(kAlpn, hello.alpn, hello.alpn_length);

@@ -63,9 +63,8 @@ inline uint16_t OfferedVersion(const HelloInfo &client_hello) {
 template <class S> void ReportClientHello(S &s, const HelloInfo &hello, uint32_t &raised) {
   HelloRisks(hello, OfferedVersion(hello), raised);
   if (hello.has_server_name) {
-    s.Publish(kServerName, hello.server_name, hello.server_name_length);
-    oru::kit::ReportServerName(hello.server_name, hello.server_name_length,
-                               oru::SERVICE_SOURCE_SNI);
+    oru::kit::PublishServerName(s, kServerName, hello.server_name, hello.server_name_length,
+                                oru::SERVICE_SOURCE_SNI);
   }
   if (hello.has_alpn) {
     s.Publish(kAlpn, hello.alpn, hello.alpn_length);

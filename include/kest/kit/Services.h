@@ -28,6 +28,15 @@ inline void ReportServerName(const void *name, size_t length, oru::ServiceSource
   }
 }
 
+// A decoder's own server-name attribute (Spec attribute `attribute`),
+// published and reported for service naming in one step.
+template <class S>
+void PublishServerName(S &s, int attribute, const void *name, size_t length,
+                       oru::ServiceSource source) {
+  s.Publish(attribute, name, length);
+  ReportServerName(name, length, source);
+}
+
 // A DNS answer: `address` (4 or 16 bytes) serves `name` for `ttl` seconds.
 inline void ReportDnsAnswer(const uint8_t *address, size_t address_length, const char *name,
                             size_t length, uint32_t ttl) {
