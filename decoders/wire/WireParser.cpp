@@ -327,6 +327,13 @@ bool QuotedFlow(const ParsedPacket &icmp, ParsedPacket &quoted) {
 
 namespace {
 
+// The packet `skip` bytes into the tunnel's payload `p` (of `n` bytes).
+bool Found(InnerPacket &inner, TunnelKind kind, PacketForm form, const uint8_t *p, uint32_t n,
+           uint32_t skip) {
+  inner = InnerPacket{kind, form, p + skip, n - skip};
+  return true;
+}
+
 bool Gre(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   if (n < 4) {
     return false;
@@ -344,16 +351,9 @@ bool Gre(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   }
   const uint16_t type = oru::kit::LoadBe16(p + 2);
   if (type == kEtherIpv4 || type == kEtherIpv6) {
-    inner.form = PacketForm::kIp;
-  } else if (type == 0x6558) {
-    inner.form = PacketForm::kEthernet;
-  } else {
-    return false;
+    return Found(inner, TunnelKind::kGre, PacketForm::kIp, p, n, header);
   }
-  inner.kind = TunnelKind::kGre;
-  inner.data = p + header;
-  inner.length = n - header;
-  return true;
+  return type == 0x6558 && Found(inner, TunnelKind::kGre, PacketForm::kEthernet, p, n, header);
 }
 
 bool GtpU(const uint8_t *p, uint32_t n, InnerPacket &inner) {
@@ -384,22 +384,14 @@ bool GtpU(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   if (n <= header || ((p[header] >> 4) != 4 && (p[header] >> 4) != 6)) {
     return false;
   }
-  inner.kind = TunnelKind::kGtpU;
-  inner.form = PacketForm::kIp;
-  inner.data = p + header;
-  inner.length = n - header;
-  return true;
+  return Found(inner, TunnelKind::kGtpU, PacketForm::kIp, p, n, header);
 }
 
 bool Vxlan(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   if (n < 8 + 14 || (p[0] & 0x08) == 0) {
     return false;
   }
-  inner.kind = TunnelKind::kVxlan;
-  inner.form = PacketForm::kEthernet;
-  inner.data = p + 8;
-  inner.length = n - 8;
-  return true;
+  return Found(inner, TunnelKind::kVxlan, PacketForm::kEthernet, p, n, 8);
 }
 
 // Teredo: an IPv6 packet alone in a UDP datagram, after an optional
@@ -427,11 +419,7 @@ bool Teredo(const uint8_t *p, uint32_t n, InnerPacket &inner) {
   if (!tunnelled(p + at + 8) && !tunnelled(p + at + 24)) {
     return false;
   }
-  inner.kind = TunnelKind::kTeredo;
-  inner.form = PacketForm::kIp;
-  inner.data = p + at;
-  inner.length = n - at;
-  return true;
+  return Found(inner, TunnelKind::kTeredo, PacketForm::kIp, p, n, at);
 }
 
 } // namespace
@@ -446,10 +434,7 @@ bool Decapsulate(const ParsedPacket &outer, InnerPacket &inner) {
   switch (outer.protocol) {
   case 4:
   case 41:
-    inner.kind = TunnelKind::kIpInIp;
-    inner.data = p;
-    inner.length = n;
-    return n != 0;
+    return n != 0 && Found(inner, TunnelKind::kIpInIp, PacketForm::kIp, p, n, 0);
   case 47:
     return Gre(p, n, inner);
   case 17:
