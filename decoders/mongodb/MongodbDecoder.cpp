@@ -85,17 +85,6 @@ struct Mongodb {
     }
   }
 
-  // Text up to its NUL, passed; false without one.
-  static bool CString(ByteReader &r, const char *&text, uint32_t &n) {
-    text = reinterpret_cast<const char *>(r.Here());
-    const void *end = memchr(text, 0, r.Left());
-    if (end == nullptr) {
-      return false;
-    }
-    n = static_cast<uint32_t>(static_cast<const char *>(end) - text);
-    return r.Skip(n + 1);
-  }
-
   // What a document says of its command: its first key, that key's value
   // when a string, and the "$db" element's string.
   struct Command {
@@ -138,7 +127,7 @@ struct Mongodb {
     case 0x0b: { // a pattern and its options
       const char *text = nullptr;
       uint32_t a = 0, b = 0;
-      return CString(r, text, a) && CString(r, text, b) ? a + b + 2 : -1;
+      return r.CString(text, a) && r.CString(text, b) ? a + b + 2 : -1;
     }
     case 0x0c:
       return 4 + static_cast<int64_t>(r.U32Le()) + 12; // DB pointer
@@ -168,7 +157,7 @@ struct Mongodb {
       }
       const char *key = nullptr;
       uint32_t n = 0;
-      if (!CString(body, key, n)) {
+      if (!body.CString(key, n)) {
         return !whole;
       }
       const int64_t value = ValueSize(type, body);
@@ -245,7 +234,7 @@ struct Mongodb {
     }
     case kQuery: {
       r.Skip(4); // flags
-      ok = answers == 0 && CString(r, collection, n) && n > 2 && Printable(collection, n) &&
+      ok = answers == 0 && r.CString(collection, n) && n > 2 && Printable(collection, n) &&
            memchr(collection, '.', n) != nullptr && r.Skip(8) &&
            Document(r, room - 4 - (n + 1) - 8, c);
       const bool command = n > 5 && memcmp(collection + n - 5, ".$cmd", 5) == 0;
@@ -273,7 +262,7 @@ struct Mongodb {
     case kGetMore:
     case kDelete:
       r.Skip(4); // a reserved zero (OP_INSERT: its flags)
-      ok = answers == 0 && CString(r, collection, n) && n > 2 && Printable(collection, n) &&
+      ok = answers == 0 && r.CString(collection, n) && n > 2 && Printable(collection, n) &&
            memchr(collection, '.', n) != nullptr;
       break;
     case kKillCursors: {

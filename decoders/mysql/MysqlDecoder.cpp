@@ -51,22 +51,11 @@ struct Mysql {
     Side side[2];
   };
 
-  // NUL-terminated text at the front of `r`, passed; false without its NUL.
-  static bool CString(ByteReader &r, const char *&text, uint32_t &n) {
-    text = reinterpret_cast<const char *>(r.Here());
-    const void *end = memchr(text, 0, r.Left());
-    if (end == nullptr) {
-      return false;
-    }
-    n = static_cast<uint32_t>(static_cast<const char *>(end) - text);
-    return r.Skip(n + 1);
-  }
-
   // The server's greeting, protocol 10.
   static bool Greeting(Session<Mysql> &s, ByteReader r) {
     const char *version = nullptr;
     uint32_t n = 0;
-    if (r.U8() != 10 || !CString(r, version, n) || n == 0 || !Printable(version, n)) {
+    if (r.U8() != 10 || !r.CString(version, n) || n == 0 || !Printable(version, n)) {
       return false;
     }
     // Connection id, the scramble's first part, a filler of zero.
@@ -109,7 +98,7 @@ struct Mysql {
     }
     const char *user = nullptr;
     uint32_t n = 0;
-    if (!CString(r, user, n) || !Printable(user, n) || !s.Name()) {
+    if (!r.CString(user, n) || !Printable(user, n) || !s.Name()) {
       return Verdict::kNotMine;
     }
     if (n != 0) {
@@ -126,11 +115,11 @@ struct Mysql {
     } else {
       const char *text = nullptr;
       uint32_t m = 0;
-      CString(r, text, m);
+      r.CString(text, m);
     }
     r.Skip(static_cast<size_t>(auth));
     const char *database = nullptr;
-    if ((caps & kConnectWithDb) != 0 && CString(r, database, n) && n != 0) {
+    if ((caps & kConnectWithDb) != 0 && r.CString(database, n) && n != 0) {
       s.Publish(kDatabase, database, n);
     }
     return Verdict::kNamed;

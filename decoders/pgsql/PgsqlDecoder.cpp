@@ -159,23 +159,19 @@ struct Pgsql {
   // published when `publish` (once they were found to frame).
   static bool Parameters(Session<Pgsql> &s, ByteReader r, bool whole, bool publish) {
     for (;;) {
-      const char *name = reinterpret_cast<const char *>(r.Here());
-      const void *end = memchr(name, 0, r.Left());
-      if (end == nullptr) {
+      const char *name = nullptr;
+      uint32_t n = 0;
+      if (!r.CString(name, n)) {
         return !whole;
       }
-      const uint32_t n = static_cast<uint32_t>(static_cast<const char *>(end) - name);
-      r.Skip(n + 1);
       if (n == 0) {
         return !whole || r.Empty();
       }
-      const char *value = reinterpret_cast<const char *>(r.Here());
-      const void *value_end = memchr(value, 0, r.Left());
-      if (value_end == nullptr) {
+      const char *value = nullptr;
+      uint32_t m = 0;
+      if (!r.CString(value, m)) {
         return !whole;
       }
-      const uint32_t m = static_cast<uint32_t>(static_cast<const char *>(value_end) - value);
-      r.Skip(m + 1);
       if (!Printable(name, n)) {
         return false;
       }

@@ -15,6 +15,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 namespace oru::kit {
 
@@ -92,6 +93,18 @@ public:
   }
 
   bool Skip(size_t n) { return Take(n); }
+  // Text ended by a NUL (the C strings of MySQL, PostgreSQL, MongoDB): its
+  // first byte and length without the NUL, which is passed too. Without a
+  // NUL, false, and nothing moves (the reader stays Ok).
+  bool CString(const char *&text, uint32_t &n) {
+    text = reinterpret_cast<const char *>(m_p);
+    const void *end = m_left != 0 ? memchr(m_p, 0, m_left) : nullptr;
+    if (end == nullptr) {
+      return false;
+    }
+    n = static_cast<uint32_t>(static_cast<const char *>(end) - text);
+    return Take(n + 1u);
+  }
   // Passes `n` bytes when they equal `bytes`; otherwise moves nothing and
   // results in false (the reader stays Ok).
   bool Expect(const void *bytes, size_t n) {
