@@ -17,8 +17,8 @@ TransportConn *TransportConn::Make(const oru::Tuple &tuple, oru::IClassify *clas
 TransportConn::TransportConn(const oru::Tuple &tuple, oru::IClassify *classify, ConnTable *table)
     : m_prev(nullptr), m_next(nullptr), m_index_next(nullptr),
       m_index_hash(0), m_event{0, 0}, m_seq_known{0, 0}, m_fin{0, 0}, m_seen{0, 0}, m_aged(0),
-      m_closed(0), m_age(0), m_gate{}, m_gate_first{}, m_gate_started{0, 0}, m_spoke(0),
-      m_opened(0), m_port_judged(0), m_classify(classify), m_table(table) {
+      m_closed(0), m_age(0), m_gate_started{0, 0}, m_spoke(0), m_opened(0),
+      m_port_judged(0), m_gate{}, m_gate_first{}, m_classify(classify), m_table(table) {
   m_tuple = tuple;
 }
 
