@@ -114,7 +114,7 @@ private:
 
 // A busy link holds tens of thousands of these at once; a few bytes more
 // would move every one of them to the allocators' next size class (448 to
-// 512 bytes with jemalloc), a sixth more memory.
+// 512 bytes with jemalloc), a seventh more memory.
 static_assert(sizeof(void *) != 8 || sizeof(TransportConn) <= 448,
               "a transport connection outgrew its allocation size class");
 
