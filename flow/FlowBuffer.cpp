@@ -113,7 +113,8 @@ uint64_t FlowBuffer::End() const {
   if (first == m_blocks.end()) {
     return m_next_pos;
   }
-  if (m_blocks.find(m_last_start) == m_blocks.end()) {
+  // Most buffers hold one block, which is then the newest: no search.
+  if (first->first != m_last_start && m_blocks.find(m_last_start) == m_blocks.end()) {
     return first->first;
   }
   return first->first + (static_cast<uint32_t>(m_next_pos) - static_cast<uint32_t>(first->first));
@@ -344,19 +345,8 @@ const char *ScanByte(const char *p, uint64_t n, char byte) {
 
 const FlowBuffer::Block *FlowBuffer::GetBlock(unsigned long long pos,
                                               unsigned long long &start) const {
-  if (m_blocks.empty()) {
-    return nullptr;
-  }
-  BlockMap::const_iterator it = m_blocks.lower_bound(pos);
-  if (it == m_blocks.end()) {
-    it = m_blocks.last();
-  } else if (it->first != pos) {
-    if (it == m_blocks.begin()) {
-      return nullptr;
-    }
-    it = BlockMap::prev(it);
-  }
-  if (pos < it->first + it->second.size) {
+  const BlockMap::const_iterator it = m_blocks.at_or_before(pos);
+  if (it != m_blocks.end() && pos < it->first + it->second.size) {
     start = it->first;
     return &it->second;
   }
@@ -499,21 +489,40 @@ int FlowBuffer::ReverseCompare(unsigned long long pos, const char *text, unsigne
 
 unsigned long long FlowBuffer::Find(unsigned long long pos, char byte,
                                     unsigned long long limit) const {
-  const unsigned long long end = End();
-  if (Begin() > pos) {
+  // Begin() and End() from one walk to the first block: the line readers ask
+  // many times a message, most often from the first block on.
+  const BlockMap::const_iterator first = m_blocks.begin();
+  if (first == m_blocks.end()) {
+    return m_next_pos;
+  }
+  const unsigned long long begin = first->first;
+  const bool newest_kept = begin == m_last_start || m_blocks.find(m_last_start) != m_blocks.end();
+  const unsigned long long end =
+      newest_kept ? begin + (static_cast<uint32_t>(m_next_pos) - static_cast<uint32_t>(begin))
+                  : begin;
+  if (begin > pos) {
     return end;
   }
   if (end < limit) {
     limit = end;
   }
-  BlockMap::const_iterator next = m_blocks.end();
-  bool have_next = false;
+  // The block after the one scanned last, once known.
+  BlockMap::const_iterator next = first;
+  ++next;
+  // The first block answers for `pos` as a look-up would when no later block
+  // starts at or before `pos`.
+  bool in_first = pos - begin < first->second.size && (next == m_blocks.end() || next->first > pos);
+  bool have_next = in_first;
   while (pos < limit) {
     // The block that follows the one just scanned answers for `pos` when
     // its key is `pos`, as a look-up would; otherwise look it up.
     unsigned long long start;
     const Block *block;
-    if (have_next && next != m_blocks.end() && next->first == pos) {
+    if (in_first) {
+      start = begin;
+      block = &first->second;
+      in_first = false;
+    } else if (have_next && next != m_blocks.end() && next->first == pos) {
       start = pos;
       block = &next->second;
       ++next;

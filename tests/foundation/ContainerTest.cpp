@@ -152,7 +152,8 @@ template <class A> struct MapOf {
   static bool Erase(C &c, int k) { return c.erase(k); }
   static void Order(Pairs &model, size_t /*touched*/) { std::sort(model.begin(), model.end()); }
   // Erase does not rebalance: heights are checked while nothing was erased.
-  // Also the walk down from the greatest key, and lower_bound of a random key.
+  // Also the walk down from the greatest key, and lower_bound and at_or_before
+  // of a random key.
   static Pairs Contents(const C &c, bool balanced, std::mt19937 &random) {
     const size_t count = CheckAvl(c, balanced);
     Pairs out, down;
@@ -168,6 +169,10 @@ template <class A> struct MapOf {
     auto want = std::lower_bound(out.begin(), out.end(), std::make_pair(probe, INT32_MIN));
     auto got = c.lower_bound(probe);
     EXPECT_EQ(got == c.end() ? -1000 : got->first, want == out.end() ? -1000 : want->first);
+    auto after = std::upper_bound(out.begin(), out.end(), std::make_pair(probe, INT32_MAX));
+    auto floor = c.at_or_before(probe);
+    EXPECT_EQ(floor == c.end() ? -1000 : floor->first,
+              after == out.begin() ? -1000 : std::prev(after)->first);
     return out;
   }
 };

@@ -192,6 +192,22 @@ public:
     return const_iterator(bound(key));
   }
 
+  // The last element that `key` does not compare less than (the greatest at
+  // or before it), or end(): one walk down, where prev(upper bound) takes two.
+  template <class Key> const_iterator at_or_before(const Key &key) const {
+    const Compare less;
+    const node *found = nullptr;
+    for (const node *n = m_root; n != nullptr;) {
+      if (less(key, n->m_value)) {
+        n = n->m_left;
+      } else {
+        found = n;
+        n = n->m_right;
+      }
+    }
+    return const_iterator(found);
+  }
+
   bool empty() const { return m_root == nullptr; }
 
   // Walks the tree.

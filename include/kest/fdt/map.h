@@ -78,6 +78,11 @@ public:
     return m_tree.lower_bound(key);
   }
 
+  // The element with the greatest key not above `key`, or end().
+  template <class Key> const_iterator at_or_before(const Key &key) const {
+    return m_tree.at_or_before(key);
+  }
+
   void erase(iterator pos) { m_tree.erase(pos); }
 
   // Whether there was an element with this key.
