@@ -1,6 +1,5 @@
 #include <kest/KeyValueHeader.h>
-
-#include <string.h>
+#include <kest/kit/FlowView.h>
 
 namespace oru {
 
@@ -10,35 +9,7 @@ bool Blank(char c) {
   return c == ' ' || c == '\t';
 }
 
-// The flow's bytes from a position to its end when one block holds them
-// all, as a header mostly lies: read in place, without a block look-up per
-// byte. Find answers as FlowBuffer::Find does (the end when nothing).
-class InPlace {
-public:
-  InPlace(const char *data, unsigned long long origin, unsigned long long end)
-      : m_data(data), m_origin(origin), m_end(end) {}
-
-  unsigned long long Find(unsigned long long pos, char byte, unsigned long long limit) const {
-    if (limit > m_end) {
-      limit = m_end;
-    }
-    if (pos >= limit) {
-      return m_end;
-    }
-    const void *hit = memchr(m_data + (pos - m_origin), byte, limit - pos);
-    return hit != nullptr
-               ? m_origin + static_cast<unsigned long long>(static_cast<const char *>(hit) - m_data)
-               : m_end;
-  }
-  char At(unsigned long long pos) const { return m_data[pos - m_origin]; }
-
-private:
-  const char *m_data;
-  unsigned long long m_origin;
-  unsigned long long m_end;
-};
-
-// KeyValueHeader::Parse over `flow`'s bytes (a FlowBuffer or InPlace) up
+// KeyValueHeader::Parse over `flow`'s bytes (a FlowBuffer or a FlowTail) up
 // to `end`.
 template <class Bytes>
 bool ParseLines(KeyValueHeader &header, const Bytes &flow, unsigned long long &pos,
@@ -100,13 +71,13 @@ bool KeyValueHeader::Parse(const FlowBuffer &flow, unsigned long long &pos) {
     return true;
   }
   m_flow = &flow;
-  const unsigned long long end = flow.End();
-  unsigned long long start = 0;
-  const FlowBuffer::Block *block = pos < end ? flow.GetBlock(pos, start) : nullptr;
-  if (block != nullptr && start + block->size == end) {
-    return ParseLines(*this, InPlace(block->data, start, end), pos, end);
+  // A head mostly lies in one block: read in place, without a block look-up
+  // per byte.
+  const kit::FlowTail tail(flow, pos);
+  if (tail.Whole()) {
+    return ParseLines(*this, tail, pos, tail.End());
   }
-  return ParseLines(*this, flow, pos, end);
+  return ParseLines(*this, flow, pos, flow.End());
 }
 
 bool KeyValueHeader::Parse(const FlowBuffer &flow) {

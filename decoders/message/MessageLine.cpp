@@ -405,15 +405,16 @@ namespace {
 
 // Whether the bytes [from, to) are one of the dialect's versions, whole:
 // every request line is asked, so the words are compared in place.
-bool WholeVersion(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, const Dialect &d) {
+template <class Bytes>
+bool WholeVersion(const Bytes &bytes, uint64_t from, uint64_t to, const Dialect &d) {
   for (size_t i = 0; i < d.version_count; ++i) {
     const Word &v = d.versions[i];
     if (to - from != uint64_t{v.length} + d.version_digits ||
-        flow.Compare(from, v.text, v.length) != 0) {
+        bytes.Compare(from, v.text, v.length) != 0) {
       continue;
     }
     uint64_t p = from + v.length;
-    while (p < to && flow.At(p) >= '0' && flow.At(p) <= '9') {
+    while (p < to && bytes.At(p) >= '0' && bytes.At(p) <= '9') {
       ++p;
     }
     if (p == to) {
@@ -423,18 +424,15 @@ bool WholeVersion(const oru::FlowBuffer &flow, uint64_t from, uint64_t to, const
   return false;
 }
 
-} // namespace
-
-Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect &dialect,
-                       const oru::WebMethodTable &methods, oru::WebLine &line, uint64_t &next) {
-  const uint64_t end = flow.End();
-  uint64_t p = from < flow.Begin() ? flow.Begin() : from;
-  while (p < end && Blank(static_cast<unsigned char>(flow.At(p)))) {
-    ++p;
-  }
-  const uint64_t nl = flow.Find(p, '\n', end);
-  const uint64_t stop = nl != end && nl > p && flow.At(nl - 1) == '\r' ? nl - 1 : nl;
-  uint64_t s1 = flow.Find(p, ' ', nl);
+// ReadLooseRequest from `p`, the line's first byte, reading `bytes` (the
+// flow itself or a FlowTail over it) up to `end`, the flow's end.
+template <class Bytes>
+Match ReadLoose(const oru::FlowBuffer &flow, const Bytes &bytes, uint64_t p, uint64_t end,
+                const Dialect &dialect, const oru::WebMethodTable &methods, oru::WebLine &line,
+                uint64_t &next) {
+  const uint64_t nl = bytes.Find(p, '\n', end);
+  const uint64_t stop = nl != end && nl > p && bytes.At(nl - 1) == '\r' ? nl - 1 : nl;
+  uint64_t s1 = bytes.Find(p, ' ', nl);
   if (s1 == end) {
     if (nl == end) {
       // A lone word not yet ended: the line reader waits for it.
@@ -442,42 +440,45 @@ Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect
     }
     s1 = stop;
   }
-  if (nl != end && s1 < stop) {
-    // The line reader's own, the common line, settled before any method is
-    // compared: three words, the last a whole version.
-    const uint64_t s2 = flow.Find(s1 + 1, ' ', stop);
-    if (s2 != end && s2 < stop && flow.Find(s2 + 1, ' ', stop) == end &&
-        WholeVersion(flow, s2 + 1, stop, dialect)) {
-      return Match::kNo;
-    }
-  }
+  // Only a known method opens a loose line: a response's line, and most
+  // others, are settled here without a further search.
   const uint64_t method = s1 - p;
   bool known = false;
   for (size_t i = 0; i < methods.size() && !known; ++i) {
-    known = methods[i].length == method && flow.Compare(p, methods[i].name, methods[i].length) == 0;
+    known =
+        methods[i].length == method && bytes.Compare(p, methods[i].name, methods[i].length) == 0;
   }
   if (!known) {
     return Match::kNo;
+  }
+  if (nl != end && s1 < stop) {
+    // The line reader's own, the common line: three words, the last a whole
+    // version.
+    const uint64_t s2 = bytes.Find(s1 + 1, ' ', stop);
+    if (s2 != end && s2 < stop && bytes.Find(s2 + 1, ' ', stop) == end &&
+        WholeVersion(bytes, s2 + 1, stop, dialect)) {
+      return Match::kNo;
+    }
   }
   if (nl == end) {
     return end - p < dialect.max_first_line ? Match::kMore : Match::kNo;
   }
   uint64_t last = stop;
   for (uint64_t i = s1; i < stop; ++i) {
-    const unsigned char b = static_cast<unsigned char>(flow.At(i));
+    const unsigned char b = static_cast<unsigned char>(bytes.At(i));
     if ((b < 0x20 && b != '\t') || b == 0x7f) {
       return Match::kNo;
     }
   }
-  while (last > s1 && flow.At(last - 1) != ' ' && flow.At(last - 1) != '\t') {
+  while (last > s1 && bytes.At(last - 1) != ' ' && bytes.At(last - 1) != '\t') {
     --last;
   }
   // The last word is the version when it begins with the protocol's word
   // and "/", whole or not; another protocol's version turns the line away.
   const uint32_t word = static_cast<uint32_t>(strlen(dialect.protocol));
   const bool versioned = last > s1 && stop - last > word &&
-                         flow.Compare(last, dialect.protocol, word) == 0 &&
-                         flow.At(last + word) == '/';
+                         bytes.Compare(last, dialect.protocol, word) == 0 &&
+                         bytes.At(last + word) == '/';
   if (!versioned && ForeignVersion(Cursor(flow, last, stop, stop + 1), dialect)) {
     return Match::kNo;
   }
@@ -491,6 +492,23 @@ Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect
                            : oru::FlowString();
   next = nl + 1;
   return Match::kYes;
+}
+
+} // namespace
+
+Match ReadLooseRequest(const oru::FlowBuffer &flow, uint64_t from, const Dialect &dialect,
+                       const oru::WebMethodTable &methods, oru::WebLine &line, uint64_t &next) {
+  const uint64_t end = flow.End();
+  uint64_t p = from < flow.Begin() ? flow.Begin() : from;
+  while (p < end && Blank(static_cast<unsigned char>(flow.At(p)))) {
+    ++p;
+  }
+  // A first line mostly lies in one block: read in place.
+  const oru::kit::FlowTail tail(flow, p);
+  if (tail.Whole()) {
+    return ReadLoose(flow, tail, p, end, dialect, methods, line, next);
+  }
+  return ReadLoose(flow, flow, p, end, dialect, methods, line, next);
 }
 
 bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect) {

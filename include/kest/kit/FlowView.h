@@ -4,6 +4,9 @@
 // FlowSpan gives `length` bytes from a position in one piece: in place when
 // one block holds them, copied into the caller's scratch otherwise.
 //
+// FlowTail reads the bytes from a position to the flow's end in place when
+// one block holds them.
+//
 // FlowBytes reads a flow's bytes one position at a time, looking a block up only when
 // the position leaves the block read last: a byte-wise scan costs one tree
 // search per block instead of one per byte. Reads give what
@@ -18,6 +21,7 @@
 #include <kest/FlowBuffer.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 namespace oru::kit {
 
@@ -50,6 +54,54 @@ inline const uint8_t *FlowSpan(const oru::FlowBuffer &flow, uint64_t pos, size_t
   }
   return scratch;
 }
+
+// The bytes of a flow from a position to its end, read in place when one
+// block holds them all (as a message's head mostly lies) and no other block
+// starts among them. Then At, Find and Compare answer exactly as the flow's
+// own do for positions from there on, without a block look-up a call;
+// otherwise Whole() is false and the flow itself is to be read.
+class FlowTail {
+public:
+  FlowTail(const oru::FlowBuffer &flow, uint64_t pos) : m_end(flow.End()) {
+    unsigned long long start = 0;
+    unsigned long long last = 0;
+    const oru::FlowBuffer::Block *block = pos < m_end ? flow.GetBlock(pos, start) : nullptr;
+    if (block != nullptr && block->data != nullptr && start + block->size == m_end &&
+        flow.GetBlock(m_end - 1, last) == block) {
+      m_data = block->data;
+      m_origin = start;
+    }
+  }
+
+  bool Whole() const { return m_data != nullptr; }
+  uint64_t End() const { return m_end; }
+  char At(uint64_t pos) const { return m_data[pos - m_origin]; }
+  // The first `byte` from `pos` up to `limit` (cut to the end), or End().
+  uint64_t Find(uint64_t pos, char byte, uint64_t limit) const {
+    if (limit > m_end) {
+      limit = m_end;
+    }
+    if (pos >= limit) {
+      return m_end;
+    }
+    const void *hit = memchr(m_data + (pos - m_origin), byte, limit - pos);
+    return hit != nullptr
+               ? m_origin + static_cast<uint64_t>(static_cast<const char *>(hit) - m_data)
+               : m_end;
+  }
+  // 0 when the `len` bytes at `pos` are `text`; else not 0 (-1 past the end).
+  int Compare(uint64_t pos, const char *text, unsigned int len) const {
+    if (pos + len > m_end) {
+      return -1;
+    }
+    return kest_memcmp(m_data + (pos - m_origin), text, len);
+  }
+
+private:
+  const char *m_data = nullptr;
+  uint64_t m_origin = 0;
+  uint64_t m_end;
+};
 
 class FlowBytes {
 public:
