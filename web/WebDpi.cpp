@@ -63,9 +63,11 @@ bool SizeLine(const FlowBuffer &flow, uint64_t at, ChunkState &c) {
   return true;
 }
 
-// Whether a record's key begins with `name`, in any case.
+// Whether a record's key begins with `name`, in any case. A shorter key ends
+// at the separator, which no name asked for holds: it is passed over without
+// reading the flow.
 bool KeyIs(const FlowBuffer &flow, const KeyValueRecord &r, const char *name, unsigned int n) {
-  return flow.CaseCompare(r.key_start, name, n) == 0;
+  return r.key_end - r.key_start >= n && flow.CaseCompare(r.key_start, name, n) == 0;
 }
 
 } // namespace
