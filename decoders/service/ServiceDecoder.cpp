@@ -155,6 +155,15 @@ size_t WithoutPort(const char *name, size_t length) {
   return i > 1 && i < length && name[i - 1] == ':' ? i - 1 : length;
 }
 
+// A name's bytes as one word (FNV-1a), to know it again.
+uint64_t NameHash(const char *name, size_t length) {
+  uint64_t h = 0xcbf29ce484222325ull;
+  for (size_t i = 0; i < length; ++i) {
+    h = (h ^ static_cast<uint8_t>(name[i])) * 0x100000001b3ull;
+  }
+  return h;
+}
+
 class ServiceInspector;
 
 struct ServicePlugin {
@@ -258,9 +267,16 @@ public:
       length = WithoutPort(name, length);
     }
     // A name the catalogue does not know holds nothing back: the address
-    // may still say.
+    // may still say. The same name again (a kept-alive connection's next
+    // Host) is not looked up again.
+    const uint64_t hash = NameHash(name, length);
+    if (seen.missed_source == source && seen.missed == hash) {
+      return;
+    }
     const int service = m_catalogue->Match(name, length);
     if (service < 0) {
+      seen.missed_source = source;
+      seen.missed = hash;
       return;
     }
     seen.source = source;
@@ -303,6 +319,9 @@ private:
   struct Seen {
     uint64_t number = 0;
     oru::ServiceSource source = oru::SERVICE_SOURCE_NONE;
+    // The last name of `missed_source` that the catalogue did not know.
+    oru::ServiceSource missed_source = oru::SERVICE_SOURCE_NONE;
+    uint64_t missed = 0;
   };
   static constexpr size_t kSeen = 4096;
   static constexpr uint32_t kKnownApps = 512;
