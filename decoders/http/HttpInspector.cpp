@@ -3,6 +3,7 @@
 #include "http/HttpRisks.h"
 #include "http/HttpRules.h"
 #include <kest/kit/Attach.h>
+#include <kest/kit/FlowView.h>
 #include <kest/kit/Risks.h>
 #include <kest/kit/Services.h>
 #include <kest/kit/TextLine.h>
@@ -215,17 +216,23 @@ bool HttpInspector::Resync(oru::FlowBuffer &flow, unsigned char side) {
     at = flow.Begin();
   }
   const uint64_t end = flow.End();
+  // A body's lines mostly lie in one block: read in place.
+  const oru::kit::FlowTail tail(flow, at);
+  const auto next_line = [&](uint64_t from) {
+    const uint64_t nl = tail.Whole() ? tail.Find(from, '\n', end) : flow.Find(from, '\n', end);
+    return nl == end ? end : nl + 1;
+  };
   for (int lines = 0; at < end; ++lines) {
     if (lines == kResyncLines) {
       // A long message's bytes: the next packet's are tried.
       at = end;
       break;
     }
-    if (!m_launcher->MayLead(static_cast<unsigned char>(flow.At(at)))) {
+    const char lead = tail.Whole() ? tail.At(at) : flow.At(at);
+    if (!m_launcher->MayLead(static_cast<unsigned char>(lead))) {
       // No first line begins so (the line reader would turn it away): the
       // bytes of a body, passed over without reading the line.
-      const uint64_t nl = flow.Find(at, '\n', end);
-      at = nl == end ? end : nl + 1;
+      at = next_line(at);
       continue;
     }
     oru::WebLine line(m_methods, GetProtocolWord());
@@ -241,8 +248,7 @@ bool HttpInspector::Resync(oru::FlowBuffer &flow, unsigned char side) {
       m_lost[side] = false;
       return true;
     }
-    const uint64_t nl = flow.Find(at, '\n', end);
-    at = nl == end ? end : nl + 1;
+    at = next_line(at);
   }
   return false;
 }
