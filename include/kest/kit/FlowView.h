@@ -167,8 +167,7 @@ public:
       uint64_t n = 0;
       const char *run = m_bytes.Run(m_pos, n);
       if (run == nullptr) {
-        const unsigned char b = Peek();
-        if (b <= 0x20 || b == 0x7f) {
+        if (Stops(Peek())) {
           break;
         }
         Skip();
@@ -178,7 +177,21 @@ public:
         n = m_end - m_pos;
       }
       uint64_t i = 0;
-      while (i<n &&static_cast<unsigned char>(run[i])> 0x20 && run[i] != 0x7f) {
+      // Eight bytes at a time while none of them stops the run (a long
+      // target's bytes), then byte by byte to the one that does.
+      constexpr uint64_t kOnes = 0x0101010101010101ull;
+      constexpr uint64_t kHighs = 0x8080808080808080ull;
+      while (i + 8 <= n) {
+        uint64_t word;
+        memcpy(&word, run + i, 8);
+        // A byte below 0x21, or one equal to 0x7f, in the word.
+        const uint64_t del = word ^ (kOnes * 0x7f);
+        if ((((word - kOnes * 0x21) & ~word) | ((del - kOnes) & ~del)) & kHighs) {
+          break;
+        }
+        i += 8;
+      }
+      while (i < n && !Stops(static_cast<unsigned char>(run[i]))) {
         ++i;
       }
       m_pos += i;
@@ -247,6 +260,9 @@ public:
   }
 
 private:
+  // Blanks, controls and DEL end a run of visible bytes.
+  static bool Stops(unsigned char b) { return b <= 0x20 || b == 0x7f; }
+
   FlowBytes m_bytes;
   uint64_t m_pos;
   uint64_t m_end;
