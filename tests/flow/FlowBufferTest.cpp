@@ -5,6 +5,7 @@
 
 #include <kest/FlowBuffer.h>
 #include <kest/MemTag.h>
+#include <kest/kit/FlowView.h>
 
 #include <algorithm>
 #include <cstring>
@@ -202,6 +203,7 @@ int Sign(int x) {
 // answer counts by its sign only.
 TEST_F(FlowBufferTest, ReadsAgreeWithAPlainCopy) {
   std::mt19937 random(11);
+  int wholes = 0;
   for (int round = 0; round < 16; ++round) {
     std::string bytes(1 + random() % 80, '\0');
     for (char &c : bytes) {
@@ -221,6 +223,9 @@ TEST_F(FlowBufferTest, ReadsAgreeWithAPlainCopy) {
     for (uint64_t pos = base - 2; pos <= end + gap + 5; ++pos) {
       const bool in_tail = pos >= end + gap && pos < end + gap + 4;
       EXPECT_EQ(f.At(pos), pos >= base && pos < end ? bytes[pos - base] : in_tail ? 'z' : 0);
+      // The kit's in-place view answers as the buffer wherever it takes.
+      const oru::kit::FlowTail tail(f, pos);
+      wholes += tail.Whole() ? 1 : 0;
       for (unsigned len = 0; len <= 30; ++len) {
         SCOPED_TRACE(::testing::Message()
                      << "round " << round << " at " << pos - base << " len " << len);
@@ -263,10 +268,20 @@ TEST_F(FlowBufferTest, ReadsAgreeWithAPlainCopy) {
             EXPECT_EQ(f.Find(pos, text.data(), len, limit),
                       run == std::string::npos ? end : pos + run);
           }
+          if (tail.Whole()) {
+            EXPECT_EQ(tail.At(pos), f.At(pos));
+            EXPECT_EQ(tail.Compare(pos, text.data(), len) == 0, r == 0);
+            EXPECT_EQ(tail.Find(pos, byte, limit), f.Find(pos, byte, limit));
+            if (len != 0) {
+              EXPECT_EQ(tail.Find(pos, text.data(), len, limit),
+                        f.Find(pos, text.data(), len, limit));
+            }
+          }
         }
       }
     }
   }
+  EXPECT_GT(wholes, 100) << "the in-place view was seldom taken";
 }
 
 // A hole inside the contiguous range: reads stop there.

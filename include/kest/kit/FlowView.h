@@ -89,6 +89,24 @@ public:
                ? m_origin + static_cast<uint64_t>(static_cast<const char *>(hit) - m_data)
                : m_end;
   }
+  // The first `text` (`len` bytes, at least 1) lying wholly from `pos` up to
+  // `limit` (cut to the end), or End().
+  uint64_t Find(uint64_t pos, const char *text, unsigned int len, uint64_t limit) const {
+    if (limit > m_end) {
+      limit = m_end;
+    }
+    while (pos + len <= limit) {
+      const uint64_t found = Find(pos, text[0], limit);
+      if (found == m_end || found + len > limit) {
+        break;
+      }
+      if (Compare(found, text, len) == 0) {
+        return found;
+      }
+      pos = found + 1;
+    }
+    return m_end;
+  }
   // 0 when the `len` bytes at `pos` are `text`; else not 0 (-1 past the end).
   int Compare(uint64_t pos, const char *text, unsigned int len) const {
     if (pos + len > m_end) {
