@@ -48,7 +48,6 @@ namespace {
 using kest_tls::HelloInfo;
 using kest_tls::kAlpn;
 using kest_tls::kCertificate;
-using kest_tls::kVersion;
 using oru::kit::ByteReader;
 using oru::kit::LoadBe32;
 using oru::kit::Verdict;
@@ -370,15 +369,7 @@ private:
       }
       return;
     }
-    const uint16_t chosen = kest_tls::NegotiatedVersion(hello);
-    const char *version = kest_tls::DtlsVersionText(chosen);
-    if (version != nullptr) {
-      s.Publish(kVersion, version);
-    }
-    kest_tls::HelloRisks(hello, chosen, c.hello_risks);
-    // DTLS 1.0 and 1.2 send the certificate in clear.
-    c.leaf_wanted =
-        (chosen == 0xfeff || chosen == 0xfefd) && kest_tls::CertificateWanted(s, kCertificate);
+    c.leaf_wanted = kest_tls::ReportServerHello(s, hello, c.hello_risks, true);
     c.leaf_side = static_cast<uint8_t>(s.side());
     if (hello.has_alpn && !c.side[1 - s.side()].parsed) {
       s.Publish(kAlpn, hello.alpn, hello.alpn_length);

@@ -88,6 +88,23 @@ template <class S> bool CertificateWanted(const S &s, int first) {
   return oru::kit::RisksWanted(s);
 }
 
+// Reports a server's hello: the version it settles on (DTLS's own numbers
+// with `dtls`) and its risks into `raised`. Returns whether the leaf
+// certificate is to be read: the version sends it in clear (TLS up to 1.2,
+// DTLS 1.0 and 1.2) and someone listens to what it gives.
+template <class S>
+bool ReportServerHello(S &s, const HelloInfo &hello, uint32_t &raised, bool dtls) {
+  const uint16_t chosen = NegotiatedVersion(hello);
+  const char *version = dtls ? DtlsVersionText(chosen) : VersionText(chosen);
+  if (version != nullptr) {
+    s.Publish(kVersion, version);
+  }
+  HelloRisks(hello, chosen, raised);
+  const bool clear =
+      dtls ? chosen == 0xfeff || chosen == 0xfefd : chosen >= 0x0300 && chosen <= 0x0303;
+  return clear && CertificateWanted(s, kCertificate);
+}
+
 // Reads the leaf and reports it from Spec attribute `first` on.
 // `server_name` is the client's (null when it sent none).
 template <class S>

@@ -24,7 +24,6 @@ using kest_tls::HelloAssembler;
 using kest_tls::HelloInfo;
 using kest_tls::kAlpn;
 using kest_tls::kCertificate;
-using kest_tls::kVersion;
 using oru::kit::ByteReader;
 using oru::kit::Verdict;
 
@@ -193,15 +192,7 @@ private:
       }
       return;
     }
-    const uint16_t chosen = kest_tls::NegotiatedVersion(hello);
-    const char *version = kest_tls::VersionText(chosen);
-    if (version != nullptr) {
-      s.Publish(kVersion, version);
-    }
-    kest_tls::HelloRisks(hello, chosen, state.hello_risks);
-    // Up to TLS 1.2 the certificate follows in clear.
-    state.leaf_wanted =
-        chosen >= 0x0300 && chosen <= 0x0303 && kest_tls::CertificateWanted(s, kCertificate);
+    state.leaf_wanted = kest_tls::ReportServerHello(s, hello, state.hello_risks, false);
     // The server's choice stands in for the client's list only when that
     // list is not seen; it waits until the client side has had its chance.
     if (hello.has_alpn && !state.client_alpn) {
