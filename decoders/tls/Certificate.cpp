@@ -1,5 +1,7 @@
 #include "tls/Certificate.h"
 
+#include "tls/TlsHello.h"
+
 #include <kest.h>
 #include <kest/kit/AddressText.h>
 #include <kest/kit/ByteReader.h>
@@ -570,16 +572,7 @@ LeafAssembler::State LeafAssembler::Feed(const uint8_t *data, size_t length) {
       }
       continue;
     }
-    size_t n = length < m_record_left ? length : m_record_left;
-    if (n > m_leaf_length - m_leaf_have) {
-      n = m_leaf_length - m_leaf_have;
-    }
-    memcpy(m_leaf + m_leaf_have, data, n);
-    m_leaf_have += static_cast<uint32_t>(n);
-    data += n;
-    length -= n;
-    m_record_left -= static_cast<uint32_t>(n);
-    if (m_leaf_have == m_leaf_length) {
+    if (TakeRecordBytes(data, length, m_record_left, m_leaf, m_leaf_have, m_leaf_length)) {
       m_state = State::kDone;
     }
   }

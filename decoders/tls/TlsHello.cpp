@@ -259,6 +259,20 @@ const char *VersionCode(uint16_t version) {
   return known != nullptr ? known->code : "00";
 }
 
+bool TakeRecordBytes(const uint8_t *&data, size_t &length, uint32_t &record_left, uint8_t *message,
+                     uint32_t &have, uint32_t total) {
+  size_t n = length < record_left ? length : record_left;
+  if (n > total - have) {
+    n = total - have;
+  }
+  memcpy(message + have, data, n);
+  have += static_cast<uint32_t>(n);
+  data += n;
+  length -= n;
+  record_left -= static_cast<uint32_t>(n);
+  return have == total;
+}
+
 HelloAssembler::~HelloAssembler() {
   if (m_message != nullptr) {
     kest_free_local(m_message);
@@ -326,8 +340,8 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
       m_record_left = ByteReader(m_header + 3, 2).U16();
       continue;
     }
-    size_t n = length < m_record_left ? length : m_record_left;
     if (m_skip) {
+      const size_t n = length < m_record_left ? length : m_record_left;
       data += n;
       length -= n;
       m_record_left -= static_cast<uint32_t>(n);
@@ -360,16 +374,7 @@ HelloAssembler::State HelloAssembler::Feed(const uint8_t *data, size_t length) {
       m_message_have = sizeof m_hs_header;
       continue;
     }
-    const uint32_t want = m_message_length - m_message_have;
-    if (n > want) {
-      n = want;
-    }
-    memcpy(m_message + m_message_have, data, n);
-    m_message_have += static_cast<uint32_t>(n);
-    data += n;
-    length -= n;
-    m_record_left -= static_cast<uint32_t>(n);
-    if (m_message_have == m_message_length) {
+    if (TakeRecordBytes(data, length, m_record_left, m_message, m_message_have, m_message_length)) {
       m_state = State::kDone;
       m_used = given - length;
     }

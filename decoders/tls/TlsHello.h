@@ -125,6 +125,15 @@ inline uint16_t NegotiatedVersion(const HelloInfo &server_hello) {
                                              : server_hello.legacy_version;
 }
 
+// The step of gathering one handshake message from the records that carry
+// it (HelloAssembler, LeafAssembler): copies to `message` + `have` as many
+// of the `length` bytes at `data` as both the current record
+// (`record_left`) and the message (`total` - `have`) still hold, and moves
+// data, length, record_left and have past them. Returns whether the
+// message is whole.
+bool TakeRecordBytes(const uint8_t *&data, size_t &length, uint32_t &record_left, uint8_t *message,
+                     uint32_t &have, uint32_t total);
+
 class HelloAssembler {
 public:
   // Handshake messages longer than this (header included) are given up on.
