@@ -78,15 +78,7 @@ struct FtpRules {
   }
 
   static bool Opening(State &, unsigned, const char *bytes, uint32_t n) {
-    if (MayOpenReply(bytes, n)) {
-      return true;
-    }
-    for (int i = 0; kCommands[i] != nullptr; ++i) {
-      if (MayOpenWith(bytes, n, kCommands[i])) {
-        return true;
-      }
-    }
-    return false;
+    return MayOpenReply(bytes, n) || MayOpenWithAny(bytes, n, kCommands);
   }
 
   static unsigned Mine(State &state, const auto &notes) {

@@ -10,8 +10,6 @@
 
 #include <kest/kit/LineDecoder.h>
 
-#include <initializer_list>
-
 namespace kest_decoders {
 
 using namespace oru::kit;
@@ -101,14 +99,8 @@ struct ImapRules {
     if (tag == 0 || bytes[tag] != ' ') {
       return false;
     }
-    for (const char *const *words : {kCommands, kStatuses}) {
-      for (int i = 0; words[i] != nullptr; ++i) {
-        if (MayOpenWith(bytes + tag + 1, n - tag - 1, words[i])) {
-          return true;
-        }
-      }
-    }
-    return false;
+    return MayOpenWithAny(bytes + tag + 1, n - tag - 1, kCommands) ||
+           MayOpenWithAny(bytes + tag + 1, n - tag - 1, kStatuses);
   }
 
   static unsigned ServerLine(State &state, const char *text, uint32_t length) {

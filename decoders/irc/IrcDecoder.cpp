@@ -27,11 +27,7 @@ struct IrcRules {
   static constexpr const char *kFirst[] = {"NICK", "USER", "PASS", "CAP", nullptr};
 
   static bool Opening(State &, unsigned side, const char *bytes, uint32_t n) {
-    bool ok = side == 1 && bytes[0] == ':';
-    for (int i = 0; kFirst[i] != nullptr && !ok; ++i) {
-      ok = side == 0 && MayOpenWith(bytes, n, kFirst[i]);
-    }
-    return ok;
+    return side == 0 ? MayOpenWithAny(bytes, n, kFirst) : side == 1 && bytes[0] == ':';
   }
 
   static unsigned Line(State &st, auto &notes, unsigned side, const char *text, uint32_t length,

@@ -59,16 +59,8 @@ struct Pop3Rules {
   }
 
   static bool Opening(State &, unsigned, const char *bytes, uint32_t n) {
-    if (MayOpenWith(bytes, n, "+OK") || MayOpenWith(bytes, n, "-ERR") ||
-        MayOpenWith(bytes, n, "+")) {
-      return true;
-    }
-    for (int i = 0; kCommands[i] != nullptr; ++i) {
-      if (MayOpenWith(bytes, n, kCommands[i])) {
-        return true;
-      }
-    }
-    return false;
+    return MayOpenWith(bytes, n, "+OK") || MayOpenWith(bytes, n, "-ERR") ||
+           MayOpenWith(bytes, n, "+") || MayOpenWithAny(bytes, n, kCommands);
   }
 
   static unsigned ServerLine(State &state, const char *text, uint32_t length) {

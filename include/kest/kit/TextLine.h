@@ -234,6 +234,18 @@ inline bool MayOpenWith(const char *text, uint32_t length, const char *word) {
   return length <= n || text[n] == ' ' || text[n] == '\r';
 }
 
+// Whether the first `length` bytes of a line that has not ended yet can
+// still become one of the commands in `words` (null-terminated), as
+// MayOpenWith.
+inline bool MayOpenWithAny(const char *text, uint32_t length, const char *const *words) {
+  for (int i = 0; words[i] != nullptr; ++i) {
+    if (MayOpenWith(text, length, words[i])) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // The index of the command in `words` (null-terminated) that the line is,
 // or -1.
 inline int CommandIndex(const char *text, uint32_t length, const char *const *words) {
