@@ -223,26 +223,7 @@ private:
       Parse(s, t.whole, length);
       return;
     }
-    Slot *slot = Claim(s, seq, offset);
-    if (slot == nullptr || offset > slot->have) {
-      return;
-    }
-    if (slot->have == 0) {
-      Header(slot->bytes, type, length);
-      slot->length = length;
-    }
-    if (slot->length != length || slot->bytes[0] != type) {
-      slot->busy = false;
-      return;
-    }
-    const uint32_t end = offset + static_cast<uint32_t>(fragment.Left());
-    if (end > slot->have) {
-      memcpy(slot->bytes + 4 + slot->have, fragment.Here() + (slot->have - offset),
-             end - slot->have);
-      slot->have = end;
-    }
-    if (slot->have == slot->length) {
-      slot->busy = false;
+    if (const Slot *slot = Gather(s, type, length, length, seq, offset, fragment)) {
       Parse(s, slot->bytes, slot->length);
     }
   }
@@ -260,17 +241,30 @@ private:
       Leaf(s, fragment.Here(), want);
       return;
     }
+    if (const Slot *slot =
+            Gather(s, kest_tls::kCertificateMessage, length, want, seq, offset, fragment)) {
+      Leaf(s, slot->bytes + 4, want);
+    }
+  }
+
+  // Puts a piece (at `offset`) of handshake message `type`, `length` bytes
+  // long, into this side's slot, of which the first `want` bytes are kept
+  // (`want` at most kMaxHello). Returns the slot, freed for the next
+  // message but with its bytes still there, once those are all in; null
+  // until then, or when the pieces do not fit together.
+  static const Slot *Gather(Session &s, uint32_t type, uint32_t length, uint32_t want, uint32_t seq,
+                            uint32_t offset, ByteReader fragment) {
     Slot *slot = Claim(s, seq, offset);
     if (slot == nullptr || offset > slot->have) {
-      return;
+      return nullptr;
     }
     if (slot->have == 0) {
-      Header(slot->bytes, kest_tls::kCertificateMessage, length);
+      Header(slot->bytes, type, length);
       slot->length = length;
     }
-    if (slot->length != length || slot->bytes[0] != kest_tls::kCertificateMessage) {
+    if (slot->length != length || slot->bytes[0] != type) {
       slot->busy = false;
-      return;
+      return nullptr;
     }
     uint32_t end = offset + static_cast<uint32_t>(fragment.Left());
     end = end < want ? end : want;
@@ -279,10 +273,11 @@ private:
              end - slot->have);
       slot->have = end;
     }
-    if (slot->have == want) {
-      slot->busy = false;
-      Leaf(s, slot->bytes + 4, want);
+    if (slot->have != want) {
+      return nullptr;
     }
+    slot->busy = false;
+    return slot;
   }
 
   // The start of a Certificate message's body: the list's length, then the
