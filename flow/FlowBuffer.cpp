@@ -95,6 +95,21 @@ FlowBuffer::~FlowBuffer() {
   ReleaseBlockNodes();
 }
 
+namespace {
+
+// End() once the first block, `first`, is known.
+uint64_t EndFrom(const FlowBuffer &flow, FlowBuffer::BlockMap::const_iterator first) {
+  // Most buffers hold one block, which is then the newest: no search.
+  if (first->first != flow.m_last_start &&
+      flow.m_blocks.find(flow.m_last_start) == flow.m_blocks.end()) {
+    return first->first;
+  }
+  return first->first +
+         (static_cast<uint32_t>(flow.m_next_pos) - static_cast<uint32_t>(first->first));
+}
+
+} // namespace
+
 uint64_t FlowBuffer::Begin() const {
   BlockMap::const_iterator first = m_blocks.begin();
   return first != m_blocks.end() ? first->first : m_next_pos;
@@ -110,14 +125,7 @@ uint32_t FlowBuffer::Size() const {
 uint64_t FlowBuffer::End() const {
   // Begin() + Size() with one walk to the first block: every reader asks.
   BlockMap::const_iterator first = m_blocks.begin();
-  if (first == m_blocks.end()) {
-    return m_next_pos;
-  }
-  // Most buffers hold one block, which is then the newest: no search.
-  if (first->first != m_last_start && m_blocks.find(m_last_start) == m_blocks.end()) {
-    return first->first;
-  }
-  return first->first + (static_cast<uint32_t>(m_next_pos) - static_cast<uint32_t>(first->first));
+  return first != m_blocks.end() ? EndFrom(*this, first) : m_next_pos;
 }
 
 bool FlowBuffer::Sync() {
@@ -496,10 +504,7 @@ unsigned long long FlowBuffer::Find(unsigned long long pos, char byte,
     return m_next_pos;
   }
   const unsigned long long begin = first->first;
-  const bool newest_kept = begin == m_last_start || m_blocks.find(m_last_start) != m_blocks.end();
-  const unsigned long long end =
-      newest_kept ? begin + (static_cast<uint32_t>(m_next_pos) - static_cast<uint32_t>(begin))
-                  : begin;
+  const unsigned long long end = EndFrom(*this, first);
   if (begin > pos) {
     return end;
   }

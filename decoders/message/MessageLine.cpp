@@ -521,14 +521,13 @@ bool HintsAtProtocol(const oru::FlowBuffer &flow, const Dialect &dialect) {
       return false;
     }
   }
+  const auto hinted = [&](const auto &bytes) {
+    const uint64_t nl = bytes.Find(0, '\n', dialect.max_first_line);
+    return bytes.Find(0, dialect.hint.text, dialect.hint.length, nl) != bytes.End();
+  };
   // The first packet's bytes mostly lie in one block: read in place.
   const oru::kit::FlowTail tail(flow, 0);
-  if (tail.Whole()) {
-    const uint64_t nl = tail.Find(0, '\n', dialect.max_first_line);
-    return tail.Find(0, dialect.hint.text, dialect.hint.length, nl) != tail.End();
-  }
-  const uint64_t nl = flow.Find(0, '\n', dialect.max_first_line);
-  return flow.Find(0, dialect.hint.text, dialect.hint.length, nl) != flow.End();
+  return tail.Whole() ? hinted(tail) : hinted(flow);
 }
 
 } // namespace kest_message
