@@ -14,6 +14,9 @@ thread_local Worker *t_worker = nullptr;
 } // namespace
 
 bool Worker::Start(std::string &error) {
+  if (m_setup.prepare_thread != nullptr) {
+    m_setup.prepare_thread();
+  }
   m_h = m_setup.handle;
   if (kest_init(m_h) != 0) {
     // The missing transports were ruled out before: a plug-in refused the

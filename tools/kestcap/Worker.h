@@ -38,6 +38,9 @@ struct WorkerSetup {
   bool capture_clock = true;
   // Tunnels are opened (the library's default policy says so).
   bool tunnels = true;
+  // Called first on each worker's own thread, before kest_init; null for
+  // nothing (kestcap tunes the thread's heap there).
+  void (*prepare_thread)() = nullptr;
 };
 
 class Worker {

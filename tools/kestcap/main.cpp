@@ -5,6 +5,7 @@
 #include "ConfigFile.h"
 #include "FanoutCapture.h"
 #include "FlowLog.h"
+#include "HeapSettings.h"
 #include "IpfixExporter.h"
 #include "KernelDrops.h"
 #include "Options.h"
@@ -88,6 +89,7 @@ size_t ShardOf(const Frame &frame, size_t workers) {
 WorkerSetup MakeSetup(const Options &options, kest_handle_t h, LineOutput *json, bool live) {
   WorkerSetup setup;
   setup.handle = h;
+  setup.prepare_thread = TuneThreadHeap;
   setup.features = options.features;
   setup.capture_clock = !live;
   char tunnels[8] = "1";
