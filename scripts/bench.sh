@@ -67,6 +67,7 @@ measure() {
   i=0
   : >"$data/rates"
   : >"$data/rss"
+  : >"$data/faults"
   while [ "$i" -lt "$runs" ]; do
     run_once "" "$@"
     i=$((i + 1))
@@ -80,15 +81,17 @@ run_once() {
   tag="$1"
   shift
   start="$(date +%s%N)"
-  /usr/bin/time -f "%M" -o "$data/time" "$@" >"$data/out" 2>/dev/null
+  /usr/bin/time -f "%M %R" -o "$data/time" "$@" >"$data/out" 2>/dev/null
   stop="$(date +%s%N)"
   awk "BEGIN { printf \"%d\n\", $packets * 1e9 / ($stop - $start) }" >>"$data/rates$tag"
-  cat "$data/time" >>"$data/rss$tag"
+  cut -d' ' -f1 "$data/time" >>"$data/rss$tag"
+  cut -d' ' -f2 "$data/time" >>"$data/faults$tag"
 }
 
 median() {
   rate="$(sort -n "$data/rates$1" | sed -n "$(((runs + 1) / 2))p")"
   rss="$(sort -n "$data/rss$1" | sed -n "$(((runs + 1) / 2))p")"
+  faults="$(sort -n "$data/faults$1" | sed -n "$(((runs + 1) / 2))p")"
 }
 
 # A before-and-after: this tree's kestcap and the base's, run by turns so
@@ -100,6 +103,8 @@ measure_against_base() {
   : >"$data/rss"
   : >"$data/ratesb"
   : >"$data/rssb"
+  : >"$data/faults"
+  : >"$data/faultsb"
   while [ "$i" -lt "$runs" ]; do
     # shellcheck disable=SC2086
     run_once "" $kestcap "$1"
@@ -109,6 +114,7 @@ measure_against_base() {
   median b
   base_rate="$rate"
   base_rss="$rss"
+  base_faults="$faults"
   median ""
 }
 
@@ -141,6 +147,9 @@ for file in replica replica-high; do
     measure $kestcap --threads "$threads" "$cap"
     row "kestcap, all decoders, $threads thread(s)"
     if [ "$threads" -eq 1 ]; then
+      # Fresh pages are dear in a virtual machine: the kernel's minor faults
+      # of a run, start-up (the plug-ins' loading) included.
+      echo "  page faults a run: $faults"
       one="$rate"
       # The decoders' share of the cost of a packet on one thread.
       echo "  decoders' share of the road: $(awk "BEGIN { printf \"%.0f %%\", 100 * (1 - $one / $transports) }")"
@@ -150,6 +159,7 @@ for file in replica replica-high; do
         one="$rate"
         rate="$base_rate" rss="$base_rss" row "kestcap at $base, all decoders, 1 thread"
         echo "  this tree against $base: $(awk "BEGIN { printf \"%+.1f %%\", 100 * ($one / $base_rate - 1) }")"
+        echo "  page faults a run, by turns: $faults here, $base_faults at $base"
       fi
     fi
   done
