@@ -207,7 +207,7 @@ py::dict Record(const Done &done) {
   out["category"] = category != nullptr ? Text(*category) : py::none();
   out["stack"] = done.stack;
   py::list risks;
-  for (const std::string &risk : r.risks) {
+  for (const std::string &risk : r.Risks()) {
     risks.append(Text(risk));
   }
   out["risks"] = risks;
@@ -217,7 +217,7 @@ py::dict Record(const Done &done) {
   out["resp_bytes"] = r.bytes[1];
   py::dict attrs;
   for (const auto &[name, values] : r.attrs) {
-    if (name == kServiceName || name == kServiceCategory) {
+    if (FlowRecord::OwnField(name)) {
       continue;
     }
     if (values.size() == 1) {

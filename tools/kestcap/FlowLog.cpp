@@ -168,14 +168,12 @@ std::string Seconds(uint64_t us) {
 } // namespace
 
 void FlowRecord::AddAttr(const std::string &name, std::string value) {
-  if (name == "flow.risks") {
-    if (std::find(risks.begin(), risks.end(), value) == risks.end()) {
-      risks.push_back(std::move(value));
-    }
-    return;
-  }
   for (auto &attr : attrs) {
     if (attr.first == name) {
+      if (name == kRisks &&
+          std::find(attr.second.begin(), attr.second.end(), value) != attr.second.end()) {
+        return;
+      }
       attr.second.push_back(std::move(value));
       return;
     }
@@ -190,6 +188,20 @@ const std::string *FlowRecord::LastAttr(const std::string &name) const {
     }
   }
   return nullptr;
+}
+
+const std::vector<std::string> &FlowRecord::Risks() const {
+  static const std::vector<std::string> kNone;
+  for (const auto &attr : attrs) {
+    if (attr.first == kRisks) {
+      return attr.second;
+    }
+  }
+  return kNone;
+}
+
+bool FlowRecord::OwnField(const std::string &name) {
+  return name == kServiceName || name == kServiceCategory || name == kRisks;
 }
 
 void Totals::Add(const Totals &other) {
@@ -231,9 +243,10 @@ std::string JsonLine(const FlowRecord &r, const std::string &app,
   }
   out += "]";
   out += ",\"risks\":[";
-  for (size_t i = 0; i < r.risks.size(); ++i) {
+  const std::vector<std::string> &risks = r.Risks();
+  for (size_t i = 0; i < risks.size(); ++i) {
     out += i != 0 ? "," : "";
-    AppendJsonString(out, r.risks[i]);
+    AppendJsonString(out, risks[i]);
   }
   out += "]";
   AppendNumber(out, "orig_pkts", r.packets[0]);
@@ -243,7 +256,7 @@ std::string JsonLine(const FlowRecord &r, const std::string &app,
   out += ",\"attrs\":{";
   bool first = true;
   for (size_t i = 0; i < r.attrs.size(); ++i) {
-    if (r.attrs[i].first == kServiceName || r.attrs[i].first == kServiceCategory) {
+    if (FlowRecord::OwnField(r.attrs[i].first)) {
       continue;
     }
     out += first ? "" : ",";

@@ -23,7 +23,10 @@ namespace kestcap {
 // The service plug-in's attributes that the lines and the table read.
 constexpr const char *kServiceName = "service.name";
 constexpr const char *kServiceCategory = "service.category";
+constexpr const char *kRisks = "flow.risks";
 
+// A busy capture holds tens of thousands of these at once (one map node
+// each), so the fields are packed: the node fits jemalloc's 192-byte class.
 struct FlowRecord {
   static constexpr int kMaxStack = 16;
 
@@ -32,13 +35,15 @@ struct FlowRecord {
   kest_endpoint_t client{};
   kest_endpoint_t server{};
   uint8_t protocol = 0; // the IP protocol
-  int stack[kMaxStack] = {};
-  int depth = 0;
+  uint8_t depth = 0;
+  // The application stack's protocol indices, bottom first. The registry
+  // numbers its protocols from 0 up, far below 2^16.
+  uint16_t stack[kMaxStack] = {};
   uint64_t packets[2] = {}; // from the client, from the server
   uint64_t bytes[2] = {};   // transport payload bytes
+  // Values by attribute name, in order of arrival. The distinct values of
+  // "flow.risks" are kept here too, in order of arrival: Risks() reads them.
   std::vector<std::pair<std::string, std::vector<std::string>>> attrs;
-  // The distinct values of "flow.risks", in order of arrival.
-  std::vector<std::string> risks;
   // With --features (or the Python package's features=True) only; shared
   // so that a sink may keep a copy of the record.
   std::shared_ptr<FlowFeatures> features;
@@ -47,7 +52,15 @@ struct FlowRecord {
   // The last value of attribute `name`, or null. A better source of a
   // service name comes later and replaces a worse one.
   const std::string *LastAttr(const std::string &name) const;
+  // The distinct values of "flow.risks", in order of arrival.
+  const std::vector<std::string> &Risks() const;
+  // Whether `name` is written beside the attributes of a line rather than
+  // among them: the service, its category and the risks.
+  static bool OwnField(const std::string &name);
 };
+// With the map's link and key: 184 bytes of node.
+static_assert(sizeof(void *) != 8 || sizeof(FlowRecord) <= 176,
+              "a flow record outgrew its allocation size class");
 
 // Counts per application: the table's rows.
 struct AppRow {

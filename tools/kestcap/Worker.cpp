@@ -275,9 +275,9 @@ void Worker::Result(kest_result_t *result, kest_conn_id_t id) {
     for (kest_proto_first(m_h, &cursor);
          kest_proto_valid(m_h, &cursor) != 0 && depth < FlowRecord::kMaxStack;
          kest_proto_next(m_h, &cursor)) {
-      record.stack[depth++] = kest_proto_get_index(m_h, &cursor);
+      record.stack[depth++] = static_cast<uint16_t>(kest_proto_get_index(m_h, &cursor));
     }
-    record.depth = depth;
+    record.depth = static_cast<uint8_t>(depth);
   }
   if (m_now.counted == id) {
     return; // a deferred result of the same packet
