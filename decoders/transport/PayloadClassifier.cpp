@@ -161,6 +161,7 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
   flow.UpdateStats(segment.payload_length);
   uint64_t from = flow.m_next_pos;
   uint32_t grown = 0;
+  unsigned joined = 0;
   if (!stream) {
     // Counted above; no bytes for inspectors. A new flow still shows its
     // first packet, without payload, to what rules on its end points put on
@@ -202,6 +203,9 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
       flow.m_base_pos = segment.seq;
       own->m_seq_known[side] = 1;
     }
+    if ((flags & 0x14) == 0x10 && own->m_seq_known[side ^ 1] != 0) {
+      joined = Acknowledged(*own, side ^ 1, segment.ack, conn);
+    }
     if (own->m_seq_known[side] != 0 && segment.payload_length != 0) {
       const uint32_t seq = (flags & 0x02) != 0 ? segment.seq + 1u : segment.seq;
       const uint64_t pos =
@@ -213,12 +217,37 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
       own->m_fin[side] = 1;
     }
   }
-  const unsigned result = Inspect(*own, flow, from, grown, &segment, conn);
+  unsigned result = Inspect(*own, flow, from, grown, &segment, conn);
+  if (result == oru::INSPECT_NOTHING && joined != 0) {
+    result = joined; // only the other side's bytes were inspected
+  }
   if (tcp && ((segment.tcp_flags & 0x04) != 0 || (own->m_fin[0] != 0 && own->m_fin[1] != 0))) {
     own->m_closed = 1;
   }
   // To the front of the list of its (new) state.
   m_table->Used(own);
+  return result;
+}
+
+unsigned PayloadClassifier::Acknowledged(TransportConn &own, unsigned char other, uint32_t ack,
+                                         oru::fdt::intrusive_ptr<oru::Conn> &conn) {
+  oru::FlowBuffer &flow = own.m_flow[other];
+  if (flow.m_blocks.empty()) {
+    return 0;
+  }
+  const uint64_t acked =
+      TcpStream::Position(ack, static_cast<uint32_t>(flow.m_base_pos), flow.m_next_pos);
+  uint64_t from;
+  const uint32_t joined = TcpStream::Acknowledged(flow, acked, from);
+  if (joined == 0) {
+    return 0;
+  }
+  // The bytes that waited go to the inspectors as their own side's, with
+  // no packet of their own.
+  const unsigned char side = SideOf(own);
+  own.SetSide(other);
+  const unsigned result = Inspect(own, flow, from, joined, nullptr, conn);
+  own.SetSide(side);
   return result;
 }
 

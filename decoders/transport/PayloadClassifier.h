@@ -70,6 +70,12 @@ private:
   // flushes what no inspector kept.
   unsigned Inspect(TransportConn &own, oru::FlowBuffer &flow, uint64_t pos, uint32_t length,
                    const oru::TransportSegment *segment, oru::fdt::intrusive_ptr<oru::Conn> &conn);
+  // TCP: the acknowledgement number `ack` of a packet for side `other`'s
+  // stream. Bytes that waited beyond a hole the receiver acknowledged join
+  // the stream, and the chain runs over them. The chain's result, or 0 when
+  // nothing moved.
+  unsigned Acknowledged(TransportConn &own, unsigned char other, uint32_t ack,
+                        oru::fdt::intrusive_ptr<oru::Conn> &conn);
   // Puts the transport at the bottom of an empty stack and makes it the
   // application until something above names another. False without memory.
   bool ReportTransport(oru::AppStack &stack);

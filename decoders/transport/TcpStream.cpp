@@ -119,4 +119,22 @@ uint32_t TcpStream::Insert(oru::FlowBuffer &flow, uint64_t pos, const uint8_t *d
   return static_cast<uint32_t>(flow.m_next_pos - from);
 }
 
+uint32_t TcpStream::Acknowledged(oru::FlowBuffer &flow, uint64_t acked, uint64_t &from) {
+  // The largest receive window TCP can scale to.
+  constexpr uint64_t kMaxWindow = 1ull << 30;
+  from = flow.m_next_pos;
+  if (flow.m_blocks.empty() || acked <= flow.m_next_pos || acked - flow.m_next_pos > kMaxWindow) {
+    return 0;
+  }
+  oru::FlowBuffer::BlockMap::iterator waiting = flow.m_blocks.lower_bound(flow.m_next_pos);
+  if (waiting == flow.m_blocks.end() || waiting->first > acked) {
+    return 0;
+  }
+  flow.m_next_pos = waiting->first;
+  flow.Flush();
+  from = flow.m_next_pos;
+  Absorb(flow);
+  return static_cast<uint32_t>(flow.m_next_pos - from);
+}
+
 } // namespace kest_decoders

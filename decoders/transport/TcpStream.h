@@ -15,6 +15,10 @@
 //    the segment, and inspection with it.
 //  - Behind the stream or over bytes already held: the first bytes win; only
 //    what is new is taken.
+//  - A hole the receiver acknowledged, with bytes waiting beyond it: the
+//    receiver got what the capture missed, and nothing will fill the hole.
+//    It is given up at once, not a window later, and the waiting bytes
+//    join the stream.
 // Blocks never overlap, so every byte has one block.
 #ifndef KEST_DECODERS_TCPSTREAM_H
 #define KEST_DECODERS_TCPSTREAM_H
@@ -36,6 +40,16 @@ public:
   // them again).
   static uint32_t Insert(oru::FlowBuffer &flow, uint64_t pos, const uint8_t *data, uint32_t length,
                          uint32_t window, uint64_t &from);
+
+  // The receiver acknowledged the stream up to position `acked`. Where bytes
+  // wait beyond a hole that lies wholly below it, the hole is given up as
+  // one too far ahead is (what was kept before it goes) and the waiting
+  // bytes that follow it without a gap join the stream. Returns the number
+  // of bytes joined, from `from`; 0 where nothing moved. A hole at a time:
+  // the next acknowledgement gives up the next one. An acknowledgement
+  // further ahead than any receive window is taken for one of bytes before
+  // the stream's position 0.
+  static uint32_t Acknowledged(oru::FlowBuffer &flow, uint64_t acked, uint64_t &from);
 };
 
 } // namespace kest_decoders
