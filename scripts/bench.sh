@@ -3,7 +3,8 @@
 # replicating real conversations with shifted addresses and ports, and runs
 # the I/O floor (libpcap reading the file, nothing else), the peer (nDPI's
 # ndpiReader, installed from the Debian packages when absent) and kestcap on
-# 1, 2 and 4 threads on it, each several times. Prints the median packets/s,
+# 1, 2 and 4 threads on it, each several times (the floor, the peer and
+# kestcap on one thread by turns). Prints the median packets/s,
 # the ratios to the peer and to the floor, and the peak resident memory of
 # each against the peer's.
 #   scripts/bench.sh [COPIES]     (default 300 copies of each conversation)
@@ -121,18 +122,44 @@ measure_against_base() {
 ratio() { awk "BEGIN { printf \"%.2f\", $1 / $2 }"; }
 
 kestcap="$build/tools/kestcap/kestcap --plugins $build/plugins"
+
+# The floor, the peer and kestcap with every decoder on one thread, by
+# turns: a machine whose speed drifts during the script (a shared virtual
+# one does, by half and more) moves the three alike, so the ratios between
+# them hold. Sets floor/peer/one and their RSS and faults.
+measure_trio() {
+  for t in f p k; do
+    : >"$data/rates$t"
+    : >"$data/rss$t"
+    : >"$data/faults$t"
+  done
+  i=0
+  while [ "$i" -lt "$runs" ]; do
+    run_once f "$build/bench/kest_pcap_floor" "$1"
+    run_once p ndpiReader -q -i "$1"
+    # shellcheck disable=SC2086
+    run_once k $kestcap --threads 1 "$1"
+    i=$((i + 1))
+  done
+  median f
+  floor="$rate"
+  floor_rss="$rss"
+  median p
+  peer="$rate"
+  peer_rss="$rss"
+  median k
+}
+
 printf '%-38s %12s %8s %8s %12s %8s\n' "run" "packets/s" "vs peer" "of floor" "peak RSS" \
   "vs peer"
 for file in replica replica-high; do
   cap="$data/$file.pcap"
   packets="$(tcpdump -r "$cap" -nq 2>/dev/null | wc -l)"
   echo "$file: $packets packets"
-  measure "$build/bench/kest_pcap_floor" "$cap"
-  floor="$rate"
-  floor_rss="$rss"
-  measure ndpiReader -q -i "$cap"
-  peer="$rate"
-  peer_rss="$rss"
+  measure_trio "$cap"
+  one="$rate"
+  one_rss="$rss"
+  one_faults="$faults"
   row() {
     printf '%-38s %12s %8s %8s %9s KB %8s\n' "$1" "$rate" "$(ratio "$rate" "$peer")" \
       "$(ratio "$rate" "$floor")" "$rss" "$(ratio "$rss" "$peer_rss")"
@@ -143,24 +170,25 @@ for file in replica replica-high; do
   row "kestcap, transports only"
   transports="$rate"
   for threads in 1 2 4; do
-    # shellcheck disable=SC2086
-    measure $kestcap --threads "$threads" "$cap"
-    row "kestcap, all decoders, $threads thread(s)"
     if [ "$threads" -eq 1 ]; then
+      rate="$one" rss="$one_rss" row "kestcap, all decoders, 1 thread(s)"
       # Fresh pages are dear in a virtual machine: the kernel's minor faults
       # of a run, start-up (the plug-ins' loading) included.
-      echo "  page faults a run: $faults"
-      one="$rate"
+      echo "  page faults a run: $one_faults"
       # The decoders' share of the cost of a packet on one thread.
       echo "  decoders' share of the road: $(awk "BEGIN { printf \"%.0f %%\", 100 * (1 - $one / $transports) }")"
       if [ -n "$base" ]; then
         measure_against_base "$cap"
         echo "  again, by turns with the base: $rate"
-        one="$rate"
+        mine="$rate"
         rate="$base_rate" rss="$base_rss" row "kestcap at $base, all decoders, 1 thread"
-        echo "  this tree against $base: $(awk "BEGIN { printf \"%+.1f %%\", 100 * ($one / $base_rate - 1) }")"
+        echo "  this tree against $base: $(awk "BEGIN { printf \"%+.1f %%\", 100 * ($mine / $base_rate - 1) }")"
         echo "  page faults a run, by turns: $faults here, $base_faults at $base"
       fi
+      continue
     fi
+    # shellcheck disable=SC2086
+    measure $kestcap --threads "$threads" "$cap"
+    row "kestcap, all decoders, $threads thread(s)"
   done
 done
