@@ -103,9 +103,11 @@ TEST_F(SegmentTest, ReassemblyTables) {
     kest_test::g_deliveries.clear();
     for (; at < rows.size() && rows[at][0] == "step"; ++at) {
       const auto text = [&](size_t i) { return rows[at][i] == "-" ? "" : rows[at][i]; };
+      // The segment points into the payload: it lives until the step is sent.
+      const std::string payload = text(4);
       oru::TransportSegment s = Segment(std::stoi(rows[at][1]),
                                         static_cast<uint8_t>(std::stoul(rows[at][2], nullptr, 16)),
-                                        static_cast<uint32_t>(std::stoul(rows[at][3])), text(4));
+                                        static_cast<uint32_t>(std::stoul(rows[at][3])), payload);
       s.ack = rows[at].size() > 7 ? static_cast<uint32_t>(std::stoul(rows[at][7])) : 0;
       Send(s);
       EXPECT_EQ(recorder->seen[0], text(5)) << rows[at][3];
