@@ -123,7 +123,7 @@ uint32_t TcpStream::Acknowledged(oru::FlowBuffer &flow, uint64_t acked, uint64_t
   // The largest receive window TCP can scale to.
   constexpr uint64_t kMaxWindow = 1ull << 30;
   from = flow.m_next_pos;
-  if (flow.m_blocks.empty() || acked <= flow.m_next_pos || acked - flow.m_next_pos > kMaxWindow) {
+  if (acked <= flow.m_next_pos || acked - flow.m_next_pos > kMaxWindow) {
     return 0;
   }
   oru::FlowBuffer::BlockMap::iterator waiting = flow.m_blocks.lower_bound(flow.m_next_pos);
