@@ -210,8 +210,12 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
       const uint32_t seq = (flags & 0x02) != 0 ? segment.seq + 1u : segment.seq;
       const uint64_t pos =
           TcpStream::Position(seq, static_cast<uint32_t>(flow.m_base_pos), flow.m_next_pos);
-      grown = TcpStream::Insert(flow, pos, segment.payload, segment.payload_length,
-                                oru::ThreadWord(oru::FlowBuffer::l_reorder_window), from);
+      // Bytes kept beyond a hole wait for an inspector; once the chain has
+      // emptied and nothing waits on this side, none will read them.
+      const bool read = !own->m_chain.empty() || own->m_callback[side].object.get() != nullptr;
+      grown =
+          TcpStream::Insert(flow, pos, segment.payload, segment.payload_length,
+                            read ? oru::ThreadWord(oru::FlowBuffer::l_reorder_window) : 0, from);
     }
     if ((flags & 0x01) != 0) {
       own->m_fin[side] = 1;

@@ -44,7 +44,8 @@ protected:
       for (uint64_t p = pkt.stream_pos; p < flow.End(); ++p) {
         seen[pkt.side] += flow.At(p);
       }
-      return oru::INSPECT_STAY;
+      return seen[pkt.side].find("bye") != std::string::npos ? oru::INSPECT_FINISHED
+                                                             : oru::INSPECT_STAY;
     }
     std::string seen[2];
   };
@@ -132,6 +133,19 @@ TEST_F(SegmentTest, ReassemblyTables) {
   EXPECT_EQ(kest_test::g_deliveries.size(), 1u);
   kTcp.Table()->Clear();
   ASSERT_EQ(kest_attr_callback_set(h, "conn.expired", nullptr), 0);
+}
+
+// Once the chain has emptied, bytes beyond a hole are not kept: nobody is
+// left to read them (kestcap's peak memory held such tails by the megabyte).
+TEST_F(SegmentTest, NothingWaitsForAnEmptyChain) {
+  Send(0, 0x02, 0, "");
+  Send(0, 0x10, 4, "later");
+  EXPECT_FALSE(last->m_flow[0].m_blocks.empty());
+  Send(0, 0x10, 1, "bye");
+  EXPECT_EQ(recorder->seen[0], "byelater");
+  Send(0, 0x10, 20, "far");
+  EXPECT_TRUE(last->m_flow[0].m_blocks.empty());
+  EXPECT_EQ(recorder->seen[0], "byelater");
 }
 
 // The SYN's sender is the client, whichever side speaks first after it; a
