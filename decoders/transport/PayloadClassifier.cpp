@@ -210,12 +210,16 @@ unsigned PayloadClassifier::Segment(oru::TransportSegment &segment,
       const uint32_t seq = (flags & 0x02) != 0 ? segment.seq + 1u : segment.seq;
       const uint64_t pos =
           TcpStream::Position(seq, static_cast<uint32_t>(flow.m_base_pos), flow.m_next_pos);
-      // Bytes kept beyond a hole wait for an inspector; once the chain has
-      // emptied and nothing waits on this side, none will read them.
+      // Once the chain has emptied and nothing waits on this side, nobody
+      // reads the bytes again: the stream's end moves on without them.
       const bool read = !own->m_chain.empty() || own->m_callback[side].object.get() != nullptr;
-      grown =
-          TcpStream::Insert(flow, pos, segment.payload, segment.payload_length,
-                            read ? oru::ThreadWord(oru::FlowBuffer::l_reorder_window) : 0, from);
+      if (read || !flow.m_blocks.empty()) {
+        grown =
+            TcpStream::Insert(flow, pos, segment.payload, segment.payload_length,
+                              read ? oru::ThreadWord(oru::FlowBuffer::l_reorder_window) : 0, from);
+      } else if (pos + segment.payload_length > flow.m_next_pos) {
+        flow.m_next_pos = pos + segment.payload_length;
+      }
     }
     if ((flags & 0x01) != 0) {
       own->m_fin[side] = 1;

@@ -145,6 +145,9 @@ TEST_F(SegmentTest, NothingWaitsForAnEmptyChain) {
   EXPECT_EQ(recorder->seen[0], "byelater");
   Send(0, 0x10, 20, "far");
   EXPECT_TRUE(last->m_flow[0].m_blocks.empty());
+  EXPECT_EQ(last->m_flow[0].m_next_pos, 22u); // the stream's end moved on all the same
+  Send(0, 0x10, 23, "x");
+  EXPECT_EQ(last->m_flow[0].m_next_pos, 23u);
   EXPECT_EQ(recorder->seen[0], "byelater");
 }
 
