@@ -22,11 +22,10 @@ void TuneThreadHeap() {
   // gives them to every mapping), the kernel places a new anonymous mapping
   // on a huge-page boundary only when its length is a whole number of huge
   // pages, so the odd steps started and ended mid-page: those parts were
-  // faulted in a 4 KiB page at a time. Growing by
-  // one huge page at a time keeps the steps whole; a larger allocation
-  // still gets the size it asks for. The limit holds from the step after
-  // the next: the next one was sized before, so one odd step a thread
-  // remains.
+  // faulted in a 4 KiB page at a time. Growing by one huge page at a time
+  // keeps the steps whole; a larger allocation still gets the size it asks
+  // for. The limit holds from the step after the next: the next one was
+  // sized before, so one odd step a thread remains.
   unsigned arena = 0;
   size_t length = sizeof arena;
   if (mallctl("thread.arena", &arena, &length, nullptr, 0) != 0) {
