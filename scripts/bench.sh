@@ -1,5 +1,6 @@
 #!/bin/sh
-# Whole-tool speed: builds a release kestcap, makes a large capture by
+# Whole-tool speed: builds a release kestcap (trained on the shared captures
+# by scripts/pgo_build.sh; PGO=0 for a plain release build), makes a large capture by
 # replicating real conversations with shifted addresses and ports, and runs
 # the I/O floor (libpcap reading the file, nothing else), the peer (nDPI's
 # ndpiReader, installed from the Debian packages when absent) and kestcap on
@@ -9,15 +10,37 @@
 # each against the peer's.
 #   scripts/bench.sh [COPIES]     (default 300 copies of each conversation)
 # With BASE=<commit>, kestcap built from that commit runs on the same
-# captures too, run by turns with this tree's, for a before-and-after.
+# captures too, run by turns with this tree's, for a before-and-after; the
+# base is a plain release build.
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 copies="${1:-300}"
 runs="${RUNS:-5}"
 "$root/scripts/deps.sh"
 build="$root/build-release"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEST_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+shared="$root/../shared/pcaps"
+inputs="$root/examples/loopback.pcap"
+for cap in http_ipv6.pcap quickplay.pcap bittorrent.pcap 443-chrome.pcap dns53.pcap smtp.pcap; do
+  [ -f "$shared/$cap" ] && inputs="$inputs $shared/$cap"
+done
+if [ "${PGO:-1}" = 1 ] && [ -d "$shared" ]; then
+  # The release build laid out by the profile of real traffic
+  # (scripts/pgo_build.sh): the shared captures, less those the replicas are
+  # made of, so that the speed measured is on traffic the build never saw.
+  training=""
+  for cap in "$shared"/*.pcap "$shared"/*.pcapng; do
+    case " $inputs " in
+    *" $cap "*) ;;
+    *) training="$training $cap" ;;
+    esac
+  done
+  # shellcheck disable=SC2086
+  "$root/scripts/pgo_build.sh" "$build" $training
+else
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEST_BUILD_TESTS=OFF \
+    -DKEST_PGO= >/dev/null
+  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+fi
 # The transports alone, to show what the application decoders cost.
 mkdir -p "$build/plugins-transports"
 cp "$build/plugins/tcp.plg" "$build/plugins/udp.plg" "$build/plugins/wire.plg" \
@@ -42,11 +65,6 @@ if [ -n "$base" ]; then
 fi
 data="$build/bench-data"
 mkdir -p "$data"
-shared="$root/../shared/pcaps"
-inputs="$root/examples/loopback.pcap"
-for cap in http_ipv6.pcap quickplay.pcap bittorrent.pcap 443-chrome.pcap dns53.pcap smtp.pcap; do
-  [ -f "$shared/$cap" ] && inputs="$inputs $shared/$cap"
-done
 # shellcheck disable=SC2086
 python3 "$root/scripts/replicate_pcap.py" "$data/replica.pcap" --copies "$copies" $inputs
 # shellcheck disable=SC2086
